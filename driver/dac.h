@@ -1,0 +1,122 @@
+/*
+ * ip6dns: publishes this machine's public IPv6 addresses as a tag value.
+ *
+ * What a host author needs: load libip6dns.so with dlopen, look up the functions below by name.
+ *
+ *   dac_create -> dac_start -> ... record after record arrives at the data callback ... -> dac_stop -> dac_destroy
+ *
+ * Tags behind each function:
+ *   [any thread]        may be called from every thread, at the same time as any other function
+ *   [instance stopped]  no worker runs on the instance, and no other call on it is in flight
+ *   [worker thread]     called by the instance's own thread; return soon, dac_stop waits meanwhile
+ *
+ * Every handle function returns -1 for a handle it does not know, unless it says otherwise. A mutex or a thread that
+ * the system refuses raises std::system_error out of the function that needed it.
+ *
+ * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
+ * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports g_dachandls, its own table of instances: leave it alone.
+ */
+#ifndef IP6DNS_DAC_H
+#define IP6DNS_DAC_H
+
+/* C and C++ both read this file. NOLINTBEGIN(modernize-*) */
+
+#include <stddef.h>
+#include <stdint.h>
+
+#define DAC_VERSION 500                    /* what dac_getversion returns */
+#define DAC_VERSION_TEXT "version 5.0.0.2" /* what g_verson points to */
+#define DAC_EXPORT __attribute__((visibility("default")))
+
+enum {
+  DAC_NAME_SIZE = 80,    /* tag name in a record, terminator included */
+  DAC_VALUE_SIZE = 1000, /* value in a record, terminator included */
+  DAC_TYPE_TEXT = 6,     /* the one tag's type */
+  DAC_WRITE_REFUSED = 4, /* result of the device writes: there is nothing to write to */
+  DAC_LEVEL_OTHER = 0,   /* level codes of log messages: progress, */
+  DAC_LEVEL_FAILURE = 2  /* failure */
+};
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/*
+ * One tag value. Bytes: | name 80 | time 8 | 0 8 | type 1 | 0 5 | len 2 | value 1000 |, native byte order.
+ */
+typedef struct dac_tagvalue {
+  char name[DAC_NAME_SIZE];   /* tag name, zero-terminated, cut to 79 characters */
+  int64_t time;               /* tenths of a second since 1970; always 0 in the callback: stamp it yourself */
+  uint8_t reserved1[8];       /* 0 */
+  uint8_t type;               /* DAC_TYPE_TEXT */
+  uint8_t reserved2[5];       /* 0 */
+  uint16_t len;               /* characters in value, 0 to 999 */
+  char value[DAC_VALUE_SIZE]; /* comma-separated IPv6 addresses or "null", zero-terminated, cut to 999 characters */
+} dac_tagvalue;
+
+#ifdef __cplusplus
+static_assert(sizeof(dac_tagvalue) == 1104, "the host reads 1104 bytes");
+#else
+_Static_assert(sizeof(dac_tagvalue) == 1104, "the host reads 1104 bytes");
+#endif
+
+/* A log message, `hostlevel` one of DAC_LEVEL_*; `flag` is 1. Texts are valid during the call. [any thread] */
+typedef void (*cblog)(const char* name, int hostlevel, const char* text, int flag, void* param);
+
+/* `count` records (always 1), valid during the call. [worker thread] */
+typedef void (*cbdata)(const dac_tagvalue* records, int count, void* param);
+
+/* Never called. */
+typedef void (*cbaux)(void* param);
+
+/* One tag: `type` DAC_TYPE_TEXT, `flag` 1; in the extended form `text1` is "" and `text2` describes the tag. */
+typedef void (*cbtag)(const char* name, int type, int flag, void* param);
+typedef void (*cbtagex)(const char* name, int type, int flag, const char* text1, const char* text2, void* param);
+
+/* A new stopped instance, configured from `cfgfile`: its handle, 0 to 2048, or -1 with at most one message to `log`
+ * (none when an argument is missing or 1024 instances exist). `name`, `cfgfile` and `aux1` must be given, `log` and
+ * `data` may be null. Callbacks and parameters must outlive the instance. [any thread] */
+DAC_EXPORT int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
+                          cbdata data, void* dataparam, cbaux aux2, void* aux2param);
+
+/* Deletes the instance. It does not stop the worker: call dac_stop first. [any thread] [instance stopped] */
+DAC_EXPORT void dac_destroy(int handle);
+
+/* Starts the worker: 0. It does not look whether one runs already: ask dac_isrun first.
+ * [any thread] [instance stopped] */
+DAC_EXPORT int dac_start(int handle);
+
+/* Stops the worker and waits for its end, about 0.1 s and whatever a data callback takes: 0, also when none ran.
+ * [any thread], one at a time for an instance */
+DAC_EXPORT int dac_stop(int handle);
+
+/* 1 while the worker runs, else 0; 0 for an unknown handle. [any thread] */
+DAC_EXPORT int dac_isrun(int handle);
+
+/* Refused: DAC_WRITE_REFUSED, further arguments are not read. One function under two names. [any thread] */
+DAC_EXPORT int dac_devicewriteobj(int handle, ...);
+DAC_EXPORT int dac_devicewriteval(int handle, ...);
+
+/* DAC_VERSION. [any thread] */
+DAC_EXPORT int dac_getversion(void);
+
+/* Calls `callback`, which must not be null, once with the instance's one tag, named by its host name: 0.
+ * [any thread] */
+DAC_EXPORT int dac_getalltags(int handle, cbtag callback, void* param);
+DAC_EXPORT int dac_getalltagsex(int handle, cbtagex callback, void* param);
+
+/* Writes {"status":"running","host":"..."} ("stop" when no worker runs) into `buf` if `*size` bytes hold the text,
+ * else an empty text, and 0 either way. `*size` becomes the text's length MINUS ONE; the terminator is not counted in
+ * the fit, so offer two bytes more than that: one for the length, one for the terminator. [any thread] */
+DAC_EXPORT int dac_getinfo(int handle, char* buf, size_t* size);
+
+/* DAC_VERSION_TEXT, to be read only. */
+DAC_EXPORT extern const char* const g_verson;
+
+#ifdef __cplusplus
+}
+#endif
+
+/* NOLINTEND(modernize-*) */
+
+#endif

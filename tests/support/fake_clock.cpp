@@ -1,0 +1,114 @@
+#include "tests/support/fake_clock.h"
+
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <stdexcept>
+
+namespace {
+
+constexpr auto patience = std::chrono::seconds(20);
+
+struct state {
+  std::mutex mtx;
+  std::condition_variable changed;
+  int64_t now = 1'700'000'000;
+  bool free = false;
+  int64_t ticks = 0;    // wakings so far
+  int64_t entered = 0;  // calls of nanosleep so far
+  int asleep = 0;
+  timespec request{};
+  const timespec* remainder = nullptr;
+};
+
+state& s() {
+  static auto* one = new state;
+  return *one;
+}
+
+void await(std::unique_lock<std::mutex>& hold, auto condition, const char* what) {
+  if (!s().changed.wait_for(hold, patience, condition)) throw std::runtime_error(what);
+}
+
+}  // namespace
+
+extern "C" time_t time(time_t* out) noexcept {
+  const std::lock_guard hold(s().mtx);
+  if (out) *out = s().now;
+  return s().now;
+}
+
+extern "C" int nanosleep(const timespec* request, timespec* remainder) {
+  std::unique_lock hold(s().mtx);
+  s().request = *request;
+  s().remainder = remainder;
+  ++s().entered;
+  ++s().asleep;
+  s().changed.notify_all();
+  const int64_t tick = s().ticks;
+  s().changed.wait(hold, [&] { return s().free || s().ticks != tick; });
+  --s().asleep;
+  if (!s().free) return 0;
+  hold.unlock();
+  const timespec millisecond = {0, 1'000'000};
+  syscall(SYS_nanosleep, &millisecond, nullptr);
+  return 0;
+}
+
+namespace fake_clock {
+
+void set(int64_t seconds) {
+  const std::lock_guard hold(s().mtx);
+  s().now = seconds;
+}
+void advance(int64_t seconds) {
+  const std::lock_guard hold(s().mtx);
+  s().now += seconds;
+}
+int64_t now() {
+  const std::lock_guard hold(s().mtx);
+  return s().now;
+}
+
+void step(int rounds) {
+  std::unique_lock hold(s().mtx);
+  for (; rounds > 0; --rounds) {
+    const int64_t again = s().entered + s().asleep;
+    ++s().ticks;
+    s().changed.notify_all();
+    await(
+        hold, [&] { return s().entered >= again; }, "a worker did not come back to sleep");
+  }
+}
+void await_sleepers(int threads) {
+  std::unique_lock hold(s().mtx);
+  await(
+      hold, [&] { return s().asleep == threads; }, "not that many workers asleep");
+}
+void free_run() {
+  const std::lock_guard hold(s().mtx);
+  s().free = true;
+  s().changed.notify_all();
+}
+void stepping() {
+  const std::lock_guard hold(s().mtx);
+  s().free = false;
+}
+
+int sleeps() {
+  const std::lock_guard hold(s().mtx);
+  return static_cast<int>(s().entered);
+}
+timespec last_request() {
+  const std::lock_guard hold(s().mtx);
+  return s().request;
+}
+const timespec* last_remainder() {
+  const std::lock_guard hold(s().mtx);
+  return s().remainder;
+}
+
+}  // namespace fake_clock

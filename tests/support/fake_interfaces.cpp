@@ -1,0 +1,127 @@
+#include "tests/support/fake_interfaces.h"
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <mutex>
+#include <stdexcept>
+
+namespace {
+
+struct state {
+  std::mutex mtx;
+  std::vector<std::string> addresses;
+  std::string refused;
+  int result = 0, lists = 0, frees = 0;
+};
+
+state& s() {
+  static auto* one = new state;
+  return *one;
+}
+
+sockaddr* make_address(const std::string& text) {
+  if (text == "none") return nullptr;
+  if (text == "ipv4") {
+    auto* a = new sockaddr_in{};
+    a->sin_family = AF_INET;
+    return reinterpret_cast<sockaddr*>(a);
+  }
+  auto* a = new sockaddr_in6{};
+  a->sin6_family = AF_INET6;
+  if (inet_pton(AF_INET6, text.c_str(), &a->sin6_addr) != 1) throw std::invalid_argument(text);
+  return reinterpret_cast<sockaddr*>(a);
+}
+
+void free_address(sockaddr* a) {
+  if (!a) return;
+  if (a->sa_family == AF_INET)
+    delete reinterpret_cast<sockaddr_in*>(a);
+  else
+    delete reinterpret_cast<sockaddr_in6*>(a);
+}
+
+}  // namespace
+
+extern "C" int getifaddrs(ifaddrs** list) noexcept {
+  const std::lock_guard hold(s().mtx);
+  ++s().lists;
+  if (s().result != 0) {
+    errno = ENOBUFS;
+    return s().result;
+  }
+  ifaddrs* head = nullptr;
+  ifaddrs** link = &head;
+  for (const std::string& text : s().addresses) {
+    *link = new ifaddrs{};
+    (*link)->ifa_addr = make_address(text);
+    link = &(*link)->ifa_next;
+  }
+  *list = head;
+  if (!head) ++s().frees;  // nothing to give back
+  return 0;
+}
+
+extern "C" void freeifaddrs(ifaddrs* list) noexcept {
+  if (!list) std::abort();  // never to be called with null
+  const std::lock_guard hold(s().mtx);
+  ++s().frees;
+  while (list) {
+    ifaddrs* next = list->ifa_next;
+    free_address(list->ifa_addr);
+    delete list;
+    list = next;
+  }
+}
+
+extern "C" const char* inet_ntop(int family, const void* a, char* text, socklen_t size) noexcept {
+  static auto* real =
+      reinterpret_cast<const char* (*)(int, const void*, char*, socklen_t)>(dlsym(RTLD_NEXT, "inet_ntop"));
+  const std::lock_guard hold(s().mtx);
+  in6_addr refused{};
+  if (!s().refused.empty() && inet_pton(AF_INET6, s().refused.c_str(), &refused) == 1 &&
+      std::equal(refused.s6_addr, refused.s6_addr + 16, static_cast<const unsigned char*>(a))) {
+    errno = ENOSPC;
+    return nullptr;
+  }
+  return real(family, a, text, size);
+}
+
+namespace fake_interfaces {
+
+void set(std::vector<std::string> addresses) {
+  const std::lock_guard hold(s().mtx);
+  s().addresses = std::move(addresses);
+}
+void fail(int result) {
+  const std::lock_guard hold(s().mtx);
+  s().result = result;
+}
+void refuse_text_of(std::string address) {
+  const std::lock_guard hold(s().mtx);
+  s().refused = std::move(address);
+}
+int lists() {
+  const std::lock_guard hold(s().mtx);
+  return s().lists;
+}
+int frees() {
+  const std::lock_guard hold(s().mtx);
+  return s().frees;
+}
+int outstanding() {
+  const std::lock_guard hold(s().mtx);
+  return s().result != 0 ? 0 : s().lists - s().frees;
+}
+void reset() {
+  const std::lock_guard hold(s().mtx);
+  s().addresses.clear();
+  s().refused.clear();
+  s().result = s().lists = s().frees = 0;
+}
+
+}  // namespace fake_interfaces

@@ -1,0 +1,24 @@
+// getifaddrs, freeifaddrs and inet_ntop replaced: the interface list is what the test says.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace fake_interfaces {
+
+/// The list from now on: IPv6 addresses as text; "ipv4" is an entry of the other family, "none" one without address.
+void set(std::vector<std::string> addresses);
+/// From now on getifaddrs yields `result` without a list; 0 lets it work again.
+void fail(int result);
+/// From now on inet_ntop fails for this address; "" for none.
+void refuse_text_of(std::string address);
+
+/// Calls of getifaddrs, of freeifaddrs, and lists not given back yet.
+int lists();
+int frees();
+int outstanding();
+
+/// Empty list, no failure, counts 0.
+void reset();
+
+}  // namespace fake_interfaces

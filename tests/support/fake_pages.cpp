@@ -1,0 +1,107 @@
+#include "tests/support/fake_pages.h"
+
+#include <dlfcn.h>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <mutex>
+
+// The sanitizers' own, where a sanitizer is linked in: it must learn of mappings that come and go.
+extern "C" {
+[[gnu::weak]] void* __interceptor_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset);
+[[gnu::weak]] int __interceptor_munmap(void* at, size_t length);
+}
+
+namespace {
+
+// Constructed on first use: mappings are made before any initialiser of this file runs.
+struct state {
+  std::recursive_mutex mtx;
+  std::map<void*, size_t> live;
+  int made = 0;
+  int refused = 0;  // the number of the mapping to refuse, 0 none, -1 all
+  size_t last_length = 0;
+  long page_size = 0;
+};
+
+state& s() {
+  static auto* one = new state;
+  return *one;
+}
+
+thread_local bool inside = false;  // bookkeeping may map pages itself
+
+void* real_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) {
+  if (__interceptor_mmap) return __interceptor_mmap(at, length, prot, flags, fd, offset);
+  return reinterpret_cast<void*>(syscall(SYS_mmap, at, length, prot, flags, fd, offset));
+}
+
+int real_munmap(void* at, size_t length) {
+  if (__interceptor_munmap) return __interceptor_munmap(at, length);
+  return static_cast<int>(syscall(SYS_munmap, at, length));
+}
+
+}  // namespace
+
+extern "C" void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+  const bool pool_pages = flags == (MAP_PRIVATE | MAP_ANONYMOUS) && prot == (PROT_READ | PROT_WRITE) && !at;
+  if (!pool_pages || inside) return real_mmap(at, length, prot, flags, fd, offset);
+  const std::lock_guard hold(s().mtx);
+  s().last_length = length;
+  ++s().made;
+  if (s().refused == -1 || s().made == s().refused) return nullptr;
+  void* p = real_mmap(at, length, prot, flags, fd, offset);
+  inside = true;
+  s().live[p] = length;
+  inside = false;
+  return p;
+}
+
+extern "C" int munmap(void* at, size_t length) noexcept {
+  if (!inside) {
+    const std::lock_guard hold(s().mtx);
+    inside = true;
+    const auto it = s().live.find(at);
+    if (it != s().live.end() && it->second == length) s().live.erase(it);
+    inside = false;
+  }
+  return real_munmap(at, length);
+}
+
+extern "C" long sysconf(int name) noexcept {
+  static auto* real = reinterpret_cast<long (*)(int)>(dlsym(RTLD_NEXT, "sysconf"));
+  if (name == _SC_PAGESIZE && s().page_size != 0) return s().page_size;
+  return real(name);
+}
+
+namespace fake_pages {
+
+int made() {
+  const std::lock_guard hold(s().mtx);
+  return s().made;
+}
+std::map<void*, size_t> live() {
+  const std::lock_guard hold(s().mtx);
+  return s().live;
+}
+size_t last_length() {
+  const std::lock_guard hold(s().mtx);
+  return s().last_length;
+}
+void refuse(int i) {
+  const std::lock_guard hold(s().mtx);
+  s().refused = i == 0 ? 0 : s().made + i;
+}
+void refuse_all() {
+  const std::lock_guard hold(s().mtx);
+  s().refused = -1;
+}
+void page_size(long bytes) { s().page_size = bytes; }
+void reset() {
+  const std::lock_guard hold(s().mtx);
+  s().made = 0;
+  s().refused = 0;
+}
+
+}  // namespace fake_pages

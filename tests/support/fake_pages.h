@@ -1,0 +1,28 @@
+// mmap, munmap and sysconf replaced by ones that count, can refuse, and can tell another page size. Linking
+// fake_pages puts them into the program; the plug-in that the program loads uses them too.
+#pragma once
+
+#include <cstddef>
+#include <map>
+
+namespace fake_pages {
+
+/// Mappings made since the last reset(), in all.
+int made();
+/// Private anonymous mappings alive: address and length. Only those made through the replaced mmap.
+std::map<void*, size_t> live();
+/// The length asked of the latest mmap, refused or not.
+size_t last_length();
+
+/// From now on mapping number `i` (1 is the next) yields null, all others are granted; 0 refuses none.
+void refuse(int i);
+/// From now on every mapping yields null, until refuse(0).
+void refuse_all();
+
+/// What sysconf(_SC_PAGESIZE) tells; 0 is the machine's own. A multiple of the machine's own.
+void page_size(long bytes);
+
+/// Forgets the counts and refuses nothing; live() is kept.
+void reset();
+
+}  // namespace fake_pages

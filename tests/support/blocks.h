@@ -1,0 +1,39 @@
+// Blocks of the pools: how many are in use, and a size of which there are none to be had. Needs fake_pages.
+#pragma once
+
+#include <cstddef>
+#include <vector>
+
+#include "com/ymlib3/ym_alloctor"
+#include "tests/support/fake_pages.h"
+
+namespace blocks {
+
+/// Blocks in use, over all pools.
+inline size_t live() {
+  size_t n = 0;
+  const ym::allocator& all = *get_ym_allocator();
+  for (int i = 0; i < all._classes; ++i)
+    for (const blk_chunk* c = all._class[i]->_head; c; c = c->next) n += c->count - c->free;
+  return n;
+}
+
+/// While it lives, requests of this size are refused, and no pool gets new memory.
+class exhausted {
+ public:
+  explicit exhausted(size_t size) {
+    fake_pages::refuse_all();
+    while (void* p = get_ym_allocator()->malloc_(size, nullptr)) _taken.push_back(p);
+  }
+  ~exhausted() {
+    fake_pages::refuse(0);
+    for (void* p : _taken) ym_free(p);
+  }
+  exhausted(const exhausted&) = delete;
+  exhausted& operator=(const exhausted&) = delete;
+
+ private:
+  std::vector<void*> _taken;
+};
+
+}  // namespace blocks

@@ -1,0 +1,379 @@
+// Loading and unloading the built library, and what it does when the system refuses it memory, threads or locks.
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "driver/dac.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/fake_heap.h"
+#include "tests/support/fake_interfaces.h"
+#include "tests/support/fake_pages.h"
+#include "tests/support/fake_threads.h"
+#include "tests/support/plugin.h"
+#include "tests/support/plugin_fixture.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+struct tuning {
+  int parameter;
+  int value;
+  int mappings;  // made so far
+  bool operator==(const tuning&) const = default;
+};
+
+std::vector<tuning>& tunings() {
+  static auto* list = new std::vector<tuning>;
+  return *list;
+}
+
+constexpr char assertion[] =
+    "com/ymlib3/ym_alloctor:597: void\\* ym::blk_alloctor<LOCK>::malloc_\\(size_t\\*\\) "
+    "\\[with LOCK = ym::spinlock; size_t = long unsigned int\\]: Assertion `pret != nullptr' failed";
+
+}  // namespace
+
+extern "C" int mallopt(int parameter, int value) noexcept {
+  tunings().push_back({parameter, value, fake_pages::made()});
+  return 1;
+}
+
+namespace {
+
+size_t whole_pages(size_t n) {
+  const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+  return (n + page - 1) / page * page;
+}
+
+size_t lines_of_maps() {
+  std::ifstream maps("/proc/self/maps");
+  size_t n = 0;
+  for (std::string line; std::getline(maps, line);) ++n;
+  return n;
+}
+
+// Without the plug-in; the fixtures below have it.
+class load : public testing::Test {
+ protected:
+  recorder rec;
+  scratch dir;
+  const std::string config = dir.file("hostname=h1\n");
+
+  load() {
+    fake_pages::reset();
+    tunings().clear();
+  }
+  ~load() override { fake_pages::reset(); }
+  int create(const library& lib) { return rec.args("drv", config.c_str()).create(lib); }
+};
+
+class refusal : public plugin_fixture {
+ protected:
+  ~refusal() override {
+    fake_pages::refuse(0);
+    fake_heap::refuse(0);
+    fake_threads::refuse_lock(0);
+    fake_threads::refuse_thread(0);
+  }
+
+  std::set<int> known() const {
+    std::set<int> handles;
+    for (int h = 0; h <= 2048; ++h)
+      if (lib.devicewriteobj(h) != -1) handles.insert(h);
+    return handles;
+  }
+
+  /// The instance starts, publishes and stops like any other.
+  void expect_usable(int h) {
+    rec.clear();
+    start(h);
+    fake_clock::step();
+    EXPECT_EQ(lib.isrun(h), 1);
+    stop(h);
+    EXPECT_EQ(rec.journal(),
+              (strings{recorder::log("drv", 0, "start wrk_process success."), recorder::data("h1", address),
+                       recorder::log("drv", 0, "stop wrk_process success.")}));
+  }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- load
+
+TEST_F(load, tunes_the_c_library_before_it_maps_anything) {
+  const library lib;
+  EXPECT_EQ(tunings(), (std::vector<tuning>{
+                           {M_ARENA_MAX, 1, 0}, {M_MMAP_THRESHOLD, 1'048'576, 0}, {M_TRIM_THRESHOLD, 1'048'576, 0}}));
+  EXPECT_GT(fake_pages::made(), 0);
+}
+
+TEST_F(load, tunes_the_c_library_at_load_alone) {
+  {
+    const library lib;
+    EXPECT_EQ(create(lib), 0);
+  }
+  EXPECT_EQ(tunings().size(), 3U);
+}
+
+TEST_F(load, maps_its_bookkeeping_three_pools_and_the_tables_pool) {
+  const auto before = fake_pages::live();
+  const library lib;
+  std::multiset<size_t> lengths;
+  for (const auto& [at, length] : fake_pages::live())
+    if (!before.contains(at)) lengths.insert(length);
+  // Blocks of 16, 32 and 64 bytes: 32 KiB of them; of 8192 bytes: 16 of them. Each block has a word in front.
+  constexpr size_t word = 8;
+  const std::multiset<size_t> expected = {whole_pages(524'288), whole_pages(2048 * (16 + word)),
+                                          whole_pages(1024 * (32 + word)), whole_pages(512 * (64 + word)),
+                                          whole_pages(16 * (8192 + word))};
+  EXPECT_EQ(lengths, expected);
+  EXPECT_EQ(fake_pages::made(), 5);
+  EXPECT_EQ(fake_pages::last_length(), whole_pages(16 * (8192 + word)));
+}
+
+TEST_F(load, does_without_the_small_pools_that_the_system_refuses) {
+  for (const int refused : {2, 3, 4}) {
+    SCOPED_TRACE(refused);
+    fake_pages::reset();
+    fake_pages::refuse(refused);
+    const library lib;
+    EXPECT_EQ(create(lib), 0);
+    EXPECT_EQ(create(lib), 1);
+  }
+}
+
+TEST_F(load, ends_the_process_when_the_table_finds_no_memory) {
+  fake_pages::refuse(5);
+  EXPECT_DEATH(const library lib, assertion);
+}
+
+// ---------------------------------------------------------------- unload
+
+TEST_F(load, leaves_nothing_behind_when_it_is_unloaded) {
+  const auto before = fake_pages::live();
+  {
+    const library lib;
+    EXPECT_TRUE(library::is_loaded());
+    EXPECT_EQ(create(lib), 0);
+  }
+  EXPECT_FALSE(library::is_loaded());
+  EXPECT_EQ(dlopen(library::path(), RTLD_NOW | RTLD_NOLOAD), nullptr);
+  EXPECT_EQ(fake_pages::live(), before);
+}
+
+TEST_F(load, deletes_every_instance_that_is_left_when_it_is_unloaded) {
+  constexpr long instances = 1024;
+  const auto mappings = fake_pages::live();
+  const long before = fake_heap::live();
+  {
+    const library lib;
+    for (int h = 0; h < instances; ++h) ASSERT_EQ(create(lib), h);
+    for (int h = 0; h < instances; h += 2) lib.destroy(h);
+    EXPECT_GE(fake_heap::live() - before, instances / 2);
+  }
+  EXPECT_EQ(fake_heap::live(), before);
+  EXPECT_EQ(fake_pages::live(), mappings);
+}
+
+TEST_F(load, counts_handles_from_0_whenever_it_is_loaded) {
+  for (int i = 0; i < 3; ++i) {
+    const library lib;
+    EXPECT_EQ(create(lib), 0);
+    EXPECT_EQ(create(lib), 1);
+  }
+}
+
+TEST_F(load, is_one_library_however_often_it_is_opened) {
+  const library first;
+  EXPECT_EQ(create(first), 0);
+  {
+    const library second;
+    EXPECT_EQ(create(second), 1);
+  }
+  EXPECT_EQ(first.devicewriteobj(0), 4);
+  EXPECT_EQ(first.devicewriteobj(1), 4);
+}
+
+TEST_F(load, may_be_loaded_and_unloaded_without_end) {
+  constexpr int times = 200;
+  const auto cycle = [&] {
+    const library lib;
+    ASSERT_EQ(create(lib), 0);
+  };
+  cycle();
+  const auto before = fake_pages::live();
+  const size_t lines = lines_of_maps();
+  const long blocks = fake_heap::live();
+  for (int i = 0; i < times; ++i) cycle();
+  EXPECT_EQ(fake_heap::live(), blocks);
+  EXPECT_EQ(fake_pages::live(), before);
+  EXPECT_LT(lines_of_maps(), lines + times / 2) << "not one mapping more each time";
+}
+
+// ---------------------------------------------------------------- threads and locks refused
+
+TEST_F(refusal, of_a_thread_leaves_the_instance_stopped_and_usable) {
+  const int h = create();
+  fake_threads::refuse_thread(EAGAIN);
+  try {
+    lib.start(h);
+    ADD_FAILURE() << "started without a thread";
+  } catch (const std::system_error& e) {
+    EXPECT_EQ(e.code(), std::errc::resource_unavailable_try_again);
+  }
+  fake_threads::refuse_thread(0);
+  EXPECT_EQ(lib.isrun(h), 0);
+  EXPECT_EQ(lib.stop(h), 0);
+  EXPECT_EQ(rec.journal(), strings{});
+  expect_usable(h);
+}
+
+TEST_F(refusal, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
+  const int h = create();
+  const std::string path = dir.path("ip6dns.conf");
+  const arguments a = rec.args("drv", path.c_str());
+  char buf[64] = "untouched";
+  size_t size = sizeof buf;
+  const struct {
+    const char* label;
+    std::function<void()> call;
+    int lock = 1;
+  } rows[] = {
+      {"dac_create, registering", [&] { a.create(lib); }},
+      {"dac_create, looking up", [&] { a.create(lib); }, 2},
+      {"dac_destroy", [&] { lib.destroy(h); }},
+      {"dac_start", [&] { lib.start(h); }},
+      {"dac_stop", [&] { lib.stop(h); }},
+      {"dac_isrun", [&] { lib.isrun(h); }},
+      {"dac_devicewriteobj", [&] { lib.devicewriteobj(h); }},
+      {"dac_devicewriteval", [&] { lib.devicewriteval(h); }},
+      {"dac_getalltags", [&] { lib.getalltags(h, nullptr, nullptr); }},
+      {"dac_getalltagsex", [&] { lib.getalltagsex(h, nullptr, nullptr); }},
+      {"dac_getinfo", [&] { lib.getinfo(h, buf, &size); }},
+  };
+  for (const auto& [label, call, lock] : rows) {
+    SCOPED_TRACE(label);
+    fake_threads::refuse_lock(lock);
+    try {
+      call();
+      ADD_FAILURE() << "went on without the lock";
+    } catch (const std::system_error& e) {
+      EXPECT_EQ(e.code().value(), EAGAIN);
+    }
+    fake_threads::refuse_lock(0);
+  }
+  EXPECT_STREQ(buf, "untouched");
+  EXPECT_EQ(lib.getversion(), 500);
+  expect_usable(h);
+}
+
+TEST_F(refusal, of_the_lock_in_create_registers_nothing) {
+  const std::string path = dir.file("hostname=h1\n");
+  const arguments a = rec.args("drv", path.c_str());
+  fake_threads::refuse_lock(1);
+  EXPECT_THROW(a.create(lib), std::system_error);
+  fake_threads::refuse_lock(0);
+  EXPECT_EQ(known(), std::set<int>{});
+  EXPECT_EQ(a.create(lib), 0);
+}
+
+// ---------------------------------------------------------------- memory refused
+
+TEST_F(refusal, of_memory_for_a_thread_is_a_system_error) {
+  const int h = create();
+  fake_heap::refuse(0);
+  ASSERT_EQ(lib.start(h), 0);
+  const int blocks = fake_heap::asked();
+  fake_clock::free_run();
+  ASSERT_EQ(lib.stop(h), 0);
+  fake_clock::stepping();
+  ASSERT_GE(blocks, 2) << "the thread object and what the thread runs";
+  for (int i = 1; i <= blocks; ++i) {
+    SCOPED_TRACE(i);
+    const long before = fake_heap::live();
+    bool was_refused = false;
+    fake_heap::refuse(i);
+    try {
+      lib.start(h);
+    } catch (const std::system_error& e) {
+      was_refused = e.code() == std::errc::not_enough_memory;
+    }
+    fake_heap::refuse(0);
+    EXPECT_TRUE(was_refused);
+    EXPECT_EQ(fake_heap::live(), before);
+    EXPECT_EQ(lib.isrun(h), 0);
+    EXPECT_EQ(lib.stop(h), 0);
+  }
+  fake_clock::advance(120);
+  expect_usable(h);
+}
+
+TEST_F(refusal, of_memory_for_an_instance_registers_nothing_and_spends_a_handle) {
+  const std::string path = dir.file("hostname=h1\n");
+  const arguments a = rec.args("a name that needs memory of its own", path.c_str());
+  ASSERT_EQ(a.create(lib), 0);  // the pools have what they need
+  lib.destroy(0);
+  fake_heap::refuse(0);
+  ASSERT_EQ(a.create(lib), 1);
+  const int blocks = fake_heap::asked();
+  ASSERT_GE(blocks, 2) << "the instance and its name";
+  for (int i = 1; i <= blocks; ++i) {
+    SCOPED_TRACE(i);
+    const long before = fake_heap::live();
+    fake_heap::refuse(i);
+    EXPECT_EQ(a.create(lib), -1);
+    fake_heap::refuse(0);
+    EXPECT_EQ(fake_heap::live(), before);
+    EXPECT_EQ(known(), std::set{1});
+  }
+  EXPECT_EQ(rec.journal(), strings{});
+  EXPECT_EQ(a.create(lib), blocks + 2);
+}
+
+TEST_F(refusal, of_pages_for_the_path_reads_no_file) {
+  fake_pages::refuse_all();
+  const std::string path = dir.file("hostname=h1\n", std::string(200, 'p'));
+  EXPECT_EQ(rec.args("drv", path.c_str()).create(lib), -1);
+  EXPECT_EQ(rec.messages(), strings{"load ip6dns driver config  failed"});
+  EXPECT_EQ(known(), std::set<int>{});
+}
+
+TEST_F(refusal, of_pages_for_the_table_ends_the_process) {
+  const auto host = [&] {
+    ASSERT_EQ(chdir(dir.path("").c_str()), 0);
+    dir.file("hostname=h\n", "c");
+    fake_pages::refuse_all();
+    const arguments a = rec.args("n", "c");  // all of it short, so that the table alone asks for the larger blocks
+    while (a.create(lib) >= 0) {
+    }
+  };
+  EXPECT_DEATH(host(), assertion);
+}
+
+// ---------------------------------------------------------------- memory given back
+
+TEST_F(refusal, aside_a_stop_gives_back_what_the_start_took) {
+  const std::string path = dir.file("hostname=h1\n");
+  arguments a = rec.args("drv", path.c_str());
+  a.log = nullptr;  // neither callback: they keep what they are told
+  a.data = nullptr;
+  const int h = a.create(lib);
+  const long before = fake_heap::live();
+  ASSERT_EQ(lib.start(h), 0);
+  fake_clock::await_sleepers(1);
+  EXPECT_GE(fake_heap::live() - before, 1);
+  fake_clock::step();
+  fake_clock::free_run();
+  EXPECT_EQ(lib.stop(h), 0);
+  EXPECT_EQ(fake_heap::live(), before);
+}

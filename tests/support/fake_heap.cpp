@@ -1,0 +1,40 @@
+#include "tests/support/fake_heap.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+namespace {
+
+std::atomic<long> blocks = 0;
+thread_local int asked_for = 0;
+thread_local int refused = 0;
+
+}  // namespace
+
+// Arrays and the variants that do not throw come through here too.
+void* operator new(size_t n) {
+  if (++asked_for == refused) throw std::bad_alloc();
+  void* p = std::malloc(n);
+  if (!p) throw std::bad_alloc();
+  ++blocks;
+  return p;
+}
+
+void operator delete(void* p) noexcept {
+  if (p) --blocks;
+  std::free(p);
+}
+
+void operator delete(void* p, size_t /*n*/) noexcept { operator delete(p); }
+
+namespace fake_heap {
+
+long live() { return blocks; }
+int asked() { return asked_for; }
+void refuse(int i) {
+  asked_for = 0;
+  refused = i;
+}
+
+}  // namespace fake_heap

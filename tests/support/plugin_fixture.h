@@ -1,0 +1,68 @@
+// A test with the plug-in loaded, on a clock and an interface list of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+#include "tests/support/fake_clock.h"
+#include "tests/support/fake_interfaces.h"
+#include "tests/support/plugin.h"
+
+/// Starts at second `t0` with one public address. Instances that a test leaves running are stopped at its end.
+class plugin_fixture : public testing::Test {
+ protected:
+  static constexpr int64_t t0 = 1'700'000'000;
+  static constexpr char address[] = "2001:db8::10";
+
+  recorder rec;
+  scratch dir;
+  library lib;
+
+  plugin_fixture() {
+    fake_clock::stepping();
+    fake_clock::set(t0);
+    fake_interfaces::reset();
+    fake_interfaces::set({address});
+  }
+  ~plugin_fixture() override {
+    while (!_running.empty()) stop(_running.back());
+  }
+
+  /// A new instance with the whole of `config` as its file, or with a host name alone.
+  int create_from(const std::string& config) { return rec.args("drv", dir.file(config).c_str()).create(lib); }
+  int create(const std::string& hostname = "h1") { return create_from("hostname = " + hostname + "\n"); }
+
+  /// Starts the instance's worker and sees it asleep for the first time.
+  void start(int h) {
+    ASSERT_EQ(lib.start(h), 0);
+    _running.push_back(h);
+    fake_clock::await_sleepers(running());
+  }
+  /// Stops it; the other workers are back asleep then.
+  void stop(int h) {
+    finish(h, [&] { EXPECT_EQ(lib.stop(h), 0); });
+  }
+  /// The same by `join`, which sees a stop through that waits elsewhere.
+  void finish(int h, auto join) {
+    _running.erase(std::find(_running.begin(), _running.end(), h));
+    fake_clock::free_run();
+    join();
+    fake_clock::stepping();
+    fake_clock::await_sleepers(running());
+  }
+
+  std::string info(int h) const {
+    char text[4096] = "";
+    size_t n = sizeof text;
+    EXPECT_EQ(lib.getinfo(h, text, &n), 0);
+    return text;
+  }
+
+ private:
+  std::vector<int> _running;
+
+  int running() const { return static_cast<int>(_running.size()); }
+};

@@ -1,0 +1,192 @@
+// The one allocator as tests see it: built anew for every test, its memory read by offset.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <map>
+#include <new>
+#include <vector>
+
+#include "com/ymlib3/ym_alloctor"
+#include "tests/support/fake_pages.h"
+
+namespace pools {
+
+// ---------------------------------------------------------------- memory as it lies there
+
+/// What the bytes at `p` hold, whatever the product calls it.
+template <class T>
+T read(const void* p) {
+  T t;
+  std::memcpy(&t, p, sizeof t);
+  return t;
+}
+// Not inlined: the compiler would reason about objects that lie elsewhere.
+template <class T>
+[[gnu::noinline]] void write(const void* p, size_t offset, T t) {
+  std::memcpy(static_cast<char*>(const_cast<void*>(p)) + offset, &t, sizeof t);
+}
+
+/// The self heap, at the start of the one object; its lock follows at 32.
+struct heap {
+  uint64_t chunk_size;
+  uint64_t slot_request;
+  uint64_t free;
+  const char* chunks;
+  bool operator==(const heap&) const = default;
+};
+static_assert(sizeof(heap) == 32);
+
+/// Header of a mapping of the self heap.
+struct slots {
+  uint64_t length;
+  uint64_t slot_size;
+  uint64_t free;
+  uint64_t count;
+  uint64_t bump;
+  const char* freed;
+  const char* next;
+};
+static_assert(sizeof(slots) == 56);
+
+/// The allocator, 40 bytes into the one object.
+struct table {
+  int32_t classes;
+  uint32_t large;
+  const char* pool[40];
+  bool operator==(const table&) const = default;
+};
+static_assert(sizeof(table) == 328);
+
+/// One pool; its lock follows at 24.
+struct pool {
+  const char* head;
+  int32_t chunks;
+  uint32_t free;
+  uint32_t block_size;
+  uint32_t blocks;
+  bool operator==(const pool&) const = default;
+};
+static_assert(sizeof(pool) == 24 && offsetof(pool, free) == 12 && offsetof(pool, blocks) == 20);
+
+/// Descriptor of a pool's mapping.
+struct chunk {
+  uint32_t free;
+  uint32_t count;
+  uint32_t block_size;
+  uint32_t bump;
+  uint64_t length;
+  const char* mapping;
+  const char* freed;
+  const char* owner;
+  const char* next;
+};
+static_assert(sizeof(chunk) == 56 && offsetof(chunk, length) == 16 && offsetof(chunk, owner) == 40);
+
+inline const char* at(size_t offset) { return reinterpret_cast<const char*>(&g_ym_allocator) + offset; }
+inline heap self() { return read<heap>(at(0)); }
+inline table all() { return read<table>(at(40)); }
+
+/// The pool of the class that holds `size` bytes.
+inline const char* pool_at(size_t size) {
+  const table t = all();
+  for (int i = 0; i < t.classes; ++i)
+    if (read<pool>(t.pool[i]).block_size >= size) return t.pool[i];
+  return nullptr;
+}
+inline pool pool_of(size_t size) { return read<pool>(pool_at(size)); }
+
+/// The addresses of a pool's chunks in the order of their list.
+inline std::vector<const char*> chunks_of(size_t size) {
+  std::vector<const char*> found;
+  for (const char* c = pool_of(size).head; c; c = read<chunk>(c).next) found.push_back(c);
+  return found;
+}
+/// Those of the self heap.
+inline std::vector<const char*> heap_chunks() {
+  std::vector<const char*> found;
+  for (const char* c = self().chunks; c; c = read<slots>(c).next) found.push_back(c);
+  return found;
+}
+
+/// The word in front of a block: its chunk, or null for a large block.
+inline const char* header_of(const void* p) { return read<const char*>(static_cast<const char*>(p) - 8); }
+
+// ---------------------------------------------------------------- state
+
+inline bool is_valid() {
+  if (!get_ym_alloctor_self()->is_valid()) return false;
+  for (int i = 0; i < get_ym_allocator()->_classes; ++i)
+    if (!get_ym_allocator()->_class[i]->is_valid()) return false;
+  return true;
+}
+
+/// All that a refused request must leave as it was.
+struct snapshot {
+  heap self = pools::self();
+  table all = pools::all();
+  std::vector<pools::pool> each;
+  std::map<void*, size_t> live = fake_pages::live();
+
+  snapshot() {
+    for (int i = 0; i < all.classes; ++i) each.push_back(read<pools::pool>(all.pool[i]));
+  }
+  bool operator==(const snapshot&) const = default;
+};
+
+/// Destroys the one allocator and builds it again on pages of `page` bytes, mapping number `refused` refused.
+inline void rebuild(long page = 4096, int refused = 0) {
+  g_ym_allocator.~ym_allocator_();
+  fake_pages::page_size(page);
+  fake_pages::reset();
+  fake_pages::refuse(refused);
+  new (&g_ym_allocator) ym_allocator_;
+  fake_pages::reset();
+}
+
+/// Starts each test on an allocator that nobody has used yet, on 4 KiB pages whatever the machine has.
+class fresh : public testing::Test {
+ protected:
+  void SetUp() override { rebuild(); }
+  void TearDown() override {
+    fake_pages::reset();
+    EXPECT_TRUE(is_valid());
+  }
+};
+
+// ---------------------------------------------------------------- blocks
+
+inline void* take(size_t n) { return get_ym_allocator()->malloc_(n, nullptr); }
+
+inline std::vector<void*> take(size_t n, size_t times) {
+  std::vector<void*> blocks(times);
+  for (void*& p : blocks) p = take(n);
+  return blocks;
+}
+
+inline void give(const std::vector<void*>& blocks) {
+  for (void* p : blocks) ym_free(p);
+}
+
+/// The granted size of a request, the block given back at once.
+inline size_t granted(size_t n) {
+  size_t got = 0;
+  ym_free(get_ym_allocator()->malloc_(n, &got));
+  return got;
+}
+
+/// Takes the self heap's free slots, all but `left` of them.
+inline std::vector<void*> take_slots(size_t left) {
+  std::vector<void*> taken(self().free - left);
+  for (void*& p : taken) p = ym::memheap_::operator new(56);
+  return taken;
+}
+
+inline void give_slots(const std::vector<void*>& taken) {
+  for (void* p : taken) ym::memheap_::operator delete(p);
+}
+
+}  // namespace pools

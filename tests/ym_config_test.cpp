@@ -19,12 +19,12 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
 #include "com/ymlib3/ym_string"
 #include "tests/support/blocks.h"
 #include "tests/support/scratch_file.h"
+#include "tests/support/threads.h"
 
 using namespace std::literals;
 namespace fs = std::filesystem;
@@ -283,14 +283,10 @@ TEST(config, one_scanner_scans_a_second_stream_during_a_call) {
 TEST(config, threads_scan_streams_of_their_own_side_by_side) {
   const std::string expected = contents(cases / "example.expected");
   std::vector<std::string> calls(4);
-  std::vector<std::thread> threads;
-  for (std::string& mine : calls) {
-    threads.emplace_back([&mine] {
-      ym::rstream_file in;
-      if (in.open((cases / "example.conf").c_str())) mine = scan(in);
-    });
-  }
-  for (std::thread& t : threads) t.join();
+  in_threads(calls.size(), [&](size_t me) {
+    ym::rstream_file in;
+    if (in.open((cases / "example.conf").c_str())) calls[me] = scan(in);
+  });
   EXPECT_EQ(calls, std::vector<std::string>(4, expected));
 }
 

@@ -14,11 +14,11 @@
 #include <new>
 #include <stdexcept>
 #include <system_error>
-#include <thread>
 #include <vector>
 
 #include "tests/support/blocks.h"
 #include "tests/support/pools.h"
+#include "tests/support/threads.h"
 
 namespace {
 
@@ -613,20 +613,13 @@ struct counted {
   counted& operator=(const counted&) = delete;
 };
 
-/// Runs `work` in eight threads at a time, each with its number.
-void in_eight_threads(const std::function<void(int)>& work) {
-  std::vector<std::thread> threads;
-  for (int i = 0; i < 8; ++i) threads.emplace_back(work, i);
-  for (std::thread& t : threads) t.join();
-}
-
 }  // namespace
 
 TEST(handle_threads, eight_threads_make_find_and_delete_objects_of_their_own) {
   ym::handle<counted> table;
   std::vector<int> failed(8);
-  in_eight_threads([&](int me) {
-    const auto expect = [&](bool good) { failed[static_cast<size_t>(me)] += good ? 0 : 1; };
+  in_threads(8, [&](size_t me) {
+    const auto expect = [&](bool good) { failed[me] += good ? 0 : 1; };
     for (int i = 0; i < 200; ++i) {
       const int a = table.create(), b = table.create();
       expect(a >= 0 && b >= 0 && a != b && table.get(a) && table.get(b) != table.get(a));
@@ -641,8 +634,8 @@ TEST(handle_threads, eight_threads_make_find_and_delete_objects_of_their_own) {
 TEST(handle_threads, eight_threads_fill_a_table_to_the_last_place_with_distinct_handles) {
   ym::handle<counted> table;
   std::vector<std::vector<int>> made(8);
-  in_eight_threads([&](int me) {
-    for (int i = 0; i < 200; ++i) made[static_cast<size_t>(me)].push_back(table.create());
+  in_threads(8, [&](size_t me) {
+    for (int i = 0; i < 200; ++i) made[me].push_back(table.create());
   });
   std::vector<int> all;
   for (const auto& one : made) all.insert(all.end(), one.begin(), one.end());
@@ -659,7 +652,7 @@ TEST(handle_threads, of_eight_threads_that_delete_one_handle_one_succeeds) {
   for (int i = 0; i < 100; ++i) {
     const int h = table.create();
     std::atomic<int> deleted = 0;
-    in_eight_threads([&](int) { deleted += table.del(h) == 0 ? 1 : 0; });
+    in_threads(8, [&](size_t) { deleted += table.del(h) == 0 ? 1 : 0; });
     ASSERT_EQ(deleted, 1);
   }
   EXPECT_EQ(counted::alive, 0);

@@ -19,7 +19,7 @@ bool library::is_loaded() {
   const std::string name = std::filesystem::path(path()).filename();
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);)
-    if (line.find(name) != std::string::npos) return true;
+    if (line.find(" r-x") != std::string::npos && line.find(name) != std::string::npos) return true;
   return false;
 }
 

@@ -28,7 +28,7 @@ class library {
 
  public:
   static const char* path();
-  /// Whether any part of it is in this process's memory.
+  /// Whether its code is in this process's memory.
   static bool is_loaded();
 
   library();

@@ -1,0 +1,54 @@
+#!/bin/sh
+# The library as it ships: small, hardened, and content with the C and C++ libraries of older systems than this one.
+#   binary.sh LIBRARY READELF STRIP PROCESSOR
+set -eu
+library=$1
+readelf=$2
+strip=$3
+processor=$4
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+bad=0
+wrong() {
+  echo "wrong: $*"
+  bad=1
+}
+
+"$strip" -o "$scratch/lib" "$library"
+"$readelf" -dW "$scratch/lib" >"$scratch/dynamic"
+"$readelf" -lW "$scratch/lib" >"$scratch/segments"
+"$readelf" -VW "$scratch/lib" >"$scratch/versions"
+
+size=$(stat -c %s "$scratch/lib")
+[ "$size" -le 40960 ] || wrong "$size bytes stripped, more than 40960"
+
+grep -q '(FLAGS).*BIND_NOW' "$scratch/dynamic" || wrong 'symbols are not all bound at load'
+grep -q 'GNU_RELRO' "$scratch/segments" || wrong 'nothing becomes read-only after relocation'
+if grep -E 'TEXTREL|RUNPATH|RPATH' "$scratch/dynamic"; then wrong 'text relocations, or a search path of its own'; fi
+grep -qE '^ *GNU_STACK .* RW +0x' "$scratch/segments" || wrong 'the stack is not read and write only'
+if grep -E '^ *LOAD .* RWE ' "$scratch/segments"; then wrong 'a segment is both writable and executable'; fi
+
+needed=$(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' "$scratch/dynamic" | grep -v '^ld-linux' | LC_ALL=C sort | tr '\n' ' ')
+[ "$needed" = 'libc.so.6 libgcc_s.so.1 libstdc++.so.6 ' ] || wrong "needs $needed"
+
+# newest PREFIX: the newest version of PREFIX that the library asks for.
+newest() { sed -n "s/.*Name: $1_\([0-9.]*\) .*/\1/p" "$scratch/versions" | sort -V | tail -n 1; }
+# What Debian 12's and Ubuntu 22.04's C library and GCC 6's C++ library have. pthread_spin_* alone asks for 2.34.
+for limit in GLIBC:2.34 GLIBCXX:3.4.22 CXXABI:1.3.9 GCC:3.0; do
+  found=$(newest "${limit%:*}")
+  newer=$(printf '%s\n' "${limit#*:}" "$found" | sort -V | tail -n 1)
+  [ -n "$found" ] || wrong "asks for no ${limit%:*} version"
+  [ "$newer" = "${limit#*:}" ] || wrong "${limit%:*}_$found, expected at most ${limit#*:}"
+done
+
+# Kernels there may have pages of 64 KiB: segments so far apart, and the protected part ends with a page.
+if [ "$processor" = aarch64 ]; then
+  if grep -E '^ *LOAD ' "$scratch/segments" | grep -v ' 0x10000$'; then wrong 'a segment is not aligned to 64 KiB'; fi
+  end=$(awk '$1 == "GNU_RELRO" { print "$((" $3 " + " $6 "))" }' "$scratch/segments")
+  eval "end=$end"
+  [ $((end % 65536)) -eq 0 ] || wrong "the read-only data ends at $end, within a page of 64 KiB"
+fi
+
+[ "$bad" -eq 0 ] && echo "$size bytes stripped"
+exit "$bad"

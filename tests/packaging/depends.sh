@@ -1,0 +1,18 @@
+#!/bin/sh
+# The package asks for the libraries that its programs need, in the versions that they need.
+#   depends.sh ROOT PACKAGE
+set -eu
+root=$1
+package=$2
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+mkdir "$scratch/debian"
+echo 'Source: ip6dns' >"$scratch/debian/control"
+cd "$scratch"
+needed=$(dpkg-shlibdeps -O "$root/usr/bin/dachost" "$root"/usr/lib/*/dac/libip6dns.so 2>/dev/null)
+said=$(dpkg-deb -f "$package" Depends)
+[ "$needed" = "shlibs:Depends=$said" ] || {
+  printf 'needed: %s\nsaid:   %s\n' "${needed#*=}" "$said"
+  exit 1
+}

@@ -1,0 +1,17 @@
+#!/bin/sh
+# The installed dachost finds the installed plug-in by itself, and what users have in /etc will do.
+#   runs.sh ROOT TRIPLET [EMULATOR...]
+set -eu
+root=$1
+plugin=$root/usr/lib/$2/dac/libip6dns.so
+shift 2
+
+config=$root/etc/ip6dns/ip6dns.conf
+"$@" "$root/usr/bin/dachost" check "$config"
+out=$("$@" "$root/usr/bin/dachost" run --json --once "$config" 2>&1)
+for expected in "\"plugin\":\"$plugin\"" '"event":"value","instance":"ip6dns"'; do
+  echo "$out" | grep -qF "$expected" || {
+    printf 'no %s in:\n%s\n' "$expected" "$out"
+    exit 1
+  }
+done

@@ -1,0 +1,70 @@
+// dachost: loads the plug-in, runs instances of it and prints what they tell.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstring>
+#include <exception>
+
+#include "host/commands.h"
+#include "host/options.h"
+#include "host/output.h"
+#include "host/plugin.h"
+#include "host/search.h"
+#include "host/text.h"
+
+namespace {
+
+// A file opened later must not become the standard output that somebody has closed; this one refuses to be written.
+void fill_standard_descriptors() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+}
+
+int carry_out(const options& o, output& out, output& err) {
+  const plugin p(o.plugin.empty() ? find_plugin() : o.plugin);
+  switch (o.what) {
+    case command::check:
+      return check(p, o.files, out);
+    case command::tags:
+      return tags(p, o.files, out, err);
+    case command::info:
+      return info(p, o.files, out, err);
+    case command::run:
+      break;
+  }
+  return run(p, o, out, err);
+}
+
+int reply(const answer& a, output& out, output& err) {
+  (a.status == 0 ? out : err).line(a.text);
+  return a.status;
+}
+
+int obey(int argc, char** argv, output& out, output& err) {
+  try {
+    const auto parsed = parse(argc, argv);
+    if (const auto* a = std::get_if<answer>(&parsed)) return reply(*a, out, err);
+    return carry_out(std::get<options>(parsed), out, err);
+  } catch (const std::exception& e) {
+    err.line("dachost: " + printable(e.what()));
+    return 1;
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  fill_standard_descriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  output out(STDOUT_FILENO);
+  output err(STDERR_FILENO);
+  int status = obey(argc, argv, out, err);
+  out.drain();
+  if (out.error() != 0) {
+    err.line(std::string("dachost: standard output: ") + std::strerror(out.error()));
+    status = 1;
+  }
+  err.drain();
+  return status;
+}

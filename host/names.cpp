@@ -1,0 +1,34 @@
+#include "host/names.h"
+
+#include <filesystem>
+#include <map>
+#include <set>
+
+namespace {
+
+// "dir/" has no stem, and a plug-in refuses an instance without a name.
+std::string stem(const std::string& file) {
+  const std::string s = std::filesystem::path(file).stem();
+  return s.empty() ? file : s;
+}
+
+std::string take_free(const std::string& name, std::set<std::string>& taken) {
+  std::string free = name;
+  for (int n = 2; !taken.insert(free).second; ++n) free = name + '#' + std::to_string(n);
+  return free;
+}
+
+}  // namespace
+
+std::vector<std::string> instance_names(const std::vector<std::string>& files) {
+  std::map<std::string, int> sharing;
+  for (const std::string& file : files) ++sharing[stem(file)];
+  std::set<std::string> taken;
+  std::vector<std::string> names;
+  names.reserve(files.size());
+  for (const std::string& file : files) {
+    const std::string s = stem(file);
+    names.push_back(take_free(sharing[s] == 1 ? s : file, taken));
+  }
+  return names;
+}

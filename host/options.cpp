@@ -1,0 +1,86 @@
+#include "host/options.h"
+
+#include <CLI/CLI.hpp>
+#include <charconv>
+#include <sstream>
+#include <system_error>
+
+#include "driver/dac.h"
+#include "host/text.h"
+
+namespace {
+
+constexpr int wrong_usage = 2;
+constexpr double most_seconds = 1e9;  // what nanoseconds can hold, with room to add it to the clock
+
+std::optional<std::chrono::nanoseconds> seconds(const std::string& text) {
+  double s = 0;
+  const char* end = text.data() + text.size();
+  const auto [last, failed] = std::from_chars(text.data(), end, s);
+  if (failed != std::errc() || last != end || !(s > 0 && s <= most_seconds)) return std::nullopt;
+  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+}
+
+std::string check_seconds(const std::string& text) {
+  return seconds(text) ? "" : "'" + text + "' is not a number of seconds above 0 and up to 1000000000";
+}
+
+std::string check_file(const std::string& text) { return text.empty() ? "a file name is empty" : ""; }
+
+CLI::App* add_command(CLI::App& app, options& o, command what, const std::string& name, const std::string& text) {
+  CLI::App* c = app.add_subcommand(name, text);
+  c->add_option("-p,--plugin", o.plugin, "The plug-in; without it libip6dns.so is looked for, see dachost(1)")
+      ->type_name("FILE")
+      ->check(check_file);
+  c->add_option("CONFIG", o.files, "Configuration files, an instance for each")
+      ->type_name("FILE")
+      ->required()
+      ->check(check_file);
+  c->callback([&o, what] { o.what = what; });
+  return c;
+}
+
+void add_run(CLI::App& app, options& o) {
+  CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
+  run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
+  CLI::Option* once =
+      run->add_flag("--once", o.once, "End when every instance has published once")->disable_flag_override();
+  run->add_option_function<std::string>(
+         "--for", [&o](const std::string& text) { o.time = seconds(text); }, "End after that many seconds")
+      ->type_name("SECONDS")
+      ->check(check_seconds)
+      ->excludes(once);
+}
+
+std::string usage_error(const CLI::App* /*app*/, const CLI::Error& e) {
+  return "dachost: " + printable(e.what()) + " (dachost --help tells the usage)\n";
+}
+
+answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
+  std::ostringstream out;
+  const int status = app.exit(e, out, out);
+  std::string text = out.str();
+  if (text.ends_with('\n')) text.pop_back();
+  return {status == 0 ? 0 : wrong_usage, text};
+}
+
+}  // namespace
+
+std::variant<options, answer> parse(int argc, const char* const* argv) {
+  options o;
+  CLI::App app("Reference host of the dac plug-ins", "dachost");
+  app.failure_message(usage_error);
+  app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
+  app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
+  add_run(app, o);
+  add_command(app, o, command::check, "check", "Tell whether the plug-in takes each file");
+  add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
+  add_command(app, o, command::info, "info", "Print the status document of each file's instance");
+  try {
+    app.parse(argc, argv);
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("A sub-command");
+  } catch (const CLI::ParseError& e) {
+    return make_answer(app, e);
+  }
+  return o;
+}

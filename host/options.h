@@ -1,0 +1,27 @@
+// The command line.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+enum class command { run, check, tags, info };
+
+struct options {
+  command what = command::run;
+  std::string plugin;  // empty: to be found
+  std::vector<std::string> files;
+  bool json = false;
+  bool once = false;
+  std::optional<std::chrono::nanoseconds> time;  // how long to run
+};
+
+/// What a command line gets that is not to be carried out: help, version, or what is wrong with it.
+struct answer {
+  int status;  // 0, or 2 for wrong usage
+  std::string text;
+};
+
+std::variant<options, answer> parse(int argc, const char* const* argv);

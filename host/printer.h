@@ -1,0 +1,26 @@
+// How a run is told: as tab-separated lines or as JSON.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "host/event.h"
+#include "host/instance.h"
+#include "host/output.h"
+#include "host/plugin.h"
+
+class printer {
+ public:
+  printer() = default;
+  virtual ~printer() = default;
+  printer(const printer&) = delete;
+  printer& operator=(const printer&) = delete;
+
+  virtual void version(const plugin& p) = 0;
+  virtual void announce(const std::string& instance, const tag& t) = 0;
+  virtual void value(wall_clock::time_point time, const std::string& instance, const dac_tagvalue& r) = 0;
+  virtual void log(wall_clock::time_point time, const std::string& instance, const message& m) = 0;
+};
+
+/// All to `out`, save that log messages go to `err` when `out` is to hold JSON alone.
+std::unique_ptr<printer> make_printer(bool json, output& out, output& err);

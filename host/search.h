@@ -1,0 +1,8 @@
+// Where the plug-in is when nobody says.
+#pragma once
+
+#include <string>
+
+/// The first that is there of: beside this executable, ../lib/TRIPLET/dac and ../lib/dac from its directory. Otherwise
+/// the bare name, which the dynamic loader looks for.
+std::string find_plugin();

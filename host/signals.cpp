@@ -1,0 +1,23 @@
+#include "host/signals.h"
+
+#include <sys/signalfd.h>
+
+namespace {
+
+sigset_t block_answered() {
+  sigset_t set;
+  sigemptyset(&set);
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  return set;
+}
+
+}  // namespace
+
+signals::signals() : _set(block_answered()), _fd(signalfd(-1, &_set, SFD_CLOEXEC | SFD_NONBLOCK), "signalfd") {}
+
+int signals::next() {
+  signalfd_siginfo info{};
+  const ssize_t n = read(_fd.get(), &info, sizeof info);
+  return n == sizeof info ? static_cast<int>(info.ssi_signo) : 0;
+}

@@ -33,8 +33,9 @@ struct tuning {
 };
 
 std::vector<tuning>& tunings() {
-  static auto* list = new std::vector<tuning>;
-  return *list;
+  static std::vector<tuning> list;
+  list.reserve(100);  // once and for all: the tests count blocks
+  return list;
 }
 
 constexpr char assertion[] =
@@ -346,6 +347,24 @@ TEST_F(refusal, of_pages_for_the_path_reads_no_file) {
   EXPECT_EQ(rec.args("drv", path.c_str()).create(lib), -1);
   EXPECT_EQ(rec.messages(), strings{"load ip6dns driver config  failed"});
   EXPECT_EQ(known(), std::set<int>{});
+}
+
+TEST_F(refusal, of_pages_for_the_workers_text_leaves_it_running) {
+  const int h = create();
+  start(h);
+  fake_clock::step();
+  strings addresses;
+  for (int i = 0; i < 50; ++i) addresses.push_back("2001:db8:1111:2222::" + std::to_string(1000 + i));
+  fake_interfaces::set(addresses);
+  fake_pages::refuse_all();
+  fake_clock::advance(10);
+  fake_clock::step();
+  EXPECT_LT(rec.values().back().size(), 999U);
+  EXPECT_EQ(lib.isrun(h), 1);
+  fake_pages::refuse(0);
+  fake_clock::advance(10);
+  fake_clock::step();
+  EXPECT_EQ(rec.values().back().size(), 999U);
 }
 
 TEST_F(refusal, of_pages_for_the_table_ends_the_process) {

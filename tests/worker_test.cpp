@@ -12,7 +12,6 @@
 #include "driver/dac.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_interfaces.h"
-#include "tests/support/fake_pages.h"
 #include "tests/support/plugin.h"
 #include "tests/support/plugin_fixture.h"
 
@@ -284,19 +283,6 @@ TEST_F(worker, looks_and_complains_without_a_data_callback_too) {
   EXPECT_EQ(fake_interfaces::lists(), 4);
   EXPECT_EQ(rec.messages(), (strings{"start wrk_process success.", failure_message, failure_message}));
   EXPECT_EQ(rec.values(), strings{});
-}
-
-TEST_F(worker, goes_on_when_its_strings_find_no_memory) {
-  start_and_poll();
-  const strings many = addresses_of_999_characters();
-  fake_interfaces::set(many);
-  fake_pages::refuse_all();
-  round_at(t0 + 10);
-  EXPECT_NE(rec.values().back(), join(many));
-  EXPECT_EQ(lib.isrun(h), 1);
-  fake_pages::refuse(0);
-  round_at(t0 + 20);
-  EXPECT_EQ(rec.values().back(), join(many));
 }
 
 // ---------------------------------------------------------------- the record

@@ -8,10 +8,11 @@
  * Tags behind each function:
  *   [any thread]        may be called from every thread, at the same time as any other function
  *   [instance stopped]  no worker runs on the instance, and no other call on it is in flight
- *   [worker thread]     called by the instance's own thread; return soon, dac_stop waits meanwhile
+ *   [worker thread]     called by the instance's own thread: return soon, dac_stop waits meanwhile; do not call
+ *                       dac_stop or dac_destroy for this instance
  *
  * Every handle function returns -1 for a handle it does not know, unless it says otherwise. A mutex or a thread that
- * the system refuses raises std::system_error out of the function that needed it.
+ * the system refuses raises std::system_error out of the function that needed it. Do not cancel a thread inside one.
  *
  * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
  * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports g_dachandls, its own table of instances: leave it alone.
@@ -55,15 +56,22 @@ typedef struct dac_tagvalue {
 } dac_tagvalue;
 
 #ifdef __cplusplus
-static_assert(sizeof(dac_tagvalue) == 1104, "the host reads 1104 bytes");
+#define DAC_ASSERT(condition) static_assert(condition, "the host reads fixed places")
 #else
-_Static_assert(sizeof(dac_tagvalue) == 1104, "the host reads 1104 bytes");
+#define DAC_ASSERT(condition) _Static_assert(condition, "the host reads fixed places")
 #endif
+DAC_ASSERT(offsetof(dac_tagvalue, time) == 80);
+DAC_ASSERT(offsetof(dac_tagvalue, type) == 96);
+DAC_ASSERT(offsetof(dac_tagvalue, len) == 102);
+DAC_ASSERT(offsetof(dac_tagvalue, value) == 104);
+DAC_ASSERT(sizeof(dac_tagvalue) == 1104);
+#undef DAC_ASSERT
 
 /* A log message, `hostlevel` one of DAC_LEVEL_*; `flag` is 1. Texts are valid during the call. [any thread] */
 typedef void (*cblog)(const char* name, int hostlevel, const char* text, int flag, void* param);
 
-/* `count` records (always 1), valid during the call. [worker thread] */
+/* `count` records (always 1), valid during the call. Unique-local (fd00::...), temporary and deprecated addresses are
+ * among the values: the interface list does not tell them apart. [worker thread] */
 typedef void (*cbdata)(const dac_tagvalue* records, int count, void* param);
 
 /* Never called. */
@@ -74,8 +82,8 @@ typedef void (*cbtag)(const char* name, int type, int flag, void* param);
 typedef void (*cbtagex)(const char* name, int type, int flag, const char* text1, const char* text2, void* param);
 
 /* A new stopped instance, configured from `cfgfile`: its handle, 0 to 2048, or -1 with at most one message to `log`
- * (none when an argument is missing or 1024 instances exist). `name`, `cfgfile` and `aux1` must be given, `log` and
- * `data` may be null. Callbacks and parameters must outlive the instance. [any thread] */
+ * (none when an argument is missing, 1024 instances exist, or memory runs out). `name`, `cfgfile` and `aux1` must be
+ * given, `log` and `data` may be null. Callbacks and parameters must outlive the instance. [any thread] */
 DAC_EXPORT int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
                           cbdata data, void* dataparam, cbaux aux2, void* aux2param);
 

@@ -3,9 +3,7 @@
 #include <strings.h>
 
 #include <cstring>
-#include <new>
 #include <string_view>
-#include <system_error>
 
 #include "com/ymlib3/ym_config"
 #include "com/ymlib3/ym_json"
@@ -31,8 +29,8 @@ bool isHostnameKey(const ym::string_<>& key) {
   return key.size() == name.size() && strncasecmp(key.c_str(), name.data(), name.size()) == 0;
 }
 
-// Whether two times lie at most `most` apart, in either direction: one unsigned comparison, so that a clock set back
-// counts like one gone ahead.
+// Whether two times lie at most `most` apart, in either direction.
+// kept: one unsigned comparison, so that a clock set back counts like one gone ahead.
 bool isWithin(int64_t a, int64_t b, uint64_t most) {
   return static_cast<uint64_t>(a) - static_cast<uint64_t>(b) + most <= 2 * most;
 }
@@ -74,7 +72,7 @@ bool ip6dnsDriver::loadConfig(const char* path) {
   ym::rstream_file file;
   if (!file.open(path)) return false;
   const auto onKey = [this](const ym::string_<>& /*section*/, const ym::string_<>& key, const ym::string_<>& value) {
-    if (isHostnameKey(key)) _hostname = value;
+    if (isHostnameKey(key)) _hostname = value;  // kept: the last one counts, an empty one too
     return 0;
   };
   return ym::config<ym::string_<>>().scan(&file, onKey, 0);
@@ -98,12 +96,9 @@ bool ip6dnsDriver::checkHostname() {
 
 void ip6dnsDriver::Start() {
   _stop = 0;
-  try {
-    // kept: a thread object that stands here already is forgotten, its worker runs on.
-    _thread = new std::thread([this] { wrk_process(); });
-  } catch (const std::bad_alloc&) {
-    throw std::system_error(std::make_error_code(std::errc::not_enough_memory));
-  }
+  // kept: what the last worker polled and published stays, so a restart polls and publishes when it would have been
+  // due. kept: a thread object that stands here already is forgotten, its worker runs on.
+  _thread = new std::thread([this] { wrk_process(); });
 }
 
 void ip6dnsDriver::Stop() {
@@ -121,7 +116,7 @@ void ip6dnsDriver::wrk_process() {
   _running = 1;
   _log.add(progress, "start wrk_process success.");
   while (_stop == 0) {
-    nanosleep(&round_pause, nullptr);
+    nanosleep(&round_pause, nullptr);  // kept: an interrupted sleep is not resumed
     const int64_t now = time(nullptr);
     if (!isWithin(now, _lastcheck, poll_seconds - 1)) poll(now);
   }
@@ -140,7 +135,7 @@ void ip6dnsDriver::poll(int64_t now) {
   }
   if (!isDue(now)) return;
   if (_cbdata) publish(now);
-  _lastip6 = _ip6;
+  _lastip6 = _ip6;  // kept: without a callback too
 }
 
 bool ip6dnsDriver::isDue(int64_t now) const {

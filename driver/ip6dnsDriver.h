@@ -14,7 +14,7 @@
 class ip6dnsDriver {
  public:
   ip6dnsDriver() = default;
-  // Looks at no worker: who deletes a running instance deletes it under the worker's feet.
+  // kept: no worker is looked at; who deletes a running instance deletes it under the worker's feet.
   ~ip6dnsDriver() = default;
   ip6dnsDriver(const ip6dnsDriver&) = delete;
   ip6dnsDriver& operator=(const ip6dnsDriver&) = delete;
@@ -27,7 +27,8 @@ class ip6dnsDriver {
   /// Reads the file's "hostname" into _hostname; false when the file cannot be opened.
   bool loadConfig(const char* path);
 
-  /// Starts a worker, whether one runs already or not. Throws std::system_error when there is no thread to be had.
+  /// Starts a worker, whether one runs already or not. Throws std::system_error when there is no thread to be had and
+  /// std::bad_alloc when there is no memory.
   void Start();
   /// Ends the worker and waits for it; does nothing when there is none.
   void Stop();
@@ -45,7 +46,7 @@ class ip6dnsDriver {
   ym::string_<> _name;                        // the instance's name
   ym::string_<> _cfgfile;                     // path of the configuration
   cblog _cblog = nullptr;                     // the same that _log holds
-  void* _cblogparam = nullptr;                //
+  void* _cblogparam = nullptr;                // the same that _log holds
   cbaux _cbaux1 = nullptr;                    // must be given, never called
   void* _cbaux1param = nullptr;               // never read
   cbdata _cbdata = nullptr;                   // receives the records; may be null

@@ -54,7 +54,7 @@ int logDac::push(int level, const char* tag, const char* fmt, va_list args) {
   const int p = write_prefix(buf, tag);
   if (p < 0) return -1;
   const int m = std::vsnprintf(buf + p, message_room, fmt, args);
-  if (m < 1 || m >= static_cast<int>(message_room)) return -1;
+  if (m < 1 || m >= static_cast<int>(message_room)) return -1;  // kept: what does not fit is refused, not cut
   _callback(_name.c_str(), host_level(level), buf, 1, _param);
   return p + m;
 }

@@ -39,6 +39,7 @@ bool is_public_ip6(const unsigned char* a) noexcept {
 int getPublicIp6(ym::string_<>& out) noexcept {
   ifaddrs* list = nullptr;
   if (const int failed = getifaddrs(&list); failed < 0) return failed;
+  // kept: neither the interface nor its state is looked at, and what stands on two interfaces comes twice.
   for (const ifaddrs* i = list; i; i = i->ifa_next) {
     if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET6) continue;
     const in6_addr& a = reinterpret_cast<const sockaddr_in6*>(i->ifa_addr)->sin6_addr;

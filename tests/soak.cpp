@@ -1,0 +1,456 @@
+// Load and soak: 1024 instances started and stopped in waves by four threads, on the real kernel's addresses, while
+// addresses come and go and the clock jumps. Every record that is due must arrive, byte for byte, and no other may.
+//
+//   soak SECONDS [LOADS]     run in a network namespace of its own (scripts/soak does that): it changes lo's addresses
+//
+// What is due is known without looking into the plug-in: time, getifaddrs and nanosleep stand in for the C library's,
+// so this program sees on each worker's thread what the worker learns, and at its next sleep what came of it.
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <ifaddrs.h>
+#include <linux/if_addr.h>
+#include <linux/rtnetlink.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "driver/dac.h"
+#include "tests/support/plugin.h"
+
+namespace {
+
+constexpr int instances = 1024, crew = 4, most_addresses = 10'000;
+
+std::atomic<int64_t> clock_now = 1'700'000'000;
+std::atomic<int> looking = 0;  // threads inside getifaddrs
+std::atomic<long> checked = 0, lost = 0, wrong = 0, surplus = 0, polls = 0;
+
+// ---------------------------------------------------------------- what a worker learns, and what must come of it
+
+/// One instance as seen from outside; touched by its worker's thread alone while it runs.
+struct instance {
+  std::string hostname;
+  int handle = -1;
+  bool runs = false;
+  std::string last_text;       // of the latest poll that reached publishing
+  int64_t last_published = 0;  // seconds; 0 never
+  std::string due;             // text of a record that must arrive before the next sleep
+  bool is_due = false;
+};
+
+thread_local instance* me = nullptr;  // set by the worker's start message
+thread_local int64_t my_now = 0;      // what time() told this thread last: the worker decides by that
+
+/// The C library's own classes of addresses, unlike the plug-in's bytes.
+bool is_published(const in6_addr& a) {
+  if (IN6_IS_ADDR_UNSPECIFIED(&a)) return true;
+  const bool local = a.s6_addr[0] == 0xfe && a.s6_addr[1] >= 0x80;
+  return !IN6_IS_ADDR_LOOPBACK(&a) && !IN6_IS_ADDR_MULTICAST(&a) && !local && !IN6_IS_ADDR_V4MAPPED(&a) &&
+         !IN6_IS_ADDR_V4COMPAT(&a);
+}
+
+std::string expected_text(const ifaddrs* list) {
+  std::string text;
+  for (const ifaddrs* i = list; i; i = i->ifa_next) {
+    if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET6) continue;
+    const in6_addr& a = reinterpret_cast<const sockaddr_in6*>(i->ifa_addr)->sin6_addr;
+    char one[INET6_ADDRSTRLEN];
+    if (!is_published(a) || !inet_ntop(AF_INET6, &a, one, sizeof one)) continue;
+    if (!text.empty()) text += ',';
+    text += one;
+  }
+  return text.empty() ? "null" : text;
+}
+
+void learn(instance& x, std::string text) {
+  const int64_t apart = std::abs(my_now - x.last_published);
+  ++polls;
+  x.is_due = text != x.last_text || apart >= 120;
+  if (!x.is_due) return;
+  x.last_text = x.due = std::move(text);
+  x.last_published = my_now;
+}
+
+void settle(instance& x) {
+  if (x.is_due) ++lost;
+  x.is_due = false;
+}
+
+dac_tagvalue expected_record(const instance& x) {
+  dac_tagvalue r{};
+  std::strncpy(r.name, x.hostname.c_str(), sizeof r.name - 1);
+  std::strncpy(r.value, x.due.c_str(), sizeof r.value - 1);
+  r.type = 6;
+  r.len = static_cast<uint16_t>(std::min(x.due.size(), sizeof r.value - 1));
+  return r;
+}
+
+void on_log(const char* /*name*/, int /*level*/, const char* text, int /*flag*/, void* param) {
+  if (std::string_view(text) == "start wrk_process success.") me = static_cast<instance*>(param);
+}
+
+void on_data(const dac_tagvalue* records, int count, void* param) {
+  instance& x = *static_cast<instance*>(param);
+  if (!x.is_due) {
+    ++surplus;
+    return;
+  }
+  const dac_tagvalue expected = expected_record(x);
+  if (count != 1 || std::memcmp(records, &expected, sizeof expected) != 0) ++wrong;
+  ++checked;
+  x.is_due = false;
+}
+
+void on_aux(void* /*param*/) {}
+
+}  // namespace
+
+// ---------------------------------------------------------------- the C library's, as the worker meets it
+
+extern "C" time_t time(time_t* out) noexcept {
+  my_now = clock_now;
+  if (out) *out = my_now;
+  return my_now;
+}
+
+extern "C" int getifaddrs(ifaddrs** list) noexcept {
+  static auto* real = reinterpret_cast<int (*)(ifaddrs**)>(dlsym(RTLD_NEXT, "getifaddrs"));
+  ++looking;
+  const int result = real(list);
+  --looking;
+  if (me) learn(*me, result == 0 ? expected_text(*list) : "null");
+  return result;
+}
+
+extern "C" int nanosleep(const timespec* request, timespec* remainder) {
+  if (me) settle(*me);
+  return static_cast<int>(syscall(SYS_nanosleep, request, remainder));
+}
+
+// ---------------------------------------------------------------- addresses on lo, by rtnetlink
+
+namespace {
+
+class addresses {
+ public:
+  addresses() : _socket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)) {
+    if (_socket < 0) throw std::runtime_error("no netlink socket");
+    set_up();
+  }
+  ~addresses() { close(_socket); }
+  addresses(const addresses&) = delete;
+  addresses& operator=(const addresses&) = delete;
+
+  /// From now on lo has 2001:db8::1:0 to 2001:db8::1:(n - 1) and no other of these.
+  void set(int n) {
+    for (; _count < n; ++_count) change(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, _count);
+    for (; _count > n; --_count) change(RTM_DELADDR, 0, _count - 1);
+  }
+  int count() const { return _count; }
+
+ private:
+  int _socket;
+  int _count = 0;
+  uint32_t _sequence = 0;
+
+  void set_up() {
+    struct {
+      nlmsghdr head;
+      ifinfomsg link;
+    } m{};
+    m.head = {sizeof m, RTM_NEWLINK, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
+    m.link.ifi_index = 1;
+    m.link.ifi_flags = m.link.ifi_change = 1;  // up
+    ask(&m, sizeof m);
+  }
+
+  void change(uint16_t type, uint16_t flags, int i) {
+    struct {
+      nlmsghdr head;
+      ifaddrmsg address;
+      rtattr attribute;
+      in6_addr ip;
+    } m{};
+    m.head = {sizeof m, type, static_cast<uint16_t>(NLM_F_REQUEST | NLM_F_ACK | flags), ++_sequence, 0};
+    m.address = {AF_INET6, 128, IFA_F_NODAD, 0, 1};
+    m.attribute = {sizeof(rtattr) + sizeof(in6_addr), IFA_LOCAL};
+    inet_pton(AF_INET6, "2001:db8::1:0", &m.ip);
+    m.ip.s6_addr[14] = static_cast<uint8_t>(i >> 8);
+    m.ip.s6_addr[15] = static_cast<uint8_t>(i);
+    ask(&m, sizeof m);
+  }
+
+  void ask(const void* message, size_t n) const {
+    struct {
+      nlmsghdr head;
+      nlmsgerr error;
+      char rest[512];
+    } reply{};
+    if (send(_socket, message, n, 0) < 0 || recv(_socket, &reply, sizeof reply, 0) < 0)
+      throw std::runtime_error("netlink is silent");
+    if (reply.error.error != 0)
+      throw std::runtime_error(std::string("addresses of lo: ") + std::strerror(-reply.error.error));
+  }
+};
+
+// ---------------------------------------------------------------- the crew
+
+std::atomic<bool> over = false;
+std::atomic<int> running = 0, most_running = 0;
+
+void pause(int milliseconds) { poll(nullptr, 0, milliseconds); }
+
+/// One of the four threads that start and stop, and the instances that are its own.
+class hand {
+ public:
+  hand(library& lib, const std::string& dir, int index, int count) : _lib(lib), _random(static_cast<unsigned>(index)) {
+    for (int i = 0; i < count; ++i) {
+      auto x = std::make_unique<instance>();
+      x->hostname = "host-" + std::to_string(index) + "-" + std::to_string(i) + (i % 7 ? "" : std::string(80, 'x'));
+      _files.push_back(dir + "/" + std::to_string(index) + "-" + std::to_string(i) + ".conf");
+      std::ofstream(_files.back()) << "hostname = " << x->hostname << "\n";
+      _own.push_back(std::move(x));
+    }
+  }
+
+  void work() {
+    start_all();
+    while (!over) {
+      pause(below(1000));
+      for (int i = below(20); i > 0 && !over; --i) stop(below(size()));
+      for (int i = below(10); i > 0; --i) destroy(below(size()));
+      if (below(3) == 0) start_all();
+      for (int i = below(100); i > 0; --i) start(below(size()));
+    }
+  }
+
+  /// Stops and destroys all, side by side as a host would: each stop waits for a worker that sleeps.
+  void finish() {
+    constexpr int at_once = 32;
+    std::atomic<int> next = 0;
+    std::vector<std::thread> stoppers;
+    stoppers.reserve(at_once);
+    for (int n = 0; n < at_once; ++n) {
+      stoppers.emplace_back([&] {
+        for (int i; (i = next++) < size();) {
+          stop(i);
+          destroy(i);
+        }
+      });
+    }
+    for (std::thread& t : stoppers) t.join();
+  }
+
+ private:
+  library& _lib;
+  std::mt19937 _random;
+  std::vector<std::unique_ptr<instance>> _own;
+  std::vector<std::string> _files;
+
+  int size() const { return static_cast<int>(_own.size()); }
+  int below(int n) { return std::uniform_int_distribution(0, n - 1)(_random); }
+  instance& at(int i) { return *_own[static_cast<size_t>(i)]; }
+
+  void start_all() {
+    for (int i = 0; i < size(); ++i) start(i);
+  }
+
+  void create(int i) {
+    instance& x = at(i);
+    x.handle = _lib.create("soak", _files[static_cast<size_t>(i)].c_str(), on_log, &x, on_aux, nullptr, on_data, &x,
+                           nullptr, nullptr);
+    if (x.handle < 0) throw std::runtime_error("an instance was refused");
+  }
+  void start(int i) {
+    instance& x = at(i);
+    if (x.runs) return;
+    if (x.handle < 0) create(i);
+    _lib.start(x.handle);
+    x.runs = true;
+    const int now = ++running;
+    for (int most = most_running; now > most && !most_running.compare_exchange_weak(most, now);) {
+    }
+  }
+  void stop(int i) {
+    instance& x = at(i);
+    if (!x.runs) return;
+    _lib.stop(x.handle);
+    settle(x);
+    x.runs = false;
+    --running;
+  }
+  void destroy(int i) {
+    instance& x = at(i);
+    if (x.runs || x.handle < 0) return;
+    _lib.destroy(x.handle);
+    x.handle = -1;
+    x.last_text.clear();
+    x.last_published = 0;
+  }
+};
+
+// ---------------------------------------------------------------- what the process holds
+
+struct usage {
+  long resident_kb = 0, descriptors = 0, threads = 0, mappings = 0;
+};
+
+long entries(const char* directory) {
+  const std::filesystem::directory_iterator begin(directory);
+  return std::distance(begin, std::filesystem::directory_iterator());
+}
+
+usage measure() {
+  usage u;
+  std::ifstream status("/proc/self/status");
+  for (std::string line; std::getline(status, line);)
+    if (line.starts_with("VmRSS:")) u.resident_kb = std::stol(line.substr(6));
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) ++u.mappings;
+  u.descriptors = entries("/proc/self/fd");
+  u.threads = entries("/proc/self/task");
+  return u;
+}
+
+void print(const char* what, const usage& u) {
+  std::printf("%-28s resident %7ld kB, descriptors %2ld, threads %4ld, mappings %5ld\n", what, u.resident_kb,
+              u.descriptors, u.threads, u.mappings);
+}
+
+// ---------------------------------------------------------------- the two phases
+
+/// Until no worker reads the interface list, 20 seconds at most: others may just have started.
+void let_settle() {
+  for (int i = 0; i < 2000 && (looking != 0 || i < 20); ++i) pause(10);
+}
+
+/// The greatest number of addresses, met by the instances that start meanwhile. The clock stands still: a thousand
+/// threads that read ten thousand addresses at once would keep two cores busy for minutes.
+void peak(addresses& lo) {
+  let_settle();
+  lo.set(most_addresses);
+  pause(5000);
+  let_settle();
+  lo.set(10);
+}
+
+/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle.
+void stir(addresses& lo, int seconds) {
+  std::mt19937 random(1);
+  const auto begin = std::chrono::steady_clock::now();
+  const auto below = [&](int n) { return std::uniform_int_distribution(0, n - 1)(random); };
+  bool peaked = false;
+  for (int shown = -1;;) {
+    const auto passed = std::chrono::steady_clock::now() - begin;
+    const auto second = static_cast<int>(std::chrono::duration_cast<std::chrono::seconds>(passed).count());
+    if (second >= seconds) return;
+    if (second != shown) {
+      std::fprintf(stderr, "\r%5d s  running %4d  addresses %5d  polls %8ld  checked %8ld  lost %ld  wrong %ld ",
+                   second, running.load(), lo.count(), polls.load(), checked.load(), lost.load(), wrong.load());
+      shown = second;
+    }
+    if (!peaked && seconds >= 10 && second >= seconds / 2) {
+      peak(lo);
+      peaked = true;
+    } else if (below(20) == 0) {
+      lo.set(below(4) == 0 ? 0 : below(100));
+    }
+    constexpr std::array jumps = {-4000, -130, -119, -60, -10, 119, 120, 1000};
+    clock_now += below(100) == 0 ? jumps[static_cast<size_t>(below(jumps.size()))] : below(5) == 0 ? 1 : 0;
+    pause(50);
+  }
+}
+
+bool soak(int seconds) {
+  const scratch dir;
+  const std::string path = dir.path("");
+  addresses lo;
+  usage first, last;
+  {
+    library lib;
+    std::vector<hand> hands;
+    hands.reserve(crew);
+    for (int i = 0; i < crew; ++i) hands.emplace_back(lib, path, i, instances / crew);
+    const auto round = [&](int length) {
+      over = false;
+      std::vector<std::thread> threads;
+      threads.reserve(crew);
+      for (hand& h : hands) threads.emplace_back([&h] { h.work(); });
+      stir(lo, length);
+      over = true;
+      for (std::thread& t : threads) t.join();
+      for (hand& h : hands) h.finish();
+      return measure();
+    };
+    first = round(5);  // after which stacks, heaps and pools have their size
+    last = round(seconds);
+  }
+  std::fputc('\n', stderr);
+  std::printf("records checked %ld, lost %ld, wrong %ld, not due %ld; polls %ld; most instances running %d\n",
+              checked.load(), lost.load(), wrong.load(), surplus.load(), polls.load(), most_running.load());
+  print("all stopped, first time", first);
+  print("all stopped, at the end", last);
+  const bool alike = last.descriptors == first.descriptors && last.threads == first.threads;
+  return alike && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
+}
+
+/// Loads, uses and unloads the library; instances left registered go with it.
+bool reload(int times) {
+  const scratch dir;
+  const std::string file = dir.file("hostname = h1\n");
+  const auto load = [&](int n) {
+    for (int i = 0; i < n; ++i) {
+      library lib;
+      instance x;
+      const auto create = [&] {
+        return lib.create("soak", file.c_str(), on_log, &x, on_aux, nullptr, on_data, &x, nullptr, nullptr);
+      };
+      const int one = create(), two = create();
+      if (one != 0 || two != 1) throw std::runtime_error("a fresh library does not count from 0");
+    }
+    return measure();
+  };
+  const usage first = load(times / 100 + 1), last = load(times);
+  print("after the first loads", first);
+  print("after all the loads", last);
+  std::printf("library loaded and unloaded %d times\n", times);
+  const bool flat = last.mappings == first.mappings && last.descriptors == first.descriptors;
+  return flat && !library::is_loaded() && last.resident_kb <= first.resident_kb + 256;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const int seconds = argc > 1 ? std::atoi(argv[1]) : 60, loads = argc > 2 ? std::atoi(argv[2]) : 10'000;
+  if (seconds < 1 || loads < 0) {
+    std::fprintf(stderr, "usage: soak [SECONDS [LOADS]]\n");
+    return 2;
+  }
+  try {
+    const bool loads_flat = reload(loads), records_right = soak(seconds);
+    const bool good = loads_flat && records_right;
+    std::printf("%s\n", good ? "soak: good" : "soak: FAILED");
+    return good ? 0 : 1;
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "soak: %s\n", e.what());
+    return 1;
+  }
+}

@@ -47,7 +47,7 @@ struct lock_event {
 thread_local std::vector<lock_event>* lock_events = nullptr;
 
 void note(char what, volatile void* lock) {
-  if (lock_events) lock_events->push_back({what, const_cast<void*>(lock), fake_pages::live().size()});
+  if (lock_events) lock_events->push_back({what, const_cast<void*>(lock), pools::live().size()});
 }
 
 }  // namespace
@@ -186,7 +186,7 @@ TEST_F(startup, leaves_a_self_heap_of_one_chunk_that_holds_thirty_pools_and_thre
 
 TEST_F(startup, maps_the_self_heap_and_the_first_chunks_of_the_three_smallest_classes_only) {
   std::vector<size_t> lengths;
-  for (const auto& [at, length] : fake_pages::live()) lengths.push_back(length);
+  for (const auto& [at, length] : pools::live()) lengths.push_back(length);
   std::sort(lengths.begin(), lengths.end());
   EXPECT_EQ(lengths, (std::vector<size_t>{36864, 40960, 49152, 524288}));
 }
@@ -286,8 +286,8 @@ TEST_F(pages, make_chunks_of_these_lengths) {
     const list c = chunks_of(r.size);
     EXPECT_EQ(read<chunk>(c[0]).length, r.first);
     EXPECT_EQ(read<chunk>(c[1]).length, r.later);
-    EXPECT_EQ(fake_pages::live().at(const_cast<char*>(read<chunk>(c[0]).mapping)), r.first);
-    EXPECT_EQ(fake_pages::live().at(const_cast<char*>(read<chunk>(c[1]).mapping)), r.later);
+    EXPECT_EQ(pools::live().at(const_cast<char*>(read<chunk>(c[0]).mapping)), r.first);
+    EXPECT_EQ(pools::live().at(const_cast<char*>(read<chunk>(c[1]).mapping)), r.later);
   }
 }
 
@@ -377,7 +377,7 @@ TEST_F(layout, puts_length_and_zero_in_front_of_a_large_block) {
   void* p = take(5000000);
   EXPECT_EQ(read<uint64_t>(offset(p, -16)), 5001216U);
   EXPECT_EQ(read<uint64_t>(offset(p, -8)), 0U);
-  EXPECT_EQ(fake_pages::live().at(offset(p, -16)), 5001216U);
+  EXPECT_EQ(pools::live().at(offset(p, -16)), 5001216U);
   ym_free(p);
 }
 
@@ -444,7 +444,7 @@ TEST_F(spin_lock, keeps_threads_out) {
 template <class STEP>
 std::vector<std::string> locks_of(size_t size, STEP step) {
   std::vector<lock_event> events;
-  const size_t before = fake_pages::live().size();
+  const size_t before = pools::live().size();
   lock_events = &events;
   step();
   lock_events = nullptr;
@@ -630,15 +630,15 @@ TEST_F(self_heap, unmaps_a_later_chunk_when_that_becomes_empty) {
   ym::memheap_::operator delete(h.older[0]);
   ym::memheap_::operator delete(h.older[1]);
   void* last = ym::memheap_::operator new(56);  // the older chunk comes first now, with one slot free
-  const size_t live = fake_pages::live().size();
+  const size_t live = pools::live().size();
   pools::give_slots({h.newer.begin() + 1, h.newer.end()});
   EXPECT_EQ(pools::heap_chunks().size(), 2U);
   EXPECT_EQ(self().free, 8191U);
   ym::memheap_::operator delete(h.newer[0]);
   EXPECT_EQ(pools::heap_chunks(), (list{c[1]}));
   EXPECT_EQ(self().free, 1U);
-  EXPECT_EQ(fake_pages::live().size(), live - 1);
-  EXPECT_EQ(fake_pages::live().count(const_cast<char*>(c[0])), 0U);
+  EXPECT_EQ(pools::live().size(), live - 1);
+  EXPECT_EQ(pools::live().count(const_cast<char*>(c[0])), 0U);
   ym::memheap_::operator delete(last);
 }
 
@@ -658,14 +658,14 @@ TEST_F(self_heap, unmaps_a_chunk_by_the_length_it_was_mapped_with) {
   fake_pages::page_size(1048576);
   void* p = ym::memheap_::operator new(56);
   char* mapping = const_cast<char*>(self().chunks);
-  ASSERT_EQ(fake_pages::live().at(mapping), 1048576U);
+  ASSERT_EQ(pools::live().at(mapping), 1048576U);
   const auto rest = pools::take_slots(0);
   fake_pages::page_size(4096);
   pools::give_slots({older[0], older[1]});
   ASSERT_EQ(ym::memheap_::operator new(56), older[1]);
   pools::give_slots(rest);
   ym::memheap_::operator delete(p);
-  EXPECT_EQ(fake_pages::live().count(mapping), 0U);
+  EXPECT_EQ(pools::live().count(mapping), 0U);
 }
 
 TEST_F(self_heap, yields_null_when_its_count_promises_a_slot_that_no_chunk_has) {
@@ -917,7 +917,7 @@ TEST_F(sweep, unmaps_the_chunk_and_gives_its_descriptor_back) {
   ym_free(b[0][0]);
   give(b[2]);
   EXPECT_EQ(self().free, slots_free + 1);
-  EXPECT_EQ(fake_pages::live().count(const_cast<char*>(c.mapping)), 0U);
+  EXPECT_EQ(pools::live().count(const_cast<char*>(c.mapping)), 0U);
   const list left = made_order({b[0], b[3], b[1]});
   EXPECT_EQ(chunks_of(pair_class.size), left);
 }
@@ -1002,7 +1002,7 @@ TEST_F(sweep, unmaps_a_chunk_by_the_length_it_was_mapped_with) {
   give(b[0]);
   give(b[1]);
   EXPECT_EQ(counts_of(pair_class.size).chunks, 3);
-  EXPECT_EQ(fake_pages::live().size(), 4U + 3U);
+  EXPECT_EQ(pools::live().size(), 4U + 3U);
 }
 
 // ---------------------------------------------------------------- large blocks
@@ -1023,12 +1023,12 @@ TEST_F(large_block, is_a_mapping_of_its_own_with_16_bytes_in_front) {
     size_t got = untouched;
     void* p = get_ym_allocator()->malloc_(r.n, &got);
     EXPECT_EQ(got, r.granted);
-    EXPECT_EQ(fake_pages::live().at(offset(p, -16)), r.length);
+    EXPECT_EQ(pools::live().at(offset(p, -16)), r.length);
     EXPECT_EQ(read<uint64_t>(offset(p, -16)), r.length);
     EXPECT_EQ(read<uint64_t>(offset(p, -8)), 0U);
     EXPECT_EQ(ym::allocator::usable_(p), r.granted);
     ym_free(p);
-    EXPECT_EQ(fake_pages::live().count(offset(p, -16)), 0U);
+    EXPECT_EQ(pools::live().count(offset(p, -16)), 0U);
   }
 }
 
@@ -1062,7 +1062,7 @@ TEST_F(large_block, is_unmapped_by_the_length_it_was_mapped_with) {
   void* p = take(4194305);
   fake_pages::page_size(65536);
   ym_free(p);
-  EXPECT_EQ(fake_pages::live().count(offset(p, -16)), 0U);
+  EXPECT_EQ(pools::live().count(offset(p, -16)), 0U);
 }
 
 // ---------------------------------------------------------------- refused mappings
@@ -1072,7 +1072,7 @@ TEST_F(refusal, of_the_self_heaps_first_chunk_is_made_up_for_at_the_first_pool) 
   EXPECT_EQ(pools::all().classes, 30);
   EXPECT_EQ(pools::heap_chunks().size(), 1U);
   EXPECT_EQ(self().free, 8191U - 33U);
-  EXPECT_EQ(fake_pages::live().size(), 4U);
+  EXPECT_EQ(pools::live().size(), 4U);
   EXPECT_EQ(pools::granted(16), 16U);
 }
 
@@ -1105,7 +1105,7 @@ TEST_F(refusal, of_a_ready_chunk_gives_pool_and_descriptor_back_and_destroys_the
         std::count_if(events.begin(), events.end(), [](const lock_event& e) { return e.what == 'd'; });
     EXPECT_EQ(destroyed, 31 + 1);
     EXPECT_EQ(self().free, 8191U - 29U - 2U);
-    EXPECT_EQ(fake_pages::live().size(), 3U);
+    EXPECT_EQ(pools::live().size(), 3U);
   }
 }
 
@@ -1214,7 +1214,7 @@ TEST_F(refusal, of_any_one_mapping_of_a_run_loses_nothing) {
   ASSERT_EQ(mappings, 8);
   give(blocks);
   const uint64_t slots_free = self().free;
-  const size_t live = fake_pages::live().size();
+  const size_t live = pools::live().size();
   for (int i = 1; i <= mappings; ++i) {
     SCOPED_TRACE(i);
     rebuild();
@@ -1225,7 +1225,7 @@ TEST_F(refusal, of_any_one_mapping_of_a_run_loses_nothing) {
     give(blocks);
     EXPECT_TRUE(pools::is_valid());
     EXPECT_EQ(self().free, slots_free);
-    EXPECT_EQ(fake_pages::live().size(), live);
+    EXPECT_EQ(pools::live().size(), live);
     EXPECT_EQ(pools::all().large, 0U);
   }
 }
@@ -1237,7 +1237,7 @@ TEST_F(destruction, releases_every_mapping) {
   for (const class_row& row : class_rows) take(row.size, row.first + 1);
   EXPECT_GT(pools::heap_chunks().size(), 1U);
   g_ym_allocator.~ym_allocator_();
-  EXPECT_TRUE(fake_pages::live().empty());
+  EXPECT_TRUE(pools::live().empty());
   new (&g_ym_allocator) ym_allocator_;
 }
 
@@ -1255,14 +1255,14 @@ TEST_F(destruction, of_the_pools_gives_all_their_bookkeeping_back_to_the_self_he
   get_ym_allocator()->~allocator();
   EXPECT_EQ(self().free, 8191U);
   EXPECT_EQ(read<slots>(self().chunks).free, 8191U);
-  EXPECT_EQ(fake_pages::live().size(), 1U);
+  EXPECT_EQ(pools::live().size(), 1U);
   new (get_ym_allocator()) ym::allocator;
 }
 
 TEST_F(destruction, leaves_large_blocks_alone) {
   void* p = take(4194305);
   g_ym_allocator.~ym_allocator_();
-  EXPECT_EQ(fake_pages::live(), (std::map<void*, size_t>{{offset(p, -16), 4198400}}));
+  EXPECT_EQ(pools::live(), (std::map<void*, size_t>{{offset(p, -16), 4198400}}));
   std::memset(p, 1, 4194305);
   new (&g_ym_allocator) ym_allocator_;
   EXPECT_EQ(pools::all().large, 0U);
@@ -1272,7 +1272,7 @@ TEST_F(destruction, leaves_large_blocks_alone) {
 TEST_F(destruction, of_a_table_that_lacks_a_class_is_as_good) {
   rebuild(4096, 2);
   g_ym_allocator.~ym_allocator_();
-  EXPECT_TRUE(fake_pages::live().empty());
+  EXPECT_TRUE(pools::live().empty());
   new (&g_ym_allocator) ym_allocator_;
 }
 

@@ -22,7 +22,6 @@ struct state {
   int made = 0;
   int refused = 0;  // the number of the mapping to refuse, 0 none, -1 all
   size_t last_length = 0;
-  long page_size = 0;
 };
 
 state& s() {
@@ -30,7 +29,13 @@ state& s() {
   return *one;
 }
 
+long page_told = 0;  // the page size that sysconf tells, 0 the machine's own
+
 thread_local bool inside = false;  // bookkeeping may map pages itself
+
+bool ready = false;
+// Before all initialisers of the program; a sanitizer is set up by then.
+[[gnu::constructor(101)]] void get_ready() { ready = true; }
 
 void* real_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) {
   if (__interceptor_mmap) return __interceptor_mmap(at, length, prot, flags, fd, offset);
@@ -42,9 +47,7 @@ int real_munmap(void* at, size_t length) {
   return static_cast<int>(syscall(SYS_munmap, at, length));
 }
 
-}  // namespace
-
-extern "C" void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) {
   const bool pool_pages = flags == (MAP_PRIVATE | MAP_ANONYMOUS) && prot == (PROT_READ | PROT_WRITE) && !at;
   if (!pool_pages || inside) return real_mmap(at, length, prot, flags, fd, offset);
   const std::lock_guard hold(s().mtx);
@@ -52,13 +55,14 @@ extern "C" void* mmap(void* at, size_t length, int prot, int flags, int fd, off_
   ++s().made;
   if (s().refused == -1 || s().made == s().refused) return nullptr;
   void* p = real_mmap(at, length, prot, flags, fd, offset);
+  if (p == MAP_FAILED) return p;
   inside = true;
   s().live[p] = length;
   inside = false;
   return p;
 }
 
-extern "C" int munmap(void* at, size_t length) noexcept {
+int watched_munmap(void* at, size_t length) {
   if (!inside) {
     const std::lock_guard hold(s().mtx);
     inside = true;
@@ -69,10 +73,27 @@ extern "C" int munmap(void* at, size_t length) noexcept {
   return real_munmap(at, length);
 }
 
-extern "C" long sysconf(int name) noexcept {
-  static auto* real = reinterpret_cast<long (*)(int)>(dlsym(RTLD_NEXT, "sysconf"));
-  if (name == _SC_PAGESIZE && s().page_size != 0) return s().page_size;
-  return real(name);
+}  // namespace
+
+// The thread sanitizer maps pages and asks for their size before it has set itself up. Until then nothing here may be
+// instrumented, intercepted or guarded by it.
+#define BEFORE_SANITIZER [[gnu::no_sanitize("thread")]]
+
+extern "C" BEFORE_SANITIZER void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
+  if (ready) return watched_mmap(at, length, prot, flags, fd, offset);
+  return reinterpret_cast<void*>(syscall(SYS_mmap, at, length, prot, flags, fd, offset));
+}
+
+extern "C" BEFORE_SANITIZER int munmap(void* at, size_t length) noexcept {
+  if (ready) return watched_munmap(at, length);
+  return static_cast<int>(syscall(SYS_munmap, at, length));
+}
+
+extern "C" BEFORE_SANITIZER long sysconf(int name) noexcept {
+  static long (*real)(int) = nullptr;
+  if (!real) real = reinterpret_cast<long (*)(int)>(dlsym(RTLD_NEXT, "sysconf"));
+  const long told = __atomic_load_n(&page_told, __ATOMIC_RELAXED);
+  return name == _SC_PAGESIZE && told != 0 ? told : real(name);
 }
 
 namespace fake_pages {
@@ -97,7 +118,7 @@ void refuse_all() {
   const std::lock_guard hold(s().mtx);
   s().refused = -1;
 }
-void page_size(long bytes) { s().page_size = bytes; }
+void page_size(long bytes) { __atomic_store_n(&page_told, bytes, __ATOMIC_RELAXED); }
 void reset() {
   const std::lock_guard hold(s().mtx);
   s().made = 0;

@@ -124,12 +124,22 @@ inline bool is_valid() {
   return true;
 }
 
+// Mappings that others made, a sanitizer for one; all that were alive when there was no allocator.
+inline std::map<void*, size_t> foreign;
+
+/// The allocator's mappings, address and length.
+inline std::map<void*, size_t> live() {
+  auto mappings = fake_pages::live();
+  for (const auto& [at, length] : foreign) mappings.erase(at);
+  return mappings;
+}
+
 /// All that a refused request must leave as it was.
 struct snapshot {
   heap self = pools::self();
   table all = pools::all();
   std::vector<pools::pool> each;
-  std::map<void*, size_t> live = fake_pages::live();
+  std::map<void*, size_t> live = pools::live();
 
   snapshot() {
     for (int i = 0; i < all.classes; ++i) each.push_back(read<pools::pool>(all.pool[i]));
@@ -140,6 +150,7 @@ struct snapshot {
 /// Destroys the one allocator and builds it again on pages of `page` bytes, mapping number `refused` refused.
 inline void rebuild(long page = 4096, int refused = 0) {
   g_ym_allocator.~ym_allocator_();
+  foreign = fake_pages::live();
   fake_pages::page_size(page);
   fake_pages::reset();
   fake_pages::refuse(refused);

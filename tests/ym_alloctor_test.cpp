@@ -879,6 +879,52 @@ TEST_F(pool, ends_the_process_when_it_counts_a_free_block_that_no_chunk_has) {
   EXPECT_EXIT((claim_free(pair_class.size), take(pair_class.size)), testing::KilledBySignal(SIGABRT), out_of_step);
 }
 
+// Whether the self-check fails while the number at `p` + `at` is `by` more than it is.
+template <class T>
+bool noticed(const char* p, size_t at, T by) {
+  const T was = read<T>(p + at);
+  pools::write(p, at, static_cast<T>(was + by));
+  const bool valid = pools::is_valid();
+  pools::write(p, at, was);
+  return !valid && pools::is_valid();
+}
+
+TEST_F(pool, notices_counts_that_disagree_with_its_chunks) {
+  const auto b = fill_chunks(pair_class, 3);
+  ym_free(b[0][0]);
+  const char* p = pools::pool_at(pair_class.size);
+  const list c = chunks_of(pair_class.size);
+  EXPECT_TRUE(noticed<int32_t>(p, 8, 1)) << "chunks of the pool";
+  EXPECT_TRUE(noticed<int32_t>(p, 8, -1)) << "chunks of the pool";
+  EXPECT_TRUE(noticed<uint32_t>(p, 12, 1)) << "free blocks of the pool";
+  EXPECT_TRUE(noticed<uint32_t>(p, 16, 8)) << "block size of the pool";
+  EXPECT_TRUE(noticed<uint32_t>(p, 20, 1)) << "blocks per chunk";
+  EXPECT_TRUE(noticed<uint32_t>(c[1], 0, 1)) << "free blocks of a chunk";
+  EXPECT_TRUE(noticed<uint32_t>(c[1], 8, 8)) << "block size of a chunk";
+  EXPECT_TRUE(noticed<uint32_t>(c[1], 12, 1)) << "blocks carved of a chunk";
+  EXPECT_TRUE(noticed<uint64_t>(c[1], 40, 8)) << "owner of a chunk";
+}
+
+TEST_F(pool, notices_lists_that_run_in_circles) {
+  const auto b = fill_chunks(pair_class, 3);
+  ym_free(b[0][0]);
+  const list c = chunks_of(pair_class.size);
+  pools::write(c[2], 48, c[1]);
+  EXPECT_FALSE(pools::is_valid());
+  pools::write(c[2], 48, nullptr);
+  pools::write(b[0][0], 0, b[0][0]);
+  EXPECT_FALSE(pools::is_valid());
+  pools::write(b[0][0], 0, nullptr);
+}
+
+TEST_F(self_heap, notices_counts_that_disagree_with_its_chunks) {
+  const char* c = self().chunks;
+  EXPECT_TRUE(noticed<uint64_t>(pools::at(0), 16, 1)) << "free slots of the heap";
+  EXPECT_TRUE(noticed<uint64_t>(c, 16, 1)) << "free slots of a chunk";
+  EXPECT_TRUE(noticed<uint64_t>(c, 24, 1)) << "slots of a chunk";
+  EXPECT_TRUE(noticed<uint64_t>(c, 32, 8191)) << "slots handed out of a chunk";
+}
+
 // ---------------------------------------------------------------- sweep
 
 struct counts {
@@ -1257,6 +1303,25 @@ TEST_F(destruction, of_the_pools_gives_all_their_bookkeeping_back_to_the_self_he
   EXPECT_EQ(read<slots>(self().chunks).free, 8191U);
   EXPECT_EQ(pools::live().size(), 1U);
   new (get_ym_allocator()) ym::allocator;
+}
+
+TEST_F(destruction, of_the_pools_leaves_nothing_in_them_but_the_chain_of_free_slots) {
+  for (const class_row& row : class_rows) take(row.size);
+  const pools::table before = pools::all();
+  get_ym_allocator()->~allocator();
+  for (int i = 0; i < before.classes; ++i) {
+    auto p = read<pools::pool>(before.pool[i]);
+    p.head = nullptr;  // the slot's first word links it to the next free one
+    EXPECT_EQ(p, pools::pool{}) << class_rows[i].size;
+  }
+  new (get_ym_allocator()) ym::allocator;
+}
+
+TEST_F(destruction, of_the_pools_may_come_before_that_of_the_whole) {
+  get_ym_allocator()->~allocator();
+  g_ym_allocator.~ym_allocator_();
+  EXPECT_TRUE(pools::live().empty());
+  new (&g_ym_allocator) ym_allocator_;
 }
 
 TEST_F(destruction, leaves_large_blocks_alone) {

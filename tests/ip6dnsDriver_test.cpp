@@ -365,7 +365,9 @@ TEST_F(driver, a_host_name_with_a_forbidden_character_is_refused_by_one_message)
 
 TEST_F(driver, five_characters_are_forbidden_and_no_other) {
   for (int c = 0; c <= 255; ++c) {
-    const auto one_of = [c](std::string_view those) { return those.find(static_cast<char>(c)) != those.npos; };
+    const auto one_of = [c](std::string_view those) {
+      return those.find(static_cast<char>(c)) != std::string_view::npos;
+    };
     if (one_of("\n\r;#")) continue;  // end the value
     const bool forbidden = one_of("'\"():");
     const std::string hostname = {'a', static_cast<char>(c), 'b'};

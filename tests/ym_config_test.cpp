@@ -38,13 +38,13 @@ thread_local std::vector<std::string> opened;  // modes in which this thread ope
 std::string quoted(std::string_view s) {
   constexpr char digits[] = "0123456789abcdef";
   std::string out = "\"";
-  for (const unsigned char c : s) {
-    const bool prints = c >= 0x20 && c <= 0x7e;
+  for (const char c : s) {
+    const auto byte = static_cast<unsigned char>(c);
     if (c == '"' || c == '\\') out += '\\';
-    if (prints)
-      out += static_cast<char>(c);
+    if (byte >= 0x20 && byte <= 0x7e)
+      out += c;
     else
-      out += {'\\', 'x', digits[c / 16], digits[c % 16]};
+      out += {'\\', 'x', digits[byte / 16], digits[byte % 16]};
   }
   return out + "\"";
 }

@@ -1,0 +1,763 @@
+// The reference host from outside: what it prints, how it ends, what it asks of a plug-in.
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <ifaddrs.h>
+#include <netinet/in.h>
+#include <sys/resource.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+
+#include "driver/dac.h"
+#include "tests/support/process.h"
+
+namespace fs = std::filesystem;
+using nlohmann::json;
+using texts = std::vector<std::string>;
+
+namespace {
+
+texts split(const std::string& text, char separator) {
+  texts parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+texts lines(const std::string& text) { return split(text, '\n'); }
+
+std::string joined(const texts& parts, const std::string& separator) {
+  std::string all;
+  for (const std::string& part : parts) all.append(all.empty() ? "" : separator).append(part);
+  return all;
+}
+
+std::string tabbed(const texts& fields) { return joined(fields, "\t"); }
+
+/// The lines of a run whose third field is `what`, without the time, sorted.
+texts told(const std::string& out, const std::string& what) {
+  texts found;
+  for (const std::string& line : lines(out)) {
+    const size_t instance = line.find('\t') + 1;
+    if (split(line, '\t').at(2) == what) found.push_back(line.substr(instance));
+  }
+  std::sort(found.begin(), found.end());
+  return found;
+}
+
+std::string read_file(const fs::path& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+bool is_published(const in6_addr& a) {
+  const bool compatible = IN6_IS_ADDR_V4COMPAT(&a);
+  return !IN6_IS_ADDR_LOOPBACK(&a) && !IN6_IS_ADDR_MULTICAST(&a) && !IN6_IS_ADDR_LINKLOCAL(&a) &&
+         !IN6_IS_ADDR_SITELOCAL(&a) && !IN6_IS_ADDR_V4MAPPED(&a) && !compatible;
+}
+
+/// What this machine is to publish.
+std::string own_addresses() {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) throw std::runtime_error("getifaddrs");
+  texts all;
+  for (const ifaddrs* i = list; i; i = i->ifa_next) {
+    if (!i->ifa_addr || i->ifa_addr->sa_family != AF_INET6) continue;
+    const in6_addr& a = reinterpret_cast<const sockaddr_in6*>(i->ifa_addr)->sin6_addr;
+    char text[INET6_ADDRSTRLEN] = {};
+    if (is_published(a)) all.emplace_back(inet_ntop(AF_INET6, &a, text, sizeof text));
+  }
+  freeifaddrs(list);
+  return all.empty() ? "null" : joined(all, ",");
+}
+
+/// Lines of a run, as told() has them.
+std::string tag_line(const std::string& instance, const std::string& tag) {
+  return tabbed({instance, "tag", tag, "6", "1", "", "ipv6 address"});
+}
+std::string value_line(const std::string& instance, const std::string& tag) {
+  return tabbed({instance, "value", tag, own_addresses()});
+}
+texts started_and_stopped(const std::string& instance) {
+  return {tabbed({instance, "message", "start wrk_process success."}),
+          tabbed({instance, "message", "stop wrk_process success."})};
+}
+
+texts command_line(const std::string& executable, const texts& args) {
+  texts argv = split(EMULATOR, ' ');
+  argv.push_back(executable);
+  argv.insert(argv.end(), args.begin(), args.end());
+  return argv;
+}
+
+ending dachost_does(const texts& args, const process_settings& s = {}) {
+  return process(command_line(DACHOST, args), s).end();
+}
+
+class dachost : public testing::Test {
+ protected:
+  dachost() {
+    std::string name = testing::TempDir() + "dachost.XXXXXX";
+    if (!mkdtemp(name.data())) throw std::runtime_error(name);
+    _dir = name;
+  }
+  ~dachost() override { fs::remove_all(_dir); }
+
+  std::string path(const std::string& name) const { return _dir / name; }
+
+  /// Writes a file below the test's directory; its path.
+  std::string file(const std::string& name, const std::string& text) const {
+    fs::create_directories(fs::path(path(name)).parent_path());
+    std::ofstream(path(name), std::ios::binary) << text;
+    return path(name);
+  }
+
+  /// dachost with the plug-in that ships.
+  static process start(const texts& args, const process_settings& s = {}) { return start(PLUGIN, args, s); }
+  static ending ask(const texts& args, const process_settings& s = {}) { return start(args, s).end(); }
+
+  /// dachost with the plug-in that writes down what the host calls.
+  process start_fake(const texts& args, const texts& environment = {}) const {
+    process_settings s;
+    s.environment = environment;
+    s.environment.push_back("FAKE_JOURNAL=" + path("journal"));
+    return start(FAKE_PLUGIN, args, s);
+  }
+  ending ask_fake(const texts& args, const texts& environment = {}) const {
+    return start_fake(args, environment).end();
+  }
+  texts journal() const { return lines(read_file(path("journal"))); }
+  bool await_journal(const std::string& line) const {
+    return eventually([&] {
+      const texts all = journal();
+      return std::find(all.begin(), all.end(), line) != all.end();
+    });
+  }
+  texts calls_of(const std::string& entry) const {
+    texts calls = journal();
+    std::erase_if(calls, [&](const std::string& call) { return !call.starts_with(entry + ' '); });
+    return calls;
+  }
+  /// Each of these instances, and no other, was destroyed once, behind its stop.
+  void expect_gone(const texts& instances) const {
+    texts destroyed;
+    for (const std::string& i : instances) destroyed.push_back("destroy " + i);
+    texts calls = calls_of("destroy");
+    std::sort(calls.begin(), calls.end());
+    EXPECT_EQ(calls, destroyed);
+    const texts all = journal();
+    for (const std::string& i : instances)
+      EXPECT_LT(std::find(all.begin(), all.end(), "stop " + i), std::find(all.begin(), all.end(), "destroy " + i)) << i;
+  }
+  /// What the dynamic loader told below "loader", which is removed.
+  std::string take_loader_log() const {
+    std::string log;
+    for (const fs::path& f : files_beginning("loader")) {
+      log += read_file(f);
+      fs::remove(f);
+    }
+    return log;
+  }
+
+  /// A copy of the plug-in in which one entry point is called otherwise.
+  std::string plugin_without(const std::string& entry) const {
+    std::string bytes = read_file(PLUGIN);
+    const std::string name = '\0' + entry + '\0';
+    for (size_t at = bytes.find(name); at != std::string::npos; at = bytes.find(name, at + 1))
+      bytes[at + entry.size()] = '_';
+    return file("without_" + entry + ".so", bytes);
+  }
+
+ private:
+  fs::path _dir;
+
+  std::vector<fs::path> files_beginning(const std::string& prefix) const {
+    std::vector<fs::path> files;
+    for (const fs::path& f : fs::directory_iterator(_dir))
+      if (f.filename().string().starts_with(prefix)) files.push_back(f);
+    return files;
+  }
+  static process start(const char* plugin, texts args, const process_settings& s) {
+    args.insert(args.begin() + 1, {"-p", plugin});
+    return process(command_line(DACHOST, args), s);
+  }
+};
+
+/// While it stands, programs that are started get no threads: the stacks they ask for are larger than memory can be.
+class no_threads {
+ public:
+  no_threads() {
+    getrlimit(RLIMIT_STACK, &_before);
+    const rlimit huge = {rlim_t{1} << 47, _before.rlim_max};
+    if (setrlimit(RLIMIT_STACK, &huge) != 0) throw std::system_error(errno, std::generic_category(), "setrlimit");
+  }
+  ~no_threads() { setrlimit(RLIMIT_STACK, &_before); }
+  no_threads(const no_threads&) = delete;
+  no_threads& operator=(const no_threads&) = delete;
+
+  /// What runs the program may need threads itself.
+  static bool possible() {
+#if defined(__SANITIZE_THREAD__)
+    return false;
+#else
+    return EMULATOR[0] == 0;
+#endif
+  }
+
+ private:
+  rlimit _before{};
+};
+
+void expect_usage_error(const ending& e) {
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(e.out, "");
+  EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+  EXPECT_TRUE(e.err.starts_with("dachost: ")) << e.err;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- the command line
+
+TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
+  const struct row {
+    const char* label;
+    texts args;
+    const char* named;
+  } rows[] = {
+      {"nothing at all", {}, "sub-command"},
+      {"an unknown sub-command", {"publish"}, "publish"},
+      {"an unknown option", {"run", "--loud", "x.conf"}, "--loud"},
+      {"run without a file", {"run"}, "CONFIG"},
+      {"check without a file", {"check"}, "CONFIG"},
+      {"tags without a file", {"tags"}, "CONFIG"},
+      {"info without a file", {"info"}, "CONFIG"},
+      {"an empty file name", {"check", ""}, "CONFIG"},
+      {"an empty plug-in name", {"run", "-p", "", "x.conf"}, "--plugin"},
+      {"a plug-in without a name", {"check", "x.conf", "-p"}, "--plugin"},
+      {"no seconds", {"run", "x.conf", "--for"}, "--for"},
+      {"zero seconds", {"run", "--for", "0", "x.conf"}, "'0'"},
+      {"zero seconds, written long", {"run", "--for", "0.000", "x.conf"}, "'0.000'"},
+      {"less than zero seconds", {"run", "--for", "-3", "x.conf"}, "'-3'"},
+      {"seconds that are a word", {"run", "--for", "soon", "x.conf"}, "'soon'"},
+      {"seconds with a unit", {"run", "--for", "3s", "x.conf"}, "'3s'"},
+      {"empty seconds", {"run", "--for", "", "x.conf"}, "''"},
+      {"endless seconds", {"run", "--for", "inf", "x.conf"}, "'inf'"},
+      {"seconds that are no number", {"run", "--for", "nan", "x.conf"}, "'nan'"},
+      {"more seconds than a clock has", {"run", "--for", "1e300", "x.conf"}, "'1e300'"},
+      {"two ends", {"run", "--once", "--for", "3", "x.conf"}, "--once excludes --for"},
+      {"a flag with a value", {"run", "--once=2", "x.conf"}, "once"},
+      {"json for check", {"check", "--json", "x.conf"}, "--json"},
+      {"a line feed in an argument", {"run", "--for", "1\n2", "x.conf"}, "'1\\x0a2'"},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = dachost_does(r.args);
+    expect_usage_error(e);
+    EXPECT_NE(e.err.find(r.named), std::string::npos) << e.err;
+  }
+}
+
+TEST_F(dachost, help_and_version_go_to_standard_output) {
+  const struct row {
+    texts args;
+    const char* told;
+  } rows[] = {{{"--help"}, "info"},       {{"run", "--help"}, "--once"}, {{"check", "-h"}, "--plugin"},
+              {{"tags", "-h"}, "CONFIG"}, {{"info", "-h"}, "CONFIG"},    {{"--version"}, DAC_VERSION_TEXT}};
+  for (const row& r : rows) {
+    const ending e = dachost_does(r.args);
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(e.err, "");
+    EXPECT_NE(e.out.find(r.told), std::string::npos) << e.out;
+  }
+}
+
+// ---------------------------------------------------------------- the library
+
+TEST_F(dachost, a_library_that_cannot_be_loaded_is_named_in_one_line) {
+  const std::string conf = file("h.conf", "hostname=h");
+  const texts libraries = {path("missing.so"), file("text.so", "no library"), "no-such-name.so"};
+  for (const std::string& library : libraries) {
+    for (const char* command : {"run", "check", "tags", "info"}) {
+      SCOPED_TRACE(library + ' ' + command);
+      const ending e = dachost_does({command, "-p", library, conf});
+      EXPECT_EQ(e.status, 1);
+      EXPECT_EQ(e.out, "");
+      EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+      EXPECT_TRUE(e.err.starts_with("dachost: " + library + ": ")) << e.err;
+    }
+  }
+}
+
+TEST_F(dachost, an_entry_point_that_is_lacking_is_named) {
+  const std::string conf = file("h.conf", "hostname=h");
+  for (const char* entry :
+       {"dac_create", "dac_destroy", "dac_start", "dac_stop", "dac_isrun", "dac_devicewriteobj", "dac_devicewriteval",
+        "dac_getversion", "dac_getalltags", "dac_getalltagsex", "dac_getinfo", "g_verson"}) {
+    SCOPED_TRACE(entry);
+    const std::string library = plugin_without(entry);
+    const ending e = dachost_does({"check", "-p", library, conf});
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.out, "");
+    EXPECT_EQ(e.err, "dachost: " + library + ": lacks the entry point " + entry + "\n");
+  }
+}
+
+TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
+  const std::string conf = file("h.conf", "hostname=h");
+  fs::create_directory(path("bin"));
+  fs::copy(DACHOST, path("bin/dachost"));
+  process_settings s;
+  s.environment = {"LD_LIBRARY_PATH=" + path("loader")};
+  const struct row {
+    const char* place;
+    std::string loaded;
+  } rows[] = {// from the last resort to the first
+              {"loader", "libip6dns.so"},
+              {"lib/dac", path("lib/dac/libip6dns.so")},
+              {"lib/" TRIPLET "/dac", path("lib/" TRIPLET "/dac/libip6dns.so")},
+              {"bin", path("bin/libip6dns.so")}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.place);
+    fs::create_directories(path(r.place));
+    fs::copy(PLUGIN, path(r.place) + "/libip6dns.so");
+    const ending e = process(command_line(path("bin/dachost"), {"run", "--for", "0.001", conf}), s).end();
+    EXPECT_EQ(e.status, 0) << e.err;
+    EXPECT_EQ(told(e.out, "version"), texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", r.loaded})});
+  }
+}
+
+// ---------------------------------------------------------------- check, tags, info
+
+TEST_F(dachost, check_tells_the_host_name_of_each_file) {
+  const std::string a = file("a.conf", "hostname = a.example ; comment\n");
+  const std::string b = file("b.conf", "[any]\nHOSTNAME=my host\n");
+  const ending e = ask({"check", a, b});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.out, a + ": ok, host name a.example\n" + b + ": ok, host name my host\n");
+  EXPECT_EQ(e.err, "");
+}
+
+TEST_F(dachost, check_takes_the_sample_configuration) {
+  const std::string sample = SOURCE_DIR "/packaging/ip6dns.conf";
+  const ending e = ask({"check", sample});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.out, sample + ": ok, host name gateway.example\n");
+}
+
+TEST_F(dachost, check_prints_the_plugins_own_message_and_goes_on) {
+  const std::string missing = path("missing.conf");
+  const std::string unnamed = file("unnamed.conf", "host=h");
+  const std::string colon = file("colon.conf", "hostname=a:b");
+  const std::string good = file("good.conf", "hostname=h");
+  const ending e = ask({"check", missing, unnamed, colon, good});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.out),
+            (texts{"load ip6dns driver config " + missing + " failed", "not config hostname in " + unnamed,
+                   "hostname contains illegal characters in " + colon, good + ": ok, host name h"}));
+}
+
+TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
+  const std::string mute = file("mute.conf", "refuse");
+  const ending e = ask_fake({"check", mute});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.out, mute + ": refused without a reason\n");
+}
+
+TEST_F(dachost, what_is_asked_of_an_instance_is_asked_of_a_stopped_one_that_is_then_destroyed) {
+  const std::string a = file("a.conf", "");
+  const std::string b = file("b.conf", "");
+  for (const char* command : {"check", "tags", "info"}) {
+    SCOPED_TRACE(command);
+    fs::remove(path("journal"));
+    EXPECT_EQ(ask_fake({command, a, b}).status, 0);
+    texts calls = journal();
+    std::erase_if(calls, [](const std::string& call) { return call.starts_with("stop"); });
+    EXPECT_EQ(calls, (texts{"create a 0", "destroy a 0", "create b 1", "destroy b 1"}));
+  }
+}
+
+TEST_F(dachost, a_file_with_two_brackets_is_one_file_when_it_has_a_directory) {
+  const std::string file_name = file("[a,b]", "hostname=h");
+  EXPECT_EQ(ask({"check", file_name}).out, file_name + ": ok, host name h\n");
+}
+
+TEST_F(dachost, control_characters_are_printed_as_their_codes) {
+  const std::string conf = file("h.conf", "hostname=a\x1b[1mb\tc\x7f\xc3\xa4");
+  EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name a\\x1b[1mb\\x09c\\x7f\xc3\xa4\n");
+  EXPECT_EQ(ask({"tags", conf}).out, conf + "\ta\\x1b[1mb\\x09c\\x7f\xc3\xa4\t6\t1\t\tipv6 address\n");
+}
+
+TEST_F(dachost, tags_lists_what_the_plugin_reports) {
+  const std::string a = file("a.conf", "hostname=a.example");
+  const std::string bad = file("bad.conf", "");
+  const std::string b = file("b.conf", "hostname=" + std::string(200, 'b'));
+  const ending e = ask({"tags", a, bad, b});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.out), (texts{a + "\ta.example\t6\t1\t\tipv6 address",
+                                 b + '\t' + std::string(200, 'b') + "\t6\t1\t\tipv6 address"}));
+  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + '\n');
+}
+
+TEST_F(dachost, info_prints_the_status_document_whole) {
+  const std::string a = file("a.conf", "hostname=a.example/x");
+  const std::string bad = file("bad.conf", "");
+  const std::string b = file("b.conf", "hostname=" + std::string(5000, 'b'));
+  const ending e = ask({"info", a, bad, b});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.out), (texts{R"({"status":"stop","host":"a.example\/x"})",
+                                 R"({"status":"stop","host":")" + std::string(5000, 'b') + R"("})"}));
+  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + '\n');
+}
+
+// ---------------------------------------------------------------- run: what is printed
+
+TEST_F(dachost, run_prints_version_tags_messages_and_values) {
+  const ending e = ask({"run", "--once", file("gw.conf", "hostname=gw.example")});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  texts out = lines(e.out);
+  for (std::string& line : out) line.erase(0, line.find('\t') + 1);
+  const texts messages = started_and_stopped("gw");
+  EXPECT_EQ(out, (texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", PLUGIN}), tag_line("gw", "gw.example"),
+                        messages[0], value_line("gw", "gw.example"), messages[1]}));
+}
+
+TEST_F(dachost, every_line_begins_with_the_time) {
+  const auto now = [] { return std::chrono::system_clock::now(); };
+  const auto before = std::chrono::floor<std::chrono::seconds>(now());
+  const ending e = ask({"run", "--once", file("gw.conf", "hostname=gw.example")});
+  for (const std::string& line : lines(e.out)) {
+    tm utc{};
+    int ms = -1, n = 0;
+    const std::string time = split(line, '\t')[0];
+    const char* rest = strptime(time.c_str(), "%Y-%m-%dT%H:%M:%S", &utc);
+    ASSERT_TRUE(rest) << line;
+    EXPECT_EQ(std::sscanf(rest, ".%3dZ%n", &ms, &n), 1) << line;
+    EXPECT_EQ(rest[n], 0) << line;
+    EXPECT_GE(std::chrono::system_clock::from_time_t(timegm(&utc)), before) << line;
+    EXPECT_LE(std::chrono::system_clock::from_time_t(timegm(&utc)) + std::chrono::milliseconds(ms), now()) << line;
+  }
+}
+
+TEST_F(dachost, once_waits_for_the_value_of_every_instance) {
+  texts args = {"run", "--once"};
+  texts expected;
+  for (int i = 10; i < 30; ++i) {
+    const std::string n = std::to_string(i);
+    args.push_back(file("i" + n + ".conf", "hostname=h" + n));
+    expected.push_back(value_line("i" + n, "h" + n));
+  }
+  const ending e = ask(args);
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(told(e.out, "value"), expected);
+}
+
+TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
+  const std::string conf = file("gw.conf", "hostname=h");
+  const ending early = ask({"run", "--for", "0.001", conf});
+  EXPECT_EQ(early.status, 0);
+  EXPECT_EQ(told(early.out, "message"), started_and_stopped("gw"));
+  process p = start({"run", "--for", "1e9", conf});
+  p.await_out(value_line("gw", "h"));
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end().status, 0);
+}
+
+TEST_F(dachost, json_is_one_object_a_line_and_messages_go_elsewhere) {
+  const ending e = ask({"run", "--once", "--json", file("gw.conf", "hostname=gw.example")});
+  EXPECT_EQ(e.status, 0);
+  json events;
+  for (const std::string& line : lines(e.out)) {
+    events.push_back(json::parse(line));
+    EXPECT_EQ(events.back()["time"].get<std::string>().size(), std::strlen("2026-01-31T12:34:56.789Z"));
+    events.back().erase("time");
+  }
+  EXPECT_EQ(
+      events,
+      (json{{{"event", "version"}, {"version", DAC_VERSION_TEXT}, {"number", 500}, {"plugin", PLUGIN}},
+            {{"event", "tag"},
+             {"instance", "gw"},
+             {"tag", "gw.example"},
+             {"type", 6},
+             {"flag", 1},
+             {"text1", ""},
+             {"text2", "ipv6 address"}},
+            {{"event", "value"}, {"instance", "gw"}, {"tag", "gw.example"}, {"type", 6}, {"value", own_addresses()}}}));
+  EXPECT_EQ(told(e.err, "message"), started_and_stopped("gw"));
+}
+
+TEST_F(dachost, bytes_that_are_no_text_become_replacement_characters_in_json) {
+  const struct row {
+    const char* label;
+    std::string hostname;
+    std::string printed;
+  } rows[] = {{"a byte that begins nothing",
+               "a\xff"
+               "b",
+               "a\xef\xbf\xbd"
+               "b"},
+              {"a character cut off by the record's size", std::string(78, 'x') + "\xc3\xa4",
+               std::string(78, 'x') + "\xef\xbf\xbd"},
+              {"a character of its own", "\xc3\xa4", "\xc3\xa4"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = ask({"run", "--once", "--json", file("gw.conf", "hostname=" + r.hostname)});
+    EXPECT_EQ(e.status, 0) << e.err;
+    EXPECT_EQ(json::parse(lines(e.out).at(2))["tag"], r.printed);
+  }
+}
+
+TEST_F(dachost, texts_that_fill_their_fields_are_printed_up_to_the_last_byte) {
+  const std::string conf = file("odd.conf", "odd records");
+  const std::string name(80, 'n'), first(1000, 'a'), second(1000, 'b');
+  const ending text = ask_fake({"run", "--once", conf});
+  EXPECT_EQ(text.status, 0);
+  EXPECT_EQ(told(text.out, "value"),
+            (texts{tabbed({"odd", "value", name, first}), tabbed({"odd", "value", name, second})}));
+  const texts objects = lines(ask_fake({"run", "--once", "--json", conf}).out);
+  EXPECT_EQ(json::parse(objects.at(2))["value"], first);
+  EXPECT_EQ(json::parse(objects.at(3))["value"], second);
+}
+
+TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_where_that_is_not_enough) {
+  const std::string x = file("x/gw.conf", ""), y = file("y/gw.conf", ""), one = file("one.conf", "");
+  const std::string two = file("two.conf", ""), hidden = file(".hidden", ""), dots = file("a.b.conf", "");
+  const ending e = ask_fake({"run", "--for", "0.001", x, y, one, one, two, hidden, dots});
+  texts names;
+  for (const std::string& line : lines(e.out))
+    if (split(line, '\t')[2] == "tag") names.push_back(split(line, '\t')[1]);
+  EXPECT_EQ(names, (texts{x, y, one, one + "#2", "two", ".hidden", "a.b"}));
+}
+
+// ---------------------------------------------------------------- run: what is refused
+
+TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
+  const std::string a = file("a.conf", "hostname=a"), bad = file("bad.conf", "hostname=");
+  const std::string told_why = "dachost: " + bad + ": not config hostname in " + bad + "; nothing is started\n";
+  const texts failure = {tabbed({"bad", "failure", "not config hostname in " + bad})};
+  const ending text = ask({"run", a, bad});
+  EXPECT_EQ(text.status, 1);
+  EXPECT_EQ(text.err, told_why);
+  EXPECT_EQ(lines(text.out).size(), 2U) << text.out;
+  EXPECT_EQ(told(text.out, "failure"), failure);
+  const ending objects = ask({"run", "--json", a, bad});
+  EXPECT_EQ(objects.status, 1);
+  EXPECT_EQ(lines(objects.out).size(), 1U) << objects.out;
+  EXPECT_TRUE(objects.err.starts_with(told_why)) << objects.err;
+  EXPECT_EQ(told(objects.err.substr(told_why.size()), "failure"), failure);
+}
+
+TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
+  const std::string a = file("a.conf", ""), mute = file("mute.conf", "refuse");
+  const ending e = ask_fake({"run", a, mute});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: " + mute + ": refused without a reason, as one too many is; nothing is started\n");
+  EXPECT_EQ(journal().at(0), "create a 0");
+  EXPECT_EQ(journal().back(), "destroy a 0");
+}
+
+TEST_F(dachost, an_instance_that_gets_no_thread_ends_the_run_in_order) {
+  const std::string a = file("a.conf", ""), b = file("b.conf", "throw it");
+  const ending e = ask_fake({"run", a, b});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: " + b + ": cannot be started: Resource temporarily unavailable\n");
+  expect_gone({"a 0", "b 1"});
+}
+
+TEST_F(dachost, a_worker_that_gets_no_thread_is_told_with_its_file) {
+  if (!no_threads::possible()) GTEST_SKIP() << "the sanitizer or the emulator needs threads";
+  const no_threads here;
+  const std::string a = file("a.conf", "hostname=a");
+  const ending e = ask({"run", a});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: " + a + ": cannot be started: Resource temporarily unavailable\n");
+}
+
+TEST_F(dachost, instances_are_stopped_one_by_one_where_there_are_no_threads_for_more) {
+  if (!no_threads::possible()) GTEST_SKIP() << "the sanitizer or the emulator needs threads";
+  const no_threads here;
+  const ending e = ask_fake({"run", "--for", "0.001", file("a.conf", ""), file("b.conf", ""), file("c.conf", "")});
+  EXPECT_EQ(e.status, 0);
+  expect_gone({"a 0", "b 1", "c 2"});
+}
+
+// ---------------------------------------------------------------- run: signals
+
+TEST_F(dachost, a_stop_signal_stops_destroys_unloads_and_ends_with_status_0) {
+  process_settings s;
+  s.environment = {"LD_DEBUG=files", "LD_DEBUG_OUTPUT=" + path("loader")};
+  for (const int sig : {SIGINT, SIGTERM}) {
+    SCOPED_TRACE(sig);
+    process p = start({"run", file("gw.conf", "hostname=h")}, s);
+    p.await_out("\tvalue\t");
+    p.signal(sig);
+    const ending e = p.end();
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(e.err, "");
+    EXPECT_TRUE(e.out.ends_with("\tgw\tmessage\tstop wrk_process success.\n")) << e.out;
+    EXPECT_NE(take_loader_log().find("file=" PLUGIN " [0];  destroying link map"), std::string::npos);
+  }
+}
+
+TEST_F(dachost, every_instance_is_stopped_before_any_is_destroyed) {
+  process p = start_fake({"run", file("a.conf", ""), file("b.conf", "")});
+  ASSERT_TRUE(await_journal("start b 1"));
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end().status, 0);
+  texts calls = journal();
+  ASSERT_EQ(calls.size(), 10U);
+  std::sort(calls.begin() + 4, calls.begin() + 6);
+  calls.resize(6);
+  EXPECT_EQ(calls, (texts{"create a 0", "create b 1", "start a 0", "start b 1", "stop a 0", "stop b 1"}));
+  expect_gone({"a 0", "b 1"});
+}
+
+TEST_F(dachost, instances_are_stopped_side_by_side) {
+  texts args = {"run", "--for", "0.001"};
+  texts expected;
+  for (int i = 10; i < 50; ++i) {
+    args.push_back(file("i" + std::to_string(i) + ".conf", "wait for 40"));
+    expected.push_back("stop i" + std::to_string(i) + ' ' + std::to_string(i - 10));
+  }
+  EXPECT_EQ(ask_fake(args).status, 0);
+  texts stops = calls_of("stop");
+  std::sort(stops.begin(), stops.end());
+  stops.erase(std::unique(stops.begin(), stops.end()), stops.end());
+  EXPECT_EQ(stops, expected);
+}
+
+TEST_F(dachost, sighup_reads_the_files_again) {
+  const std::string conf = file("gw.conf", "hostname=before");
+  process p = start({"run", conf});
+  p.await_out("\tvalue\tbefore\t");
+  file("gw.conf", "hostname=after");
+  p.signal(SIGHUP);
+  p.await_out("\tvalue\tafter\t");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(told(e.out, "value"), (texts{value_line("gw", "after"), value_line("gw", "before")}));
+  EXPECT_EQ(told(e.out, "tag"), (texts{tag_line("gw", "after"), tag_line("gw", "before")}));
+  EXPECT_EQ(told(e.out, "message").size(), 4U);
+}
+
+TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
+  const std::string conf = file("gw.conf", "hostname=h");
+  process p = start({"run", conf});
+  p.await_out("\tvalue\t");
+  file("gw.conf", "hostname=a:b");
+  p.signal(SIGHUP);
+  p.await_err("\n");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err,
+            "dachost: " + conf + ": hostname contains illegal characters in " + conf + "; the old instance goes on\n");
+  EXPECT_EQ(told(e.out, "tag").size(), 1U);
+  EXPECT_EQ(told(e.out, "message"), started_and_stopped("gw"));
+}
+
+TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
+  const std::string a = file("a.conf", ""), b = file("b.conf", "");
+  process p = start_fake({"run", a, b});
+  ASSERT_TRUE(await_journal("start b 1"));
+  file("b.conf", "refuse for a reason");
+  p.signal(SIGHUP);
+  ASSERT_TRUE(await_journal("start a 2"));
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "dachost: " + b + ": for a reason; the old instance goes on\n");
+  EXPECT_EQ(calls_of("create"), (texts{"create a 0", "create b 1", "create a 2", "create b -1"}));
+  EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2"}));
+  EXPECT_EQ(calls_of("stop").at(0), "stop a 0") << "b is left alone";
+  expect_gone({"a 0", "a 2", "b 1"});
+}
+
+TEST_F(dachost, sighup_replaces_in_turns_where_there_is_no_room_for_all_at_once) {
+  process p = start_fake({"run", file("a.conf", ""), file("b.conf", "")}, {"FAKE_ROOM=3"});
+  ASSERT_TRUE(await_journal("start b 1"));
+  p.signal(SIGHUP);
+  ASSERT_TRUE(await_journal("start b 3"));
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2", "start b 3"}));
+  expect_gone({"a 0", "a 2", "b 1", "b 3"});
+}
+
+TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
+  const std::string a = file("a.conf", ""), b = file("b.conf", "");
+  process p = start_fake({"run", a, b}, {"FAKE_ROOM=2"});
+  ASSERT_TRUE(await_journal("start b 1"));
+  p.signal(SIGHUP);
+  p.await_err(b);
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  const std::string kept = ": refused without a reason, as one too many is; the old instance goes on";
+  EXPECT_EQ(lines(e.err), (texts{"dachost: " + a + kept, "dachost: " + b + kept}));
+  expect_gone({"a 0", "b 1"});
+}
+
+// ---------------------------------------------------------------- run: readers
+
+TEST_F(dachost, output_that_cannot_be_written_is_told_by_the_status) {
+  const std::string conf = file("gw.conf", "hostname=h");
+  const struct row {
+    process_settings output;
+    const char* told;
+  } rows[] = {{{.out_file = "/dev/full"}, "dachost: standard output: No space left on device\n"},
+              {{.out_closed = true}, "dachost: standard output: Bad file descriptor\n"}};
+  for (const row& r : rows) {
+    for (const char* command : {"run", "check", "tags", "info"}) {
+      SCOPED_TRACE(std::string(command) + ' ' + r.told);
+      const ending e = ask({command, conf}, r.output);
+      EXPECT_EQ(e.status, 1);
+      EXPECT_EQ(e.err, r.told);
+    }
+  }
+}
+
+TEST_F(dachost, a_reader_that_goes_away_ends_the_run_at_once) {
+  process p = start({"run", file("gw.conf", "hostname=h")});
+  p.await_out("\tvalue\t");
+  p.close_out();
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+}
+
+TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
+  const std::string conf = file("gw.conf", "flood 4000");
+  for (const char* seconds : {"1000", "0.001"}) {
+    SCOPED_TRACE(seconds);
+    fs::remove(path("journal"));
+    process p = start_fake({"run", "--for", seconds, conf});
+    ASSERT_TRUE(await_journal("start gw 0"));
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.end_unread(), 1);
+    expect_gone({"gw 0"});
+    EXPECT_EQ(p.end().err, "dachost: standard output: Timer expired\n");
+  }
+}
+
+TEST_F(dachost, a_slow_reader_gets_every_line) {
+  process p = start_fake({"run", "--for", "0.001", file("gw.conf", "flood 4000")});
+  ASSERT_TRUE(await_journal("destroy gw 0"));
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  const texts out = lines(e.out);
+  ASSERT_EQ(out.size(), 4002U);
+  for (size_t i = 1; i <= 4000; ++i)
+    EXPECT_TRUE(out[i + 1].ends_with("\tmessage " + std::to_string(i) + " of 4000")) << out[i + 1];
+}

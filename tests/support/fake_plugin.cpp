@@ -1,0 +1,168 @@
+// A plug-in that does what its configuration files say, to show how a host takes it, and writes down what the host
+// calls.
+//
+// A file's lines, each optional:
+//   refuse [TEXT]   dac_create refuses, with the text as its message if there is one
+//   odd records     dac_start publishes two records at once, their texts up to the last byte of the fields
+//   flood N         dac_start logs N messages "message 1 of N" ...
+//   throw           dac_start throws std::system_error
+//   wait for N      dac_stop returns when N instances are being stopped, or have been for 20 seconds in vain
+// Environment: FAKE_JOURNAL, a file that gets a line for every call; FAKE_ROOM, how many instances there can be.
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "driver/dac.h"
+
+namespace {
+
+struct instance {
+  std::string name;
+  std::map<std::string, std::string> orders;  // first word, rest
+  cblog log;
+  void* logparam;
+  cbdata data;
+  void* dataparam;
+};
+
+std::mutex mtx;
+std::map<int, instance> instances;
+int last_handle = -1;
+int stopping = 0;
+
+void write_down(const std::string& line) {
+  const char* file = std::getenv("FAKE_JOURNAL");
+  if (!file) return;
+  const std::lock_guard hold(mtx);
+  std::ofstream(file, std::ios::app) << line + '\n' << std::flush;
+}
+
+std::map<std::string, std::string> read_orders(const char* file) {
+  std::map<std::string, std::string> orders;
+  std::ifstream in(file);
+  for (std::string line; std::getline(in, line);) {
+    const size_t n = std::min(line.find(' '), line.size());
+    orders[line.substr(0, n)] = line.substr(std::min(n + 1, line.size()));
+  }
+  return orders;
+}
+
+size_t room() {
+  const char* text = std::getenv("FAKE_ROOM");
+  return text ? std::stoul(text) : 1024;
+}
+
+bool refuses(const instance& i) {
+  const auto order = i.orders.find("refuse");
+  if (order == i.orders.end()) return false;
+  if (!order->second.empty()) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, order->second.c_str(), 1, i.logparam);
+  return true;
+}
+
+int enter(const instance& i) {
+  if (refuses(i)) return -1;
+  const std::lock_guard hold(mtx);
+  if (instances.size() >= room()) return -1;
+  instances[++last_handle] = i;
+  return last_handle;
+}
+
+instance find(int handle) {
+  const std::lock_guard hold(mtx);
+  return instances.at(handle);
+}
+
+std::string about(int handle) { return find(handle).name + ' ' + std::to_string(handle); }
+
+void publish_odd_records(const instance& i) {
+  dac_tagvalue records[2] = {};
+  for (dac_tagvalue& r : records) {
+    std::memset(r.name, 'n', sizeof r.name);
+    std::memset(r.value, &r == records ? 'a' : 'b', sizeof r.value);
+    r.type = DAC_TYPE_TEXT;
+    r.len = sizeof r.value;
+  }
+  i.data(records, 2, i.dataparam);
+}
+
+void flood(const instance& i, int n) {
+  for (int k = 1; k <= n; ++k)
+    i.log(i.name.c_str(), DAC_LEVEL_OTHER, ("message " + std::to_string(k) + " of " + std::to_string(n)).c_str(), 1,
+          i.logparam);
+}
+
+bool enough_stopping(int n) {
+  const std::lock_guard hold(mtx);
+  return stopping >= n;
+}
+
+bool await_others(int n) {
+  for (int tenths = 0; tenths < 200; ++tenths) {
+    if (enough_stopping(n)) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+  }
+  return false;
+}
+
+}  // namespace
+
+const char* const g_verson = "version of the fake";
+
+int dac_getversion(void) { return 7; }
+
+int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux /*aux1*/, void* /*aux1param*/,
+               cbdata data, void* dataparam, cbaux /*aux2*/, void* /*aux2param*/) {
+  const int handle = enter({name, read_orders(cfgfile), log, logparam, data, dataparam});
+  write_down(std::string("create ") + name + ' ' + std::to_string(handle));
+  return handle;
+}
+
+void dac_destroy(int handle) {
+  write_down("destroy " + about(handle));
+  const std::lock_guard hold(mtx);
+  instances.erase(handle);
+}
+
+int dac_start(int handle) {
+  write_down("start " + about(handle));
+  const instance i = find(handle);
+  if (i.orders.contains("throw"))
+    throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+  if (i.orders.contains("odd")) publish_odd_records(i);
+  if (i.orders.contains("flood")) flood(i, std::stoi(i.orders.at("flood")));
+  return 0;
+}
+
+int dac_stop(int handle) {
+  const instance i = find(handle);
+  {
+    const std::lock_guard hold(mtx);
+    ++stopping;
+  }
+  const bool alone = i.orders.contains("wait") && !await_others(std::stoi(i.orders.at("wait").substr(4)));
+  write_down("stop " + about(handle) + (alone ? " alone" : ""));
+  return 0;
+}
+
+int dac_isrun(int /*handle*/) { return 0; }
+int dac_devicewriteobj(int /*handle*/, ...) { return DAC_WRITE_REFUSED; }
+int dac_devicewriteval(int /*handle*/, ...) { return DAC_WRITE_REFUSED; }
+
+int dac_getalltags(int /*handle*/, cbtag /*callback*/, void* /*param*/) { return 0; }
+
+int dac_getalltagsex(int handle, cbtagex callback, void* param) {
+  callback(find(handle).name.c_str(), DAC_TYPE_TEXT, 1, "first", "second", param);
+  return 0;
+}
+
+int dac_getinfo(int /*handle*/, char* buf, size_t* size) {
+  buf[0] = 0;
+  *size = 0;
+  return 0;
+}

@@ -1,0 +1,67 @@
+// A program that runs beside the test.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+/// How a program ended, and all that it printed.
+struct ending {
+  int status;  // exit status, or the negative number of the signal that ended it
+  std::string out;
+  std::string err;
+};
+
+struct process_settings {
+  std::vector<std::string> environment = {};  // NAME=VALUE, beside the test's own
+  std::string out_file = {};                  // opened as standard output in place of a pipe
+  bool out_closed = false;                    // no standard output at all
+};
+
+/// Its output is read while somebody waits for it here. Every wait ends after 20 seconds with an exception that shows
+/// what was printed until then.
+class process {
+ public:
+  /// Starts the program argv[0], a path or a name on PATH. Throws std::system_error when that fails.
+  explicit process(std::vector<std::string> argv, const process_settings& s = {});
+  /// Kills what still runs.
+  ~process();
+  process(const process&) = delete;
+  process& operator=(const process&) = delete;
+
+  void signal(int sig) const;
+  /// From now on nobody reads the program's standard output.
+  void close_out();
+
+  /// Waits until the text has been printed.
+  void await_out(const std::string& text);
+  void await_err(const std::string& text);
+  /// Waits for the end. Standard output is read only now if no wait has asked for it.
+  ending end();
+  /// Waits for the end and leaves unread what stands in the pipes.
+  int end_unread();
+
+ private:
+  struct stream {
+    int fd = -1;
+    std::string text;
+
+    bool read_some();
+    void close();
+  };
+
+  pid_t _pid = -1;
+  int _status = 0;
+  stream _out;
+  stream _err;
+
+  void await(const std::function<bool()>& condition, const std::string& what);
+  void read_streams();
+  bool has_ended();
+};
+
+/// Polls until the condition holds; false when it does not within 20 seconds.
+bool eventually(const std::function<bool()>& condition);

@@ -198,11 +198,12 @@ TEST(kernel, publishes_null_on_a_machine_with_a_loopback_address_alone) {
 
 TEST(kernel, publishes_the_public_addresses_that_the_kernel_lists) {
   in_a_network_of_its_own([] {
-    const strings addresses = {"2001:db8::10/64", "2001:db8:1::20/64", "fec0::1/64",     "::192.0.2.1/128",
-                               "::0.0.0.2/128",   "fd00::5/64",        "fc00::6/64",     "::ffff:192.0.2.1/128",
-                               "fe80::7/64",      "febf::8/64",        "fe00::1/64",     "fe7f::1/64",
-                               "feff::1/64",      "fdff::1/64",        "::1:0:1/128",    "2001:db8::ffff:1:2/128",
-                               "::fffe:1:2/128",  "::1:ffff:1:2/128",  "64:ff9b::1/128", "0:1::1/128"};
+    const strings addresses = {"2001:db8::10/64",  "2001:db8:1::20/64", "fec0::1/64",    "::192.0.2.1/128",
+                               "::0.0.0.2/128",    "fd00::5/64",        "fc00::6/64",    "::ffff:192.0.2.1/128",
+                               "fe80::7/64",       "febf::8/64",        "fe00::1/64",    "fe7f::1/64",
+                               "feff::1/64",       "fdff::1/64",        "::1:0:1/128",   "2001:db8::ffff:1:2/128",
+                               "::0.1.0.0/128",    "::0.0.1.0/128",     "::1.0.0.0/128", "::fffe:1:2/128",
+                               "::1:ffff:1:2/128", "64:ff9b::1/128",    "0:1::1/128"};
     for (const std::string& a : addresses) ASSERT_TRUE(add(a)) << a;
     ASSERT_EQ(addresses_of_the_kernel(), addresses.size() + 1);
     const auto expected = public_addresses_of_the_kernel();

@@ -129,7 +129,7 @@ TEST_F(worker, first_looks_at_second_10_on_a_clock_that_starts_in_1970) {
 
 TEST_F(worker, gives_every_interface_list_back) {
   start_and_poll();
-  for (int i = 1; i <= 5; ++i) round_at(t0 + 10 * i);
+  for (int s = 10; s <= 50; s += 10) round_at(t0 + s);
   EXPECT_EQ(fake_interfaces::frees(), 6);
   EXPECT_EQ(fake_interfaces::outstanding(), 0);
 }

@@ -378,21 +378,3 @@ TEST_F(refusal, of_pages_for_the_table_ends_the_process) {
   };
   EXPECT_DEATH(host(), assertion);
 }
-
-// ---------------------------------------------------------------- memory given back
-
-TEST_F(refusal, aside_a_stop_gives_back_what_the_start_took) {
-  const std::string path = dir.file("hostname=h1\n");
-  arguments a = rec.args("drv", path.c_str());
-  a.log = nullptr;  // neither callback: they keep what they are told
-  a.data = nullptr;
-  const int h = a.create(lib);
-  const long before = fake_heap::live();
-  ASSERT_EQ(lib.start(h), 0);
-  fake_clock::await_sleepers(1);
-  EXPECT_GE(fake_heap::live() - before, 1);
-  fake_clock::step();
-  fake_clock::free_run();
-  EXPECT_EQ(lib.stop(h), 0);
-  EXPECT_EQ(fake_heap::live(), before);
-}

@@ -11,6 +11,7 @@
 
 #include "driver/dac.h"
 #include "tests/support/fake_clock.h"
+#include "tests/support/fake_heap.h"
 #include "tests/support/fake_interfaces.h"
 #include "tests/support/plugin.h"
 #include "tests/support/plugin_fixture.h"
@@ -403,6 +404,22 @@ TEST_F(worker, publishes_at_its_first_look_in_every_new_instance) {
   start(h);
   fake_clock::step();
   EXPECT_EQ(rec.values(), (strings{address, address}));
+}
+
+TEST_F(worker, gives_the_memory_of_its_start_back_at_its_end) {
+  const std::string path = dir.file("hostname=h1\n");
+  arguments a = rec.args("drv", path.c_str());
+  a.log = nullptr;  // neither callback: they keep what they are told
+  a.data = nullptr;
+  h = a.create(lib);
+  const long before = fake_heap::live();
+  ASSERT_EQ(lib.start(h), 0);
+  fake_clock::await_sleepers(1);
+  EXPECT_GE(fake_heap::live() - before, 1);
+  fake_clock::step();
+  fake_clock::free_run();
+  EXPECT_EQ(lib.stop(h), 0);
+  EXPECT_EQ(fake_heap::live(), before);
 }
 
 TEST_F(worker, ends_behind_a_slow_data_callback) {

@@ -42,7 +42,7 @@ int dac_start(int handle) {
   try {
     d->Start();
   } catch (const std::bad_alloc&) {
-    throw no_memory;
+    throw std::system_error(no_memory);
   }
   return 0;
 }

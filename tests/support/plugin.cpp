@@ -23,9 +23,17 @@ bool library::is_loaded() {
   return false;
 }
 
-library::library() : _lib(dlopen(path(), RTLD_NOW | RTLD_LOCAL)) {
-  if (!_lib) throw std::runtime_error(dlerror());
+namespace {
+
+void* open_library(const char* path) {
+  void* lib = dlopen(path, RTLD_NOW | RTLD_LOCAL);
+  if (!lib) throw std::runtime_error(dlerror());
+  return lib;
 }
+
+}  // namespace
+
+library::library() : _lib(open_library(path())) {}
 
 library::~library() { dlclose(_lib); }
 

@@ -11,8 +11,8 @@
 
 namespace {
 
-constexpr uint32_t sizes[] = {16,    32,    64,    96,    128,   256,   384,    512,    640,    800,
-                              1024,  1424,  2048,  3072,  5120,  8192,  12288,  16384,  20480,  24576,
+constexpr uint32_t sizes[] = {16,    32,    64,    96,     128,    256,    384,    512,     640,     800,
+                              1024,  1424,  2048,  3072,   5120,   8192,   12288,  16384,   20480,   24576,
                               32768, 49152, 65536, 131072, 262144, 409600, 655360, 1048576, 2097152, 4194304};
 
 struct block {
@@ -61,6 +61,8 @@ pool* find_pool(size_t n) {
   return &g_table.pools[low];
 }
 
+}  // namespace
+
 void* limit_take(size_t n) {
   pool* c = find_pool(n);
   pthread_spin_lock(&c->lock);
@@ -79,6 +81,6 @@ void limit_give(void* p) {
   pthread_spin_unlock(&c->lock);
 }
 
-}  // namespace
+size_t limit_class(size_t n) { return find_pool(n)->size; }
 
 heap pool_limit() { return {"limit", limit_take, limit_give}; }

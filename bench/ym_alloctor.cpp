@@ -50,8 +50,9 @@ uint64_t take_and_give(const heap& h, const sizes& requests) {
 void pairs(const std::string& path, const sizes& requests, const std::vector<heap>& rivals) {
   const heap ours = the_pools();
   for (const heap& rival : rivals)
-    versus(path, rival.name, static_cast<int>(requests.size()), [=] { return take_and_give(ours, requests); },
-           [=] { return take_and_give(rival, requests); });
+    versus(
+        path, rival.name, static_cast<int>(requests.size()), [=] { return take_and_give(ours, requests); },
+        [=] { return take_and_give(rival, requests); });
 }
 
 // Any size of class `i`.
@@ -113,8 +114,9 @@ void enter_batches(size_t n, const std::string& label, order o, const std::vecto
   const std::vector<size_t> giving = sequence(o);
   const heap ours = the_pools();
   for (const heap& rival : rivals)
-    versus("pool batch of 1000, " + label, rival.name, batch, [=] { return take_all_and_give_all(ours, n, giving); },
-           [=] { return take_all_and_give_all(rival, n, giving); });
+    versus(
+        "pool batch of 1000, " + label, rival.name, batch, [=] { return take_all_and_give_all(ours, n, giving); },
+        [=] { return take_all_and_give_all(rival, n, giving); });
 }
 
 }  // namespace
@@ -125,7 +127,8 @@ void enter() {
   const std::vector<heap> more = thread_caching();
   rivals.insert(rivals.end(), more.begin(), more.end());
 #endif
-  const std::pair<order, const char*> orders[] = {{order::lifo, "LIFO"}, {order::fifo, "FIFO"}, {order::random, "random"}};
+  const std::pair<order, const char*> orders[] = {
+      {order::lifo, "LIFO"}, {order::fifo, "FIFO"}, {order::random, "random"}};
   for (const size_t n : {64, 1024, 8192})
     for (const auto& [o, name] : orders) enter_batches(n, std::to_string(n) + " " + name, o, rivals);
 #ifndef UNTUNED

@@ -41,8 +41,9 @@ uint64_t write_all(json_writer write, const std::string& value) {
 
 void enter_member(const std::string& what, const std::string& value, const char* name, json_writer rival) {
   if (write_member("host", value) != rival("host", value)) throw std::runtime_error(std::string(name) + " differs");
-  versus("JSON member, " + what, name, documents, [=] { return write_all(write_member, value); },
-         [=] { return write_all(rival, value); });
+  versus(
+      "JSON member, " + what, name, documents, [=] { return write_all(write_member, value); },
+      [=] { return write_all(rival, value); });
 }
 
 void enter_members(const std::string& what, const std::string& value) {

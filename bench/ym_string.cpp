@@ -6,15 +6,20 @@
 #include <memory>
 #include <string>
 
+#include "bench/limit_string.h"
 #include "bench/text.h"
 #include "bench/versus.h"
 
 namespace {
 
+constexpr int assignments = 1000;
+
 const std::string g_text = letters(1 << 20);
 
-uint64_t sample_of(const ym::string_<>& s) { return sample(s.c_str(), s.size()); }
-uint64_t sample_of(const std::string& s) { return sample(s.c_str(), s.size()); }
+template <class STR>
+uint64_t sample_of(const STR& s) {
+  return sample(s.c_str(), s.size());
+}
 
 // A run takes about as long for every `n`.
 int repeats(size_t n) { return static_cast<int>(20'000 / n + 1); }
@@ -44,7 +49,7 @@ uint64_t append_all(size_t block, size_t times) {
 template <class STR>
 uint64_t assign_again(STR& used, const std::string& text) {
   uint64_t sum = 0;
-  for (int i = 0; i < 1000; ++i) {
+  for (int i = 0; i < assignments; ++i) {
     used = text.c_str();
     benchmark::DoNotOptimize(used);
     sum += used.size();
@@ -53,31 +58,41 @@ uint64_t assign_again(STR& used, const std::string& text) {
 }
 
 void enter_push(size_t n) {
-  versus("string push_back to " + std::to_string(n), "std::string", repeats(n), [=] { return push_all<ym::string_<>>(n); },
-         [=] { return push_all<std::string>(n); });
+  const std::string path = "string push_back to " + std::to_string(n);
+  const work ours = [=] { return push_all<ym::string_<>>(n); };
+  versus(path, "std::string", repeats(n), ours, [=] { return push_all<std::string>(n); });
+  versus(path, "limit", repeats(n), ours, [=] { return push_all<limit_string>(n); });
 }
 
-void enter_append(const std::string& label, size_t block, size_t times) {
-  versus("string append " + label, "std::string", repeats(block * times),
-         [=] { return append_all<ym::string_<>>(block, times); },
-         [=] { return append_all<std::string>(block, times); });
+void enter_append(size_t block, size_t times) {
+  const std::string path = "string append " + std::to_string(times) + " x " + std::to_string(block);
+  const int count = repeats(block * times);
+  const work ours = [=] { return append_all<ym::string_<>>(block, times); };
+  versus(path, "std::string", count, ours, [=] { return append_all<std::string>(block, times); });
+  versus(path, "limit", count, ours, [=] { return append_all<limit_string>(block, times); });
+}
+
+// A string that has held a longer text.
+template <class STR>
+work assign_to_used(const std::string& text) {
+  const auto used = std::make_shared<STR>();
+  *used = letters(100).c_str();
+  return [=] { return assign_again(*used, text); };
 }
 
 void enter_assign(size_t n) {
-  const std::string text = letters(n);
-  const auto ours = std::make_shared<ym::string_<>>();
-  const auto theirs = std::make_shared<std::string>();
-  *ours = letters(100).c_str();
-  *theirs = letters(100).c_str();
-  versus("string assign " + std::to_string(n), "std::string", 1000, [=] { return assign_again(*ours, text); },
-         [=] { return assign_again(*theirs, text); });
+  const std::string path = "string assign " + std::to_string(n), text = letters(n);
+  const work ours = assign_to_used<ym::string_<>>(text);
+  versus(path, "std::string", assignments, ours, assign_to_used<std::string>(text));
+  versus(path, "limit", assignments, ours, assign_to_used<limit_string>(text));
 }
 
 }  // namespace
 
 void enter() {
-  for (const size_t n : {1, 7, 10, 15, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10'000, 100'000, 1'000'000}) enter_push(n);
-  enter_append("256 x 16", 16, 256);
-  enter_append("64 x 1024", 1024, 64);
+  for (const size_t n : {1, 7, 10, 15, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10'000, 100'000, 1'000'000})
+    enter_push(n);
+  enter_append(16, 256);
+  enter_append(1024, 64);
   for (const size_t n : {1, 12, 60, 90}) enter_assign(n);
 }

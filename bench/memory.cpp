@@ -1,0 +1,48 @@
+// Memory that the plug-in and its instances take for themselves, each figure from a process of its own.
+#include <cstdio>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "bench/versus.h"
+
+namespace {
+
+constexpr int rounds = 5;
+
+double probe(const std::string& arguments) {
+  const std::string command = PROBE " " + arguments;
+  std::FILE* f = popen(command.c_str(), "r");
+  double bytes;
+  if (!f || std::fscanf(f, "%lf", &bytes) != 1 || pclose(f) != 0) throw std::runtime_error(command + " fails");
+  return bytes;
+}
+
+void compare(const std::string& path, const std::string& ours, const std::string& rival, const std::string& theirs) {
+  std::vector<double> a, b;
+  for (int i = 0; i < rounds; ++i) {
+    a.push_back(probe(ours));
+    b.push_back(probe(theirs));
+  }
+  print_row(path, rival, "B", a, b);
+}
+
+// Against a figure that is given.
+void against(const std::string& path, const std::string& ours, const std::string& what, double figure) {
+  std::vector<double> a;
+  for (int i = 0; i < rounds; ++i) a.push_back(probe(ours));
+  print_row(path, what, "B", a, std::vector<double>(a.size(), figure));
+}
+
+}  // namespace
+
+void enter() {
+  against("memory at load", "load", "32 kB", 32 * 1024);
+  against("memory of a created instance, of 1024", "create 1024", "2 kB", 2 * 1024);
+  for (const char* count : {"1", "4", "16", "64", "256", "1024"})
+    compare(std::string("memory of a running instance, of ") + count, std::string("run ") + count, "bare thread",
+            std::string("bare ") + count);
+  against("memory of a 24-byte block, of 1000000", "blocks pools", "header and class", 40);
+  for (const char* rival : {"glibc tuned", "jemalloc", "mimalloc", "tcmalloc"})
+    compare("memory of a 24-byte block, of 1000000", "blocks pools", rival, std::string("blocks '") + rival + "'");
+}

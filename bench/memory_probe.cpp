@@ -1,0 +1,122 @@
+// A process that does one thing and prints what memory it took, in bytes: the program memory runs it.
+//   memory_probe load | create N | run N | bare N | blocks HEAP
+#include <malloc.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <fstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bench/bare.h"
+#include "bench/heaps.h"
+#include "bench/plugin.h"
+#include "bench/temporary_file.h"
+
+namespace {
+
+// What this process alone pays for: pages that it has written to.
+double private_bytes() {
+  std::ifstream smaps("/proc/self/smaps_rollup");
+  for (std::string word; smaps >> word;) {
+    double kilobytes;
+    if (word == "Private_Dirty:" && smaps >> kilobytes) return kilobytes * 1024;
+  }
+  throw std::runtime_error("/proc/self/smaps_rollup has no Private_Dirty");
+}
+
+template <class F>
+double taken_by(F f) {
+  private_bytes();  // once for its own buffers
+  const double before = private_bytes();
+  f();
+  return private_bytes() - before;
+}
+
+double load() {
+  return taken_by([] { new plugin; });
+}
+
+std::vector<int> make_instances(const plugin& p, int count, cbdata data) {
+  std::vector<int> handles;
+  const temporary_file file("hostname = gateway.example.org\n");
+  for (int i = 0; i < count; ++i) handles.push_back(p.make(file.path(), data));
+  return handles;
+}
+
+double create(int count) {
+  const plugin p;
+  return taken_by([&] { make_instances(p, count, nullptr); }) / count;
+}
+
+std::atomic<int> g_published = 0;
+
+void wait_for(const std::atomic<int>& counter, int goal) {
+  while (counter < goal) std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
+double run(int count) {
+  const plugin p;
+  const double taken = taken_by([&] {
+    for (const int h : make_instances(p, count, [](const dac_tagvalue*, int, void*) { ++g_published; })) p.start(h);
+    wait_for(g_published, count);
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  });
+  return taken / count;
+}
+
+// Under the settings of the C library's heap that loading the plug-in brings.
+double bare(int count) {
+  mallopt(M_ARENA_MAX, 1);
+  mallopt(M_MMAP_THRESHOLD, 1048576);
+  mallopt(M_TRIM_THRESHOLD, 1048576);
+  static volatile int never = 0;
+  const double taken = taken_by([&] {
+    for (int i = 0; i < count; ++i) std::thread([] { bare_loop(never); }).detach();
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  });
+  return taken / count;
+}
+
+double blocks(const std::string& name) {
+  constexpr int count = 1'000'000;
+  std::vector<heap> all = {the_pools(), c_library()};
+  for (const heap& h : thread_caching()) all.push_back(h);
+  for (const heap& h : all) {
+    if (h.name != name) continue;
+    const double taken = taken_by([&] {
+      for (int i = 0; i < count; ++i) std::memset(h.take(24), 1, 24);
+    });
+    return taken / count;
+  }
+  throw std::runtime_error("no heap is called " + name);
+}
+
+double measure(const std::string& what, const char* argument) {
+  if (what == "load") return load();
+  if (what == "create") return create(std::atoi(argument));
+  if (what == "run") return run(std::atoi(argument));
+  if (what == "bare") return bare(std::atoi(argument));
+  if (what == "blocks") return blocks(argument);
+  throw std::runtime_error("what is " + what + "?");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  try {
+    std::printf("%.1f\n", measure(argc > 1 ? argv[1] : "", argc > 2 ? argv[2] : "1"));
+    std::fflush(stdout);
+    _exit(0);  // threads may still run
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "%s: %s\n", argv[0], e.what());
+    return 1;
+  }
+}

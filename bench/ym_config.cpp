@@ -1,0 +1,125 @@
+// Time of the configuration scanner, another thread alive: from opening a file to closing it.
+#include "com/ymlib3/ym_config"
+
+#include <ini.h>
+#include <iniparser/iniparser.h>
+#include <stdio_ext.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <random>
+#include <string>
+
+#include "bench/other_thread.h"
+#include "bench/temporary_file.h"
+#include "bench/text.h"
+#include "bench/versus.h"
+#include "com/ymlib3/ym_string"
+
+namespace {
+
+other_thread g_other;
+
+using ym_string = ym::string_<>;
+
+// What every parser makes of the lines alike: sections, keys, values and comments, some blanks, no line too long.
+std::string configuration(size_t bytes) {
+  std::mt19937 random(seed);
+  std::string text = "# made for measuring\n[first]\n";
+  for (int line = 0; text.size() < bytes; ++line) {
+    const std::string number = std::to_string(line);
+    if (line % 20 == 19) text += "\n[section" + number + "]\n";
+    if (line % 10 == 9) text += "; a comment of the usual length\n";
+    text += "key" + number + " = " + letters(1 + random() % 60) + "\n";
+  }
+  return text;
+}
+
+// A pair leaves its first characters in the sum.
+uint64_t mix(const char* section, const char* key, const char* value) {
+  return static_cast<uint64_t>(section[0]) + 3 * static_cast<uint64_t>(key[0]) + 5 * static_cast<uint64_t>(value[0]);
+}
+
+uint64_t scan(const char* path) {
+  ym::rstream_file file;
+  if (!file.open(path)) return 0;
+  uint64_t sum = 0;
+  const auto call = [&sum](const ym_string& section, const ym_string& key, const ym_string& value) {
+    if (key.size() != 0) sum += mix(section.c_str(), key.c_str(), value.c_str());
+    return 0;
+  };
+  ym::config<ym_string>().scan(&file, call, 0);
+  return sum;
+}
+
+uint64_t scan_inih(const char* path) {
+  uint64_t sum = 0;
+  const ini_handler call = [](void* user, const char* section, const char* key, const char* value) {
+    *static_cast<uint64_t*>(user) += mix(section, key, value);
+    return 1;
+  };
+  ini_parse(path, call, &sum);
+  return sum;
+}
+
+// It keeps all pairs, in lower case and with the section in front of the key; asked for they are as others hand them
+// out.
+uint64_t scan_iniparser(const char* path) {
+  dictionary* d = iniparser_load(path);
+  uint64_t sum = 0;
+  for (int i = 0; i < d->size; ++i) {
+    if (!d->key[i] || !d->val[i]) continue;
+    sum += mix(d->key[i], std::strchr(d->key[i], ':') + 1, d->val[i]);
+  }
+  iniparser_freedict(d);
+  return sum;
+}
+
+// The least: the same calls of the C library, and no byte looked at.
+uint64_t fetch_all(const char* path) {
+  std::FILE* file = std::fopen(path, "rt");
+  __fsetlocking(file, FSETLOCKING_BYCALLER);
+  for (int i = 0; i < 3; ++i) std::fgetc(file);
+  std::fseek(file, 0, SEEK_SET);
+  uint64_t n = 0;
+  while (std::fgetc(file) != EOF) ++n;
+  std::fclose(file);
+  return n;
+}
+
+using parser = uint64_t (*)(const char* path);
+
+work repeat(int times, const std::shared_ptr<temporary_file>& file, parser parse) {
+  return [=] {
+    uint64_t sum = 0;
+    for (int i = 0; i < times; ++i) sum += parse(file->path());
+    return sum;
+  };
+}
+
+void enter_file(const std::string& what, size_t bytes, int times, const char* name, parser rival) {
+  const auto file = std::make_shared<temporary_file>(configuration(bytes));
+  versus("configuration, " + what, name, times, repeat(times, file, scan), repeat(times, file, rival));
+}
+
+// The limit sees no pairs; its bytes stand for them.
+void enter_limit(const std::string& what, size_t bytes, int times) {
+  const auto file = std::make_shared<temporary_file>(configuration(bytes));
+  const uint64_t sum = fetch_all(file->path());
+  if (sum != configuration(bytes).size()) throw std::runtime_error("the limit does not read the whole file");
+  const work ours = repeat(times, file, scan);
+  versus(
+      "configuration, " + what, "limit", times, [=] { return ours() != 0 ? sum * static_cast<unsigned>(times) : 0; },
+      repeat(times, file, fetch_all));
+}
+
+}  // namespace
+
+void enter() {
+  enter_file("10 MB", 10'000'000, 1, "inih", scan_inih);
+  enter_limit("10 MB", 10'000'000, 1);
+  enter_file("10 lines", 320, 10, "inih", scan_inih);
+  enter_file("10 lines", 320, 10, "iniparser", scan_iniparser);
+  enter_limit("10 lines", 320, 10);
+}

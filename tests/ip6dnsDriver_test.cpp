@@ -8,7 +8,6 @@
 #include <cstring>
 #include <memory>
 #include <new>
-#include <ostream>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -18,6 +17,7 @@
 #include "tests/support/blocks.h"
 #include "tests/support/fake_clock.h"
 #include "tests/support/fake_interfaces.h"
+#include "tests/support/log_message.h"
 #include "tests/support/pools.h"
 #include "tests/support/scratch_file.h"
 
@@ -25,19 +25,7 @@ using namespace std::literals;
 
 namespace {
 
-/// One call of the host's log callback.
-struct message {
-  std::string name;
-  int hostlevel;
-  std::string text;
-  int flag;
-  bool operator==(const message&) const = default;
-};
-std::ostream& operator<<(std::ostream& out, const message& m) {
-  return out << m.name << " " << m.hostlevel << " " << m.flag << " " << m.text;
-}
-
-message failure(const std::string& text) { return {"drv", DAC_LEVEL_FAILURE, text, 1}; }
+log_message failure(const std::string& text) { return {"drv", DAC_LEVEL_FAILURE, text, 1}; }
 
 /// An instance of its own for each test, named "drv", on a clock and an interface list of the test's own.
 class driver : public testing::Test {
@@ -45,7 +33,7 @@ class driver : public testing::Test {
   static constexpr int64_t now = 1'700'000'000;
 
   ip6dnsDriver d;
-  std::vector<message> messages;
+  std::vector<log_message> messages;
   std::vector<dac_tagvalue> records;
   std::vector<long> open_during_log;
   char logparam = 0, aux1param = 0, aux2param = 0;
@@ -250,7 +238,7 @@ TEST_F(driver, a_missing_argument_is_refused_without_a_message_and_changes_nothi
     EXPECT_FALSE(d.Create(row.name, row.cfgfile, on_log, this, row.aux, &aux1param, on_data, this, aux2, &aux2param));
     EXPECT_EQ(bytes(0, driver_size), before);
   }
-  EXPECT_EQ(messages, std::vector<message>{});
+  EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
 TEST_F(driver, every_argument_but_name_path_and_first_auxiliary_callback_may_be_null) {
@@ -263,7 +251,7 @@ TEST_F(driver, every_argument_but_name_path_and_first_auxiliary_callback_may_be_
 TEST_F(driver, a_failure_without_a_log_callback_is_silent) {
   EXPECT_FALSE(
       d.Create("drv", "/nonexistent/ip6dns.conf", nullptr, this, aux1, nullptr, nullptr, nullptr, nullptr, nullptr));
-  EXPECT_EQ(messages, std::vector<message>{});
+  EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
 TEST_F(driver, name_and_path_are_copies) {
@@ -312,7 +300,7 @@ TEST_F(driver, takes_its_host_name_from_the_last_hostname_line) {
     SCOPED_TRACE(row.label);
     EXPECT_TRUE(create_from(row.text));
     EXPECT_EQ(text(hostname_at), row.hostname);
-    EXPECT_EQ(messages, std::vector<message>{});
+    EXPECT_EQ(messages, std::vector<log_message>{});
   }
 }
 
@@ -379,7 +367,7 @@ TEST_F(driver, five_characters_are_forbidden_and_no_other) {
 
 TEST_F(driver, a_good_host_name_behind_a_forbidden_one_is_good) {
   EXPECT_TRUE(create_from("hostname=a:b\nhostname=h1\n"));
-  EXPECT_EQ(messages, std::vector<message>{});
+  EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
 TEST_F(driver, a_file_that_cannot_be_opened_is_refused_by_one_message) {
@@ -424,7 +412,7 @@ TEST_F(driver, loading_succeeds_when_the_file_opens_and_fails_without_a_trace_wh
   EXPECT_TRUE(d.loadConfig(other.path().c_str()));
   EXPECT_EQ(bytes(0, driver_size), before);
   EXPECT_EQ(text(hostname_at), "h1");
-  EXPECT_EQ(messages, std::vector<message>{});
+  EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
 // ---------------------------------------------------------------- end

@@ -15,6 +15,7 @@
 
 #include "com/ymlib3/ym_log"
 #include "tests/support/blocks.h"
+#include "tests/support/log_message.h"
 #include "tests/support/pools.h"
 #include "tests/support/threads.h"
 
@@ -27,18 +28,7 @@ thread_local bool refuse_snprintf = false;
 constexpr int longest = 30719;  // characters of a message
 constexpr int prefix = 80;      // of a prefix
 
-/// One call of the host's log callback.
-struct message {
-  std::string name;
-  int hostlevel;
-  std::string text;
-  int flag;
-  bool operator==(const message&) const = default;
-};
-std::ostream& operator<<(std::ostream& out, const message& m) {
-  return out << m.name << " " << m.hostlevel << " " << m.flag << " " << m.text;
-}
-using messages = std::vector<message>;
+using messages = std::vector<log_message>;
 
 /// push's variable arguments as a va_list.
 [[gnu::format(printf, 4, 5)]] int push(ym::ilog& log, int level, const char* tag, const char* fmt, ...) {

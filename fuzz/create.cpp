@@ -1,0 +1,148 @@
+// An instance's whole life, in the built library, from an arbitrary configuration file.
+//   input: the file
+#include <dlfcn.h>
+#include <strings.h>
+
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "driver/dac.h"
+#include "fuzz/config_model.h"
+#include "fuzz/json_model.h"
+#include "fuzz/memory_file.h"
+#include "fuzz/target.h"
+
+namespace {
+
+using fuzz::require;
+
+// ---------------------------------------------------------------- the library
+
+class library {
+  void* _lib = dlopen(PLUGIN, RTLD_NOW | RTLD_LOCAL);
+
+  struct found {
+    void* at;
+    template <class P>
+    operator P() const {
+      return reinterpret_cast<P>(at);
+    }
+  };
+  found find(const char* name) const {
+    void* at = _lib ? dlsym(_lib, name) : nullptr;
+    require(at != nullptr, name);
+    return {at};
+  }
+
+ public:
+  decltype(&dac_create) create = find("dac_create");
+  decltype(&dac_destroy) destroy = find("dac_destroy");
+  decltype(&dac_isrun) isrun = find("dac_isrun");
+  decltype(&dac_stop) stop = find("dac_stop");
+  decltype(&dac_devicewriteobj) devicewriteobj = find("dac_devicewriteobj");
+  decltype(&dac_getalltags) getalltags = find("dac_getalltags");
+  decltype(&dac_getalltagsex) getalltagsex = find("dac_getalltagsex");
+  decltype(&dac_getinfo) getinfo = find("dac_getinfo");
+};
+
+// Loaded before the search begins, which then counts the library's branches too.
+const library lib;
+
+// ---------------------------------------------------------------- the host's side
+
+using journal = std::vector<std::string>;
+
+journal& of(void* param) { return *static_cast<journal*>(param); }
+
+void on_log(const char* name, int hostlevel, const char* text, int flag, void* param) {
+  of(param).push_back(std::string(name) + ' ' + std::to_string(hostlevel) + ' ' + std::to_string(flag) + ' ' + text);
+}
+void on_aux(void* param) { of(param).emplace_back("aux"); }
+void on_data(const dac_tagvalue* /*records*/, int /*count*/, void* param) { of(param).emplace_back("data"); }
+
+void on_tag(const char* name, int type, int flag, void* param) {
+  of(param).push_back(std::to_string(type) + ' ' + std::to_string(flag) + ' ' + name);
+}
+void on_tag_ex(const char* name, int type, int flag, const char* text1, const char* text2, void* param) {
+  on_tag(name, type, flag, param);
+  of(param).push_back(std::string(text1) + '|' + text2);
+}
+
+// ---------------------------------------------------------------- what must come of it
+
+// What the file's last line for it names, in whatever section and however the key is written.
+std::string hostname_in(std::string_view text) {
+  std::string hostname;
+  for (const auto& call : fuzz::config_model(text, ";#", SIZE_MAX).calls)
+    if (call.key.size() == 8 && strncasecmp(call.key.data(), "hostname", 8) == 0) hostname = call.value;
+  return hostname;
+}
+
+std::optional<std::string> refusal(const std::string& hostname) {
+  if (hostname.empty()) return "not config hostname in ";
+  if (hostname.find_first_of("'\"():") != std::string::npos) return "hostname contains illegal characters in ";
+  return {};
+}
+
+// Handles count up, refused instances included, and 1 follows 2048.
+int next_handle() {
+  static int last = -1;
+  last = last == 2048 ? 1 : last + 1;
+  return last;
+}
+
+void check_info(int h, const std::string& doc, size_t room) {
+  std::string buf(doc.size() + 2, '#');
+  size_t n = room;
+  require(lib.getinfo(h, buf.data(), &n) == 0, "a status is always given");
+  require(n == doc.size() - 1, "its size is one less than its length");
+  const std::string expected = room >= doc.size() ? doc + '\0' : std::string(1, '\0');
+  require(buf.compare(0, expected.size(), expected) == 0, "the status is written when its length fits");
+  require(buf.find_first_not_of('#', expected.size()) == std::string::npos, "nothing is written behind it");
+}
+
+void check_tags(int h, const std::string& hostname) {
+  journal tags;
+  require(lib.getalltags(h, on_tag, &tags) == 0 && lib.getalltagsex(h, on_tag_ex, &tags) == 0, "tags are listed");
+  const std::string tag = "6 1 " + hostname.substr(0, hostname.find('\0'));
+  require(tags == journal{tag, tag, "|ipv6 address"}, "there is one tag, named by the host name");
+}
+
+void check_unknown(int h) {
+  journal none;
+  size_t n = 7;
+  require(lib.getinfo(h, nullptr, &n) == -1 && n == 7, "an unknown handle has no status");
+  require(lib.getalltagsex(h, on_tag_ex, &none) == -1 && none.empty(), "an unknown handle has no tags");
+  require(lib.stop(h) == -1 && lib.isrun(h) == 0, "an unknown handle does not run");
+  require(lib.devicewriteobj(h) == -1, "an unknown handle is written to");
+}
+
+void check_life(int h, const std::string& hostname) {
+  require(lib.isrun(h) == 0 && lib.stop(h) == 0, "a new instance does not run");
+  require(lib.devicewriteobj(h) == 4, "writes are refused");
+  check_tags(h, hostname);
+  const std::string doc = R"({"status":"stop")" + fuzz::json_member("host", hostname, false) + '}';
+  for (const size_t room : {size_t{0}, size_t{1}, doc.size() - 1, doc.size(), doc.size() + 1}) check_info(h, doc, room);
+  lib.destroy(h);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  const std::string_view text(reinterpret_cast<const char*>(data), size);
+  const std::string hostname = hostname_in(text);
+  const auto refused = refusal(hostname);
+  const fuzz::memory_file file(text);
+  journal told;
+  const int h = lib.create("drv", file.path().c_str(), on_log, &told, on_aux, &told, on_data, &told, on_aux, &told);
+  const int next = next_handle();
+  require(h == (refused ? -1 : next), "an instance is made when its host name will do");
+  const journal messages = refused ? journal{"drv 2 1 " + *refused + file.path()} : journal{};
+  require(told == messages, "a refusal is told once");
+  if (!refused) check_life(h, hostname);
+  require(told == messages, "a life without a worker is told to nobody");
+  check_unknown(next);
+  return 0;
+}

@@ -1,0 +1,131 @@
+// The handle table, against a map and the rule by which handles are given out.
+//   input: steps, each: what | a number
+#include "com/ymlib3/ym_handle"
+
+#include <climits>
+#include <map>
+
+#include "fuzz/reader.h"
+#include "fuzz/target.h"
+
+namespace {
+
+using fuzz::require;
+
+struct refusal {};
+
+struct object {
+  static inline int alive = 0;
+  static inline bool refused = false;
+
+  object() {
+    if (refused) throw refusal();
+    ++alive;
+  }
+  ~object() { --alive; }
+  object(const object&) = delete;
+  object& operator=(const object&) = delete;
+};
+
+class session {
+ public:
+  void create(bool refuse);
+  void del(int id);
+  void get(int id);
+  void check();
+
+  /// A handle that exists, the one at or behind `id`, if there is any.
+  int existing(int id) const {
+    const auto it = _objects.lower_bound(id);
+    return it == _objects.end() ? id : it->first;
+  }
+
+ private:
+  ym::handle<object> _table;
+  std::map<int, const object*> _objects;
+  int _last = -1;
+
+  // Moves `_last` to the handle that is given out next.
+  void advance() {
+    _last = _last == 2048 ? 1 : _last + 1;
+    while (_objects.contains(_last)) _last = _last == 2048 ? 1 : _last + 1;
+  }
+};
+
+void session::create(bool refuse) {
+  const bool full = _objects.size() == 1024;
+  if (!full) advance();
+  object::refused = refuse;
+  try {
+    const int id = _table.create();
+    require(full ? id == -1 : id == _last && !refuse, "the next free handle is given out while there is room");
+    if (!full) _objects[id] = _table.get(id);
+  } catch (const refusal&) {
+    require(!full && refuse, "what the constructor throws passes on");
+  }
+}
+
+void session::del(int id) {
+  const bool known = _objects.erase(id) != 0;
+  require(_table.del(id) == (known ? 0 : -1), "a handle is removed when it is known");
+  require(object::alive == static_cast<int>(_objects.size()), "its object goes with it");
+  get(id);
+}
+
+void session::get(int id) {
+  const auto it = _objects.find(id);
+  require(_table.get(id) == (it == _objects.end() ? nullptr : it->second), "a handle leads to its own object");
+}
+
+void session::check() {
+  require(_table.is_valid(), "the table is in order");
+  require(object::alive == static_cast<int>(_objects.size()), "each handle has an object");
+}
+
+constexpr int strange[] = {-1, 2049, 5000, INT_MIN, INT_MAX, -2048, 1024, 0, 2048, 3072};
+
+void step(session& s, fuzz::reader& in) {
+  const uint8_t what = in.byte();
+  const auto n = static_cast<int>(in.number(2) % 2049);
+  switch (what % 8) {
+    case 0:
+      s.create(false);
+      break;
+    case 1:
+      s.create(true);
+      break;
+    case 2:
+      for (int i = 0; i < n; ++i) s.create(false);
+      break;
+    case 3:
+      s.del(s.existing(n));
+      break;
+    case 4:
+      for (int i = what; i < n; i += 1 + what / 8) s.del(s.existing(i));
+      break;
+    case 5:
+      s.del(n);
+      break;
+    case 6:
+      s.get(s.existing(n));
+      s.get(n);
+      break;
+    default:
+      s.del(in.pick(strange));
+  }
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::reader in(data, size);
+  {
+    session s;
+    for (int steps = 0; !in.empty() && steps < 64; ++steps) {
+      step(s, in);
+      s.check();
+    }
+  }
+  require(object::alive == 0, "the table takes its objects with it");
+  return 0;
+}

@@ -1,0 +1,312 @@
+// Sequences of requests and releases, of the pools and of the self heap, against a model that knows every slot.
+//   input: steps, each: what | bits | size | its numbers
+#include <cstring>
+#include <deque>
+#include <new>
+#include <vector>
+
+#include "com/ymlib3/ym_alloctor"
+#include "fuzz/pages.h"
+#include "fuzz/pools_model.h"
+#include "fuzz/reader.h"
+#include "fuzz/target.h"
+
+namespace {
+
+using fuzz::require;
+
+constexpr size_t most_bytes = size_t{1} << 29;  // alive at a time
+constexpr size_t most_requests = 20000;
+constexpr size_t own_slots = 33;  // of the self heap: thirty pools, three chunk descriptors
+
+struct block {
+  void* p;
+  size_t granted;
+  size_t pool;  // `classes` for a large block
+  fuzz::pool_model::block at;
+  uint8_t stamp;
+};
+
+struct slot {
+  void* p;
+  fuzz::heap_model::slot at;
+};
+
+const void* word_before(const void* p, size_t n) {
+  const void* word;
+  std::memcpy(&word, static_cast<const char*>(p) - n, sizeof word);
+  return word;
+}
+
+// A block's contents: its stamp in what lies at its ends, for the rest would cost memory only.
+constexpr size_t painted = 64;
+
+void paint(const block& b) {
+  const size_t n = b.granted < painted ? b.granted : painted;
+  std::memset(b.p, b.stamp, n);
+  std::memset(static_cast<char*>(b.p) + b.granted - n, b.stamp, n);
+}
+void check_paint(const block& b) {
+  const size_t n = b.granted < painted ? b.granted : painted;
+  const auto* p = static_cast<const uint8_t*>(b.p);
+  const auto same = [&](uint8_t byte) { return byte == b.stamp; };
+  require(std::all_of(p, p + n, same) && std::all_of(p + b.granted - n, p + b.granted, same), "a block is its owner's");
+}
+
+// ---------------------------------------------------------------- the allocator and its model, side by side
+
+class session {
+ public:
+  session() : _heap(build(), own_slots) {
+    for (const fuzz::size_class& s : fuzz::size_classes) _pools.emplace_back(s);
+    for (size_t i = 0; i < 3; ++i) _pools[i].start_with(pools()._class[i]->_head);
+    require(pools()._classes == 30, "there are thirty classes");
+    for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
+  }
+  ~session() {
+    for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
+    for (const block& b : _blocks) check_paint(b);
+    while (_large != 0) give(large_at());
+    // Blocks of the pools still alive go with their chunks.
+    {
+      const pages::watch watched;
+      g_ym_allocator.~ym_allocator_();
+    }
+    require(pages::live() == 0, "all pages are given back");
+    new (&g_ym_allocator) ym_allocator_;
+  }
+  session(const session&) = delete;
+  session& operator=(const session&) = delete;
+
+  void take(size_t n, bool refuse, bool ask);
+  void take_many(size_t n, size_t times);
+  void give(size_t i);
+  void give_many(size_t first, size_t times, size_t stride);
+  void take_slot(size_t n, bool refuse);
+  void take_slots(size_t n, size_t times);
+  void give_slot(size_t i);
+  void give_slots(size_t first, size_t times, size_t stride);
+  void check(size_t pool) const;
+
+  size_t blocks() const { return _blocks.size(); }
+  size_t slots() const { return _slots.size(); }
+
+ private:
+  fuzz::heap_model _heap;
+  std::vector<fuzz::pool_model> _pools;
+  std::deque<block> _blocks;
+  std::vector<slot> _slots;
+  size_t _large = 0, _bytes = 0, _requests = 0;
+  uint8_t _stamp = 0;
+
+  static ym::allocator& pools() { return *get_ym_allocator(); }
+
+  static uintptr_t build() {
+    g_ym_allocator.~ym_allocator_();
+    pages::forget();
+    const pages::watch watched;
+    new (&g_ym_allocator) ym_allocator_;
+    return reinterpret_cast<uintptr_t>(get_ym_alloctor_self()->_chunks);
+  }
+
+  size_t large_at() const {
+    size_t i = 0;
+    while (_blocks[i].pool != fuzz::classes) ++i;
+    return i;
+  }
+
+  void check_pool(size_t i) const {
+    const auto& pool = *pools()._class[i];
+    require(pool.is_valid(), "the pool is in order");
+    require(static_cast<size_t>(pool._chunks) == _pools[i].chunks(), "the pool has the chunks that the rules give it");
+    require(pool._free == _pools[i].free(), "the pool's free blocks are counted");
+  }
+
+  void take_large(void* p, size_t n, size_t got, bool refused) {
+    if (refused) return require(reinterpret_cast<uintptr_t>(p) == 16, "a refused large block is the address 16");
+    const uintptr_t mapping = reinterpret_cast<uintptr_t>(p) - 16;
+    require(mapping != 0 && mapping == fuzz::whole_pages(mapping), "a large block begins its mapping");
+    require(word_before(p, 8) == nullptr, "in front of a large block stands zero");
+    require(reinterpret_cast<uintptr_t>(word_before(p, 16)) == fuzz::whole_pages(n + 16), "and its mapping's length");
+    ++_large;
+    keep({p, got, fuzz::classes, {}, ++_stamp});
+  }
+
+  void take_pooled(void* p, size_t i, bool refused) {
+    const auto at = _pools[i].take(_heap, refused);
+    require(at.has_value() == (p != nullptr), "null tells that there is no memory");
+    if (!at || !p) return;
+    _pools[i].found(*at, p, word_before(p, 8));
+    keep({p, fuzz::size_classes[i].size, i, *at, ++_stamp});
+  }
+
+  void keep(const block& b) {
+    require(ym::allocator::usable_(b.p) == b.granted, "a block tells its usable size");
+    paint(b);
+    _blocks.push_back(b);
+    _bytes += b.granted;
+  }
+};
+
+void session::take(size_t n, bool refuse, bool ask) {
+  if (_bytes + n > most_bytes || _requests++ >= most_requests) return;
+  constexpr size_t unwritten = 0x5A5A5A5A;
+  size_t got = unwritten;
+  // A pool whose chunk cannot even be described ends the process.
+  const pages::watch watched(refuse && _heap.free() != 0);
+  void* p = pools().malloc_(n, ask ? &got : nullptr);
+  const bool refused = pages::watch::refused() != 0;
+  require(got == (ask && !refused ? fuzz::granted(n) : unwritten), "the granted size is told, of what is granted");
+  const size_t i = fuzz::class_of(n);
+  if (i < fuzz::classes) return take_pooled(p, i, refused);
+  take_large(p, n, fuzz::granted(n), refused);
+}
+
+void session::take_many(size_t n, size_t times) {
+  for (; times != 0; --times) take(n, false, true);
+}
+
+void session::give(size_t i) {
+  const block b = _blocks[i];
+  check_paint(b);
+  _blocks[i] = _blocks.back();
+  _blocks.pop_back();
+  _bytes -= b.granted;
+  {
+    const pages::watch watched;
+    pools().free_(b.p);
+  }
+  if (b.pool == fuzz::classes) {
+    --_large;
+  } else {
+    _pools[b.pool].give(_heap, b.at);
+  }
+}
+
+void session::give_many(size_t first, size_t times, size_t stride) {
+  for (size_t i = first; times != 0 && !_blocks.empty(); --times, i += stride) give(i % _blocks.size());
+}
+
+void session::take_slot(size_t n, bool refuse) {
+  if (_requests++ >= most_requests) return;
+  const pages::watch watched(refuse);
+  void* p = ym::memheap_::operator new(n);
+  const bool refused = pages::watch::refused() != 0;
+  require((p != nullptr) == (n <= 56 && !refused), "a slot holds 56 bytes");
+  if (!p) return;
+  const slot s{p, _heap.take()};
+  fuzz::heap_model::found(s.at, p);
+  std::memset(p, ++_stamp, 56);
+  _slots.push_back(s);
+}
+
+void session::take_slots(size_t n, size_t times) {
+  for (; times != 0; --times) take_slot(n, false);
+}
+
+void session::give_slot(size_t i) {
+  const slot s = _slots[i];
+  _slots[i] = _slots.back();
+  _slots.pop_back();
+  const pages::watch watched;
+  ym::memheap_::operator delete(s.p);
+  _heap.give(s.at);
+}
+
+void session::give_slots(size_t first, size_t times, size_t stride) {
+  for (size_t i = first; times != 0 && !_slots.empty(); --times, i += stride) give_slot(i % _slots.size());
+}
+
+void session::check(size_t pool) const {
+  const self_alloctor& self = *get_ym_alloctor_self();
+  require(self.is_valid(), "the self heap is in order");
+  require(self._free == _heap.free(), "its free slots are counted");
+  if (pool < fuzz::classes) check_pool(pool);
+  require(pools()._large == _large, "large blocks are counted");
+  size_t mappings = _heap.chunks() + _large;
+  for (const fuzz::pool_model& p : _pools) mappings += p.chunks();
+  require(pages::live() == static_cast<int>(mappings), "there are the mappings that the rules make");
+}
+
+// ---------------------------------------------------------------- steps
+
+// A class's size, give or take a few bytes, or any size at all.
+size_t read_size(fuzz::reader& in) {
+  const uint8_t i = in.byte();
+  if (i < 0xE0) return fuzz::size_classes[i % fuzz::classes].size + in.byte() % 16 - 8;
+  return static_cast<size_t>(in.number(3));
+}
+
+// Bursts of requests and releases, all of `n` bytes, as the numbers behind `seed` say: chunks fill and drain in turns.
+void churn(session& s, size_t n, uint32_t seed, size_t bursts) {
+  for (; bursts != 0; --bursts) {
+    const uint32_t x = seed = seed * 1664525 + 1013904223;
+    for (size_t times = x >> 27U; times != 0; --times) {
+      if (x >> 26U & 1U) {
+        s.take(n, false, true);
+      } else if (s.blocks() != 0) {
+        s.give((x / times) % s.blocks());
+      }
+    }
+  }
+}
+void churn_slots(session& s, uint32_t seed, size_t bursts) {
+  for (; bursts != 0; --bursts) {
+    const uint32_t x = seed = seed * 1664525 + 1013904223;
+    for (size_t times = x >> 20U & 0x3FFU; times != 0; --times) {
+      if (x >> 31U) {
+        s.take_slot(56, false);
+      } else if (s.slots() != 0) {
+        s.give_slot((x / times) % s.slots());
+      }
+    }
+  }
+}
+
+/// The pool that it has to do with.
+size_t step(session& s, fuzz::reader& in) {
+  const uint8_t what = in.byte();
+  const uint8_t bits = in.byte();
+  const size_t n = read_size(in);
+  switch (what % 10) {
+    case 0:
+    case 1:
+      s.take(n, (bits & 1U) != 0, (bits & 2U) != 0);
+      break;
+    case 2:
+      s.take_many(n, in.number(2));
+      break;
+    case 3:
+      if (s.blocks() != 0) s.give((n + bits) % s.blocks());
+      break;
+    case 4:
+      s.give_many(n, in.number(2), bits % 16 - size_t{8});  // upwards, downwards, all at one place
+      break;
+    case 5:
+      s.take_slots(n % 64, in.number(2));
+      break;
+    case 6:
+      s.give_slots(n, in.number(2), bits % 16 - size_t{8});
+      break;
+    case 7:
+      churn(s, n, bits, in.byte());
+      break;
+    case 8:
+      churn_slots(s, bits, in.byte());
+      break;
+    default:
+      s.take_slot(n % 64, (bits & 1U) != 0);
+      ym::memheap_::operator delete(&s);  // an address of nobody's
+      ym_free(nullptr);
+  }
+  return fuzz::class_of(n);
+}
+
+}  // namespace
+
+int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::reader in(data, size);
+  session s;
+  for (int steps = 0; !in.empty() && steps < 64; ++steps) s.check(step(s, in));
+  return 0;
+}

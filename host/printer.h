@@ -22,5 +22,7 @@ class printer {
   virtual void log(wall_clock::time_point time, const std::string& instance, const message& m) = 0;
 };
 
-/// All to `out`, save that log messages go to `err` when `out` is to hold JSON alone.
-std::unique_ptr<printer> make_printer(bool json, output& out, output& err);
+/// TIME, instance, what it is, and the rest, separated by tabs.
+std::unique_ptr<printer> make_text_printer(output& out);
+/// One object a line; log messages go to `err`, as text.
+std::unique_ptr<printer> make_json_printer(output& out, output& err);

@@ -38,7 +38,7 @@ class runner {
         _options(o),
         _out(out),
         _err(err),
-        _printer(make_printer(o.json, out, err)),
+        _printer(o.json ? make_json_printer(out, err) : make_text_printer(out)),
         _fleet(p, _queue, o.files),
         _published(o.files.size()) {}
 
@@ -55,7 +55,6 @@ class runner {
  private:
   bool launch();
   void bring_up(const std::vector<size_t>& files);
-  void renew();
   std::vector<size_t> prepare_renewal();
   void complain(size_t i, const std::string& reason, const char* consequence);
 
@@ -114,8 +113,6 @@ void runner::bring_up(const std::vector<size_t>& files) {
   for (const size_t i : files) _fleet.start(i);
 }
 
-void runner::renew() { bring_up(prepare_renewal()); }
-
 // A plug-in without room for one more refuses without a reason. Old and new instances stand side by side, so then
 // those that are prepared take over first and leave their room to the rest.
 std::vector<size_t> runner::prepare_renewal() {
@@ -150,7 +147,7 @@ void runner::turn() {
   wait(_to_renew.empty() ? _end : steady_clock::now());
   answer_signals();
   dispatch();
-  if (!_to_renew.empty() && !_stop) renew();
+  if (!_to_renew.empty() && !_stop) bring_up(prepare_renewal());
 }
 
 void runner::wait(const deadline& end) {

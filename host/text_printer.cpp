@@ -1,21 +1,35 @@
-#include "host/text_printer.h"
-
+// A run for people.
+#include "host/printer.h"
 #include "host/text.h"
 
-void text_printer::version(const plugin& p) {
-  _out.line(
-      tabbed({time_stamp(wall_clock::now()), "-", "version", *p.verson, std::to_string(p.getversion()), p.file()}));
-}
+namespace {
 
-void text_printer::announce(const std::string& instance, const tag& t) {
-  _out.line(tabbed({time_stamp(wall_clock::now()), instance, "tag", t.name, std::to_string(t.type),
-                    std::to_string(t.flag), t.text1, t.text2}));
-}
+class text_printer : public printer {
+ public:
+  explicit text_printer(output& out) : _out(out) {}
 
-void text_printer::value(wall_clock::time_point time, const std::string& instance, const dac_tagvalue& r) {
-  _out.line(tabbed({time_stamp(time), instance, "value", field(r.name), field(r.value)}));
-}
+  void version(const plugin& p) override {
+    _out.line(
+        tabbed({time_stamp(wall_clock::now()), "-", "version", *p.verson, std::to_string(p.getversion()), p.file()}));
+  }
 
-void text_printer::log(wall_clock::time_point time, const std::string& instance, const message& m) {
-  _out.line(tabbed({time_stamp(time), instance, m.level == DAC_LEVEL_FAILURE ? "failure" : "message", m.text}));
-}
+  void announce(const std::string& instance, const tag& t) override {
+    _out.line(tabbed({time_stamp(wall_clock::now()), instance, "tag", t.name, std::to_string(t.type),
+                      std::to_string(t.flag), t.text1, t.text2}));
+  }
+
+  void value(wall_clock::time_point time, const std::string& instance, const dac_tagvalue& r) override {
+    _out.line(tabbed({time_stamp(time), instance, "value", field(r.name), field(r.value)}));
+  }
+
+  void log(wall_clock::time_point time, const std::string& instance, const message& m) override {
+    _out.line(tabbed({time_stamp(time), instance, m.level == DAC_LEVEL_FAILURE ? "failure" : "message", m.text}));
+  }
+
+ private:
+  output& _out;
+};
+
+}  // namespace
+
+std::unique_ptr<printer> make_text_printer(output& out) { return std::make_unique<text_printer>(out); }

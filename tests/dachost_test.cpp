@@ -132,6 +132,29 @@ class dachost : public testing::Test {
   ending ask_fake(const texts& args, const texts& environment = {}) const {
     return start_fake(args, environment).end();
   }
+  /// Runs gw.conf, writes `text` into it when it has published, hangs up, and ends the run when `await` has returned.
+  ending rewrite(const std::string& text, const std::function<void(process&)>& await) const {
+    process p = start({"run", file("gw.conf", "hostname=before")});
+    p.await_out("\tvalue\tbefore\t");
+    file("gw.conf", text);
+    p.signal(SIGHUP);
+    await(p);
+    return terminate(p);
+  }
+  /// Runs a.conf and b.conf with the fake, does `act` when both run, and ends the run.
+  ending run_two(const texts& environment, const std::function<void(process&)>& act) const {
+    process p = start_fake({"run", file("a.conf", ""), file("b.conf", "")}, environment);
+    EXPECT_TRUE(await_journal("start b 1"));
+    act(p);
+    return terminate(p);
+  }
+  static ending terminate(process& p) {
+    p.signal(SIGTERM);
+    ending e = p.end();
+    EXPECT_EQ(e.status, 0);
+    return e;
+  }
+
   texts journal() const { return lines(read_file(path("journal"))); }
   bool await_journal(const std::string& line) const {
     return eventually([&] {
@@ -466,8 +489,7 @@ TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
   EXPECT_EQ(told(early.out, "message"), started_and_stopped("gw"));
   process p = start({"run", "--for", "1e9", conf});
   p.await_out(value_line("gw", "h"));
-  p.signal(SIGTERM);
-  EXPECT_EQ(p.end().status, 0);
+  terminate(p);
 }
 
 TEST_F(dachost, json_is_one_object_a_line_and_messages_go_elsewhere) {
@@ -607,10 +629,7 @@ TEST_F(dachost, a_stop_signal_stops_destroys_unloads_and_ends_with_status_0) {
 }
 
 TEST_F(dachost, every_instance_is_stopped_before_any_is_destroyed) {
-  process p = start_fake({"run", file("a.conf", ""), file("b.conf", "")});
-  ASSERT_TRUE(await_journal("start b 1"));
-  p.signal(SIGTERM);
-  EXPECT_EQ(p.end().status, 0);
+  run_two({}, [](process& /*p*/) {});
   texts calls = journal();
   ASSERT_EQ(calls.size(), 10U);
   std::sort(calls.begin() + 4, calls.begin() + 6);
@@ -634,15 +653,7 @@ TEST_F(dachost, instances_are_stopped_side_by_side) {
 }
 
 TEST_F(dachost, sighup_reads_the_files_again) {
-  const std::string conf = file("gw.conf", "hostname=before");
-  process p = start({"run", conf});
-  p.await_out("\tvalue\tbefore\t");
-  file("gw.conf", "hostname=after");
-  p.signal(SIGHUP);
-  p.await_out("\tvalue\tafter\t");
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 0);
+  const ending e = rewrite("hostname=after", [](process& p) { p.await_out("\tvalue\tafter\t"); });
   EXPECT_EQ(e.err, "");
   EXPECT_EQ(told(e.out, "value"), (texts{value_line("gw", "after"), value_line("gw", "before")}));
   EXPECT_EQ(told(e.out, "tag"), (texts{tag_line("gw", "after"), tag_line("gw", "before")}));
@@ -650,32 +661,21 @@ TEST_F(dachost, sighup_reads_the_files_again) {
 }
 
 TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
-  const std::string conf = file("gw.conf", "hostname=h");
-  process p = start({"run", conf});
-  p.await_out("\tvalue\t");
-  file("gw.conf", "hostname=a:b");
-  p.signal(SIGHUP);
-  p.await_err("\n");
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 0);
+  const ending e = rewrite("hostname=a:b", [](process& p) { p.await_err("\n"); });
+  const std::string conf = path("gw.conf");
   EXPECT_EQ(e.err,
             "dachost: " + conf + ": hostname contains illegal characters in " + conf + "; the old instance goes on\n");
-  EXPECT_EQ(told(e.out, "tag").size(), 1U);
+  EXPECT_EQ(told(e.out, "tag"), texts{tag_line("gw", "before")});
   EXPECT_EQ(told(e.out, "message"), started_and_stopped("gw"));
 }
 
 TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
-  const std::string a = file("a.conf", ""), b = file("b.conf", "");
-  process p = start_fake({"run", a, b});
-  ASSERT_TRUE(await_journal("start b 1"));
-  file("b.conf", "refuse for a reason");
-  p.signal(SIGHUP);
-  ASSERT_TRUE(await_journal("start a 2"));
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(e.err, "dachost: " + b + ": for a reason; the old instance goes on\n");
+  const ending e = run_two({}, [this](process& p) {
+    file("b.conf", "refuse for a reason");
+    p.signal(SIGHUP);
+    ASSERT_TRUE(await_journal("start a 2"));
+  });
+  EXPECT_EQ(e.err, "dachost: " + path("b.conf") + ": for a reason; the old instance goes on\n");
   EXPECT_EQ(calls_of("create"), (texts{"create a 0", "create b 1", "create a 2", "create b -1"}));
   EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2"}));
   EXPECT_EQ(calls_of("stop").at(0), "stop a 0") << "b is left alone";
@@ -683,29 +683,22 @@ TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
 }
 
 TEST_F(dachost, sighup_replaces_in_turns_where_there_is_no_room_for_all_at_once) {
-  process p = start_fake({"run", file("a.conf", ""), file("b.conf", "")}, {"FAKE_ROOM=3"});
-  ASSERT_TRUE(await_journal("start b 1"));
-  p.signal(SIGHUP);
-  ASSERT_TRUE(await_journal("start b 3"));
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 0);
+  const ending e = run_two({"FAKE_ROOM=3"}, [this](process& p) {
+    p.signal(SIGHUP);
+    ASSERT_TRUE(await_journal("start b 3"));
+  });
   EXPECT_EQ(e.err, "");
   EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2", "start b 3"}));
   expect_gone({"a 0", "a 2", "b 1", "b 3"});
 }
 
 TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
-  const std::string a = file("a.conf", ""), b = file("b.conf", "");
-  process p = start_fake({"run", a, b}, {"FAKE_ROOM=2"});
-  ASSERT_TRUE(await_journal("start b 1"));
-  p.signal(SIGHUP);
-  p.await_err(b);
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 0);
+  const ending e = run_two({"FAKE_ROOM=2"}, [this](process& p) {
+    p.signal(SIGHUP);
+    p.await_err(path("b.conf"));
+  });
   const std::string kept = ": refused without a reason, as one too many is; the old instance goes on";
-  EXPECT_EQ(lines(e.err), (texts{"dachost: " + a + kept, "dachost: " + b + kept}));
+  EXPECT_EQ(lines(e.err), (texts{"dachost: " + path("a.conf") + kept, "dachost: " + path("b.conf") + kept}));
   expect_gone({"a 0", "b 1"});
 }
 

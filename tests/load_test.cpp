@@ -87,13 +87,6 @@ class refusal : public plugin_fixture {
     fake_threads::refuse_thread(0);
   }
 
-  std::set<int> known() const {
-    std::set<int> handles;
-    for (int h = 0; h <= 2048; ++h)
-      if (lib.devicewriteobj(h) != -1) handles.insert(h);
-    return handles;
-  }
-
   /// The instance starts, publishes and stops like any other.
   void expect_usable(int h) {
     rec.clear();

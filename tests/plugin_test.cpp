@@ -38,15 +38,6 @@ class plugin : public plugin_fixture {
   /// One more instance from the file of the one before.
   int create_another() { return rec.args("drv", dir.path("ip6dns.conf").c_str()).create(lib); }
 
-  bool is_known(int h) const { return lib.devicewriteobj(h) != -1; }
-
-  std::set<int> known() const {
-    std::set<int> handles;
-    for (int h = -1; h <= 2050; ++h)
-      if (is_known(h)) handles.insert(h);
-    return handles;
-  }
-
   // The host name as the tag list gives it, whole.
   std::string hostname(int h) const {
     strings names;

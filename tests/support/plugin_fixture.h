@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,16 @@ class plugin_fixture : public testing::Test {
     join();
     fake_clock::stepping();
     fake_clock::await_sleepers(running());
+  }
+
+  bool is_known(int h) const { return lib.devicewriteobj(h) != -1; }
+
+  /// The handles of all instances.
+  std::set<int> known() const {
+    std::set<int> handles;
+    for (int h = -1; h <= 2050; ++h)
+      if (is_known(h)) handles.insert(h);
+    return handles;
   }
 
   std::string info(int h) const {

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <initializer_list>
 #include <numeric>
 #include <random>
 #include <stdexcept>
@@ -1238,7 +1239,8 @@ TEST_F(refusal, told_by_map_failed_is_taken_for_an_address) { EXPECT_DEATH(take(
 // Blocks over several chunks, sizes and both kinds of mapping; what is refused is asked for once more.
 int run_with_refusals(std::vector<void*>& blocks) {
   int refused = 0;
-  for (const size_t n : {128, 1048576, 128, 1048576, 4194305, 1048576, 20000, 4194305, 1048576, 1048576, 300}) {
+  for (const size_t n : std::initializer_list<size_t>{128, 1048576, 128, 1048576, 4194305, 1048576, 20000, 4194305,
+                                                      1048576, 1048576, 300}) {
     size_t got = 0;
     void* p = get_ym_allocator()->malloc_(n, &got);
     if (got == 0) {

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstddef>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -208,7 +209,7 @@ TEST_F(json, copies_a_value_without_escapes_in_one_piece) {
 }
 
 TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
-  for (const size_t n : {1, 2, 7, 15, 16, 17, 31, 32, 33, 48, 50}) {
+  for (const size_t n : std::initializer_list<size_t>{1, 2, 7, 15, 16, 17, 31, 32, 33, 48, 50}) {
     for (size_t at = 0; at < n; ++at) {
       for (const escape_row& r : escape_rows) {
         std::string value(n, 'v');
@@ -220,7 +221,7 @@ TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
 }
 
 TEST_F(json, takes_no_other_byte_for_an_escape_at_any_place_of_a_value) {
-  for (const size_t n : {1, 15, 17, 33}) {
+  for (const size_t n : std::initializer_list<size_t>{1, 15, 17, 33}) {
     for (size_t at = 0; at < n; ++at) {
       for (int c = at == 0 ? 1 : 0; c < 256; ++c) {
         std::string value(n, 'v');

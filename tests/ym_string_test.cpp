@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <initializer_list>
 #include <random>
 #include <string>
 #include <string_view>
@@ -607,7 +608,7 @@ TEST_F(string, assigned_from_its_own_text_keeps_it) {
   s = "0123456789";
   s = s.c_str();
   EXPECT_STREQ(s.c_str(), "0123456789");
-  s = s.c_str() + 4;
+  s = raw(s) + 4;
   EXPECT_STREQ(s.c_str(), "456789");
 }
 
@@ -820,7 +821,7 @@ TEST_F(string, is_empty_when_there_is_no_memory_for_what_it_is_assigned) {
 // Pieces that need four mappings in all; a piece whose size before and after is the same was dropped.
 std::string written(text& s, int* dropped) {
   std::string model;
-  for (const size_t n : {10, 100, 1000, 20, 60000, 5, 5000000}) {
+  for (const size_t n : std::initializer_list<size_t>{10, 100, 1000, 20, 60000, 5, 5000000}) {
     const std::string piece(n, static_cast<char>('a' + n % 26));
     const size_t before = s.size();
     add(s, piece);

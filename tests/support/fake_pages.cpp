@@ -77,7 +77,7 @@ int watched_munmap(void* at, size_t length) {
 
 // The thread sanitizer maps pages and asks for their size before it has set itself up. Until then nothing here may be
 // instrumented, intercepted or guarded by it.
-#define BEFORE_SANITIZER [[gnu::no_sanitize("thread")]]
+#define BEFORE_SANITIZER __attribute__((no_sanitize("thread")))
 
 extern "C" BEFORE_SANITIZER void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
   if (ready) return watched_mmap(at, length, prot, flags, fd, offset);

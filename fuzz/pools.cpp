@@ -39,7 +39,7 @@ const void* word_before(const void* p, size_t n) {
 }
 
 // A block's contents: its stamp in what lies at its ends, for the rest would cost memory only.
-constexpr size_t painted = 64;
+constexpr size_t painted = 16;
 
 void paint(const block& b) {
   const size_t n = b.granted < painted ? b.granted : painted;

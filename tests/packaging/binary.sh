@@ -42,13 +42,12 @@ for limit in GLIBC:2.34 GLIBCXX:3.4.22 CXXABI:1.3.9 GCC:3.0; do
   [ "$newer" = "${limit#*:}" ] || wrong "${limit%:*}_$found, expected at most ${limit#*:}"
 done
 
-# Kernels there may have pages of 64 KiB: segments so far apart, and the protected part ends with a page.
-if [ "$processor" = aarch64 ]; then
-  if grep -E '^ *LOAD ' "$scratch/segments" | grep -v ' 0x10000$'; then wrong 'a segment is not aligned to 64 KiB'; fi
-  end=$(awk '$1 == "GNU_RELRO" { print "$((" $3 " + " $6 "))" }' "$scratch/segments")
-  eval "end=$end"
-  [ $((end % 65536)) -eq 0 ] || wrong "the read-only data ends at $end, within a page of 64 KiB"
-fi
+# Segments lie at least the kernel's largest page apart, and what becomes read-only ends with such a page.
+page=0x1000
+[ "$processor" != aarch64 ] || page=0x10000
+if grep -E '^ *LOAD ' "$scratch/segments" | grep -v " $page\$"; then wrong "a segment is not aligned to $page"; fi
+end=$(($(awk '$1 == "GNU_RELRO" { print $3 " + " $6 }' "$scratch/segments")))
+[ $((end % page)) -eq 0 ] || wrong "the read-only data ends at $end, within a page of $page"
 
 [ "$bad" -eq 0 ] && echo "$size bytes stripped"
 exit "$bad"

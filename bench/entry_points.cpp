@@ -28,7 +28,7 @@ using document = void (*)(const plugin& p, int handle, char* buf, size_t size);
 void from_plugin(const plugin& p, int handle, char* buf, size_t size) { p.getinfo(handle, buf, &size); }
 
 void from_printf(const plugin& /*p*/, int handle, char* buf, size_t size) {
-  std::snprintf(buf, size, "{\"status\":\"%s\",\"host\":\"%s\"}", handle < 0 ? "running" : "stop", host);
+  std::snprintf(buf, size, R"({"status":"%s","host":"%s"})", handle < 0 ? "running" : "stop", host);
 }
 
 std::string text_of(document write, const plugin& p, int handle) {

@@ -40,7 +40,7 @@ class host_process {
     char line[4096];
     while (count != 0) {
       if (!std::fgets(line, sizeof line, _out)) throw std::runtime_error("dachost ends early");
-      if (std::strstr(line, "\"event\":\"value\"")) --count;
+      if (std::strstr(line, R"("event":"value")")) --count;
     }
     return milliseconds_since(_start);
   }
@@ -84,7 +84,7 @@ void measure(size_t instances, int rounds) {
     last.push_back(host.terminate());
   }
   const std::vector<double> round(first.size(), 100);  // of the worker: 0.1 s
-  const std::string which = ", " + std::to_string(instances) + " instances";
+  const std::string which = instances == 1 ? ", 1 instance" : ", " + std::to_string(instances) + " instances";
   print_row("dachost from start to first value" + which, "one round of the worker", "ms", first, round);
   print_row("dachost from SIGTERM to end" + which, "one round of the worker", "ms", last, round);
 }

@@ -56,6 +56,7 @@ double nanoseconds_of(const threads& all) {
 volatile int g_end = 0;
 
 void start_bare(std::vector<std::jthread>& all, size_t count) {
+  all.reserve(count);
   for (size_t i = 0; i < count; ++i) all.emplace_back([] { bare_loop(g_end); });
 }
 
@@ -74,6 +75,7 @@ void measure(const plugin& p, size_t count, int windows) {
   const temporary_file file("hostname = bench\n");
   std::vector<int> handles;
   std::vector<std::jthread> bare;
+  handles.reserve(count);
   for (size_t i = 0; i < count; ++i) handles.push_back(p.make(file.path()));
   const threads ours = started_by([&] {
     for (const int h : handles) p.start(h);

@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int rounds = 5;
+constexpr size_t rounds = 5;
 
 double probe(const std::string& arguments) {
   const std::string command = PROBE " " + arguments;
@@ -19,19 +19,19 @@ double probe(const std::string& arguments) {
 }
 
 void compare(const std::string& path, const std::string& ours, const std::string& rival, const std::string& theirs) {
-  std::vector<double> a, b;
-  for (int i = 0; i < rounds; ++i) {
-    a.push_back(probe(ours));
-    b.push_back(probe(theirs));
+  std::vector<double> a(rounds), b(rounds);
+  for (size_t i = 0; i < rounds; ++i) {
+    a[i] = probe(ours);
+    b[i] = probe(theirs);
   }
   print_row(path, rival, "B", a, b);
 }
 
 // Against a figure that is given.
 void against(const std::string& path, const std::string& ours, const std::string& what, double figure) {
-  std::vector<double> a;
-  for (int i = 0; i < rounds; ++i) a.push_back(probe(ours));
-  print_row(path, what, "B", a, std::vector<double>(a.size(), figure));
+  std::vector<double> a(rounds);
+  for (double& bytes : a) bytes = probe(ours);
+  print_row(path, what, "B", a, std::vector<double>(rounds, figure));
 }
 
 }  // namespace

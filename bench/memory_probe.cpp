@@ -47,6 +47,7 @@ double load() {
 std::vector<int> make_instances(const plugin& p, int count, cbdata data) {
   std::vector<int> handles;
   const temporary_file file("hostname = gateway.example.org\n");
+  handles.reserve(static_cast<size_t>(count));
   for (int i = 0; i < count; ++i) handles.push_back(p.make(file.path(), data));
   return handles;
 }

@@ -49,10 +49,11 @@ uint64_t take_and_give(const heap& h, const sizes& requests) {
 
 void pairs(const std::string& path, const sizes& requests, const std::vector<heap>& rivals) {
   const heap ours = the_pools();
-  for (const heap& rival : rivals)
+  for (const heap& rival : rivals) {
     versus(
         path, rival.name, static_cast<int>(requests.size()), [=] { return take_and_give(ours, requests); },
         [=] { return take_and_give(rival, requests); });
+  }
 }
 
 // Any size of class `i`.
@@ -113,10 +114,11 @@ uint64_t take_all_and_give_all(const heap& h, size_t n, const std::vector<size_t
 void enter_batches(size_t n, const std::string& label, order o, const std::vector<heap>& rivals) {
   const std::vector<size_t> giving = sequence(o);
   const heap ours = the_pools();
-  for (const heap& rival : rivals)
+  for (const heap& rival : rivals) {
     versus(
         "pool batch of 1000, " + label, rival.name, batch, [=] { return take_all_and_give_all(ours, n, giving); },
         [=] { return take_all_and_give_all(rival, n, giving); });
+  }
 }
 
 }  // namespace

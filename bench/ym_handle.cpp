@@ -27,7 +27,7 @@ class map_handle {
   int create() {
     const std::lock_guard hold(_mtx);
     _lastid = _lastid >= 2048 ? 1 : _lastid + 1;
-    while (_objects.count(_lastid) != 0) _lastid = _lastid >= 2048 ? 1 : _lastid + 1;
+    while (_objects.contains(_lastid)) _lastid = _lastid >= 2048 ? 1 : _lastid + 1;
     _objects.emplace(_lastid, std::make_unique<object>());
     return _lastid;
   }

@@ -47,10 +47,10 @@ uint64_t append_all(size_t block, size_t times) {
 }
 
 template <class STR>
-uint64_t assign_again(STR& used, const std::string& text) {
+uint64_t assign_again(STR& used, const char* text) {
   uint64_t sum = 0;
   for (int i = 0; i < assignments; ++i) {
-    used = text.c_str();
+    used = text;
     benchmark::DoNotOptimize(used);
     sum += used.size();
   }
@@ -76,8 +76,8 @@ void enter_append(size_t block, size_t times) {
 template <class STR>
 work assign_to_used(const std::string& text) {
   const auto used = std::make_shared<STR>();
-  *used = letters(100).c_str();
-  return [=] { return assign_again(*used, text); };
+  assign_again(*used, letters(100).data());
+  return [=] { return assign_again(*used, text.data()); };
 }
 
 void enter_assign(size_t n) {

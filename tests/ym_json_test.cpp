@@ -1,5 +1,5 @@
-// The JSON helpers with every string type they promise to work with: the system's own, the standard one, and one that
-// can do nothing but append.
+// The JSON output functions with every string type they promise to work with: the system's own, the standard one, and
+// one that can do nothing but append.
 #include "com/ymlib3/ym_json"
 
 #include <gtest/gtest.h>

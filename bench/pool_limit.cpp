@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <new>
 
 #include "bench/heaps.h"
 
@@ -26,14 +27,14 @@ struct pool {
   block* free;
 };
 
+// As the allocator's layout is given: a table of pointers to pools that each have a line of the cache for themselves.
 struct pool_table {
-  pool pools[std::size(sizes)];
+  pool* pools[std::size(sizes)];
 
   pool_table() {
     for (size_t i = 0; i < std::size(sizes); ++i) {
-      pools[i].size = sizes[i];
-      pools[i].free = nullptr;
-      pthread_spin_init(&pools[i].lock, PTHREAD_PROCESS_PRIVATE);
+      pools[i] = new (std::align_val_t(64)) pool{sizes[i], {}, nullptr};
+      pthread_spin_init(&pools[i]->lock, PTHREAD_PROCESS_PRIVATE);
     }
   }
 };
@@ -53,12 +54,12 @@ pool* find_pool(size_t n) {
   size_t low = 0, high = std::size(sizes);
   while (low < high) {
     const size_t mid = low + (high - low) / 2;
-    if (n <= g_table.pools[mid].size)
+    if (n <= g_table.pools[mid]->size)
       high = mid;
     else
       low = mid + 1;
   }
-  return &g_table.pools[low];
+  return g_table.pools[low];
 }
 
 }  // namespace

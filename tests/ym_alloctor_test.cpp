@@ -1359,8 +1359,15 @@ size_t some_size(std::mt19937& random) {
   return 4194305;
 }
 
+// Does `work` on eight threads at a time, each with a number of its own.
+template <class WORK>
+void on_eight_threads(WORK work) {
+  std::array<std::thread, 8> running;
+  for (unsigned id = 0; id < running.size(); ++id) running.at(id) = std::thread(work, id);
+  for (std::thread& t : running) t.join();
+}
+
 TEST_F(threads, allocate_and_free_each_others_blocks) {
-  constexpr int workers = 8, rounds = 3000;
   std::array<std::atomic<void*>, 256> market{};
   std::atomic<int> torn = 0;
   const auto retire = [&](void* p) {
@@ -1368,14 +1375,11 @@ TEST_F(threads, allocate_and_free_each_others_blocks) {
     if (!intact(p)) ++torn;
     ym_free(p);
   };
-  const auto work = [&](unsigned id) {
+  on_eight_threads([&](unsigned id) {
     std::mt19937 random(id);
-    for (int i = 0; i < rounds; ++i)
+    for (int i = 0; i < 3000; ++i)
       retire(market.at(random() % market.size()).exchange(stamped(some_size(random), random())));
-  };
-  std::vector<std::thread> running;
-  for (unsigned id = 0; id < workers; ++id) running.emplace_back(work, id);
-  for (std::thread& t : running) t.join();
+  });
   for (auto& place : market) retire(place.load());
   EXPECT_EQ(torn, 0);
   EXPECT_TRUE(pools::is_valid());
@@ -1389,26 +1393,18 @@ TEST_F(threads, allocate_and_free_each_others_blocks) {
 }
 
 TEST_F(threads, count_large_blocks_without_loss) {
-  constexpr size_t workers = 8, each = 100;
-  std::array<std::vector<void*>, workers> kept;
-  std::vector<std::thread> running;
-  for (auto& mine : kept) running.emplace_back([&mine] { mine = take(4194305, each); });
-  for (std::thread& t : running) t.join();
-  EXPECT_EQ(pools::all().large, workers * each);
-  running.clear();
-  for (auto& mine : kept) running.emplace_back([&mine] { give(mine); });
-  for (std::thread& t : running) t.join();
+  constexpr size_t each = 100;
+  std::array<std::vector<void*>, 8> kept;
+  on_eight_threads([&](unsigned id) { kept.at(id) = take(4194305, each); });
+  EXPECT_EQ(pools::all().large, kept.size() * each);
+  on_eight_threads([&](unsigned id) { give(kept.at(id)); });
   EXPECT_EQ(pools::all().large, 0U);
 }
 
 TEST_F(threads, go_through_the_sweep_at_the_same_time) {
-  std::vector<std::thread> running;
-  for (int id = 0; id < 8; ++id) {
-    running.emplace_back([] {
-      for (int i = 0; i < 50; ++i) give(take(pair_class.size, 10));
-    });
-  }
-  for (std::thread& t : running) t.join();
+  on_eight_threads([](unsigned) {
+    for (int i = 0; i < 50; ++i) give(take(pair_class.size, 10));
+  });
   EXPECT_TRUE(pools::is_valid());
   EXPECT_EQ(pool_of(pair_class.size).free, static_cast<uint32_t>(pool_of(pair_class.size).chunks) * 2);
 }

@@ -6,10 +6,5 @@ if(NOT CPACK_PACKAGE_FILES)
 endif()
 
 foreach(package ${CPACK_PACKAGE_FILES})
-  set(members ${package}.members)
-  file(MAKE_DIRECTORY ${members})
-  execute_process(
-    COMMAND sh -c "ar x \"$1\" && rm \"$1\" && ar rcD \"$1\" debian-binary control.tar.gz data.tar.gz" sh ${package}
-    WORKING_DIRECTORY ${members} COMMAND_ERROR_IS_FATAL ANY)
-  file(REMOVE_RECURSE ${members})
+  execute_process(COMMAND ${CMAKE_CURRENT_LIST_DIR}/repack.sh ${package} COMMAND_ERROR_IS_FATAL ANY)
 endforeach()

@@ -16,8 +16,8 @@ FILENAME == ARGV[1] { label[++targets] = $1; pattern[targets] = $2; against[targ
 
 function figure(value, u) {
   if (u == "ns" && value >= 1e6) { value /= 1e6; u = "ms" }
-  if ((u == "ns" || u == "ns/s") && value >= 1e4) { value /= 1e3; sub(/^ns/, "µs", u) }
-  if (u == "B" && value >= 1e4) { value /= 1024; u = "kB" }
+  if (u ~ /^ns/ && value >= 1e3) { value /= 1e3; sub(/^ns/, "µs", u) }
+  if (u == "B" && value >= 1024) { value /= 1024; u = "kB" }
   return sprintf("%.3g %s", value, u)
 }
 
@@ -46,7 +46,7 @@ function print_targets(    t, i, name, missed) {
   printf "\n%d of %d hold.\n", targets - missed, targets
 }
 
-function last_word(text) { sub(/.*, /, text); return text }
+function last_word(text) { sub(/.*, /, "", text); return text }
 
 function print_peers(    i, kind, k, n) {
   for (i = 1; i <= rows; ++i) {

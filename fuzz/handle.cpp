@@ -27,7 +27,7 @@ struct object {
   object& operator=(const object&) = delete;
 };
 
-class session {
+class trial {
  public:
   void create(bool refuse);
   void del(int id);
@@ -52,7 +52,7 @@ class session {
   }
 };
 
-void session::create(bool refuse) {
+void trial::create(bool refuse) {
   const bool full = _objects.size() == 1024;
   if (!full) advance();
   object::refused = refuse;
@@ -65,26 +65,26 @@ void session::create(bool refuse) {
   }
 }
 
-void session::del(int id) {
+void trial::del(int id) {
   const bool known = _objects.erase(id) != 0;
   require(_table.del(id) == (known ? 0 : -1), "a handle is removed when it is known");
   require(object::alive == static_cast<int>(_objects.size()), "its object goes with it");
   get(id);
 }
 
-void session::get(int id) {
+void trial::get(int id) {
   const auto it = _objects.find(id);
   require(_table.get(id) == (it == _objects.end() ? nullptr : it->second), "a handle leads to its own object");
 }
 
-void session::check() {
+void trial::check() {
   require(_table.is_valid(), "the table is in order");
   require(object::alive == static_cast<int>(_objects.size()), "each handle has an object");
 }
 
 constexpr int strange[] = {-1, 2049, 5000, INT_MIN, INT_MAX, -2048, 1024, 0, 2048, 3072};
 
-void step(session& s, fuzz::reader& in) {
+void step(trial& s, fuzz::reader& in) {
   const uint8_t what = in.byte();
   const auto n = static_cast<int>(in.number(2) % 2049);
   switch (what % 8) {
@@ -120,7 +120,7 @@ void step(session& s, fuzz::reader& in) {
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::reader in(data, size);
   {
-    session s;
+    trial s;
     for (int steps = 0; !in.empty() && steps < 64; ++steps) {
       step(s, in);
       s.check();

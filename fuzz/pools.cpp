@@ -55,15 +55,15 @@ void check_paint(const block& b) {
 
 // ---------------------------------------------------------------- the allocator and its model, side by side
 
-class session {
+class trial {
  public:
-  session() : _heap(build(), own_slots) {
+  trial() : _heap(build(), own_slots) {
     for (const fuzz::size_class& s : fuzz::size_classes) _pools.emplace_back(s);
     for (size_t i = 0; i < 3; ++i) _pools[i].start_with(pools()._class[i]->_head);
     require(pools()._classes == 30, "there are thirty classes");
     for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
   }
-  ~session() {
+  ~trial() {
     for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
     for (const block& b : _blocks) check_paint(b);
     while (_large != 0) give(large_at());
@@ -75,8 +75,8 @@ class session {
     require(pages::live() == 0, "all pages are given back");
     new (&g_ym_allocator) ym_allocator_;
   }
-  session(const session&) = delete;
-  session& operator=(const session&) = delete;
+  trial(const trial&) = delete;
+  trial& operator=(const trial&) = delete;
 
   void take(size_t n, bool refuse, bool ask);
   void take_many(size_t n, size_t times);
@@ -148,7 +148,7 @@ class session {
   }
 };
 
-void session::take(size_t n, bool refuse, bool ask) {
+void trial::take(size_t n, bool refuse, bool ask) {
   if (_bytes + n > most_bytes || _requests++ >= most_requests) return;
   constexpr size_t unwritten = 0x5A5A5A5A;
   size_t got = unwritten;
@@ -162,11 +162,11 @@ void session::take(size_t n, bool refuse, bool ask) {
   take_large(p, n, fuzz::granted(n), refused);
 }
 
-void session::take_many(size_t n, size_t times) {
+void trial::take_many(size_t n, size_t times) {
   for (; times != 0; --times) take(n, false, true);
 }
 
-void session::give(size_t i) {
+void trial::give(size_t i) {
   const block b = _blocks[i];
   check_paint(b);
   _blocks[i] = _blocks.back();
@@ -183,11 +183,11 @@ void session::give(size_t i) {
   }
 }
 
-void session::give_many(size_t first, size_t times, size_t stride) {
+void trial::give_many(size_t first, size_t times, size_t stride) {
   for (size_t i = first; times != 0 && !_blocks.empty(); --times, i += stride) give(i % _blocks.size());
 }
 
-void session::take_slot(size_t n, bool refuse) {
+void trial::take_slot(size_t n, bool refuse) {
   if (_requests++ >= most_requests) return;
   const pages::watch watched(refuse);
   void* p = ym::memheap_::operator new(n);
@@ -200,11 +200,11 @@ void session::take_slot(size_t n, bool refuse) {
   _slots.push_back(s);
 }
 
-void session::take_slots(size_t n, size_t times) {
+void trial::take_slots(size_t n, size_t times) {
   for (; times != 0; --times) take_slot(n, false);
 }
 
-void session::give_slot(size_t i) {
+void trial::give_slot(size_t i) {
   const slot s = _slots[i];
   _slots[i] = _slots.back();
   _slots.pop_back();
@@ -213,11 +213,11 @@ void session::give_slot(size_t i) {
   _heap.give(s.at);
 }
 
-void session::give_slots(size_t first, size_t times, size_t stride) {
+void trial::give_slots(size_t first, size_t times, size_t stride) {
   for (size_t i = first; times != 0 && !_slots.empty(); --times, i += stride) give_slot(i % _slots.size());
 }
 
-void session::check(size_t pool) const {
+void trial::check(size_t pool) const {
   const self_alloctor& self = *get_ym_alloctor_self();
   require(self.is_valid(), "the self heap is in order");
   require(self._free == _heap.free(), "its free slots are counted");
@@ -238,7 +238,7 @@ size_t read_size(fuzz::reader& in) {
 }
 
 // Bursts of requests and releases, all of `n` bytes, as the numbers behind `seed` say: chunks fill and drain in turns.
-void churn(session& s, size_t n, uint32_t seed, size_t bursts) {
+void churn(trial& s, size_t n, uint32_t seed, size_t bursts) {
   for (; bursts != 0; --bursts) {
     const uint32_t x = seed = seed * 1664525 + 1013904223;
     for (size_t times = x >> 27U; times != 0; --times) {
@@ -250,7 +250,7 @@ void churn(session& s, size_t n, uint32_t seed, size_t bursts) {
     }
   }
 }
-void churn_slots(session& s, uint32_t seed, size_t bursts) {
+void churn_slots(trial& s, uint32_t seed, size_t bursts) {
   for (; bursts != 0; --bursts) {
     const uint32_t x = seed = seed * 1664525 + 1013904223;
     for (size_t times = x >> 20U & 0x3FFU; times != 0; --times) {
@@ -264,7 +264,7 @@ void churn_slots(session& s, uint32_t seed, size_t bursts) {
 }
 
 /// The pool that it has to do with.
-size_t step(session& s, fuzz::reader& in) {
+size_t step(trial& s, fuzz::reader& in) {
   const uint8_t what = in.byte();
   const uint8_t bits = in.byte();
   const size_t n = read_size(in);
@@ -306,7 +306,7 @@ size_t step(session& s, fuzz::reader& in) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::reader in(data, size);
-  session s;
+  trial s;
   for (int steps = 0; !in.empty() && steps < 64; ++steps) s.check(step(s, in));
   return 0;
 }

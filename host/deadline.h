@@ -17,3 +17,8 @@ inline int milliseconds_until(const deadline& end) {
   const auto left = std::chrono::ceil<std::chrono::milliseconds>(*end - steady_clock::now()).count();
   return static_cast<int>(std::clamp<decltype(left)>(left, 0, INT_MAX));
 }
+
+inline deadline earlier(const deadline& a, const deadline& b) {
+  if (!a || !b) return a ? a : b;
+  return std::min(*a, *b);
+}

@@ -25,6 +25,8 @@ class fleet {
   /// Puts the prepared instances, still stopped, in the place of those that ran on their files.
   void take_over(const std::vector<size_t>& files);
 
+  int handle(size_t i) const { return _slots[i].now->handle(); }
+  bool is_running(size_t i) const { return _slots[i].now->is_running(); }
   std::vector<tag> tags(size_t i) const { return _slots[i].now->tags(); }
   /// Throws std::runtime_error when there is no thread to be had.
   void start(size_t i);

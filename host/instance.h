@@ -38,6 +38,8 @@ class instance {
   /// Waits for the worker's end; does nothing on a stopped instance.
   void stop();
 
+  int handle() const { return _handle; }
+  bool is_running() const { return _plugin.isrun(_handle) != 0; }
   std::vector<tag> tags() const;
   /// The status document.
   std::string info() const;

@@ -19,6 +19,6 @@ class listener {
   /// What an instance told in a callback.
   virtual void on(const event& e, const dac_tagvalue& r) = 0;
   virtual void on(const event& e, const message& m) = 0;
-  /// One line about a file that was refused.
-  virtual void complain(const std::string& line) = 0;
+  /// One line about file i, which was refused.
+  virtual void complain(size_t i, const std::string& line) = 0;
 };

@@ -24,6 +24,8 @@ void fill_standard_descriptors() {
 int carry_out(const options& o, output& out, output& err) {
   const plugin p(o.plugin.empty() ? find_plugin() : o.plugin);
   switch (o.what) {
+    case command::top:
+      return top(p, o, out, err);
     case command::check:
       return check(p, o.files, out);
     case command::tags:

@@ -40,16 +40,20 @@ CLI::App* add_command(CLI::App& app, options& o, command what, const std::string
   return c;
 }
 
-void add_run(CLI::App& app, options& o) {
-  CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
-  run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
+void add_ends(CLI::App* c, options& o) {
   CLI::Option* once =
-      run->add_flag("--once", o.once, "End when every instance has published once")->disable_flag_override();
-  run->add_option_function<std::string>(
-         "--for", [&o](const std::string& text) { o.time = seconds(text); }, "End after that many seconds")
+      c->add_flag("--once", o.once, "End when every instance has published once")->disable_flag_override();
+  c->add_option_function<std::string>(
+       "--for", [&o](const std::string& text) { o.time = seconds(text); }, "End after that many seconds")
       ->type_name("SECONDS")
       ->check(check_seconds)
       ->excludes(once);
+}
+
+void add_run(CLI::App& app, options& o) {
+  CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
+  run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
+  add_ends(run, o);
 }
 
 std::string usage_error(const CLI::App* /*app*/, const CLI::Error& e) {
@@ -73,6 +77,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
   app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
   add_run(app, o);
+  add_ends(add_command(app, o, command::top, "top", "Run an instance for each file and show them in a table"), o);
   add_command(app, o, command::check, "check", "Tell whether the plug-in takes each file");
   add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
   add_command(app, o, command::info, "info", "Print the status document of each file's instance");

@@ -7,7 +7,7 @@
 #include <variant>
 #include <vector>
 
-enum class command { run, check, tags, info };
+enum class command { run, top, check, tags, info };
 
 struct options {
   command what = command::run;

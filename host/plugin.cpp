@@ -17,7 +17,7 @@ void* load(const std::string& file) {
 void plugin::unload::operator()(void* library) const { dlclose(library); }
 
 plugin::plugin(const std::string& file) : _file(file), _library(load(file)) {
-  for (const char* name : {"dac_isrun", "dac_getalltags", "dac_devicewriteobj", "dac_devicewriteval"}) find(name);
+  for (const char* name : {"dac_getalltags", "dac_devicewriteobj", "dac_devicewriteval"}) find(name);
 }
 
 plugin::symbol plugin::find(const char* name) const {

@@ -34,6 +34,7 @@ class plugin {
   decltype(&dac_destroy) destroy = find("dac_destroy");
   decltype(&dac_start) start = find("dac_start");
   decltype(&dac_stop) stop = find("dac_stop");
+  decltype(&dac_isrun) isrun = find("dac_isrun");
   decltype(&dac_getversion) getversion = find("dac_getversion");
   decltype(&dac_getalltagsex) getalltagsex = find("dac_getalltagsex");
   decltype(&dac_getinfo) getinfo = find("dac_getinfo");

@@ -2,18 +2,15 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <chrono>
 #include <memory>
 
 #include "host/commands.h"
 #include "host/deadline.h"
+#include "host/drain.h"
 #include "host/keeper.h"
 #include "host/printer.h"
 
 namespace {
-
-constexpr auto patience = std::chrono::seconds(1);  // with a reader that does not read, once the host is to stop
 
 class runner : listener {
  public:
@@ -32,7 +29,7 @@ class runner : listener {
     if (_options.time) _end = steady_clock::now() + *_options.time;
     while (!is_done()) turn();
     _keeper.shut_down();
-    drain();
+    drain(_keeper, _out, _err);
     return 0;
   }
 
@@ -40,15 +37,12 @@ class runner : listener {
   void announce(size_t i, const tag& t) override { _printer->announce(name(i), t); }
   void on(const event& e, const dac_tagvalue& r) override;
   void on(const event& e, const message& m) override { _printer->log(e.time, name(e.index), m); }
-  void complain(const std::string& line) override { _err.line(line); }
+  void complain(size_t /*i*/, const std::string& line) override { _err.line(line); }
   const std::string& name(size_t i) const { return _keeper.instances().name(i); }
 
   bool is_done() const;
   void turn();
   void wait(const deadline& end);
-
-  void drain();
-  void give_up();
 
   const plugin& _plugin;
   const options& _options;
@@ -84,24 +78,6 @@ void runner::wait(const deadline& end) {
   if (poll(fds, std::size(fds), milliseconds_until(end)) <= 0) return;
   _out.notice(fds[2].revents);
   _err.notice(fds[3].revents);
-}
-
-// ---------------------------------------------------------------- the end
-
-// Whatever the reader takes its time for is waited for, until a signal says to stop.
-void runner::drain() {
-  deadline end;
-  while (_out.waiting() || _err.waiting()) {
-    if (_keeper.is_to_stop() && !end) end = steady_clock::now() + patience;
-    if (is_past(end)) return give_up();
-    wait(end);
-    _keeper.answer_signals();
-  }
-}
-
-void runner::give_up() {
-  for (output* o : {&_out, &_err})
-    if (o->waiting()) o->fail(ETIME);
 }
 
 }  // namespace

@@ -1,0 +1,131 @@
+#include "host/screen.h"
+
+#define NCURSES_NOMACROS 1
+#include <curses.h>
+#include <dlfcn.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+namespace {
+
+constexpr char library[] = "libncursesw.so.6";
+constexpr int control_l = 'L' & 0x1f;
+
+void* load() {
+  // It stays: what it keeps for the program's life would be lost and look like a leak.
+  void* l = dlopen(library, RTLD_NOW | RTLD_LOCAL | RTLD_NODELETE);
+  if (!l) throw std::runtime_error(std::string(dlerror()) + "; install the package libncursesw6");
+  return l;
+}
+
+struct symbol {
+  void* at;
+  template <class P>
+  operator P() const {
+    return reinterpret_cast<P>(at);
+  }
+};
+
+symbol find(void* l, const char* name) {
+  void* p = dlsym(l, name);
+  if (!p) throw std::runtime_error(std::string(library) + ": lacks " + name);
+  return {p};
+}
+
+}  // namespace
+
+// ncurses' functions under their own names.
+struct screen::curses {
+  void* loaded = load();
+  decltype(&::newterm) newterm = find(loaded, "newterm");
+  decltype(&::delscreen) delscreen = find(loaded, "delscreen");
+  decltype(&::endwin) endwin = find(loaded, "endwin");
+  decltype(&::tigetstr) tigetstr = find(loaded, "tigetstr");
+  decltype(&::cbreak) cbreak = find(loaded, "cbreak");
+  decltype(&::noecho) noecho = find(loaded, "noecho");
+  decltype(&::keypad) keypad = find(loaded, "keypad");
+  decltype(&::nodelay) nodelay = find(loaded, "nodelay");
+  decltype(&::set_escdelay) set_escdelay = find(loaded, "set_escdelay");
+  decltype(&::curs_set) curs_set = find(loaded, "curs_set");
+  decltype(&::getmaxx) getmaxx = find(loaded, "getmaxx");
+  decltype(&::getmaxy) getmaxy = find(loaded, "getmaxy");
+  decltype(&::werase) werase = find(loaded, "werase");
+  decltype(&::wmove) wmove = find(loaded, "wmove");
+  decltype(&::waddnstr) waddnstr = find(loaded, "waddnstr");
+  decltype(&::wattr_set) wattr_set = find(loaded, "wattr_set");
+  decltype(&::wrefresh) wrefresh = find(loaded, "wrefresh");
+  decltype(&::clearok) clearok = find(loaded, "clearok");
+  decltype(&::wgetch) wgetch = find(loaded, "wgetch");
+  decltype(&stdscr) window = find(loaded, "stdscr");
+
+  SCREEN* terminal = nullptr;
+  WINDOW* w = nullptr;
+};
+
+screen::screen() : _c(std::make_unique<curses>()) {
+  _c->terminal = _c->newterm(nullptr, stdout, stdin);
+  if (!_c->terminal) throw std::runtime_error("the terminal that TERM names is not known");
+  if (!_c->tigetstr("cup")) {
+    _c->endwin();
+    _c->delscreen(_c->terminal);
+    throw std::runtime_error("the terminal that TERM names has no cursor to move");
+  }
+  _c->w = *_c->window;
+  _c->cbreak();
+  _c->noecho();
+  _c->set_escdelay(25);
+  _c->keypad(_c->w, true);
+  _c->nodelay(_c->w, true);
+  _c->curs_set(0);
+}
+
+screen::~screen() {
+  _c->endwin();
+  _c->delscreen(_c->terminal);
+}
+
+size_t screen::lines() const { return static_cast<size_t>(_c->getmaxy(_c->w)); }
+size_t screen::width() const { return static_cast<size_t>(_c->getmaxx(_c->w)); }
+
+void screen::erase() { _c->werase(_c->w); }
+
+void screen::put(size_t line, const std::string& text, bool highlighted) {
+  if (line >= lines()) return;
+  _c->wmove(_c->w, static_cast<int>(line), 0);
+  _c->wattr_set(_c->w, highlighted ? A_REVERSE : A_NORMAL, 0, nullptr);
+  _c->waddnstr(_c->w, text.data(), static_cast<int>(text.size()));
+  _c->wattr_set(_c->w, A_NORMAL, 0, nullptr);
+}
+
+void screen::refresh() { _c->wrefresh(_c->w); }
+void screen::forget() { _c->clearok(_c->w, true); }
+
+key screen::next() {
+  switch (_c->wgetch(_c->w)) {
+    case ERR:
+      return key::none;
+    case 'q':
+    case 'Q':
+      return key::quit;
+    case KEY_UP:
+      return key::up;
+    case KEY_DOWN:
+      return key::down;
+    case KEY_PPAGE:
+      return key::page_up;
+    case KEY_NPAGE:
+      return key::page_down;
+    case KEY_HOME:
+      return key::home;
+    case KEY_END:
+      return key::end;
+    case control_l:
+      forget();
+      return key::redraw;
+    case KEY_RESIZE:
+      return key::redraw;
+    default:
+      return key::other;
+  }
+}

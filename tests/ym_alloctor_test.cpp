@@ -440,6 +440,13 @@ TEST_F(spin_lock, keeps_threads_out) {
   EXPECT_EQ(plain, 40000);
 }
 
+TEST_F(spin_lock, and_its_guard_are_not_copied) {
+  EXPECT_FALSE(std::is_copy_constructible_v<ym::spinlock>);
+  EXPECT_FALSE(std::is_copy_assignable_v<ym::spinlock>);
+  EXPECT_FALSE(std::is_copy_constructible_v<ym::guard<ym::spinlock>>);
+  EXPECT_FALSE(std::is_copy_assignable_v<ym::guard<ym::spinlock>>);
+}
+
 // What a step does to the locks of the class of `size` and of the self heap: "pool+1" takes the pool's lock while one
 // mapping more is alive than before the step.
 template <class STEP>
@@ -916,6 +923,10 @@ TEST_F(pool, notices_lists_that_run_in_circles) {
   pools::write(b[0][0], 0, b[0][0]);
   EXPECT_FALSE(pools::is_valid());
   pools::write(b[0][0], 0, nullptr);
+  ym_free(b[0][1]);  // a circle is no longer than the chunk has blocks, or it is one
+  pools::write(b[0][1], 0, b[0][1]);
+  EXPECT_FALSE(pools::is_valid());
+  pools::write(b[0][1], 0, b[0][0]);
 }
 
 TEST_F(self_heap, notices_counts_that_disagree_with_its_chunks) {

@@ -19,6 +19,7 @@
 #include <sstream>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <vector>
 
 #include "com/ymlib3/ym_string"
@@ -385,6 +386,11 @@ TEST(rstream_file, a_directory_opens_and_is_at_its_end) {
   EXPECT_TRUE(in.is_open());
   EXPECT_EQ(in.get(), -1);
   EXPECT_EQ(scan(in), "");
+}
+
+TEST(rstream_file, is_not_copied_for_its_file_is_closed_once) {
+  EXPECT_FALSE(std::is_copy_constructible_v<ym::rstream_file>);
+  EXPECT_FALSE(std::is_copy_assignable_v<ym::rstream_file>);
 }
 
 TEST(rstream_file, gives_its_file_back_when_it_is_destroyed) {

@@ -350,6 +350,11 @@ TEST(logDac, is_made_with_level_40_no_callback_and_an_empty_name) {
   EXPECT_EQ(*reinterpret_cast<const std::string*>(reinterpret_cast<const char*>(&log) + 32), "");
 }
 
+TEST(logDac, is_one_with_its_instance_and_not_copied) {
+  EXPECT_FALSE(std::is_copy_constructible_v<logDac>);
+  EXPECT_FALSE(std::is_copy_assignable_v<logDac>);
+}
+
 TEST(logDac, on_the_heap_is_a_block_of_the_pools_and_goes_back_there) {
   const size_t before = blocks::live();
   ym::ilog* log = new logDac;

@@ -58,10 +58,11 @@ size_t block(const text& s) {
 
 void add(text& s, std::string_view more) { s.append(more.data(), more.size()); }
 
-// Appends more than there is to read; the compiler must not know how much.
+// Appends more than there is to read; the compiler must not know how much, nor how little there is.
 void claim(text& s, size_t n) {
+  const char* volatile p = "";
   volatile size_t claimed = n;
-  s.append("", claimed);
+  s.append(p, claimed);
 }
 
 // A string of `block` usable bytes whose header admits to `capacity` of them only.
@@ -545,6 +546,33 @@ TEST_F(string, keeps_every_byte_as_it_is) {
   EXPECT_EQ(held(appended), model);
   EXPECT_EQ(held(pushed), model);
   EXPECT_EQ(appended.size(), 256U);
+}
+
+TEST_F(string, appends_and_assigns_texts_of_every_length_whole_and_nothing_beyond_them) {
+  const std::string all = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
+  for (size_t n = 1; n <= 40; ++n) {
+    SCOPED_TRACE(n);
+    const std::string part = all.substr(3, n);
+    text s(size_t{100});
+    add(s, "<");
+    std::memset(raw(s) + 1, '#', 60);
+    s.append(all.data() + 3, n);
+    EXPECT_EQ(held(s), "<" + part);
+    EXPECT_EQ(std::string(raw(s) + 1 + n, 20), std::string(20, '#'));
+    s = part.c_str();
+    EXPECT_EQ(held(s), part);
+  }
+}
+
+TEST_F(string, takes_over_a_part_of_its_own_text_of_every_length) {
+  const std::string all = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
+  for (size_t from = 0; from < all.size(); ++from) {
+    SCOPED_TRACE(from);
+    text s;
+    add(s, all);
+    s = s.c_str() + from;
+    EXPECT_EQ(held(s), all.substr(from));
+  }
 }
 
 TEST_F(string, appends_its_own_characters) {

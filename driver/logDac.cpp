@@ -13,6 +13,8 @@ constexpr size_t message_room = 30720;
 constexpr size_t buffer_size = 30800;
 constexpr size_t prefix_room = buffer_size - message_room;
 
+constexpr size_t short_room = 512;  // holds all of the driver's own messages unless a path is long
+
 // kept: 30, the driver's progress, has no code of its own and reaches the host as 0.
 int host_level(int level) {
   switch (level) {
@@ -47,14 +49,27 @@ void logDac::bind(const char* name, cblog callback, void* param) {
   _level = 40;
 }
 
+// A frame of 30 kB would reach a page of the worker's stack that nothing else does, in every instance and for good.
 int logDac::push(int level, const char* tag, const char* fmt, va_list args) {
   if (!_callback) return -1;
   if (level > _level) return 0;
-  char buf[buffer_size];
+  va_list again;
+  va_copy(again, args);
+  int n = deliver<short_room>(level, tag, fmt, args);
+  if (n == 0) n = deliver<message_room>(level, tag, fmt, again);
+  va_end(again);
+  return n != 0 ? n : -1;  // kept: what does not fit is refused, not cut
+}
+
+// The characters delivered, -1 for what cannot be formatted or is empty, 0 for a message that does not fit ROOM.
+template <size_t ROOM>
+[[gnu::noinline]] int logDac::deliver(int level, const char* tag, const char* fmt, va_list args) const {
+  char buf[prefix_room + ROOM];
   const int p = write_prefix(buf, tag);
   if (p < 0) return -1;
-  const int m = std::vsnprintf(buf + p, message_room, fmt, args);
-  if (m < 1 || m >= static_cast<int>(message_room)) return -1;  // kept: what does not fit is refused, not cut
+  const int m = std::vsnprintf(buf + p, ROOM, fmt, args);
+  if (m < 1) return -1;
+  if (m >= static_cast<int>(ROOM)) return 0;
   _callback(_name.c_str(), host_level(level), buf, 1, _param);
   return p + m;
 }

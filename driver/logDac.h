@@ -39,5 +39,8 @@ class logDac : public ym::ilog {
   cblog _callback = nullptr;  // null: nothing is logged
   void* _param = nullptr;     // the callback's last argument
   std::string _name;          // the callback's first argument
+
+  template <size_t ROOM>
+  [[gnu::format(printf, 4, 0)]] int deliver(int level, const char* tag, const char* fmt, va_list args) const;
 };
 static_assert(sizeof(logDac) == 64);

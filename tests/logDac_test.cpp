@@ -181,6 +181,29 @@ TEST_F(logger, a_message_of_30719_characters_is_the_longest) {
   }
 }
 
+TEST_F(logger, a_message_of_any_length_arrives_whole) {
+  for (int n = 1; n <= 2000; ++n) {
+    const std::string text(static_cast<size_t>(n), 'm');
+    got.clear();
+    EXPECT_EQ(push(log, 10, "tag", "%d %s %d", 7, text.c_str(), 8), n + 9);
+    EXPECT_EQ(got, (messages{{"drv", 2, "[tag]7 " + text + " 8", 1}}));
+  }
+}
+
+// Each worker logs: what lies deeper than it ever goes otherwise would be a page of memory more in every instance.
+TEST(logDac, a_short_message_stays_within_a_page_of_the_stack) {
+  const char* text_at = nullptr;
+  const cblog note = [](const char*, int, const char* text, int, void* param) {
+    *static_cast<const char**>(param) = text;
+  };
+  logDac log;
+  log.bind("drv", note, &text_at);
+  const char here = 0;
+  log.add(30, "start wrk_process success.");
+  ASSERT_NE(text_at, nullptr);
+  EXPECT_LT(reinterpret_cast<uintptr_t>(&here) - reinterpret_cast<uintptr_t>(text_at), 4096U);
+}
+
 TEST_F(logger, a_tag_takes_no_room_from_the_message) {
   const std::string text(longest, 'm');
   EXPECT_EQ(push(log, 10, "t", "%s", text.c_str()), 3 + longest);

@@ -43,6 +43,17 @@ class json_printer : public printer {
                         {"value", field(r.value)}}));
   }
 
+  void command(wall_clock::time_point time, const std::string& instance, const std::string& program,
+               const std::vector<std::string>& settings) override {
+    json environment;
+    for (const std::string& s : settings) environment[s.substr(0, s.find('='))] = s.substr(s.find('=') + 1);
+    _out.line(one_line({{"time", time_stamp(time)},
+                        {"event", "exec"},
+                        {"instance", instance},
+                        {"program", program},
+                        {"environment", environment}}));
+  }
+
   void log(wall_clock::time_point time, const std::string& instance, const message& m) override {
     _messages->log(time, instance, m);
   }

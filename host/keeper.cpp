@@ -77,6 +77,7 @@ void keeper::turn() {
 
 void keeper::answer_signals() {
   for (int sig = _signals.next(); sig != 0; sig = _signals.next()) {
+    if (sig == SIGCHLD) continue;  // it has ended the wait, and that is all
     if (sig != SIGHUP) {
       _stop = true;
       continue;

@@ -3,7 +3,9 @@
 #include <CLI/CLI.hpp>
 #include <charconv>
 #include <sstream>
+#include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "driver/dac.h"
 #include "host/text.h"
@@ -50,10 +52,45 @@ void add_ends(CLI::App* c, options& o) {
       ->excludes(once);
 }
 
+std::string check_program(const std::string& text) { return text.empty() ? "a program name is empty" : ""; }
+
+constexpr std::pair<std::string_view, pick> picks[] = {
+    {"all", pick::all}, {"global", pick::global}, {"stable", pick::stable}};
+
+std::optional<pick> pick_named(const std::string& text) {
+  for (const auto& [name, which] : picks)
+    if (name == text) return which;
+  return std::nullopt;
+}
+
+std::string check_pick(const std::string& text) {
+  return pick_named(text) ? "" : "'" + text + "' is none of all, global, stable";
+}
+
+void add_exec(CLI::App& run, exec_options& e) {
+  CLI::Option* exec = run.add_option("--exec", e.program, "Start this program for every value")
+                          ->type_name("PROGRAM")
+                          ->check(check_program);
+  run.add_option_function<std::string>(
+         "--pick", [&e](const std::string& text) { e.addresses = *pick_named(text); },
+         "Which addresses the program gets: all, global or stable")
+      ->type_name("WHICH")
+      ->check(check_pick)
+      ->needs(exec);
+  run.add_option_function<std::string>(
+         "--exec-timeout", [&e](const std::string& text) { e.timeout = *seconds(text); },
+         "Stop a program that runs longer, 30 without this option")
+      ->type_name("SECONDS")
+      ->check(check_seconds)
+      ->needs(exec);
+  run.add_flag("--dry-run", e.dry_run, "Print what would be started")->disable_flag_override()->needs(exec);
+}
+
 void add_run(CLI::App& app, options& o) {
   CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
   run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
   add_ends(run, o);
+  add_exec(*run, o.exec);
 }
 
 std::string usage_error(const CLI::App* /*app*/, const CLI::Error& e) {

@@ -7,7 +7,17 @@
 #include <variant>
 #include <vector>
 
+#include "host/pick.h"
+
 enum class command { run, top, check, tags, info };
+
+/// The record keeper: the program that is started for every value, if there is one.
+struct exec_options {
+  std::string program;  // empty: none
+  std::chrono::nanoseconds timeout = std::chrono::seconds(30);
+  pick addresses = pick::all;
+  bool dry_run = false;
+};
 
 struct options {
   command what = command::run;
@@ -16,6 +26,7 @@ struct options {
   bool json = false;
   bool once = false;
   std::optional<std::chrono::nanoseconds> time;  // how long to run
+  exec_options exec;
 };
 
 /// What a command line gets that is not to be carried out: help, version, or what is wrong with it.

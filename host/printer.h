@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/event.h"
 #include "host/instance.h"
@@ -19,6 +20,9 @@ class printer {
   virtual void version(const plugin& p) = 0;
   virtual void announce(const std::string& instance, const tag& t) = 0;
   virtual void value(wall_clock::time_point time, const std::string& instance, const dac_tagvalue& r) = 0;
+  /// A program that would be started, and what would be added to its environment.
+  virtual void command(wall_clock::time_point time, const std::string& instance, const std::string& program,
+                       const std::vector<std::string>& settings) = 0;
   virtual void log(wall_clock::time_point time, const std::string& instance, const message& m) = 0;
 };
 

@@ -5,10 +5,12 @@
 #include <memory>
 
 #include "host/commands.h"
+#include "host/courier.h"
 #include "host/deadline.h"
 #include "host/drain.h"
 #include "host/keeper.h"
 #include "host/printer.h"
+#include "host/text.h"
 
 namespace {
 
@@ -20,6 +22,7 @@ class runner : listener {
         _out(out),
         _err(err),
         _printer(o.json ? make_json_printer(out, err) : make_text_printer(out)),
+        _courier(o.exec, o.once, o.files.size(), *_printer, err),
         _keeper(p, o.files, *this),
         _published(o.files.size()) {}
 
@@ -29,8 +32,9 @@ class runner : listener {
     if (_options.time) _end = steady_clock::now() + *_options.time;
     while (!is_done()) turn();
     _keeper.shut_down();
+    await_programs();
     drain(_keeper, _out, _err);
-    return 0;
+    return _options.once && _courier.has_given_up() ? 1 : 0;
   }
 
  private:
@@ -38,10 +42,12 @@ class runner : listener {
   void on(const event& e, const dac_tagvalue& r) override;
   void on(const event& e, const message& m) override { _printer->log(e.time, name(e.index), m); }
   void complain(size_t /*i*/, const std::string& line) override { _err.line(line); }
+  std::string whole_name(size_t i, std::string_view recorded) const;
   const std::string& name(size_t i) const { return _keeper.instances().name(i); }
 
   bool is_done() const;
   void turn();
+  void await_programs();
   void wait(const deadline& end);
 
   const plugin& _plugin;
@@ -49,6 +55,7 @@ class runner : listener {
   output& _out;
   output& _err;
   std::unique_ptr<printer> _printer;
+  courier _courier;
   keeper _keeper;
   std::vector<bool> _published;  // whose file's instances have published
   deadline _end;
@@ -57,6 +64,15 @@ class runner : listener {
 void runner::on(const event& e, const dac_tagvalue& r) {
   _printer->value(e.time, name(e.index), r);
   _published[e.index] = true;
+  _courier.keep(e.index, {e.time, name(e.index), whole_name(e.index, field(r.name)), std::string(field(r.value))});
+}
+
+// A record has room for the beginning of a long name, which is somebody else's name.
+std::string runner::whole_name(size_t i, std::string_view recorded) const {
+  if (recorded.size() < DAC_NAME_SIZE - 1) return std::string(recorded);
+  for (const tag& t : _keeper.instances().tags(i))
+    if (t.name.starts_with(recorded)) return t.name;
+  return std::string(recorded);
 }
 
 // ---------------------------------------------------------------- the loop
@@ -64,12 +80,21 @@ void runner::on(const event& e, const dac_tagvalue& r) {
 bool runner::is_done() const {
   const auto has_published = [](bool published) { return published; };
   if (_keeper.is_to_stop() || _out.error() != 0 || is_past(_end)) return true;
-  return _options.once && std::all_of(_published.begin(), _published.end(), has_published);
+  return _options.once && std::all_of(_published.begin(), _published.end(), has_published) && _courier.is_idle();
 }
 
 void runner::turn() {
-  wait(_keeper.is_busy() ? steady_clock::now() : _end);
+  wait(_keeper.is_busy() ? steady_clock::now() : earlier(_end, _courier.due()));
   _keeper.turn();
+  _courier.turn();
+}
+
+void runner::await_programs() {
+  _courier.close();
+  for (_courier.turn(); !_courier.is_idle(); _courier.turn()) {
+    wait(_courier.due());
+    _keeper.answer_signals();
+  }
 }
 
 void runner::wait(const deadline& end) {

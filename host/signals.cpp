@@ -7,8 +7,9 @@ namespace {
 sigset_t block_answered() {
   sigset_t set;
   sigemptyset(&set);
-  for (const int sig : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&set, sig);
+  for (const int sig : {SIGINT, SIGTERM, SIGHUP, SIGCHLD}) sigaddset(&set, sig);
   pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  std::signal(SIGCHLD, SIG_DFL);  // ignored by whoever started the host, it would hide how children end
   return set;
 }
 

@@ -5,7 +5,7 @@
 
 #include "host/descriptor.h"
 
-/// Blocks SIGINT, SIGTERM and SIGHUP in this thread and in those that it starts from here on.
+/// Blocks SIGINT, SIGTERM, SIGHUP and SIGCHLD in this thread and in those that it starts from here on.
 class signals {
  public:
   signals();

@@ -22,6 +22,13 @@ class text_printer : public printer {
     _out.line(tabbed({time_stamp(time), instance, "value", field(r.name), field(r.value)}));
   }
 
+  void command(wall_clock::time_point time, const std::string& instance, const std::string& program,
+               const std::vector<std::string>& settings) override {
+    std::string line = tabbed({time_stamp(time), instance, "exec", program});
+    for (const std::string& s : settings) line += '\t' + printable(s);
+    _out.line(line);
+  }
+
   void log(wall_clock::time_point time, const std::string& instance, const message& m) override {
     _out.line(tabbed({time_stamp(time), instance, m.level == DAC_LEVEL_FAILURE ? "failure" : "message", m.text}));
   }

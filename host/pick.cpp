@@ -1,0 +1,125 @@
+#include "host/pick.h"
+
+#include <arpa/inet.h>
+#include <linux/rtnetlink.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+#include <functional>
+#include <iterator>
+#include <set>
+#include <sstream>
+#include <system_error>
+
+#include "driver/dac.h"
+#include "host/descriptor.h"
+
+namespace {
+
+using texts = std::set<std::string>;
+
+// ---------------------------------------------------------------- what the kernel knows of its addresses
+
+struct request {
+  nlmsghdr header;
+  ifaddrmsg body;
+};
+
+void ask_for_addresses(int fd) {
+  request r{};
+  r.header.nlmsg_len = sizeof r;
+  r.header.nlmsg_type = RTM_GETADDR;
+  r.header.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
+  r.body.ifa_family = AF_INET6;
+  if (send(fd, &r, sizeof r, 0) < 0) throw std::system_error(errno, std::generic_category(), "netlink");
+}
+
+// With a peer, IFA_ADDRESS is the peer's.
+struct attributes {
+  const in6_addr* address = nullptr;
+  const in6_addr* local = nullptr;
+  unsigned flags;
+
+  explicit attributes(const nlmsghdr* m) : flags(static_cast<const ifaddrmsg*>(NLMSG_DATA(m))->ifa_flags) {
+    int left = static_cast<int>(IFA_PAYLOAD(m));
+    for (const rtattr* a = IFA_RTA(static_cast<const ifaddrmsg*>(NLMSG_DATA(m))); RTA_OK(a, left);
+         a = RTA_NEXT(a, left))
+      take(a);
+  }
+
+  void take(const rtattr* a) {
+    if (a->rta_type == IFA_ADDRESS) address = static_cast<const in6_addr*>(RTA_DATA(a));
+    if (a->rta_type == IFA_LOCAL) local = static_cast<const in6_addr*>(RTA_DATA(a));
+    if (a->rta_type == IFA_FLAGS) std::memcpy(&flags, RTA_DATA(a), sizeof flags);
+  }
+};
+
+void note_stable(const nlmsghdr* m, texts& stable) {
+  const attributes a(m);
+  const in6_addr* own = a.local ? a.local : a.address;
+  if (!own || (a.flags & (IFA_F_TEMPORARY | IFA_F_DEPRECATED)) != 0) return;
+  char text[INET6_ADDRSTRLEN] = {};
+  stable.insert(inet_ntop(AF_INET6, own, text, sizeof text));
+}
+
+// True at the end of the list.
+bool read_message(const nlmsghdr* m, texts& stable) {
+  if (m->nlmsg_type == NLMSG_ERROR)
+    throw std::system_error(-static_cast<const nlmsgerr*>(NLMSG_DATA(m))->error, std::generic_category(), "netlink");
+  if (m->nlmsg_type == RTM_NEWADDR) note_stable(m, stable);
+  return m->nlmsg_type == NLMSG_DONE;
+}
+
+bool read_messages(int fd, texts& stable) {
+  alignas(nlmsghdr) char buf[32768];
+  const ssize_t n = recv(fd, buf, sizeof buf, 0);
+  if (n < 0) throw std::system_error(errno, std::generic_category(), "netlink");
+  auto left = static_cast<unsigned>(n);
+  for (const auto* m = reinterpret_cast<const nlmsghdr*>(buf); NLMSG_OK(m, left); m = NLMSG_NEXT(m, left))
+    if (read_message(m, stable)) return true;
+  return false;
+}
+
+// An address counts when one interface at least has it for good.
+texts stable_addresses() {
+  const descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE), "netlink");
+  ask_for_addresses(netlink.get());
+  texts stable;
+  while (!read_messages(netlink.get(), stable)) {
+  }
+  return stable;
+}
+
+// ---------------------------------------------------------------- the choice
+
+using choice = std::function<bool(const std::string& address)>;
+
+bool is_global(const std::string& address) {
+  in6_addr a{};
+  return inet_pton(AF_INET6, address.c_str(), &a) == 1 && (a.s6_addr[0] & 0xfe) != 0xfc;
+}
+
+choice choice_of(pick which) {
+  if (which == pick::global) return is_global;
+  return [stable = stable_addresses()](const std::string& a) { return is_global(a) && stable.contains(a); };
+}
+
+// A value that fills its field may have been cut in the middle of its last address, which then is somebody else's.
+std::string without_what_was_cut(const std::string& value) {
+  if (value.size() < DAC_VALUE_SIZE - 1) return value;
+  return value.substr(0, value.rfind(','));
+}
+
+}  // namespace
+
+std::string picked(pick which, const std::string& value) {
+  std::string whole = without_what_was_cut(value);
+  if (which == pick::all || whole == "null") return whole;
+  const choice wanted = choice_of(which);
+  std::istringstream addresses(whole);
+  std::string left;
+  for (std::string a; std::getline(addresses, a, ',');)
+    if (wanted(a)) left.append(left.empty() ? "" : ",").append(a);
+  return left.empty() ? "null" : left;
+}

@@ -38,7 +38,7 @@ std::optional<std::chrono::seconds> age(const std::optional<wall_clock::time_poi
 class watcher : listener {
  public:
   watcher(const plugin& p, const options& o, output& out, output& err)
-      : _plugin(p), _options(o), _out(out), _err(err), _states(o.files.size()), _keeper(p, o.files, *this) {}
+      : _options(o), _out(out), _err(err), _states(o.files.size()), _keeper(p, o.files, *this) {}
 
   int run() {
     if (!_keeper.launch()) return 1;
@@ -67,7 +67,6 @@ class watcher : listener {
   std::string head(const std::vector<row>& rows) const;
   std::vector<row> rows() const;
 
-  const plugin& _plugin;
   const options& _options;
   output& _out;
   output& _err;
@@ -172,7 +171,7 @@ std::string watcher::head(const std::vector<row>& rows) const {
   for (const row& r : rows) errors += r.errors;
   const std::string time = time_stamp(wall_clock::now());
   return "dachost top  " + time.substr(0, time.find('.')) + "Z  instances " + std::to_string(rows.size()) +
-         ", running " + std::to_string(running) + ", errors " + std::to_string(errors) + "  " + *_plugin.verson;
+         ", running " + std::to_string(running) + ", errors " + std::to_string(errors);
 }
 
 std::vector<row> watcher::rows() const {

@@ -3,6 +3,9 @@
 //
 // A file's lines, each optional:
 //   refuse [TEXT]   dac_create refuses, with the text as its message if there is one
+//   publish TEXT    dac_start publishes the text
+//   fail TEXT       dac_start logs the text as a failure
+//   idle            dac_isrun tells that it does not run
 //   odd records     dac_start publishes two records at once, their texts up to the last byte of the fields
 //   flood N         dac_start logs N messages "message 1 of N" ...
 //   throw           dac_start throws std::system_error
@@ -14,6 +17,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -33,6 +37,7 @@ struct instance {
 
 std::mutex mtx;
 std::map<int, instance> instances;
+std::set<int> running;
 int last_handle = -1;
 int stopping = 0;
 
@@ -78,6 +83,14 @@ instance find(int handle) {
   return instances.at(handle);
 }
 
+void set_running(int handle, bool runs) {
+  const std::lock_guard hold(mtx);
+  if (runs)
+    running.insert(handle);
+  else
+    running.erase(handle);
+}
+
 std::string about(int handle) { return find(handle).name + ' ' + std::to_string(handle); }
 
 void publish_odd_records(const instance& i) {
@@ -89,6 +102,14 @@ void publish_odd_records(const instance& i) {
     r.len = sizeof r.value;
   }
   i.data(records, 2, i.dataparam);
+}
+
+void publish(const instance& i, const std::string& text) {
+  dac_tagvalue r = {};
+  i.name.copy(r.name, sizeof r.name - 1);
+  r.type = DAC_TYPE_TEXT;
+  r.len = static_cast<uint16_t>(text.copy(r.value, sizeof r.value - 1));
+  i.data(&r, 1, i.dataparam);
 }
 
 void flood(const instance& i, int n) {
@@ -134,6 +155,9 @@ int dac_start(int handle) {
   const instance i = find(handle);
   if (i.orders.contains("throw"))
     throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+  set_running(handle, !i.orders.contains("idle"));
+  if (i.orders.contains("publish")) publish(i, i.orders.at("publish"));
+  if (i.orders.contains("fail")) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, i.orders.at("fail").c_str(), 1, i.logparam);
   if (i.orders.contains("odd")) publish_odd_records(i);
   if (i.orders.contains("flood")) flood(i, std::stoi(i.orders.at("flood")));
   return 0;
@@ -146,11 +170,15 @@ int dac_stop(int handle) {
     ++stopping;
   }
   const bool alone = i.orders.contains("wait") && !await_others(std::stoi(i.orders.at("wait").substr(4)));
+  set_running(handle, false);
   write_down("stop " + about(handle) + (alone ? " alone" : ""));
   return 0;
 }
 
-int dac_isrun(int /*handle*/) { return 0; }
+int dac_isrun(int handle) {
+  const std::lock_guard hold(mtx);
+  return running.contains(handle) ? 1 : 0;
+}
 int dac_devicewriteobj(int /*handle*/, ...) { return DAC_WRITE_REFUSED; }
 int dac_devicewriteval(int /*handle*/, ...) { return DAC_WRITE_REFUSED; }
 

@@ -1,0 +1,359 @@
+// `dachost top` from outside: plain tables through a pipe, and the screen of a terminal that tmux holds.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+#include <iterator>
+#include <regex>
+#include <sstream>
+
+#include "tests/support/plugin.h"
+#include "tests/support/process.h"
+#include "tests/support/terminal.h"
+
+using texts = std::vector<std::string>;
+
+namespace {
+
+texts lines(const std::string& text) {
+  texts all;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) all.push_back(line);
+  return all;
+}
+
+std::string joined(const texts& all) {
+  std::string text;
+  for (const std::string& line : all) text += line + '\n';
+  return text;
+}
+
+/// Without what is never twice the same: the head's time, and ages, with the blanks that align them.
+std::string steady(const std::string& text) {
+  const std::string timeless = std::regex_replace(text, std::regex("[0-9-]+T[0-9:]+Z"), "TIME");
+  return std::regex_replace(timeless, std::regex(" +([0-9]+s|AGE) "), " AGE ");
+}
+
+std::string head(const std::string& counts) {
+  return "dachost top  TIME  " + counts + "\nINSTANCE  HANDLE  RUNS AGE  PUBS  ERRORS  HOST NAME  VALUE\n";
+}
+
+/// A directory with configuration files, where `dachost top` is started by a script "go".
+class top : public testing::Test {
+ protected:
+  scratch dir;
+
+  /// Writes the script: options and names of files, for the plug-in that does what its files say, or for the real one.
+  void prepare(const std::string& words, const std::string& plugin = FAKE_PLUGIN) const {
+    const std::string command = std::string(DACHOST) + " top -p " + plugin + ' ' + words;
+    dir.file("cd " + dir.path("") + "\necho $$ >pid\nFAKE_JOURNAL=journal LC_ALL=C.UTF-8 exec " + command + '\n', "go");
+  }
+  /// Starts it without a terminal.
+  process start(const std::string& words, const std::string& plugin = FAKE_PLUGIN) const {
+    prepare(words, plugin);
+    return process({"sh", dir.path("go")});
+  }
+  /// The files i10.conf and so on, `n` of them; their names.
+  std::string many(int n, const std::string& text) const {
+    std::string names;
+    for (int i = 10; i < 10 + n; ++i) {
+      const std::string name = 'i' + std::to_string(i) + ".conf";
+      dir.file(text, name);
+      names += name + ' ';
+    }
+    return names;
+  }
+
+  texts journal() const {
+    std::ifstream in(dir.path("journal"));
+    return lines({std::istreambuf_iterator<char>(in), {}});
+  }
+  bool is_gone(const std::string& instance) const {
+    const texts all = journal();
+    return std::count(all.begin(), all.end(), "destroy " + instance) == 1;
+  }
+};
+
+/// The same in a terminal.
+class top_screen : public top {
+ protected:
+  /// Starts it and waits until the text is on the screen.
+  void open(terminal& t, const std::string& words, const std::string& shown, const std::string& plugin = FAKE_PLUGIN) {
+    prepare(words, plugin);
+    t.type("cd " + dir.path("") + "; stty -g >before; sh go; echo status=$?; stty -g >after");
+    t.press("Enter");
+    t.await(shown);
+  }
+  /// The program has ended with status 0, and the terminal is as it was.
+  void expect_restored(const terminal& t) const {
+    t.await("status=0");
+    EXPECT_FALSE(t.is_alternate());
+    EXPECT_TRUE(t.has_cursor());
+    const auto settings = [this](const char* name) {
+      std::ifstream in(dir.path(name));
+      return std::string(std::istreambuf_iterator<char>(in), {});
+    };
+    EXPECT_TRUE(eventually([&] { return !settings("after").empty(); }));
+    EXPECT_EQ(settings("before"), settings("after"));
+  }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- through a pipe
+
+TEST_F(top, once_prints_one_table_when_every_instance_has_published) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  dir.file("publish null\nidle\nfail a failure", "pump.conf");
+  const ending e = start("--once gw.conf pump.conf").end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_TRUE(e.err.ends_with("Z pump: a failure\n")) << e.err;
+  EXPECT_EQ(steady(e.out), head("instances 2, running 1, errors 1") +
+                               "gw             0  yes AGE     1       0  gw         2001:db8::10\n"
+                               "pump           1  no AGE     1       1  pump       null\n");
+}
+
+TEST_F(top, shows_what_the_plugin_that_ships_publishes) {
+  dir.file("hostname = a.example", "a.conf");
+  const ending e = start("--once a.conf", PLUGIN).end();
+  EXPECT_EQ(e.status, 0);
+  const texts out = lines(steady(e.out));
+  ASSERT_EQ(out.size(), 3U) << e.out;
+  EXPECT_EQ(out[0] + '\n' + out[1] + '\n', head("instances 1, running 1, errors 0"));
+  EXPECT_TRUE(out[2].starts_with("a              0  yes AGE     1       0  a.example  ")) << out[2];
+}
+
+TEST_F(top, prints_a_table_a_second_until_it_is_stopped) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  process p = start("gw.conf");
+  p.await_out("\n\ndachost top");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_TRUE(is_gone("gw 0"));
+}
+
+TEST_F(top, shows_instances_that_have_not_published_after_a_second) {
+  dir.file("", "mute.conf");
+  process p = start("mute.conf");
+  p.await_out("mute");
+  p.signal(SIGINT);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(lines(e.out).at(2), "mute           0  yes     -     0       0  mute       -");
+}
+
+TEST_F(top, for_ends_after_its_seconds) {
+  dir.file("", "mute.conf");
+  const ending e = start("--for 0.001 mute.conf").end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_TRUE(is_gone("mute 0"));
+}
+
+TEST_F(top, starts_nothing_when_a_file_is_refused) {
+  dir.file("", "a.conf");
+  dir.file("refuse for a reason", "bad.conf");
+  const ending e = start("a.conf bad.conf").end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.out, "");
+  EXPECT_EQ(e.err, "dachost: bad.conf: for a reason; nothing is started\n");
+  EXPECT_EQ(journal().back(), "destroy a 0");
+}
+
+TEST_F(top, sighup_reads_the_files_again_and_counts_from_the_start) {
+  dir.file("publish before\nfail of the old one", "gw.conf");
+  dir.file("publish other", "other.conf");
+  process p = start("gw.conf other.conf");
+  p.await_out("before");
+  dir.file("publish after", "gw.conf");
+  dir.file("refuse for a reason", "other.conf");
+  p.signal(SIGHUP);
+  p.await_out("after");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  const std::string last = e.out.substr(e.out.rfind("dachost top"));
+  EXPECT_EQ(steady(last), head("instances 2, running 2, errors 1") +
+                              "gw             2  yes AGE     1       0  gw         after\n"
+                              "other          1  yes AGE     1       1  other      other\n");
+  const texts err = lines(e.err);
+  ASSERT_EQ(err.size(), 2U) << e.err;
+  EXPECT_TRUE(err[0].ends_with(" gw: of the old one")) << err[0];
+  EXPECT_EQ(err[1], "dachost: other.conf: for a reason; the old instance goes on");
+}
+
+TEST_F(top, a_reader_that_goes_away_ends_it) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  process p = start("gw.conf");
+  p.await_out("2001:db8::10");
+  p.close_out();
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+  EXPECT_TRUE(is_gone("gw 0"));
+}
+
+TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
+  process p = start(many(90, "publish " + std::string(900, 'v')));
+  p.await_out("dachost top");
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end_unread(), 1);
+  EXPECT_TRUE(is_gone("i10 0"));
+  EXPECT_EQ(p.end().err, "dachost: standard output: Timer expired\n");
+}
+
+// ---------------------------------------------------------------- on a screen
+
+TEST_F(top_screen, shows_the_table_until_q_and_gives_the_terminal_back) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  dir.file("publish null", "pump.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf pump.conf", "2001:db8::10");
+  EXPECT_TRUE(t.is_alternate());
+  EXPECT_FALSE(t.has_cursor());
+  EXPECT_EQ(steady(joined(t.lines())), head("instances 2, running 2, errors 0") +
+                                           "gw             0  yes AGE     1       0  gw         2001:db8::10\n"
+                                           "pump           1  yes AGE     1       0  pump       null\n"
+                                           "\n\n\nq ends\n");
+  t.type("q");
+  expect_restored(t);
+  EXPECT_TRUE(is_gone("gw 0") && is_gone("pump 1"));
+}
+
+TEST_F(top_screen, gives_the_terminal_back_on_ctrl_c) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "2001:db8::10");
+  t.press("C-c");
+  expect_restored(t);
+  EXPECT_TRUE(is_gone("gw 0"));
+}
+
+TEST_F(top_screen, gives_the_terminal_back_while_it_is_suspended_and_goes_on) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  prepare("gw.conf");
+  t.type("cd " + dir.path("") + "; sh go");
+  t.press("Enter");
+  t.await("2001:db8::10");
+  t.press("C-z");
+  t.await("Stopped");
+  EXPECT_FALSE(t.is_alternate());
+  t.type("fg; echo status=$?");
+  t.press("Enter");
+  t.await("q ends");
+  t.type("q");
+  t.await("status=0");
+}
+
+TEST_F(top_screen, ages_grow_by_themselves) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", " 0s ");
+  t.await(" 1s ");
+}
+
+TEST_F(top_screen, cuts_what_is_too_long_and_follows_the_terminals_size) {
+  dir.file("publish " + std::string(100, 'v'), "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "vvv>");
+  const texts narrow = t.lines();
+  EXPECT_EQ(narrow.at(2).size(), 80U);
+  EXPECT_EQ(narrow.at(3), "") << "the rest is not on the next line";
+  t.resize(200, 5);
+  const texts wide = t.await([](const texts& all) { return all.size() == 5 && all[2].ends_with("vvv"); });
+  EXPECT_TRUE(wide.at(2).ends_with(' ' + std::string(100, 'v')));
+  EXPECT_EQ(wide.at(4), "q ends");
+  t.resize(30, 3);
+  t.await([](const texts& all) { return all.size() == 3 && all[1].size() == 30 && all[2] == "q ends"; });
+  t.resize(30, 2);
+  t.await([](const texts& all) { return all.size() == 2 && all[1].starts_with("INSTANCE"); });
+  t.resize(80, 4);
+  t.await("vvv>");
+  t.type("q");
+  expect_restored(t);
+}
+
+TEST_F(top_screen, scrolls_through_more_instances_than_lines) {
+  terminal t(dir.path(""), 100, 13);
+  open(t, many(35, "publish null"), "rows 1-10 of 35; arrows, PgUp, PgDn, Home and End scroll; q ends");
+  const struct {
+    const char* key;
+    const char* first;
+    const char* last;
+  } steps[] = {{"Down", "i11 ", "i20 "},  {"Down", "i12 ", "i21 "},  {"PPage", "i10 ", "i19 "},
+               {"Up", "i10 ", "i19 "},    {"NPage", "i20 ", "i29 "}, {"Up", "i19 ", "i28 "},
+               {"End", "i35 ", "i44 "},   {"NPage", "i35 ", "i44 "}, {"Down", "i35 ", "i44 "},
+               {"PPage", "i25 ", "i34 "}, {"Home", "i10 ", "i19 "}};
+  for (const auto& s : steps) {
+    t.press(s.key);
+    t.await([&](const texts& all) {
+      return all.size() == 13 && all[2].starts_with(s.first) && all[11].starts_with(s.last);
+    });
+  }
+  t.press("End");
+  t.await("rows 26-35 of 35");
+  t.resize(100, 33);
+  t.await("rows 6-35 of 35");
+  t.resize(100, 60);
+  t.await([](const texts& all) { return all.size() == 60 && all[2].starts_with("i10 ") && all[59] == "q ends"; });
+}
+
+TEST_F(top_screen, tells_of_a_failure_at_the_bottom_until_a_key_is_pressed) {
+  dir.file("publish before", "gw.conf");
+  terminal t(dir.path(""), 100, 8);
+  open(t, "gw.conf", "before");
+  dir.file("publish after\nfail to find addresses", "gw.conf");
+  t.type("q");
+  expect_restored(t);
+  open(t, "gw.conf", "Z gw: to find addresses");
+  EXPECT_NE(t.lines().at(2).find(" 1       1  gw"), std::string::npos);
+  t.press("Down");
+  t.await("q ends");
+}
+
+TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {
+  dir.file("publish before", "gw.conf");
+  terminal t(dir.path(""), 100, 8);
+  pid_t pid = 0;
+  open(t, "gw.conf", "before");
+  dir.file("refuse for a reason", "gw.conf");
+  std::ifstream(dir.path("pid")) >> pid;
+  ASSERT_EQ(kill(pid, SIGHUP), 0);
+  const texts all = t.await("dachost: gw.conf: for a reason; the old instance goes on");
+  EXPECT_NE(all.at(2).find("before"), std::string::npos);
+}
+
+TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not_do) {
+  dir.file("publish null", "gw.conf");
+  for (const char* kind : {"no-such-terminal", "dumb"}) {
+    SCOPED_TRACE(kind);
+    terminal t(dir.path(""), 120, 30);
+    t.type(std::string("export TERM=") + kind + "; clear");
+    t.press("Enter");
+    open(t, "gw.conf", "tables follow one below the other");
+    t.await([](const texts& all) { return joined(all).find("null\n\ndachost top") != std::string::npos; });
+    t.press("C-c");
+    expect_restored(t);
+  }
+}
+
+TEST_F(top_screen, tells_what_to_install_where_there_is_no_terminal_library) {
+  dir.file("publish null", "gw.conf");
+  dir.file("no library", "libncursesw.so.6");
+  terminal t(dir.path(""), 200, 30);
+  t.type("export LD_LIBRARY_PATH=" + dir.path(""));
+  t.press("Enter");
+  open(t, "gw.conf", "install the package libncursesw6; tables follow one below the other");
+  t.await("null");
+}
+
+TEST_F(top_screen, ends_in_order_when_the_terminal_goes_away) {
+  dir.file("publish null", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "null");
+  t.hang_up();
+  EXPECT_TRUE(eventually([this] { return is_gone("gw 0"); })) << joined(journal());
+}

@@ -4,23 +4,17 @@
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
 #include <netinet/in.h>
-#include <sched.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cerrno>
-#include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <sstream>
 #include <string>
 #include <vector>
 
 #include "driver/dac.h"
+#include "tests/support/network.h"
 #include "tests/support/plugin.h"
 
 namespace {
@@ -44,54 +38,12 @@ namespace {
 
 // ---------------------------------------------------------------- a network of our own
 
-bool write_file(const char* path, const std::string& text) {
-  std::ofstream file(path);
-  file << text << std::flush;
-  return file.good();
-}
-
-// Where plain users may not have a network namespace, they may in a user namespace in which they are root.
-bool enter_as_user() {
-  const std::string uid = "0 " + std::to_string(getuid()) + " 1", gid = "0 " + std::to_string(getgid()) + " 1";
-  return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 && write_file("/proc/self/setgroups", "deny") &&
-         write_file("/proc/self/uid_map", uid) && write_file("/proc/self/gid_map", gid);
-}
-
-bool ip(const std::string& command) { return std::system(("ip -6 " + command).c_str()) == 0; }
-
 bool add(const std::string& address, const std::string& interface = "lo") {
   return ip("addr add " + address + " dev " + interface + " nodad");
 }
 bool del(const std::string& address) { return ip("addr del " + address + " dev lo"); }
 // A second interface, down.
 bool add_interface(const std::string& name) { return ip("link add " + name + " type veth"); }
-
-void enter_and_run(const std::function<void()>& body) {
-  if (unshare(CLONE_NEWNET) != 0 && !enter_as_user())
-    FAIL() << "the kernel allows no network namespace, neither to this user nor in a user namespace: "
-           << std::strerror(errno);
-  ASSERT_TRUE(ip("link set lo up")) << "the loopback interface cannot be brought up; is ip (iproute2) installed?";
-  try {
-    body();
-  } catch (const std::exception& e) {
-    FAIL() << e.what();
-  }
-}
-
-// Runs `body` in a child with a network of its own. What it expects in vain is printed there and fails here.
-void in_a_network_of_its_own(const std::function<void()>& body) {
-  std::fflush(nullptr);
-  const pid_t child = fork();
-  if (child == 0) {
-    enter_and_run(body);
-    std::fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  ASSERT_GT(child, 0);
-  int status = -1;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "see above; wait status " << status;
-}
 
 // ---------------------------------------------------------------- what is to be published
 

@@ -1,0 +1,421 @@
+// `dachost run --exec` from outside: when the program is started, with what, and what becomes of it.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+#include "driver/dac.h"
+#include "tests/support/network.h"
+#include "tests/support/plugin.h"
+#include "tests/support/process.h"
+
+using nlohmann::json;
+using texts = std::vector<std::string>;
+
+namespace {
+
+texts split(const std::string& text, char separator) {
+  texts parts;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
+  return parts;
+}
+
+texts lines(const std::string& text) { return split(text, '\n'); }
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// The rest of the lines of a run whose third field is `what`: the fields behind it.
+std::vector<texts> told(const std::string& out, const std::string& what) {
+  std::vector<texts> found;
+  for (const std::string& line : lines(out)) {
+    texts fields = split(line, '\t');
+    if (fields.at(2) != what) continue;
+    fields.erase(fields.begin(), fields.begin() + 3);
+    found.push_back(fields);
+  }
+  return found;
+}
+
+/// Somebody else may be slow to wait for what has ended.
+bool is_alive(const std::string& pid) {
+  const std::string stat = read_file("/proc/" + pid + "/stat");
+  const size_t state = stat.rfind(") ");
+  return state != std::string::npos && stat[state + 2] != 'Z';
+}
+
+const bool is_emulated = EMULATOR[0] != 0;
+
+class exec : public testing::Test {
+ protected:
+  scratch dir;
+
+  /// A configuration file for the plug-in that does what its file says: it publishes the value.
+  std::string publish(const std::string& value, const std::string& name = "gw") const {
+    return dir.file("publish " + value, name + ".conf");
+  }
+  /// A program, started in the test's directory.
+  std::string program(const std::string& body, mode_t mode = 0700) const {
+    std::string file = dir.file("#!/bin/sh\ncd '" + dir.path("") + "' || exit\n" + body + '\n', "prog");
+    if (chmod(file.c_str(), mode) != 0) throw std::runtime_error(file);
+    return file;
+  }
+
+  static process start(const texts& args, const std::string& plugin = FAKE_PLUGIN, const texts& environment = {}) {
+    texts argv = {"env"};
+    for (const texts& more : {environment, split(EMULATOR, ' '), {DACHOST, "run", "-p", plugin}, args})
+      argv.insert(argv.end(), more.begin(), more.end());
+    return process(argv);
+  }
+  static ending run(const texts& args, const texts& environment = {}) {
+    return start(args, FAKE_PLUGIN, environment).end();
+  }
+
+  /// Puts another value into gw.conf, and waits until it is published.
+  void publish_next(process& p, const std::string& value) const {
+    publish(value);
+    p.signal(SIGHUP);
+    p.await_out("\tvalue\tgw\t" + value + '\n');
+  }
+  static ending terminate(process& p) {
+    p.signal(SIGTERM);
+    ending e = p.end();
+    EXPECT_EQ(e.status, 0);
+    return e;
+  }
+
+  /// What the program wrote into the file "did".
+  std::string did() const { return read_file(dir.path("did")); }
+  void await_did(const std::string& text) const {
+    if (!eventually([&] { return did().find(text) != std::string::npos; }))
+      throw std::runtime_error("waited for: " + text + "\nthe program did: " + did());
+  }
+  /// The process whose number the program wrote into the file "pid" is no more.
+  void expect_gone() const {
+    const std::string pid = read_file(dir.path("pid"));
+    ASSERT_FALSE(pid.empty());
+    EXPECT_TRUE(eventually([&] { return !is_alive(pid.substr(0, pid.find('\n'))); })) << pid;
+  }
+  /// One line on the program, with what went wrong.
+  std::string complaint(const std::string& what, const std::string& instance = "gw") const {
+    return "dachost: " + instance + ": " + dir.path("prog") + ": " + what + '\n';
+  }
+};
+
+constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.01; done";
+
+}  // namespace
+
+// ---------------------------------------------------------------- what it is started with
+
+TEST_F(exec, gets_instance_tag_value_and_time_beside_the_hosts_environment) {
+  const ending e = run({"--once", "--exec", program("env | grep -E '^(DAC_|OTHER)' | LC_ALL=C sort >did"),
+                        publish("2001:db8::1,fd00::2")},
+                       {"OTHER=kept", "DAC_VALUE=not this", "DAC_VALUE_TOO=kept"});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  const size_t value = e.out.find("\tgw\tvalue\t");
+  const std::string time = e.out.substr(e.out.rfind('\n', value) + 1, std::strlen("2026-01-31T12:34:56.789Z"));
+  EXPECT_EQ(lines(did()), (texts{"DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_TIME=" + time, "DAC_VALUE=2001:db8::1,fd00::2",
+                                 "DAC_VALUE_TOO=kept", "OTHER=kept"}));
+}
+
+TEST_F(exec, gets_the_whole_name_of_which_a_record_has_only_the_beginning) {
+  const std::string name(100, 'x');
+  process p = start({"--once", "--exec", program("echo $DAC_TAG >did"), dir.file("hostname=" + name)}, PLUGIN);
+  EXPECT_EQ(p.end().status, 0);
+  EXPECT_EQ(did(), name + '\n');
+}
+
+TEST_F(exec, is_found_on_the_path) {
+  program("echo found >did");
+  const ending e = run({"--once", "--exec", "prog", publish("a")}, {"PATH=" + dir.path("") + ":/usr/bin:/bin"});
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(did(), "found\n");
+}
+
+TEST_F(exec, reads_nothing_and_prints_to_the_hosts_standard_error) {
+  const ending e = run(
+      {"--once", "--json", "--exec", program("cat; echo one; echo two >&2; readlink /proc/self/fd/0"), publish("a")});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "one\ntwo\n/dev/null\n");
+  for (const std::string& line : lines(e.out)) EXPECT_TRUE(json::accept(line)) << line;
+}
+
+TEST_F(exec, has_no_signal_blocked_and_no_broken_pipe_ignored) {
+  run({"--once", "--exec", program("sed -n 's/^Sig\\(Blk\\|Ign\\):\\t//p' /proc/self/status >did"), publish("a")});
+  const texts masks = lines(did());
+  ASSERT_EQ(masks.size(), 2U);
+  EXPECT_EQ(std::stoull(masks[0], nullptr, 16), 0U);
+  EXPECT_EQ(std::stoull(masks[1], nullptr, 16) >> (SIGPIPE - 1) & 1, 0U);
+}
+
+TEST_F(exec, is_started_for_null_too) {
+  run({"--once", "--exec", program("echo $DAC_VALUE >did"), publish("null")});
+  EXPECT_EQ(did(), "null\n");
+}
+
+// ---------------------------------------------------------------- when it is started
+
+TEST_F(exec, runs_once_at_a_time_and_the_newest_value_is_next) {
+  process p = start(
+      {"--exec", program("echo begin $DAC_VALUE >>did\n" + std::string(wait_for_go) + "\necho end $DAC_VALUE >>did"),
+       publish("a")});
+  await_did("begin a");
+  for (const char* value : {"b", "c"}) publish_next(p, value);
+  dir.file("", "go");
+  await_did("end c");
+  EXPECT_EQ(terminate(p).err, "");
+  EXPECT_EQ(did(), "begin a\nend a\nbegin c\nend c\n");
+}
+
+TEST_F(exec, runs_for_every_instance_at_the_same_time) {
+  const std::string meet = "touch $DAC_INSTANCE; while ! [ -e a -a -e b ]; do sleep 0.01; done; echo met >>did";
+  const ending e = run({"--once", "--exec", program(meet), publish("x", "a"), publish("x", "b")});
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(did(), "met\nmet\n");
+}
+
+TEST_F(exec, is_tried_again_after_growing_pauses_until_it_succeeds) {
+  process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $(wc -l <did) -ge 3 ] || exit 7"), publish("a")});
+  await_did("a\na\na\n");
+  EXPECT_EQ(terminate(p).err,
+            complaint("exit status 7; tried again in 1 s") + complaint("exit status 7; tried again in 2 s"));
+}
+
+TEST_F(exec, gets_a_newer_value_in_place_of_the_one_it_failed_with) {
+  process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $DAC_VALUE = good ]"), publish("bad")});
+  p.await_err("tried again in 2 s\n");
+  publish_next(p, "worse");
+  p.await_err(complaint("exit status 1; tried again in 2 s") + complaint("exit status 1; tried again in 1 s"));
+  publish_next(p, "good");
+  await_did("good\n");
+  terminate(p);
+  EXPECT_EQ(did(), "bad\nbad\nworse\ngood\n");
+}
+
+TEST_F(exec, fails_and_a_newer_value_is_next) {
+  process p = start(
+      {"--exec", program("echo $DAC_VALUE >>did; [ $DAC_VALUE = b ] && exit\n" + std::string(wait_for_go) + "\nexit 3"),
+       publish("a")});
+  await_did("a\n");
+  publish_next(p, "b");
+  dir.file("", "go");
+  await_did("b\n");
+  EXPECT_EQ(terminate(p).err, complaint("exit status 3; a newer value is next"));
+}
+
+// ---------------------------------------------------------------- how it fails
+
+TEST_F(exec, fails_once_with_a_line_and_a_status_where_once_is_asked_for) {
+  const struct row {
+    const char* body;
+    const char* told;
+  } rows[] = {{"exit 3", "exit status 3"}, {"kill -9 $$", "ended by signal 9 (Killed)"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.body);
+    const ending e = run({"--once", "--exec", program(r.body), publish("a")});
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.err, complaint(std::string(r.told) + "; not tried again"));
+    EXPECT_EQ(told(e.out, "value"), (std::vector<texts>{{"gw", "a"}}));
+  }
+}
+
+TEST_F(exec, that_cannot_be_started_is_told_with_the_reason) {
+  const std::string conf = publish("a");
+  const struct row {
+    const char* label;
+    std::string file;
+    const char* reason;
+  } rows[] = {{"no file", dir.path("missing"), "No such file or directory"},
+              {"no name on the path", "no-such-program", "No such file or directory"},
+              {"a directory", dir.path(""), "Permission denied"},
+              {"no leave to execute", dir.file("#!/bin/sh\n", "plain"), "Permission denied"},
+              {"neither a program nor a script", dir.file("exit 0\n", "shapeless"), "Exec format error"}};
+  chmod(dir.path("shapeless").c_str(), 0700);
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = run({"--once", "--exec", r.file, conf});
+    EXPECT_EQ(e.status, 1);
+    // Under the emulator a process of its own finds out, and can only end.
+    const std::string told = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
+    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + told + "; not tried again\n");
+  }
+}
+
+TEST_F(exec, is_stopped_with_all_its_group_when_it_runs_too_long) {
+  const ending e = run({"--once", "--exec-timeout", "0.25", "--exec",
+                        program("sleep 1000 & echo $! >pid; trap 'echo asked >did; exit' TERM; wait"), publish("a")});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, complaint("ran longer than 0.25 s and was stopped; not tried again"));
+  EXPECT_EQ(did(), "asked\n");
+  expect_gone();
+}
+
+TEST_F(exec, that_will_not_hear_is_killed) {
+  const ending e = run(
+      {"--once", "--exec-timeout", "0.25", "--exec", program("trap '' TERM; echo $$ >pid; sleep 1000"), publish("a")});
+  EXPECT_EQ(e.err, complaint("ran longer than 0.25 s and was stopped; not tried again"));
+  expect_gone();
+}
+
+TEST_F(exec, leaves_nothing_of_its_group_behind) {
+  const ending e = run({"--once", "--exec", program("sleep 1000 & echo $! >pid"), publish("a")});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  expect_gone();
+}
+
+// ---------------------------------------------------------------- the end of the run
+
+TEST_F(exec, has_a_moment_to_end_when_the_run_ends) {
+  process p =
+      start({"--exec", program("echo begin >>did\n" + std::string(wait_for_go) + "\necho end >>did"), publish("a")});
+  await_did("begin");
+  p.signal(SIGTERM);
+  dir.file("", "go");
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(did(), "begin\nend\n");
+}
+
+TEST_F(exec, is_killed_when_it_runs_on_after_the_runs_end) {
+  process p =
+      start({"--exec", program("trap '' TERM; sleep 1000 & echo $! >pid; echo begin >did; wait; wait"), publish("a")});
+  await_did("begin");
+  publish_next(p, "b");
+  EXPECT_EQ(terminate(p).err, complaint("the newest value is not kept, the run ends") +
+                                  complaint("still ran at the end and was stopped; not tried again"));
+  expect_gone();
+}
+
+TEST_F(exec, is_not_tried_again_after_the_runs_end) {
+  process p = start({"--exec", program("exit 1"), publish("a")});
+  p.await_err("tried again in 1 s\n");
+  EXPECT_TRUE(terminate(p).err.ends_with(complaint("the newest value is not kept, the run ends")));
+}
+
+TEST_F(exec, is_gone_when_the_run_fails) {
+  process p = start({"--exec", program("echo $$ >pid; echo begin >did; sleep 1000"), publish("a")});
+  await_did("begin");
+  dir.file("throw it", "gw.conf");
+  p.signal(SIGHUP);
+  EXPECT_EQ(p.end().status, 1);
+  expect_gone();
+}
+
+// ---------------------------------------------------------------- dry run
+
+TEST_F(exec, is_only_shown_in_a_dry_run) {
+  const ending e = run({"--once", "--dry-run", "--exec", program("echo ran >did"), publish("a")});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  const std::vector<texts> shown = told(e.out, "exec");
+  ASSERT_EQ(shown.size(), 1U);
+  EXPECT_EQ(texts(shown[0].begin(), shown[0].end() - 1),
+            (texts{dir.path("prog"), "DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a"}));
+  EXPECT_TRUE(shown[0].back().starts_with("DAC_TIME=20")) << shown[0].back();
+  EXPECT_EQ(did(), "");
+}
+
+TEST_F(exec, is_an_object_of_its_own_in_a_dry_run_in_json) {
+  const ending e = run({"--once", "--dry-run", "--json", "--exec", "prog", publish("a")});
+  json shown = json::parse(lines(e.out).at(3));
+  EXPECT_EQ(shown["environment"]["DAC_TIME"], json::parse(lines(e.out).at(2))["time"]);
+  shown.erase("time");
+  shown["environment"].erase("DAC_TIME");
+  EXPECT_EQ(shown, (json{{"event", "exec"},
+                         {"instance", "gw"},
+                         {"program", "prog"},
+                         {"environment", {{"DAC_INSTANCE", "gw"}, {"DAC_TAG", "gw"}, {"DAC_VALUE", "a"}}}}));
+}
+
+// ---------------------------------------------------------------- which addresses
+
+TEST_F(exec, gets_the_addresses_that_are_picked_and_the_output_shows_all) {
+  const std::string whole = "2001:db8::1," + std::string(987, 'a');  // fills the record: the last one may go on
+  const struct row {
+    const char* label;
+    const char* pick;
+    std::string published;
+    std::string kept;
+  } rows[] = {
+      {"all of them", "all", "fd00::1,2001:db8::1,fc00::2", "fd00::1,2001:db8::1,fc00::2"},
+      {"global ones", "global", "fd00::1,2001:db8::1,fc00::2,fe00::3,2001:db8::1", "2001:db8::1,fe00::3,2001:db8::1"},
+      {"nothing is left", "global", "fd00::1,fdff::2", "null"},
+      {"null", "global", "null", "null"},
+      {"null, with the kernel asked", "stable", "null", "null"},
+      {"no addresses", "global", "one,two", "null"},
+      {"addresses that the kernel does not have", "stable", "2001:db8:ffff:ffff::1", "null"},
+      {"one that may be cut", "all", whole, "2001:db8::1"},
+      {"one that cannot be cut", "all", whole.substr(0, 998), whole.substr(0, 998)},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = run({"--once", "--pick", r.pick, "--exec", program("echo $DAC_VALUE >did"), publish(r.published)});
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(did(), r.kept + '\n');
+    EXPECT_EQ(told(e.out, "value"), (std::vector<texts>{{"gw", r.published}}));
+  }
+}
+
+TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_addresses) {
+  in_a_network_of_its_own([this] {
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
+    ASSERT_TRUE(ip("addr add 2001:db8::2/64 dev lo nodad preferred_lft 0"));
+    ASSERT_TRUE(ip("addr add fd00::3/64 dev lo nodad"));
+    ASSERT_TRUE(ip("link add v0 type veth peer name v1"));
+    for (const char* interface : {"v0", "v1"}) ASSERT_TRUE(ip(std::string("link set up dev ") + interface));
+    ASSERT_TRUE(write_file("/proc/sys/net/ipv6/conf/v0/use_tempaddr", "1"));
+    ASSERT_TRUE(ip("addr add 2001:db8:1::4/64 dev v0 nodad mngtmpaddr valid_lft 3600 preferred_lft 1800"));
+    ASSERT_TRUE(ip("addr add 2001:db8::5 peer 2001:db8::6 dev v0 nodad"));
+    ASSERT_TRUE(ip("addr add 2001:db8::2/64 dev v1 nodad preferred_lft 0"));
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev v1 nodad preferred_lft 0"));
+    const std::string conf = dir.file("hostname=h");
+    const ending e =
+        start({"--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), conf}, PLUGIN).end();
+    EXPECT_EQ(e.err, "");
+    texts published = split(told(e.out, "value").at(0).at(1), ',');
+    EXPECT_EQ(published.size(), 8U) << "the temporary one among them";
+    texts kept = split(did().substr(0, did().find('\n')), ',');
+    std::sort(kept.begin(), kept.end());
+    EXPECT_EQ(kept, (texts{"2001:db8:1::4", "2001:db8::1", "2001:db8::1", "2001:db8::5"}));
+  });
+}
+
+// ---------------------------------------------------------------- the command line
+
+TEST_F(exec, options_that_cannot_be_meant_get_one_line_and_status_2) {
+  const struct row {
+    const char* label;
+    texts args;
+    const char* named;
+  } rows[] = {{"a dry run of nothing", {"--dry-run"}, "--dry-run requires --exec"},
+              {"a choice for nobody", {"--pick", "all"}, "--pick requires --exec"},
+              {"a limit of nothing", {"--exec-timeout", "3"}, "--exec-timeout requires --exec"},
+              {"an empty name", {"--exec", ""}, "--exec"},
+              {"no name", {"--exec"}, "--exec"},
+              {"an unknown choice", {"--exec", "p", "--pick", "some"}, "'some' is none of all, global, stable"},
+              {"no time at all", {"--exec", "p", "--exec-timeout", "0"}, "'0'"},
+              {"a time that is a word", {"--exec", "p", "--exec-timeout", "long"}, "'long'"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    texts args = {"x.conf"};
+    args.insert(args.end(), r.args.begin(), r.args.end());
+    const ending e = run(args);
+    EXPECT_EQ(e.status, 2);
+    EXPECT_EQ(e.out, "");
+    EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+    EXPECT_NE(e.err.find(r.named), std::string::npos) << e.err;
+  }
+}

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "driver/dac.h"
+#include "host/help.h"
 #include "host/text.h"
 
 namespace {
@@ -39,6 +40,7 @@ CLI::App* add_command(CLI::App& app, options& o, command what, const std::string
       ->required()
       ->check(check_file);
   c->callback([&o, what] { o.what = what; });
+  c->footer(footer_of(what));
   return c;
 }
 
@@ -93,8 +95,10 @@ void add_run(CLI::App& app, options& o) {
   add_exec(*run, o.exec);
 }
 
-std::string usage_error(const CLI::App* /*app*/, const CLI::Error& e) {
-  return "dachost: " + printable(e.what()) + " (dachost --help tells the usage)\n";
+std::string usage_error(const CLI::App* app, const CLI::Error& e) {
+  const auto parsed = app->get_subcommands();
+  const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + ' ';
+  return "dachost: " + printable(e.what()) + " (dachost " + command + "--help tells the usage)\n";
 }
 
 answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
@@ -112,6 +116,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   CLI::App app("Reference host of the dac plug-ins", "dachost");
   app.failure_message(usage_error);
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
+  app.footer(footer());
   app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
   add_run(app, o);
   add_ends(add_command(app, o, command::top, "top", "Run an instance for each file and show them in a table"), o);

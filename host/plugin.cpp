@@ -8,7 +8,7 @@ namespace {
 
 void* load(const std::string& file) {
   void* library = dlopen(file.c_str(), RTLD_NOW | RTLD_LOCAL);
-  if (!library) throw std::runtime_error(dlerror());  // names the file
+  if (!library) throw std::runtime_error(std::string(dlerror()) + "; --plugin FILE names another");
   return library;
 }
 

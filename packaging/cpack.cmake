@@ -56,6 +56,7 @@ install(FILES ${PROJECT_SOURCE_DIR}/driver/dac.h DESTINATION include/ip6dns COMP
 install(FILES ${staging}/ip6dns.pc DESTINATION lib/${triplet}/pkgconfig COMPONENT main)
 install(FILES ${staging}/dachost@.service DESTINATION /lib/systemd/system COMPONENT main)
 install(FILES ${packaging}/ip6dns.conf DESTINATION /etc/ip6dns COMPONENT main)
+install(FILES ${packaging}/completion/dachost DESTINATION share/bash-completion/completions COMPONENT main)
 install(FILES ${packaging}/ip6dns.conf ${PROJECT_SOURCE_DIR}/doc/snippet.c
   DESTINATION share/doc/ip6dns/examples COMPONENT main)
 file(CREATE_LINK ip6dns ${staging}/ip6dns-dbgsym SYMBOLIC)
@@ -86,6 +87,7 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_MAIN_PACKAGE_NAME ip6dns)
 set(CPACK_DEBIAN_MAIN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MAIN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
+set(CPACK_DEBIAN_MAIN_PACKAGE_RECOMMENDS "libncursesw6 (>= 6)")  # dachost top loads it for its screen
 set(CPACK_DEBIAN_MAIN_PACKAGE_CONTROL_EXTRA ${packaging}/conffiles)
 set(CPACK_COMPONENT_MAIN_DESCRIPTION
 "libip6dns.so is a driver for a host data-acquisition platform. It publishes

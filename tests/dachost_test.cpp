@@ -301,6 +301,19 @@ TEST_F(dachost, help_and_version_go_to_standard_output) {
   }
 }
 
+TEST_F(dachost, help_of_each_sub_command_has_an_example_and_the_exit_statuses) {
+  for (const std::string command : {"run", "top", "check", "tags", "info"}) {
+    const ending e = dachost_does({command, "--help"});
+    EXPECT_NE(e.out.find("\n  dachost " + command + ' '), std::string::npos) << e.out;
+    EXPECT_NE(e.out.find("\nExit status: 0 when"), std::string::npos) << e.out;
+  }
+}
+
+TEST_F(dachost, what_is_wrong_with_a_sub_commands_usage_points_to_its_own_help) {
+  EXPECT_TRUE(dachost_does({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help tells the usage)\n"));
+  EXPECT_TRUE(dachost_does({"publish"}).err.ends_with("(dachost --help tells the usage)\n"));
+}
+
 // ---------------------------------------------------------------- the library
 
 TEST_F(dachost, a_library_that_cannot_be_loaded_is_named_in_one_line) {
@@ -314,6 +327,7 @@ TEST_F(dachost, a_library_that_cannot_be_loaded_is_named_in_one_line) {
       EXPECT_EQ(e.out, "");
       EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
       EXPECT_TRUE(e.err.starts_with("dachost: " + library + ": ")) << e.err;
+      EXPECT_TRUE(e.err.ends_with("; --plugin FILE names another\n")) << e.err;
     }
   }
 }

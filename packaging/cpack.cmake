@@ -59,6 +59,8 @@ install(FILES ${packaging}/ip6dns.conf DESTINATION /etc/ip6dns COMPONENT main)
 install(FILES ${packaging}/completion/dachost DESTINATION share/bash-completion/completions COMPONENT main)
 install(FILES ${packaging}/ip6dns.conf ${PROJECT_SOURCE_DIR}/doc/snippet.c
   DESTINATION share/doc/ip6dns/examples COMPONENT main)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION share/doc/ip6dns/examples COMPONENT main
+  USE_SOURCE_PERMISSIONS)
 file(CREATE_LINK ip6dns ${staging}/ip6dns-dbgsym SYMBOLIC)
 install(FILES ${staging}/ip6dns-dbgsym DESTINATION share/doc COMPONENT dbgsym)
 

@@ -13,7 +13,7 @@ export LC_ALL=C TZ=Pacific/Auckland
 unset SOURCE_DATE_EPOCH
 copy=$scratch/elsewhere/with/a/longer/name
 mkdir -p "$copy"
-(cd "$source" && cp -a CMakeLists.txt cmake com driver host packaging doc "$copy")
+(cd "$source" && cp -a CMakeLists.txt cmake com driver host packaging doc examples "$copy")
 cmake -S "$copy" -B "$scratch/b" -G Ninja -DCMAKE_BUILD_TYPE=Release -DIP6DNS_HOST=ON "$@" >/dev/null
 cmake --build "$scratch/b" >/dev/null
 (cd "$scratch/b" && cpack >/dev/null)

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <initializer_list>
 #include <numeric>
 #include <random>
@@ -46,8 +47,10 @@ struct lock_event {
   size_t live;
 };
 thread_local std::vector<lock_event>* lock_events = nullptr;
+thread_local const std::function<void(char)>* at_lock = nullptr;  // called before a lock is taken or given back
 
 void note(char what, volatile void* lock) {
+  if (at_lock) (*at_lock)(what);
   if (lock_events) lock_events->push_back({what, const_cast<void*>(lock), pools::live().size()});
 }
 
@@ -494,6 +497,60 @@ TEST_F(spin_lock, of_the_self_heap_is_held_for_a_slot_and_its_return) {
   void* p = nullptr;
   EXPECT_EQ(locks_of(16, [&] { p = ym::memheap_::operator new(8); }), (told{"heap+0", "heap-0"}));
   EXPECT_EQ(locks_of(16, [&] { ym::memheap_::operator delete(p); }), (told{"heap+0", "heap-0"}));
+}
+
+TEST_F(spin_lock, of_the_self_heap_is_held_while_its_chunk_is_mapped_and_unmapped) {
+  const auto older = pools::take_slots(0);
+  void* p = nullptr;
+  EXPECT_EQ(locks_of(16, [&] { p = ym::memheap_::operator new(56); }), (told{"heap+0", "heap-1"}));
+  const auto newer = pools::take_slots(0);
+  pools::give_slots({older[0], older[1]});
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
+  pools::give_slots(newer);
+  EXPECT_EQ(locks_of(16, [&] { ym::memheap_::operator delete(p); }), (told{"heap+0", "heap--1"}));
+}
+
+// The bookkeeping of the self heap and of the pool of `size`, as it lies in memory.
+std::string bookkeeping(size_t size) {
+  std::string all(pools::at(0), sizeof(pools::heap));
+  for (const char* c : pools::heap_chunks()) all.append(c, sizeof(slots));
+  all.append(pools::pool_at(size), sizeof(pools::pool));
+  for (const char* c : chunks_of(size)) all.append(c, sizeof(chunk));
+  return all;
+}
+
+TEST_F(spin_lock, is_taken_before_anything_is_touched_and_given_back_when_all_is_done) {
+  const auto b = fill_chunks(pair_class, 4);
+  ym_free(b[0][0]);
+  ym_free(b[1][0]);
+  void* p = nullptr;
+  const struct row {
+    const char* label;
+    size_t size;
+    std::function<void()> step;
+  } rows[] = {
+      {"block", 16, [&] { p = take(16); }},
+      {"block back", 16, [&] { ym_free(p); }},
+      {"block of a new chunk", 128, [&] { p = take(128); }},
+      {"block that sets off the sweep", pair_class.size, [&] { ym_free(b[1][1]); }},
+      {"slot", 16, [&] { p = ym::memheap_::operator new(8); }},
+      {"slot back", 16, [&] { ym::memheap_::operator delete(p); }},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    std::string first, last;
+    const std::function<void(char)> look = [&](char what) {
+      if (first.empty()) first = bookkeeping(r.size);
+      if (what == '-') last = bookkeeping(r.size);
+    };
+    const std::string before = bookkeeping(r.size);
+    at_lock = &look;
+    r.step();
+    at_lock = nullptr;
+    EXPECT_TRUE(first == before);
+    EXPECT_TRUE(last == bookkeeping(r.size));
+    EXPECT_FALSE(first == last);
+  }
 }
 
 // ---------------------------------------------------------------- self heap

@@ -14,6 +14,7 @@
 #include <new>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "tests/support/blocks.h"
@@ -25,6 +26,7 @@ namespace {
 std::atomic<const void*> watched;  // a mutex,
 std::atomic<int> locked;           // how often it was locked,
 std::atomic<int> refusal;          // and what locking it yields if not 0
+std::function<void()> meanwhile;   // what others do to the table while one call waits for it
 
 /// What the tables own here. As large as an entry, so that a block of the pools for it would show.
 struct probe {
@@ -155,6 +157,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   if (mutex == watched) {
     ++locked;
     if (refusal != 0) return refusal;
+    if (const auto others = std::exchange(meanwhile, nullptr)) others();
   }
   return real(mutex);
 }
@@ -456,6 +459,19 @@ TEST_F(handle, every_operation_locks_once_also_when_it_finds_nothing) {
     operation();
     EXPECT_EQ(locked, 1);
   }
+}
+
+TEST_F(handle, what_others_do_while_a_call_waits_for_the_lock_counts) {
+  create(3);
+  watched = mutex_of(&table);
+  meanwhile = [&] { EXPECT_EQ(table.del(1), 0); };
+  EXPECT_EQ(table.get(1), nullptr);
+  meanwhile = [&] { EXPECT_EQ(table.del(2), 0); };
+  EXPECT_EQ(table.del(2), -1);
+  EXPECT_EQ(probe::gone.size(), 2U);
+  meanwhile = [&] { create(1023); };
+  EXPECT_EQ(table.create(), -1);
+  EXPECT_EQ(count(), 1024U);
 }
 
 TEST_F(handle, a_refused_lock_is_a_system_error_and_changes_nothing) {

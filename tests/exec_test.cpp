@@ -244,7 +244,7 @@ TEST_F(exec, that_cannot_be_started_is_told_with_the_reason) {
   chmod(dir.path("shapeless").c_str(), 0700);
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
-    const ending e = run({"--once", "--exec", r.file, conf});
+    const ending e = run({"--once", "--exec", r.file, conf}, {"PATH=/usr/bin:/bin"});
     EXPECT_EQ(e.status, 1);
     // Under the emulator a process of its own finds out, and can only end.
     const std::string told = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;

@@ -20,7 +20,8 @@ bool ip(const std::string& command) { return std::system(("ip -6 " + command).c_
 
 namespace {
 
-// Where plain users may not have a network namespace, they may in a user namespace in which they are root.
+// A plain user gets a network namespace only in a user namespace, as the root of it. What a privileged user starts
+// there has no privilege outside.
 bool enter_as_user() {
   const std::string uid = "0 " + std::to_string(getuid()) + " 1", gid = "0 " + std::to_string(getgid()) + " 1";
   return unshare(CLONE_NEWUSER | CLONE_NEWNET) == 0 && write_file("/proc/self/setgroups", "deny") &&
@@ -28,8 +29,8 @@ bool enter_as_user() {
 }
 
 void enter_and_run(const std::function<void()>& body) {
-  if (unshare(CLONE_NEWNET) != 0 && !enter_as_user())
-    FAIL() << "the kernel allows no network namespace, neither to this user nor in a user namespace: "
+  if (!enter_as_user() && unshare(CLONE_NEWNET) != 0)
+    FAIL() << "the kernel allows no network namespace, neither in a user namespace nor to this user: "
            << std::strerror(errno);
   ASSERT_TRUE(ip("link set lo up")) << "the loopback interface cannot be brought up; is ip (iproute2) installed?";
   try {

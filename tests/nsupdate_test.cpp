@@ -1,0 +1,254 @@
+// examples/nsupdate-aaaa: what it asks of nsupdate, and from end to end: from an address of the kernel's interface
+// through the plug-in, dachost and a name server to a question that is asked there.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <sstream>
+#include <stdexcept>
+
+#include "tests/support/name_server.h"
+#include "tests/support/network.h"
+#include "tests/support/plugin.h"
+#include "tests/support/process.h"
+
+using texts = std::vector<std::string>;
+
+namespace {
+
+constexpr char script[] = SOURCE_DIR "/examples/nsupdate-aaaa";
+
+std::string read_file(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
+}
+
+/// The script alone, with an nsupdate that writes down what it is asked.
+class nsupdate_aaaa : public testing::Test {
+ protected:
+  scratch dir;
+
+  nsupdate_aaaa() {
+    const std::string fake =
+        dir.file("#!/bin/sh\necho \"$@\" >'" + asked_path() + "'\ncat >>'" + asked_path() + "'\nexit ${STATUS:-0}\n",
+                 "nsupdate");
+    if (chmod(fake.c_str(), 0700) != 0) throw std::runtime_error(fake);
+    dir.file("key", "key");
+  }
+
+  /// Settings that suffice, and these behind them: the last one of a name counts.
+  ending run(const texts& settings) const {
+    texts argv = {"env",
+                  "PATH=" + dir.path("") + ":/usr/bin:/bin",
+                  "NSUPDATE_SERVER=192.0.2.53",
+                  "NSUPDATE_KEY=" + dir.path("key"),
+                  "DAC_TAG=gw.example",
+                  "DAC_VALUE=2001:db8::1"};
+    argv.insert(argv.end(), settings.begin(), settings.end());
+    argv.emplace_back(script);
+    return process(argv).end();
+  }
+  std::string asked() const { return read_file(asked_path()); }
+
+ private:
+  std::string asked_path() const { return dir.path("asked"); }
+};
+
+/// dachost with the plug-in on the kernel's interfaces, the script, and a clock that the test sets ahead.
+class host {
+ public:
+  host(const name_server& dns, const std::string& key) : _dns(dns) {
+    look();
+    _program = std::make_unique<process>(command(key));
+  }
+
+  process* operator->() { return _program.get(); }
+  /// Has the worker look once more, now.
+  void look() {
+    _dir.file(std::to_string(_shift += 10), "next");
+    std::filesystem::rename(_dir.path("next"), _dir.path("shift"));
+  }
+  /// Waits for the value.
+  void publishes(const std::string& value) { _program->await_out("\tvalue\tgw.example.test\t" + value + '\n'); }
+  /// Waits until the name has these addresses.
+  bool keeps(const texts& addresses) const { return _dns.gets("gw.example.test", addresses); }
+  ending end() {
+    _program->signal(SIGTERM);
+    return _program->end();
+  }
+
+ private:
+  const name_server& _dns;
+  scratch _dir;
+  int _shift = 0;
+  std::unique_ptr<process> _program;
+
+  texts command(const std::string& key) const {
+    texts argv = {"env",
+                  "NSUPDATE_SERVER=127.0.0.1",
+                  std::string("NSUPDATE_PORT=") + name_server::port,
+                  std::string("NSUPDATE_ZONE=") + name_server::zone,
+                  "NSUPDATE_KEY=" + key,
+                  "CLOCK_SHIFT=" + _dir.path("shift"),
+                  "LD_PRELOAD=" SHIFTED_CLOCK,
+                  "ASAN_OPTIONS=verify_asan_link_order=0"};
+    std::istringstream emulator(EMULATOR);
+    for (std::string word; emulator >> word;) argv.push_back(word);
+    const std::string conf = _dir.file("hostname = gw.example.test");
+    argv.insert(argv.end(), {DACHOST, "run", "-p", PLUGIN, "--pick", "global", "--exec", script, conf});
+    return argv;
+  }
+};
+
+bool add(const std::string& address) { return ip("addr add " + address + " dev lo nodad"); }
+bool del(const std::string& address) { return ip("addr del " + address + " dev lo"); }
+
+}  // namespace
+
+// ---------------------------------------------------------------- the script
+
+TEST_F(nsupdate_aaaa, asks_for_one_update_that_deletes_and_adds) {
+  const struct row {
+    const char* label;
+    texts settings;
+    std::string asked;
+  } rows[] = {{"one address",
+               {},
+               "-v -t 20 -k " + dir.path("key") +
+                   "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\n"
+                   "update add gw.example 60 AAAA 2001:db8::1\nsend\n"},
+              {"none",
+               {"DAC_VALUE=null"},
+               "-v -t 20 -k " + dir.path("key") + "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\nsend\n"},
+              {"all that can be set",
+               {"DAC_VALUE=2001:DB8::1,::192.0.2.1,64:ff9b::1", "NSUPDATE_NAME=other.example", "NSUPDATE_ZONE=example",
+                "NSUPDATE_PORT=5353", "NSUPDATE_TTL=300", "NSUPDATE_TIMEOUT=7", "NSUPDATE_SERVER=ns_1.example"},
+               "-v -t 7 -k " + dir.path("key") +
+                   "\nserver ns_1.example 5353\nzone example\nupdate delete other.example AAAA\n"
+                   "update add other.example 300 AAAA 2001:DB8::1\n"
+                   "update add other.example 300 AAAA ::192.0.2.1\n"
+                   "update add other.example 300 AAAA 64:ff9b::1\nsend\n"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = run(r.settings);
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(asked(), r.asked);
+  }
+}
+
+TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
+  const struct row {
+    const char* label;
+    const char* setting;
+    std::string told;
+  } rows[] = {
+      {"no name", "DAC_TAG=", "DAC_TAG is not set"},
+      {"a name of two words", "DAC_TAG=gw example", "DAC_TAG may not be 'gw example'"},
+      {"a name that goes on", "DAC_TAG=gw\tAAAA", "DAC_TAG may not be 'gw\tAAAA'"},
+      {"a name beyond ASCII", "NSUPDATE_NAME=gw\xc3\xa4", "DAC_TAG may not be 'gw\xc3\xa4'"},
+      {"no value", "DAC_VALUE=", "DAC_VALUE is not set"},
+      {"a word", "DAC_VALUE=none", "DAC_VALUE may not be 'none'"},
+      {"a word behind an address", "DAC_VALUE=::5,null", "DAC_VALUE may not be 'null'"},
+      {"an empty address", "DAC_VALUE=::5,,::6", "DAC_VALUE is not set"},
+      {"a blank", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
+      {"a pattern", "DAC_VALUE=*", "DAC_VALUE may not be '*'"},
+      {"no server", "NSUPDATE_SERVER=", "NSUPDATE_SERVER is not set"},
+      {"a server and more", "NSUPDATE_SERVER=a b", "NSUPDATE_SERVER may not be 'a b'"},
+      {"a port by name", "NSUPDATE_PORT=domain", "NSUPDATE_PORT may not be 'domain'"},
+      {"a time with a unit", "NSUPDATE_TTL=1h", "NSUPDATE_TTL may not be '1h'"},
+      {"less than no time", "NSUPDATE_TIMEOUT=-1", "NSUPDATE_TIMEOUT may not be '-1'"},
+      {"two zones", "NSUPDATE_ZONE=a b", "NSUPDATE_ZONE may not be 'a b'"},
+      {"no key", "NSUPDATE_KEY=", "NSUPDATE_KEY is not set"},
+      {"a key that is not there", "NSUPDATE_KEY=/no/key", "NSUPDATE_KEY: /no/key cannot be read"},
+      {"no nsupdate", "PATH=/no/programs", "nsupdate is missing; bind9-dnsutils has it"},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.label);
+    const ending e = run({r.setting});
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.out, "");
+    EXPECT_EQ(e.err, "nsupdate-aaaa: " + r.told + '\n');
+    EXPECT_EQ(asked(), "");
+  }
+}
+
+TEST_F(nsupdate_aaaa, lets_no_second_line_through) {
+  for (const char* name :
+       {"DAC_TAG", "DAC_VALUE", "NSUPDATE_SERVER", "NSUPDATE_PORT", "NSUPDATE_TTL", "NSUPDATE_ZONE"}) {
+    SCOPED_TRACE(name);
+    for (const char* end : {"\n", "\nsend"}) {
+      EXPECT_EQ(run({std::string(name) + "=1" + end}).status, 1);
+      EXPECT_EQ(asked(), "");
+    }
+  }
+}
+
+TEST_F(nsupdate_aaaa, ends_as_nsupdate_ends) { EXPECT_EQ(run({"STATUS=2"}).status, 2); }
+
+// ---------------------------------------------------------------- from end to end
+
+TEST(name_record, follows_the_addresses_and_vanishes_with_the_last_public_one) {
+  in_a_network_of_its_own([] {
+    name_server dns;
+    dns.start();
+    host h(dns, dns.key());
+    h.publishes("null");
+    ASSERT_TRUE(add("2001:db8::10"));
+    h.look();
+    EXPECT_TRUE(h.keeps({"2001:db8::10"}));
+    ASSERT_TRUE(add("fd00::5"));
+    ASSERT_TRUE(add("2001:db8::20"));
+    h.look();
+    EXPECT_TRUE(h.keeps({"2001:db8::10", "2001:db8::20"}));
+    ASSERT_TRUE(del("2001:db8::10"));
+    ASSERT_TRUE(add("2001:db8::30"));
+    h.look();
+    EXPECT_TRUE(h.keeps({"2001:db8::20", "2001:db8::30"}));
+    ASSERT_TRUE(del("2001:db8::20"));
+    ASSERT_TRUE(del("2001:db8::30"));
+    h.look();
+    EXPECT_TRUE(h.keeps({}));
+    EXPECT_EQ(dns.serial(), 5U) << "one update for each change";
+    const ending e = h.end();
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(e.err, "");
+  });
+}
+
+TEST(name_record, is_right_again_after_a_time_without_name_server) {
+  in_a_network_of_its_own([] {
+    name_server dns;
+    dns.start();
+    ASSERT_TRUE(add("2001:db8::10"));
+    host h(dns, dns.key());
+    EXPECT_TRUE(h.keeps({"2001:db8::10"}));
+    dns.stop();
+    ASSERT_TRUE(del("2001:db8::10"));
+    ASSERT_TRUE(add("2001:db8::20"));
+    h.look();
+    h->await_err("; tried again in 1 s\n");
+    dns.start();
+    EXPECT_TRUE(h.keeps({"2001:db8::20"}));
+    const std::string out = h.end().out;
+    EXPECT_NE(out.find("2001:db8::20\n"), std::string::npos);
+    EXPECT_EQ(out.find("2001:db8::20\n"), out.rfind("2001:db8::20\n")) << "published once, tried twice";
+  });
+}
+
+TEST(name_record, stays_as_it_is_when_the_key_is_wrong) {
+  in_a_network_of_its_own([] {
+    name_server dns;
+    dns.start();
+    ASSERT_TRUE(add("2001:db8::10"));
+    host h(dns, dns.wrong_key());
+    h->await_err(std::string("dachost: ip6dns: ") + script + ": exit status 2; tried again in 1 s\n");
+    EXPECT_EQ(dns.addresses("gw.example.test"), texts{});
+    EXPECT_EQ(dns.serial(), 1U);
+    h.end();
+  });
+}

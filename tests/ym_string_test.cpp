@@ -565,13 +565,16 @@ TEST_F(string, appends_and_assigns_texts_of_every_length_whole_and_nothing_beyon
 }
 
 TEST_F(string, takes_over_a_part_of_its_own_text_of_every_length) {
-  const std::string all = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
-  for (size_t from = 0; from < all.size(); ++from) {
-    SCOPED_TRACE(from);
-    text s;
-    add(s, all);
-    s = s.c_str() + from;
-    EXPECT_EQ(held(s), all.substr(from));
+  const std::string alphabet = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
+  for (size_t n = 1; n <= alphabet.size(); ++n) {
+    const std::string all = alphabet.substr(0, n);
+    for (size_t from = 0; from < n; ++from) {
+      SCOPED_TRACE(testing::Message() << "from " << from << " of " << n);
+      text s;
+      add(s, all);
+      s = s.c_str() + from;
+      EXPECT_EQ(held(s), all.substr(from));
+    }
   }
 }
 
@@ -616,6 +619,20 @@ TEST_F(string, assigned_from_text_holds_that_text) {
   EXPECT_STREQ(s.c_str(), "second");
   EXPECT_EQ(raw(s), p);
   EXPECT_EQ(&(s = "third"), &s);
+}
+
+TEST_F(string, assigned_from_text_keeps_its_block_and_capacity_as_long_as_one_byte_stays_free) {
+  for (const uint32_t n : {1U, 2U, 374U, 375U}) {
+    SCOPED_TRACE(n);
+    text s(256);
+    const char* p = raw(s);
+    s = std::string(n, 'a').c_str();
+    EXPECT_EQ(raw(s), p);
+    EXPECT_EQ(head(s), (header{376, n}));
+  }
+  text s(256);
+  s = std::string(376, 'a').c_str();
+  EXPECT_EQ(head(s), (header{792, 376}));
 }
 
 TEST_F(string, assigned_from_no_text_or_empty_text_is_empty_and_keeps_its_block) {

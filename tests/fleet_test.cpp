@@ -1,0 +1,236 @@
+// A fleet: three machines, each a network namespace with addresses and a host of its own, publish to one MQTT broker,
+// and a subscriber sees what each of them has.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <fstream>
+#include <map>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+
+#include "tests/support/network.h"
+#include "tests/support/plugin.h"
+#include "tests/support/process.h"
+
+using nlohmann::json;
+using texts = std::vector<std::string>;
+
+namespace {
+
+/// The process that has written its own id into the file.
+pid_t id_in(const std::string& file) {
+  pid_t id = 0;
+  const auto is_there = [&] { return static_cast<bool>(std::ifstream(file) >> id); };
+  if (!eventually(is_there)) throw std::runtime_error("nobody writes " + file);
+  return id;
+}
+
+/// Root of a whole machine gives its rights away; root of a user namespace has none to give and nobody to be.
+std::string broker_user() {
+  unsigned long first = 0, outside = 0, count = 0;
+  std::ifstream("/proc/self/uid_map") >> first >> outside >> count;
+  return count > 1 ? "nobody" : "root";
+}
+
+class broker {
+ public:
+  explicit broker(const scratch& dir)
+      : _process(
+            {"mosquitto", "-c",
+             dir.file("listener 1883 0.0.0.0\nallow_anonymous true\npersistence false\nuser " + broker_user() + '\n',
+                      "mosquitto.conf")}) {
+    _process.await_err(" running");
+  }
+  ~broker() {
+    _process.signal(SIGTERM);
+    _process.end_unread();
+  }
+  broker(const broker&) = delete;
+  broker& operator=(const broker&) = delete;
+
+ private:
+  process _process;
+};
+
+/// A network namespace with a cable to the broker's, 10.0.N.2 at this end and 10.0.N.1 at that.
+class machine {
+ public:
+  machine(const scratch& dir, int number, const std::string& name)
+      : _dir(dir),
+        _name(name),
+        _number(std::to_string(number)),
+        _holder({"unshare", "-n", "sh", "-c", "echo $$ >" + dir.path(name + ".holder") + " && exec sleep 1000"}),
+        _id(std::to_string(id_in(dir.path(name + ".holder")))) {
+    const std::string cable = "v" + _number;
+    EXPECT_TRUE(ip("link add " + cable + " type veth peer name eth0 netns " + _id));
+    EXPECT_TRUE(ip("link set " + cable + " up"));
+    EXPECT_TRUE(ipv4("addr add 10.0." + _number + ".1/24 dev " + cable));
+    run("ip link set lo up && ip link set eth0 up && ip addr add 10.0." + _number + ".2/24 dev eth0");
+  }
+
+  void add(const std::string& address, const char* interface = "lo") const {
+    run("ip -6 addr add " + address + " nodad dev " + interface);
+  }
+  void del(const std::string& address, const char* interface = "lo") const {
+    run("ip -6 addr del " + address + " dev " + interface);
+  }
+
+  /// Publishes under the machine's name, as users are told to.
+  void publish() {
+    const std::string conf = _dir.file("hostname = " + _name + ".example\n", _name + ".conf");
+    process_settings s;
+    s.environment = {"PATH=" + _dir.path("bin") + ':' + std::getenv("PATH"), "PID_FILE=" + _dir.path(_name + ".pid")};
+    _publisher = std::make_unique<process>(
+        inside({SOURCE_DIR "/examples/publish-mqtt", conf, "ip6dns/" + _name, "-h", "10.0." + _number + ".1"}), s);
+  }
+  /// Stops the host; the rest is to follow by itself.
+  ending stop() {
+    kill(id_in(_dir.path(_name + ".pid")), SIGTERM);
+    return wait();
+  }
+  ending wait() { return _publisher->end(); }
+
+ private:
+  const scratch& _dir;
+  const std::string _name;
+  const std::string _number;
+  process _holder;
+  const std::string _id;
+  std::unique_ptr<process> _publisher;
+
+  static bool ipv4(const std::string& command) { return std::system(("ip " + command).c_str()) == 0; }
+  texts inside(texts command) const {
+    command.insert(command.begin(), {"nsenter", "-n", "-t", _id});
+    return command;
+  }
+  void run(const std::string& command) const {
+    const ending e = process(inside({"sh", "-c", command})).end();
+    if (e.status != 0) throw std::runtime_error(command + ": " + e.err);
+  }
+};
+
+/// Sees all that is published below ip6dns/.
+class subscriber {
+ public:
+  subscriber() : _process({"mosquitto_sub", "-h", "127.0.0.1", "-v", "-t", "ip6dns/#"}) {}
+
+  void await(const std::string& machine, const std::string& value) {
+    _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\"}\n");
+  }
+  /// Topic by topic the values, one for each change.
+  std::map<std::string, texts> changes() {
+    _process.signal(SIGTERM);
+    std::map<std::string, texts> all;
+    std::istringstream in(_process.end().out);
+    for (std::string topic, object; in >> topic && std::getline(in, object);) {
+      const json event = json::parse(object);
+      EXPECT_EQ(event["event"], "value");
+      EXPECT_EQ("ip6dns/" + event["instance"].get<std::string>(), topic);
+      texts& values = all[topic];
+      if (values.empty() || values.back() != event["value"]) values.push_back(event["value"]);
+    }
+    return all;
+  }
+
+ private:
+  process _process;
+};
+
+class fleet : public testing::Test {
+ protected:
+  scratch dir;
+
+  /// A dachost on the PATH whose worker does not wait ten seconds before it looks again.
+  fleet() {
+    mkdir(dir.path("bin").c_str(), 0700);
+    const std::string script = dir.file(
+        "#!/bin/sh\necho $$ >$PID_FILE\ncommand=$1\nshift\n"
+        "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" SWIFT_CLOCK " exec " DACHOST
+        " $command -p " PLUGIN " \"$@\"\n",
+        "bin/dachost");
+    if (chmod(script.c_str(), 0700) != 0) throw std::runtime_error(script);
+  }
+};
+
+}  // namespace
+
+TEST_F(fleet, of_three_machines_is_seen_by_a_subscriber_of_one_broker) {
+  in_a_network_of_its_own([this] {
+    const broker b(dir);
+    machine gateway(dir, 1, "gateway"), pump(dir, 2, "pump"), camera(dir, 3, "camera");
+    gateway.add("2001:db8:1::1/64");
+    camera.add("2001:db8:3::1/64");
+    camera.add("2001:db8:3::2/64", "eth0");
+    subscriber s;
+    for (machine* m : {&gateway, &pump, &camera}) m->publish();
+    s.await("gateway", "2001:db8:1::1");
+    s.await("pump", "null");
+    s.await("camera", "2001:db8:3::1,2001:db8:3::2");
+
+    pump.add("fd00::2/64");
+    s.await("pump", "fd00::2");
+    gateway.del("2001:db8:1::1/64");
+    s.await("gateway", "null");
+    camera.del("2001:db8:3::1/64");
+    s.await("camera", "2001:db8:3::2");
+    gateway.add("2001:db8:1::7/64");
+    s.await("gateway", "2001:db8:1::7");
+
+    for (machine* m : {&gateway, &pump, &camera}) {
+      const ending e = m->stop();
+      EXPECT_EQ(e.status, 0) << e.err;
+    }
+    const std::map<std::string, texts> expected = {{"ip6dns/gateway", {"2001:db8:1::1", "null", "2001:db8:1::7"}},
+                                                   {"ip6dns/pump", {"null", "fd00::2"}},
+                                                   {"ip6dns/camera", {"2001:db8:3::1,2001:db8:3::2", "2001:db8:3::2"}}};
+    EXPECT_EQ(s.changes(), expected);
+  });
+}
+
+TEST_F(fleet, shows_those_who_come_later_what_every_machine_has) {
+  in_a_network_of_its_own([this] {
+    const broker b(dir);
+    machine gateway(dir, 1, "gateway"), pump(dir, 2, "pump");
+    gateway.add("2001:db8:1::1/64");
+    subscriber early;
+    gateway.publish();
+    pump.publish();
+    early.await("gateway", "2001:db8:1::1");
+    early.await("pump", "null");
+    EXPECT_EQ(gateway.stop().status, 0);
+    EXPECT_EQ(pump.stop().status, 0);
+
+    subscriber late;
+    late.await("gateway", "2001:db8:1::1");
+    late.await("pump", "null");
+  });
+}
+
+TEST_F(fleet, catches_up_when_the_broker_comes_back) {
+  in_a_network_of_its_own([this] {
+    auto b = std::make_unique<broker>(dir);
+    machine gateway(dir, 1, "gateway");
+    subscriber s;
+    gateway.publish();
+    s.await("gateway", "null");
+    b.reset();
+    gateway.add("2001:db8:1::1/64");
+    b = std::make_unique<broker>(dir);
+    s.await("gateway", "2001:db8:1::1");
+    EXPECT_EQ(gateway.stop().status, 0);
+  });
+}
+
+TEST_F(fleet, tells_and_ends_where_there_is_no_broker) {
+  in_a_network_of_its_own([this] {
+    machine gateway(dir, 1, "gateway");
+    gateway.publish();
+    const ending e = gateway.wait();
+    EXPECT_NE(e.status, 0);
+    EXPECT_NE(e.err.find("Error: Connection refused"), std::string::npos) << e.err;
+    EXPECT_NE(e.err.find("dachost: standard output: Broken pipe"), std::string::npos) << e.err;
+  });
+}

@@ -57,8 +57,9 @@ install(FILES ${staging}/ip6dns.pc DESTINATION lib/${triplet}/pkgconfig COMPONEN
 install(FILES ${staging}/dachost@.service DESTINATION /lib/systemd/system COMPONENT main)
 install(FILES ${packaging}/ip6dns.conf DESTINATION /etc/ip6dns COMPONENT main)
 install(FILES ${packaging}/completion/dachost DESTINATION share/bash-completion/completions COMPONENT main)
-install(FILES ${packaging}/ip6dns.conf ${PROJECT_SOURCE_DIR}/doc/snippet.c
+install(FILES ${packaging}/ip6dns.conf ${packaging}/nsupdate.conf ${PROJECT_SOURCE_DIR}/doc/snippet.c
   DESTINATION share/doc/ip6dns/examples COMPONENT main)
+install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/nsupdate-aaaa DESTINATION share/doc/ip6dns/examples COMPONENT main)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION share/doc/ip6dns/examples COMPONENT main
   USE_SOURCE_PERMISSIONS)
 file(CREATE_LINK ip6dns ${staging}/ip6dns-dbgsym SYMBOLIC)

@@ -28,6 +28,9 @@ int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam,
     if (d->Create(name, cfgfile, log, logparam, aux1, aux1param, data, dataparam, aux2, aux2param)) return handle;
   } catch (const std::bad_alloc&) {
     // Out of memory: refused like an instance that cannot be configured.
+  } catch (...) {
+    if (handle >= 0) g_dachandls.del(handle);  // nobody would know its handle
+    throw;
   }
   g_dachandls.del(handle);  // kept: the handle number is used up
   return -1;

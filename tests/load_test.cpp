@@ -1,12 +1,10 @@
-// Loading and unloading the built library, and what it does when the system refuses it memory, threads or locks.
+// Loading and unloading the built library, and what it does when the system refuses it memory.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <fstream>
-#include <functional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -17,7 +15,6 @@
 #include "tests/support/fake_heap.h"
 #include "tests/support/fake_interfaces.h"
 #include "tests/support/fake_pages.h"
-#include "tests/support/fake_threads.h"
 #include "tests/support/plugin.h"
 #include "tests/support/plugin_fixture.h"
 
@@ -83,8 +80,6 @@ class refusal : public plugin_fixture {
   ~refusal() override {
     fake_pages::refuse(0);
     fake_heap::refuse(0);
-    fake_threads::refuse_lock(0);
-    fake_threads::refuse_thread(0);
   }
 
   /// The instance starts, publishes and stops like any other.
@@ -212,73 +207,6 @@ TEST_F(load, may_be_loaded_and_unloaded_without_end) {
   EXPECT_EQ(fake_heap::live(), blocks);
   EXPECT_EQ(fake_pages::live(), before);
   EXPECT_LT(lines_of_maps(), lines + times / 2) << "not one mapping more each time";
-}
-
-// ---------------------------------------------------------------- threads and locks refused
-
-TEST_F(refusal, of_a_thread_leaves_the_instance_stopped_and_usable) {
-  const int h = create();
-  fake_threads::refuse_thread(EAGAIN);
-  try {
-    lib.start(h);
-    ADD_FAILURE() << "started without a thread";
-  } catch (const std::system_error& e) {
-    EXPECT_EQ(e.code(), std::errc::resource_unavailable_try_again);
-  }
-  fake_threads::refuse_thread(0);
-  EXPECT_EQ(lib.isrun(h), 0);
-  EXPECT_EQ(lib.stop(h), 0);
-  EXPECT_EQ(rec.journal(), strings{});
-  expect_usable(h);
-}
-
-TEST_F(refusal, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
-  const int h = create();
-  const std::string path = dir.path("ip6dns.conf");
-  const arguments a = rec.args("drv", path.c_str());
-  char buf[64] = "untouched";
-  size_t size = sizeof buf;
-  const struct {
-    const char* label;
-    std::function<void()> call;
-    int lock = 1;
-  } rows[] = {
-      {"dac_create, registering", [&] { a.create(lib); }},
-      {"dac_create, looking up", [&] { a.create(lib); }, 2},
-      {"dac_destroy", [&] { lib.destroy(h); }},
-      {"dac_start", [&] { lib.start(h); }},
-      {"dac_stop", [&] { lib.stop(h); }},
-      {"dac_isrun", [&] { lib.isrun(h); }},
-      {"dac_devicewriteobj", [&] { lib.devicewriteobj(h); }},
-      {"dac_devicewriteval", [&] { lib.devicewriteval(h); }},
-      {"dac_getalltags", [&] { lib.getalltags(h, nullptr, nullptr); }},
-      {"dac_getalltagsex", [&] { lib.getalltagsex(h, nullptr, nullptr); }},
-      {"dac_getinfo", [&] { lib.getinfo(h, buf, &size); }},
-  };
-  for (const auto& [label, call, lock] : rows) {
-    SCOPED_TRACE(label);
-    fake_threads::refuse_lock(lock);
-    try {
-      call();
-      ADD_FAILURE() << "went on without the lock";
-    } catch (const std::system_error& e) {
-      EXPECT_EQ(e.code().value(), EAGAIN);
-    }
-    fake_threads::refuse_lock(0);
-  }
-  EXPECT_STREQ(buf, "untouched");
-  EXPECT_EQ(lib.getversion(), 500);
-  expect_usable(h);
-}
-
-TEST_F(refusal, of_the_lock_in_create_registers_nothing) {
-  const std::string path = dir.file("hostname=h1\n");
-  const arguments a = rec.args("drv", path.c_str());
-  fake_threads::refuse_lock(1);
-  EXPECT_THROW(a.create(lib), std::system_error);
-  fake_threads::refuse_lock(0);
-  EXPECT_EQ(known(), std::set<int>{});
-  EXPECT_EQ(a.create(lib), 0);
 }
 
 // ---------------------------------------------------------------- memory refused

@@ -8,6 +8,8 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "tests/support/immortal.h"
+
 namespace {
 
 constexpr auto patience = std::chrono::seconds(20);
@@ -24,10 +26,7 @@ struct state {
   const timespec* remainder = nullptr;
 };
 
-state& s() {
-  static auto* one = new state;
-  return *one;
-}
+state& s() { return immortal<state>(); }
 
 void await(std::unique_lock<std::mutex>& hold, auto condition, const char* what) {
   if (!s().changed.wait_for(hold, patience, condition)) throw std::runtime_error(what);

@@ -4,17 +4,18 @@
 #include <cstdlib>
 #include <new>
 
+#include "tests/support/nth.h"
+
 namespace {
 
 std::atomic<long> blocks = 0;
-thread_local int asked_for = 0;
-thread_local int refused = 0;
+thread_local nth requests;
 
 }  // namespace
 
 // Arrays and the variants that do not throw come through here too.
 void* operator new(size_t n) {
-  if (++asked_for == refused) throw std::bad_alloc();
+  if (requests.is_next()) throw std::bad_alloc();
   void* p = std::malloc(n);
   if (!p) throw std::bad_alloc();
   ++blocks;
@@ -31,10 +32,7 @@ void operator delete(void* p, size_t /*n*/) noexcept { operator delete(p); }
 namespace fake_heap {
 
 long live() { return blocks; }
-int asked() { return asked_for; }
-void refuse(int i) {
-  asked_for = 0;
-  refused = i;
-}
+int asked() { return requests.seen(); }
+void refuse(int i) { requests.refuse(i); }
 
 }  // namespace fake_heap

@@ -10,6 +10,8 @@
 #include <mutex>
 #include <stdexcept>
 
+#include "tests/support/immortal.h"
+
 namespace {
 
 struct state {
@@ -19,10 +21,7 @@ struct state {
   int result = 0, lists = 0, frees = 0;
 };
 
-state& s() {
-  static auto* one = new state;
-  return *one;
-}
+state& s() { return immortal<state>(); }
 
 sockaddr* make_address(const std::string& text) {
   if (text == "none") return nullptr;
@@ -54,6 +53,11 @@ extern "C" int getifaddrs(ifaddrs** list) noexcept {
     errno = ENOBUFS;
     return s().result;
   }
+  if (fake_interfaces::list_calls.is_next()) {
+    ++s().frees;  // nothing to give back
+    errno = ENOBUFS;
+    return -1;
+  }
   ifaddrs* head = nullptr;
   ifaddrs** link = &head;
   for (const std::string& text : s().addresses) {
@@ -82,6 +86,10 @@ extern "C" const char* inet_ntop(int family, const void* a, char* text, socklen_
   static auto* real =
       reinterpret_cast<const char* (*)(int, const void*, char*, socklen_t)>(dlsym(RTLD_NEXT, "inet_ntop"));
   const std::lock_guard hold(s().mtx);
+  if (fake_interfaces::text_calls.is_next()) {
+    errno = ENOSPC;
+    return nullptr;
+  }
   in6_addr refused{};
   if (!s().refused.empty() && inet_pton(AF_INET6, s().refused.c_str(), &refused) == 1 &&
       std::equal(refused.s6_addr, refused.s6_addr + 16, static_cast<const unsigned char*>(a))) {
@@ -92,6 +100,8 @@ extern "C" const char* inet_ntop(int family, const void* a, char* text, socklen_
 }
 
 namespace fake_interfaces {
+
+nth list_calls, text_calls;
 
 void set(std::vector<std::string> addresses) {
   const std::lock_guard hold(s().mtx);
@@ -119,7 +129,7 @@ int outstanding() {
 }
 void reset() {
   const std::lock_guard hold(s().mtx);
-  s().addresses.clear();
+  std::vector<std::string>().swap(s().addresses);  // and its room
   s().refused.clear();
   s().result = s().lists = s().frees = 0;
 }

@@ -4,6 +4,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/nth.h"
+
 namespace fake_interfaces {
 
 /// The list from now on: IPv6 addresses as text; "ipv4" is an entry of the other family, "none" one without address.
@@ -12,6 +14,9 @@ void set(std::vector<std::string> addresses);
 void fail(int result);
 /// From now on inet_ntop fails for this address; "" for none.
 void refuse_text_of(std::string address);
+
+/// Calls of getifaddrs, which yields -1 when it is refused, and of inet_ntop.
+extern nth list_calls, text_calls;
 
 /// Calls of getifaddrs, of freeifaddrs, and lists not given back yet.
 int lists();

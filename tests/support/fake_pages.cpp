@@ -7,6 +7,8 @@
 
 #include <mutex>
 
+#include "tests/support/immortal.h"
+
 // The sanitizers' own, where a sanitizer is linked in: it must learn of mappings that come and go.
 extern "C" {
 [[gnu::weak]] void* __interceptor_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset);
@@ -15,19 +17,15 @@ extern "C" {
 
 namespace {
 
-// Constructed on first use: mappings are made before any initialiser of this file runs.
 struct state {
   std::recursive_mutex mtx;
   std::map<void*, size_t> live;
   int made = 0;
-  int refused = 0;  // the number of the mapping to refuse, 0 none, -1 all
+  bool refuses_all = false;
   size_t last_length = 0;
 };
 
-state& s() {
-  static auto* one = new state;
-  return *one;
-}
+state& s() { return immortal<state>(); }
 
 long page_told = 0;  // the page size that sysconf tells, 0 the machine's own
 
@@ -53,7 +51,7 @@ void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t o
   const std::lock_guard hold(s().mtx);
   s().last_length = length;
   ++s().made;
-  if (s().refused == -1 || s().made == s().refused) return nullptr;
+  if (fake_pages::mappings.is_next() || s().refuses_all) return nullptr;
   void* p = real_mmap(at, length, prot, flags, fd, offset);
   if (p == MAP_FAILED) return p;
   inside = true;
@@ -98,6 +96,8 @@ extern "C" BEFORE_SANITIZER long sysconf(int name) noexcept {
 
 namespace fake_pages {
 
+nth mappings;
+
 int made() {
   const std::lock_guard hold(s().mtx);
   return s().made;
@@ -112,17 +112,19 @@ size_t last_length() {
 }
 void refuse(int i) {
   const std::lock_guard hold(s().mtx);
-  s().refused = i == 0 ? 0 : s().made + i;
+  s().refuses_all = false;
+  mappings.refuse(i);
 }
 void refuse_all() {
   const std::lock_guard hold(s().mtx);
-  s().refused = -1;
+  s().refuses_all = true;
 }
 void page_size(long bytes) { __atomic_store_n(&page_told, bytes, __ATOMIC_RELAXED); }
 void reset() {
   const std::lock_guard hold(s().mtx);
   s().made = 0;
-  s().refused = 0;
+  s().refuses_all = false;
+  mappings.refuse(0);
 }
 
 }  // namespace fake_pages

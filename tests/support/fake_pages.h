@@ -5,7 +5,12 @@
 #include <cstddef>
 #include <map>
 
+#include "tests/support/nth.h"
+
 namespace fake_pages {
+
+/// Mappings asked for; one that is refused yields null.
+extern nth mappings;
 
 /// Mappings made since the last reset(), in all.
 int made();

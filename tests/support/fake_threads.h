@@ -1,13 +1,14 @@
 // pthread_create and pthread_mutex_lock replaced by ones that can refuse.
 #pragma once
 
+#include "tests/support/nth.h"
+
 namespace fake_threads {
 
-/// From now on pthread_create yields `error` and no thread; 0 lets it work again.
-void refuse_thread(int error);
+/// Threads made; one that is refused is so with EAGAIN.
+extern nth threads;
 
-/// Of the mutexes that this thread locks from now on, number `i` (1 is the next) is refused with EAGAIN; 0 refuses
-/// none.
-void refuse_lock(int i);
+/// Mutexes that the calling thread locks inside the plug-in, counted while one is to be refused, with EAGAIN.
+nth& locks();
 
 }  // namespace fake_threads

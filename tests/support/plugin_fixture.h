@@ -30,6 +30,7 @@ class plugin_fixture : public testing::Test {
   }
   ~plugin_fixture() override {
     while (!_running.empty()) stop(_running.back());
+    fake_interfaces::reset();
   }
 
   /// A new instance with the whole of `config` as its file, or with a host name alone.

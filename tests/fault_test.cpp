@@ -1,0 +1,379 @@
+// Each thing that the system can refuse the built library, refused at its first occurrence, its second and so on until
+// there is none left: the call's result, nothing lost, and the next call as if nothing had been.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <functional>
+#include <iterator>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <set>
+#include <string>
+#include <system_error>
+#include <vector>
+
+#include "driver/dac.h"
+#include "tests/support/fake_clock.h"
+#include "tests/support/fake_files.h"
+#include "tests/support/fake_heap.h"
+#include "tests/support/fake_interfaces.h"
+#include "tests/support/fake_pages.h"
+#include "tests/support/fake_threads.h"
+#include "tests/support/nth.h"
+#include "tests/support/plugin.h"
+#include "tests/support/plugin_fixture.h"
+
+namespace {
+
+using strings = std::vector<std::string>;
+
+constexpr char start_message[] = "start wrk_process success.";
+constexpr char stop_message[] = "stop wrk_process success.";
+constexpr char list_message[] = "get ipv6 address failed.";
+
+/// What the process holds beside the pools' pages, which they keep for the next request.
+struct holdings {
+  long blocks = fake_heap::live();
+  int files = fake_files::open();
+  int lists = fake_interfaces::outstanding();
+  long threads = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+  bool operator==(const holdings&) const = default;
+};
+
+void PrintTo(const holdings& h, std::ostream* out) {
+  *out << h.blocks << " blocks, " << h.files << " files, " << h.lists << " lists, " << h.threads << " threads";
+}
+
+class fault : public plugin_fixture {
+ protected:
+  const std::string path = dir.file("hostname=h1\n");
+
+  fault() { live_once(); }
+
+  int create() { return rec.args("drv", path.c_str()).create(lib); }
+
+  /// An instance's whole life, without fault.
+  void live_once() {
+    fake_clock::advance(1000);
+    const int h = create();
+    start(h);
+    fake_clock::step();
+    EXPECT_EQ(lib.isrun(h), 1);
+    EXPECT_EQ(info(h), R"({"status":"running","host":"h1"})");
+    stop(h);
+    lib.destroy(h);
+    EXPECT_EQ(rec.journal(), (strings{recorder::log("drv", 0, start_message), recorder::data("h1", address),
+                                      recorder::log("drv", 0, stop_message)}));
+    rec.clear();
+  }
+
+  /// An instance's whole life with so many looks at the interfaces.
+  void look(int times) {
+    fake_clock::advance(1000);
+    const int h = create();
+    start(h);
+    for (int i = 1; i < times; ++i, fake_clock::advance(10)) fake_clock::step();
+    fake_clock::step();
+    stop(h);
+    lib.destroy(h);
+  }
+
+  /// Nothing is lost, `h` (-1 for none) is the only instance, and another one can live its life.
+  void expect_unharmed(const holdings& before, int h = -1) {
+    rec.clear();
+    EXPECT_EQ(holdings(), before);
+    EXPECT_EQ(known(), h < 0 ? std::set<int>{} : std::set{h});
+    live_once();
+    EXPECT_EQ(holdings(), before);
+  }
+};
+
+strings with_start_and_stop(strings course) {
+  course.insert(course.begin(), recorder::log("drv", 0, start_message));
+  course.push_back(recorder::log("drv", 0, stop_message));
+  return course;
+}
+
+/// The error of a call that ends with std::system_error, 0 of one that returns.
+int error_of(const std::function<void()>& call) {
+  try {
+    call();
+    return 0;
+  } catch (const std::system_error& e) {
+    return e.code().value();
+  }
+}
+
+/// Whether `part` comes of `whole` by leaving characters out.
+bool is_left_of(const std::string& part, const std::string& whole) {
+  size_t at = 0;
+  for (const char c : part) {
+    at = whole.find(c, at);
+    if (at == std::string::npos) return false;
+    ++at;
+  }
+  return true;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------- threads
+
+TEST_F(fault, of_a_thread_leaves_the_instance_stopped) {
+  const int h = create();
+  const holdings before;
+  int error = 0;
+  const auto call = [&] { error = error_of([&] { lib.start(h); }); };
+  const auto after = [&](int i, bool was_met) {
+    EXPECT_EQ(error, was_met ? EAGAIN : 0) << i;
+    if (!was_met) return;
+    EXPECT_EQ(lib.isrun(h), 0);
+    EXPECT_EQ(lib.stop(h), 0);
+    EXPECT_EQ(rec.journal(), strings{}) << "nothing was stopped";
+    expect_unharmed(before, h);
+  };
+  EXPECT_EQ(fail_each(fake_threads::threads, call, after), 1);
+  fake_clock::free_run();
+  EXPECT_EQ(lib.stop(h), 0);
+  EXPECT_EQ(rec.messages(), (strings{start_message, stop_message}));
+  rec.clear();
+  fake_clock::stepping();
+  expect_unharmed(before, h);
+}
+
+// ---------------------------------------------------------------- locks
+
+TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
+  const int h = create();
+  char buf[64] = "untouched";
+  size_t size = sizeof buf;
+  const struct {
+    const char* label;
+    std::function<void()> call;
+  } rows[] = {
+      {"dac_start", [&] { lib.start(h); }},
+      {"dac_stop", [&] { lib.stop(h); }},
+      {"dac_isrun", [&] { lib.isrun(h); }},
+      {"dac_devicewriteobj", [&] { lib.devicewriteobj(h); }},
+      {"dac_devicewriteval", [&] { lib.devicewriteval(h); }},
+      {"dac_getalltags", [&] { lib.getalltags(h, nullptr, nullptr); }},
+      {"dac_getalltagsex", [&] { lib.getalltagsex(h, nullptr, nullptr); }},
+      {"dac_getinfo", [&] { lib.getinfo(h, buf, &size); }},
+      {"dac_destroy", [&] { lib.destroy(h); }},
+  };
+  const holdings before;
+  for (const auto& [label, call] : rows) {
+    fake_threads::locks().refuse(1);
+    const int error = error_of(call);
+    fake_threads::locks().refuse(0);
+    EXPECT_EQ(error, EAGAIN) << label;
+    EXPECT_STREQ(buf, "untouched");
+    expect_unharmed(before, h);
+  }
+}
+
+TEST_F(fault, of_a_lock_in_create_leaves_no_instance_that_nobody_knows) {
+  const holdings before;
+  int handle = -1, error = 0;
+  const auto call = [&] { error = error_of([&] { handle = create(); }); };
+  const auto after = [&](int i, bool was_met) {
+    EXPECT_EQ(error, was_met ? EAGAIN : 0) << i;
+    if (was_met) expect_unharmed(before);
+  };
+  EXPECT_EQ(fail_each(fake_threads::locks(), call, after), 2) << "to register the instance, and to find it";
+  EXPECT_EQ(known(), std::set{handle});
+}
+
+// ---------------------------------------------------------------- files
+
+TEST_F(fault, of_opening_the_file_refuses_the_instance_with_its_message) {
+  const holdings before;
+  int handle = -1;
+  const auto after = [&](int i, bool was_met) {
+    EXPECT_EQ(handle == -1, was_met) << i;
+    if (!was_met) return;
+    EXPECT_EQ(rec.journal(), strings{recorder::log("drv", 2, "load ip6dns driver config " + path + " failed")});
+    expect_unharmed(before);
+  };
+  EXPECT_EQ(fail_each(
+                fake_files::opens, [&] { handle = create(); }, after),
+            1);
+  lib.destroy(handle);
+  expect_unharmed(before);
+}
+
+// The first three reads look for a byte order mark; then reading begins anew, and goes as far as it can.
+TEST_F(fault, of_reading_ends_the_file_there) {
+  const std::string text = "hostname=abcd\nport=1\n";
+  const std::string name = "abcd";
+  const size_t key = text.find(name);
+  dir.file(text);
+  const holdings before;
+  int handle = -1;
+  const auto after = [&](int i, bool was_met) {
+    const size_t read = !was_met || i <= 3 ? text.size() : static_cast<size_t>(i) - 4;
+    const std::string expected = read > key ? name.substr(0, read - key) : "";
+    EXPECT_EQ(handle == -1, expected.empty()) << i;
+    if (handle == -1)
+      EXPECT_EQ(rec.journal(), strings{recorder::log("drv", 2, "not config hostname in " + path)});
+    else
+      EXPECT_EQ(info(handle), R"({"status":"stop","host":")" + expected + "\"}") << i;
+    lib.destroy(handle);
+    dir.file("hostname=h1\n");
+    expect_unharmed(before);
+    dir.file(text);
+  };
+  const int reads = fail_each(
+      fake_files::reads, [&] { handle = create(); }, after);
+  EXPECT_EQ(static_cast<size_t>(reads), 3 + text.size() + 1) << "each byte, and the end";
+}
+
+// ---------------------------------------------------------------- addresses
+
+TEST_F(fault, of_an_interface_list_is_complained_of_and_published_as_null) {
+  constexpr int polls = 3;
+  const std::string got = recorder::data("h1", address), none = recorder::data("h1", "null");
+  const std::string failed = recorder::log("drv", 2, list_message);
+  const strings courses[polls + 1] = {
+      {failed, none, got}, {got, failed, none, got}, {got, failed, none}, {got},  // the last one without fault
+  };
+  const holdings before;
+  const auto call = [&] { look(polls); };
+  const auto after = [&](int i, bool /*was_met*/) {
+    EXPECT_EQ(rec.journal(), with_start_and_stop(courses[i - 1])) << i;
+    expect_unharmed(before);
+  };
+  EXPECT_EQ(fail_each(fake_interfaces::list_calls, call, after), polls);
+}
+
+TEST_F(fault, of_an_addresss_text_leaves_that_address_out_until_the_next_look) {
+  const std::string a = "2001:db8::1", b = "2001:db8::2", whole = a + "," + b;
+  const strings courses[] = {{b, whole}, {a, whole}, {whole, b}, {whole, a}, {whole}};
+  const holdings before;
+  const auto call = [&] {
+    fake_interfaces::set({a, b});
+    look(2);
+    fake_interfaces::set({address});
+  };
+  const auto after = [&](int i, bool /*was_met*/) {
+    EXPECT_EQ(rec.values(), courses[i - 1]) << i;
+    EXPECT_EQ(rec.messages(), (strings{start_message, stop_message}));
+    expect_unharmed(before);
+  };
+  EXPECT_EQ(fail_each(fake_interfaces::text_calls, call, after), 4);
+}
+
+// ---------------------------------------------------------------- pages
+
+namespace {
+
+/// One load of the library and a life in it that needs pages of many classes.
+class paged_life {
+ public:
+  static constexpr size_t name_length = 3000;
+  const scratch dir;
+  const std::string name = [] {
+    std::string text;
+    while (text.size() < name_length) text += std::to_string(text.size()) + ".";
+    return text;
+  }();
+  const std::string path = dir.file("hostname=" + name + "\n", std::string(200, 'p'));
+  strings addresses;
+  std::string value;
+
+  paged_life() {
+    for (int i = 10; i < 30; ++i) addresses.push_back("2001:db8:1111:2222::" + std::to_string(i));
+    for (const std::string& a : addresses) value += (value.empty() ? "" : ",") + a;
+  }
+
+  /// What came of it.
+  struct seen {
+    int handle = -1;
+    std::string name, info, value;
+    strings messages;
+  };
+
+  seen live(const library& lib) const {
+    recorder rec;
+    seen s;
+    fake_clock::advance(1000);
+    s.handle = rec.args("drv", path.c_str()).create(lib);
+    if (s.handle >= 0) run(lib, rec, s);
+    s.messages = rec.messages();
+    return s;
+  }
+
+  void expect_whole(const seen& s) const {
+    EXPECT_GE(s.handle, 0);
+    EXPECT_EQ(s.name, name);
+    EXPECT_EQ(s.info, R"({"status":"running","host":")" + name + "\"}");
+    EXPECT_EQ(s.value, value);
+    EXPECT_EQ(s.messages, (strings{start_message, stop_message}));
+  }
+
+  /// What cannot be stored is dropped, and nothing else goes wrong.
+  void expect_left(const seen& s) const {
+    if (s.handle < 0) {
+      const strings refused = {"load ip6dns driver config  failed", "not config hostname in " + path};
+      ASSERT_EQ(s.messages.size(), 1U);
+      EXPECT_EQ(std::count(refused.begin(), refused.end(), s.messages[0]), 1) << s.messages[0];
+      return;
+    }
+    EXPECT_TRUE(is_left_of(s.name, name)) << s.name;
+    EXPECT_TRUE(is_left_of(s.info, R"({"status":"running","host":")" + name + "\"}")) << s.info;
+    EXPECT_TRUE(is_left_of(s.value, value)) << s.value;
+    EXPECT_EQ(s.messages, (strings{start_message, stop_message}));
+  }
+
+ private:
+  void run(const library& lib, recorder& rec, seen& s) const {
+    fake_interfaces::set(addresses);
+    EXPECT_EQ(lib.start(s.handle), 0);
+    fake_clock::await_sleepers(1);
+    fake_clock::step();
+    s.value = rec.values().at(0);
+    const auto note = [](const char* n, int, int, void* to) { *static_cast<std::string*>(to) = n; };
+    EXPECT_EQ(lib.getalltags(s.handle, note, &s.name), 0);
+    std::string buf(2 * name_length, 0);
+    size_t size = buf.size();
+    EXPECT_EQ(lib.getinfo(s.handle, buf.data(), &size), 0);
+    s.info = buf.c_str();
+    fake_clock::free_run();
+    EXPECT_EQ(lib.stop(s.handle), 0);
+    fake_clock::stepping();
+    lib.destroy(s.handle);
+  }
+};
+
+}  // namespace
+
+TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_and_is_forgotten_by_the_next_one) {
+  const paged_life life;
+  fake_interfaces::reset();
+  fake_clock::stepping();
+  fake_clock::set(1'700'000'000);
+  life.live(library());
+  fake_interfaces::reset();
+  SCOPED_TRACE("");  // its room, before blocks are counted
+  const auto mappings = fake_pages::live();
+  const holdings before;
+  auto lib = std::make_unique<library>();
+  std::optional<paged_life::seen> seen;
+  const auto call = [&] { seen = life.live(*lib); };
+  const auto after = [&](int i, bool was_met) {
+    SCOPED_TRACE(i);
+    was_met ? life.expect_left(*seen) : life.expect_whole(*seen);
+    life.expect_whole(life.live(*lib));
+    seen.reset();
+    lib.reset();
+    fake_interfaces::reset();
+    EXPECT_EQ(fake_pages::live(), mappings);
+    EXPECT_EQ(holdings(), before);
+    lib = std::make_unique<library>();
+  };
+  const int faults = fail_each(fake_pages::mappings, call, after);
+  EXPECT_GE(faults, 8) << "a class each for path, key, name, document and addresses, several as they grow";
+}

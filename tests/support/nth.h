@@ -1,0 +1,36 @@
+// What the system can refuse, counted by the functions that stand in for the system's.
+#pragma once
+
+#include <atomic>
+
+/// Counts occurrences and says which one is to fail. [any thread]
+class nth {
+ public:
+  /// Counts anew; number `i` (1 is the next) is to fail, 0 none.
+  void refuse(int i) {
+    _seen = 0;
+    _refused = i;
+  }
+  /// One more occurrence: whether it is the one.
+  bool is_next() { return ++_seen == _refused; }
+  /// Occurrences since the latest refuse().
+  int seen() const { return _seen; }
+  bool is_armed() const { return _refused != 0; }
+
+ private:
+  std::atomic<int> _seen = 0, _refused = 0;
+};
+
+/// Lets occurrence 1, 2, ... fail, each in a call of its own, until a call meets none: how many have failed. `after` is
+/// told which one, and whether the call met it.
+template <class CALL, class AFTER>
+int fail_each(nth& occurrences, CALL call, AFTER after) {
+  for (int i = 1;; ++i) {
+    occurrences.refuse(i);
+    call();
+    const bool was_met = occurrences.seen() >= i;
+    occurrences.refuse(0);
+    after(i, was_met);
+    if (!was_met) return i - 1;
+  }
+}

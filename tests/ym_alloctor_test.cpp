@@ -1369,6 +1369,19 @@ TEST_F(destruction, of_the_pools_leaves_nothing_in_them_but_the_chain_of_free_sl
   new (get_ym_allocator()) ym::allocator;
 }
 
+TEST_F(destruction, of_a_pool_looks_at_no_descriptor_that_is_back_in_the_self_heap) {
+  const auto older = pools::take_slots(0);
+  take(128);
+  const auto newer = pools::take_slots(0);
+  pools::give_slots({older[0], older[1]});
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
+  pools::give_slots(newer);                             // and the other holds the descriptor alone
+  ASSERT_EQ(pools::heap_chunks().size(), 2U);
+  get_ym_allocator()->~allocator();
+  EXPECT_EQ(pools::heap_chunks().size(), 1U);
+  new (get_ym_allocator()) ym::allocator;
+}
+
 TEST_F(destruction, of_the_pools_may_come_before_that_of_the_whole) {
   get_ym_allocator()->~allocator();
   g_ym_allocator.~ym_allocator_();

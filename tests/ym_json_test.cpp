@@ -188,6 +188,26 @@ TYPED_TEST(json_into, a_string_writes_all_of_a_long_value) {
   }
 }
 
+// Leaves `byte` where the next call has its variables.
+[[gnu::noinline]] void soil_stack(char byte) {
+  volatile char room[1024];
+  for (volatile char& c : room) c = byte;
+}
+
+TEST_F(json, judges_a_value_by_its_bytes_whatever_lay_on_the_stack) {
+  for (const char byte : {'\0', '\x01', '\xff'}) {
+    for (const size_t n : {size_t{15}, size_t{16}, size_t{17}, size_t{40}}) {
+      SCOPED_TRACE(n);
+      std::string value(n, 'v');
+      soil_stack(byte);
+      EXPECT_FALSE(ym::js::needs_escape(value.data(), n));
+      value.back() = '"';
+      soil_stack(byte);
+      EXPECT_TRUE(ym::js::needs_escape(value.data(), n));
+    }
+  }
+}
+
 // The pieces in which a value arrives, without what stands around it.
 std::vector<std::string> pieces_of(std::string_view value) {
   bare out;

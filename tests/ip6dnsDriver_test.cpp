@@ -27,6 +27,30 @@ namespace {
 
 log_message failure(const std::string& text) { return {"drv", DAC_LEVEL_FAILURE, text, 1}; }
 
+// Where the fields lie and how long they are, the logger in front.
+enum : size_t {
+  hostname_at = 64,
+  name_at = 72,
+  cfgfile_at = 80,
+  cblog_at = 88,
+  cblogparam_at = 96,
+  cbaux1_at = 104,
+  cbaux1param_at = 112,
+  cbdata_at = 120,
+  cbdataparam_at = 128,
+  cbaux2_at = 136,
+  cbaux2param_at = 144,
+  reserved_at = 152,
+  lastcheck_at = 416,
+  lastip6_at = 424,
+  ip6_at = 432,
+  tag_at = 440,
+  stop_at = 1544,
+  running_at = 1548,
+  thread_at = 1552,
+  driver_size = 1560
+};
+
 /// An instance of its own for each test, named "drv", on a clock and an interface list of the test's own.
 class driver : public testing::Test {
  protected:
@@ -35,7 +59,9 @@ class driver : public testing::Test {
   ip6dnsDriver d;
   std::vector<log_message> messages;
   std::vector<dac_tagvalue> records;
+  std::vector<std::string> last_at_data;  // what _lastip6 held when the data callback was called
   std::vector<long> open_during_log;
+  const void* thread_at_stop = this;  // what _thread held when the stop was told
   char logparam = 0, aux1param = 0, aux2param = 0;
 
   driver() {
@@ -49,10 +75,13 @@ class driver : public testing::Test {
     auto* me = static_cast<driver*>(param);
     me->messages.push_back({name, hostlevel, text, flag});
     me->open_during_log.push_back(open_descriptors());
+    if (text == "stop wrk_process success."sv) me->thread_at_stop = me->field<void*>(thread_at);
   }
   static void on_data(const dac_tagvalue* tags, int count, void* param) {
     EXPECT_EQ(count, 1);
-    static_cast<driver*>(param)->records.push_back(*tags);
+    auto* me = static_cast<driver*>(param);
+    me->records.push_back(*tags);
+    me->last_at_data.push_back(me->text(lastip6_at));
   }
   static void aux1(void* /*param*/) { ADD_FAILURE() << "called"; }
   static void aux2(void* /*param*/) { FAIL() << "called"; }
@@ -105,30 +134,6 @@ class driver : public testing::Test {
     d.GetInfo(buf, &n);
     return buf;
   }
-};
-
-// Where the fields lie and how long they are, the logger in front.
-enum : size_t {
-  hostname_at = 64,
-  name_at = 72,
-  cfgfile_at = 80,
-  cblog_at = 88,
-  cblogparam_at = 96,
-  cbaux1_at = 104,
-  cbaux1param_at = 112,
-  cbdata_at = 120,
-  cbdataparam_at = 128,
-  cbaux2_at = 136,
-  cbaux2param_at = 144,
-  reserved_at = 152,
-  lastcheck_at = 416,
-  lastip6_at = 424,
-  ip6_at = 432,
-  tag_at = 440,
-  stop_at = 1544,
-  running_at = 1548,
-  thread_at = 1552,
-  driver_size = 1560
 };
 
 constexpr size_t reserved_size = 260;
@@ -215,6 +220,40 @@ TEST_F(driver, keeps_the_worker_s_state_in_its_fields) {
   EXPECT_NE(field<void*>(thread_at), nullptr);
   stop(d);
   EXPECT_EQ(bytes(stop_at, driver_size), std::string(driver_size - stop_at, '\0'));
+}
+
+TEST_F(driver, remembers_what_it_publishes_once_the_callback_has_it) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  published({"2001:db8::10"});
+  EXPECT_EQ(last_at_data, std::vector{""s});
+  EXPECT_EQ(text(lastip6_at), "2001:db8::10");
+}
+
+TEST_F(driver, stopped_without_a_worker_changes_nothing_and_says_nothing) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  const std::string before = bytes(0, driver_size);
+  d.Stop();
+  EXPECT_EQ(bytes(0, driver_size), before);
+  EXPECT_EQ(messages, std::vector<log_message>{});
+}
+
+TEST_F(driver, has_no_thread_any_more_when_it_says_that_it_stopped) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  start(d);
+  stop(d);
+  EXPECT_EQ(thread_at_stop, nullptr);
+}
+
+TEST_F(driver, tells_its_progress_at_level_30) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  set(8, 29);
+  start(d);
+  stop(d);
+  EXPECT_EQ(messages.size(), 0U);
+  set(8, 30);
+  start(d);
+  stop(d);
+  EXPECT_EQ(messages.size(), 2U);
 }
 
 // ---------------------------------------------------------------- arguments

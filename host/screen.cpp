@@ -3,9 +3,12 @@
 #define NCURSES_NOMACROS 1
 #include <curses.h>
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <stdexcept>
+
+struct term;
 
 namespace {
 
@@ -38,6 +41,9 @@ symbol find(void* l, const char* name) {
 // ncurses' functions under their own names.
 struct screen::curses {
   void* loaded = load();
+  int (*setupterm)(const char*, int, int*) = find(loaded, "setupterm");  // these three are of term.h, whose macros
+  term* (*set_curterm)(term*) = find(loaded, "set_curterm");             // take the shortest names there are
+  int (*del_curterm)(term*) = find(loaded, "del_curterm");
   decltype(&::newterm) newterm = find(loaded, "newterm");
   decltype(&::delscreen) delscreen = find(loaded, "delscreen");
   decltype(&::endwin) endwin = find(loaded, "endwin");
@@ -63,14 +69,20 @@ struct screen::curses {
   WINDOW* w = nullptr;
 };
 
+// Asked before anything is taken over: ncurses loses memory over a terminal that it does not know.
+void screen::examine_terminal() {
+  int reason = 0;
+  if (_c->setupterm(nullptr, STDOUT_FILENO, &reason) != OK)
+    throw std::runtime_error("the terminal that TERM names is not known");
+  const bool has_cursor = _c->tigetstr("cup") != nullptr;
+  _c->del_curterm(_c->set_curterm(nullptr));
+  if (!has_cursor) throw std::runtime_error("the terminal that TERM names has no cursor to move");
+}
+
 screen::screen() : _c(std::make_unique<curses>()) {
+  examine_terminal();
   _c->terminal = _c->newterm(nullptr, stdout, stdin);
-  if (!_c->terminal) throw std::runtime_error("the terminal that TERM names is not known");
-  if (!_c->tigetstr("cup")) {
-    _c->endwin();
-    _c->delscreen(_c->terminal);
-    throw std::runtime_error("the terminal that TERM names has no cursor to move");
-  }
+  if (!_c->terminal) throw std::runtime_error("the terminal cannot be taken over");
   _c->w = *_c->window;
   _c->cbreak();
   _c->noecho();

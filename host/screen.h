@@ -32,4 +32,6 @@ class screen {
  private:
   struct curses;
   std::unique_ptr<curses> _c;
+
+  void examine_terminal();
 };

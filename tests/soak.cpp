@@ -10,8 +10,10 @@
 #include <ifaddrs.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
+#include <malloc.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -33,11 +35,16 @@
 #include <vector>
 
 #include "driver/dac.h"
+#include "tests/support/fake_pages.h"
 #include "tests/support/plugin.h"
 
 namespace {
 
-constexpr int instances = 1024, crew = 4, most_addresses = 10'000;
+constexpr int instances = 1024, crew = 4, most_addresses = 10'000, phases = 4;
+
+// What the pools keep at most when no block is in use: of each of the thirty classes the first chunk and two later
+// ones, in pages of 4 KiB.
+constexpr long most_kept_kb = 165316;
 
 std::atomic<int64_t> clock_now = 1'700'000'000;
 std::atomic<int> looking = 0;  // threads inside getifaddrs
@@ -311,8 +318,15 @@ class hand {
 // ---------------------------------------------------------------- what the process holds
 
 struct usage {
-  long resident_kb = 0, descriptors = 0, threads = 0, mappings = 0;
+  long resident_kb = 0, highest_kb = 0, pools_kb = 0, pools_resident_kb = 0;
+  long descriptors = 0, threads = 0, mappings = 0;
 };
+
+long resident_pages(void* at, size_t length) {
+  std::vector<unsigned char> pages(length / static_cast<size_t>(sysconf(_SC_PAGESIZE)));
+  if (mincore(at, length, pages.data()) != 0) throw std::runtime_error("mincore");
+  return std::count_if(pages.begin(), pages.end(), [](unsigned char p) { return (p & 1) != 0; });
+}
 
 long entries(const char* directory) {
   const std::filesystem::directory_iterator begin(directory);
@@ -320,10 +334,18 @@ long entries(const char* directory) {
 }
 
 usage measure() {
+  malloc_trim(0);  // what this program's own texts have left in the C library's heap
   usage u;
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);)
-    if (line.starts_with("VmRSS:")) u.resident_kb = std::stol(line.substr(6));
+    if (line.starts_with("VmRSS:"))
+      u.resident_kb = std::stol(line.substr(6));
+    else if (line.starts_with("VmHWM:"))
+      u.highest_kb = std::stol(line.substr(6));
+  for (const auto& [at, length] : fake_pages::live()) {
+    u.pools_kb += static_cast<long>(length / 1024);
+    u.pools_resident_kb += resident_pages(at, length) * sysconf(_SC_PAGESIZE) / 1024;
+  }
   std::ifstream maps("/proc/self/maps");
   for (std::string line; std::getline(maps, line);) ++u.mappings;
   u.descriptors = entries("/proc/self/fd");
@@ -332,8 +354,9 @@ usage measure() {
 }
 
 void print(const char* what, const usage& u) {
-  std::printf("%-28s resident %7ld kB, descriptors %2ld, threads %4ld, mappings %5ld\n", what, u.resident_kb,
-              u.descriptors, u.threads, u.mappings);
+  std::printf(
+      "%-24s resident %6ld kB (highest %7ld), pools %6ld of %6ld kB, descriptors %2ld, threads %2ld, mappings %3ld\n",
+      what, u.resident_kb, u.highest_kb, u.pools_resident_kb, u.pools_kb, u.descriptors, u.threads, u.mappings);
 }
 
 // ---------------------------------------------------------------- the two phases
@@ -359,7 +382,8 @@ void peak(addresses& lo) {
   change_quietly(lo, 10);
 }
 
-/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle.
+/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle, if there
+/// is time for it.
 void stir(addresses& lo, int seconds) {
   std::mt19937 random(1);
   const auto begin = std::chrono::steady_clock::now();
@@ -390,7 +414,7 @@ bool soak(int seconds) {
   const scratch dir;
   const std::string path = dir.path("");
   addresses lo;
-  usage first, last;
+  std::vector<usage> stopped;  // after warming up and after each phase
   {
     library lib;
     std::vector<hand> hands;
@@ -407,16 +431,18 @@ bool soak(int seconds) {
       for (hand& h : hands) h.finish();
       return measure();
     };
-    first = round(5);  // after which stacks, heaps and pools have their size
-    last = round(seconds);
+    stopped.push_back(round(5));  // after which stacks and heaps have their size
+    for (int i = 0; i < phases; ++i) stopped.push_back(round(seconds / phases));
   }
   std::fputc('\n', stderr);
   std::printf("records checked %ld, lost %ld, wrong %ld, not due %ld; polls %ld; most instances running %d\n",
               checked.load(), lost.load(), wrong.load(), surplus.load(), polls.load(), most_running.load());
-  print("all stopped, first time", first);
-  print("all stopped, at the end", last);
+  for (size_t i = 0; i < stopped.size(); ++i)
+    print(i == 0 ? "all stopped, warmed up" : ("all stopped, phase " + std::to_string(i)).c_str(), stopped[i]);
+  const usage &first = stopped.front(), &last = stopped.back();
+  std::printf("pools keep %ld kB, at most %ld kB\n", last.pools_kb, most_kept_kb);
   const bool alike = last.descriptors == first.descriptors && last.threads == first.threads;
-  return alike && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
+  return alike && last.pools_kb <= most_kept_kb && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
 }
 
 /// Loads, uses and unloads the library; instances left registered go with it.

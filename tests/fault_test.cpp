@@ -187,6 +187,19 @@ TEST_F(fault, of_a_lock_in_create_leaves_no_instance_that_nobody_knows) {
   EXPECT_EQ(known(), std::set{handle});
 }
 
+using fresh_load = plugin_fixture;
+
+TEST_F(fresh_load, that_is_refused_a_lock_in_its_first_create_holds_no_instance_0) {
+  const std::string path = dir.file("hostname=h1\n");
+  const auto create = [&] { return rec.args("drv", path.c_str()).create(lib); };
+  fake_threads::locks().refuse(2);
+  const int error = error_of(create);
+  fake_threads::locks().refuse(0);
+  EXPECT_EQ(error, EAGAIN);
+  EXPECT_EQ(known(), std::set<int>{});
+  EXPECT_EQ(create(), 1);
+}
+
 // ---------------------------------------------------------------- files
 
 TEST_F(fault, of_opening_the_file_refuses_the_instance_with_its_message) {

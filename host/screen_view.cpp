@@ -54,7 +54,7 @@ void screen_view::show(const std::string& head, const std::vector<row>& rows) {
 
 std::string screen_view::bottom() const {
   if (!_note.empty()) return _note;
-  const std::string end = "q ends";
+  std::string end = "q ends";
   if (_rows <= room() || room() == 0) return end;
   return "rows " + std::to_string(_first + 1) + '-' + std::to_string(_first + room()) + " of " + std::to_string(_rows) +
          "; arrows, PgUp, PgDn, Home and End scroll; " + end;

@@ -6,7 +6,7 @@ cd "$(dirname "$0")/../.."
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-timeless() { sed -E 's/[0-9]{4}-[0-9-]+T[0-9:.]+Z/TIME/; s/ [0-9]+s / AGE /' "$1"; }
+timeless() { sed -E 's/[0-9]{4}-[0-9-]+T[0-9:.]+Z/TIME/; s/ +[0-9]+s / AGE /' "$1"; }
 
 scripts/record "$scratch" "$1" "$2"
 for file in run.txt top.txt; do

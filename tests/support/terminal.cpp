@@ -22,8 +22,7 @@ std::string fresh_socket(const std::string& directory) {
 }  // namespace
 
 terminal::terminal(const std::string& directory, int width, int height) : _socket(fresh_socket(directory)) {
-  tmux({"-f", "/dev/null", "new-session", "-d", "-x", std::to_string(width), "-y", std::to_string(height),
-        "env PS1='$ ' sh"});
+  tmux({"-f", "/dev/null", "new", "-d", "-x", std::to_string(width), "-y", std::to_string(height), "env PS1='$ ' sh"});
   await("$");
 }
 

@@ -64,6 +64,7 @@ TEST(dac_h, is_all_that_a_host_in_c_needs) {
   c_host seen;
   fake_interfaces::set({"2001:db8::10"});
   ASSERT_EQ(c_host_run(library::path(), dir.file("hostname=h1\n").c_str(), &seen), 0);
+  fake_interfaces::reset();
   EXPECT_EQ(seen.version, 500);
   EXPECT_STREQ(seen.version_text, "version 5.0.0.2");
   EXPECT_EQ(seen.handle, 0);

@@ -206,4 +206,5 @@ TEST(model, every_legal_order_of_calls_from_four_threads_does_what_the_model_say
   std::vector<std::thread> crew;
   for (unsigned i = 0; i < threads; ++i) crew.emplace_back([&, i] { walker(w, seed + i).walk(steps / threads); });
   for (std::thread& t : crew) t.join();
+  fake_interfaces::reset();
 }

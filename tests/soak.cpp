@@ -310,7 +310,7 @@ class hand {
     if (x.runs || x.handle < 0) return;
     _lib.destroy(x.handle);
     x.handle = -1;
-    x.last_text.clear();
+    for (std::string* text : {&x.last_text, &x.due}) std::string().swap(*text);  // their room too
     x.last_published = 0;
   }
 };

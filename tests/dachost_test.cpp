@@ -10,27 +10,17 @@
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
 #include "driver/dac.h"
 #include "tests/support/process.h"
+#include "tests/support/texts.h"
 
 namespace fs = std::filesystem;
 using nlohmann::json;
-using texts = std::vector<std::string>;
 
 namespace {
-
-texts split(const std::string& text, char separator) {
-  texts parts;
-  std::istringstream in(text);
-  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
-  return parts;
-}
-
-texts lines(const std::string& text) { return split(text, '\n'); }
 
 std::string joined(const texts& parts, const std::string& separator) {
   std::string all;
@@ -49,11 +39,6 @@ texts told(const std::string& out, const std::string& what) {
   }
   std::sort(found.begin(), found.end());
   return found;
-}
-
-std::string read_file(const fs::path& file) {
-  std::ifstream in(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 bool is_published(const in6_addr& a) {

@@ -5,34 +5,18 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <stdexcept>
 
 #include "driver/dac.h"
 #include "tests/support/network.h"
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/texts.h"
 
 using nlohmann::json;
-using texts = std::vector<std::string>;
 
 namespace {
-
-texts split(const std::string& text, char separator) {
-  texts parts;
-  std::istringstream in(text);
-  for (std::string part; std::getline(in, part, separator);) parts.push_back(part);
-  return parts;
-}
-
-texts lines(const std::string& text) { return split(text, '\n'); }
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// The rest of the lines of a run whose third field is `what`: the fields behind it.
 std::vector<texts> told(const std::string& out, const std::string& what) {

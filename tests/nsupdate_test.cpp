@@ -5,8 +5,6 @@
 
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <sstream>
 #include <stdexcept>
@@ -15,17 +13,11 @@
 #include "tests/support/network.h"
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
-
-using texts = std::vector<std::string>;
+#include "tests/support/texts.h"
 
 namespace {
 
 constexpr char script[] = SOURCE_DIR "/examples/nsupdate-aaaa";
-
-std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
 
 /// The script alone, with an nsupdate that writes down what it is asked.
 class nsupdate_aaaa : public testing::Test {

@@ -6,23 +6,14 @@
 #include <fstream>
 #include <iterator>
 #include <regex>
-#include <sstream>
 #include <stdexcept>
 
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
 #include "tests/support/terminal.h"
-
-using texts = std::vector<std::string>;
+#include "tests/support/texts.h"
 
 namespace {
-
-texts lines(const std::string& text) {
-  texts all;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) all.push_back(line);
-  return all;
-}
 
 std::string joined(const texts& all) {
   std::string text;

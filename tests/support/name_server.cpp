@@ -3,10 +3,10 @@
 #include <algorithm>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <sstream>
 #include <stdexcept>
+
+#include "tests/support/texts.h"
 
 namespace {
 
@@ -34,7 +34,8 @@ void name_server::start() {
   std::filesystem::remove(_dir.path("log"));
   _program = std::make_unique<process>(std::vector<std::string>{_dir.path("named"), "-f", "-n", "1", "-L",
                                                                 _dir.path("log"), "-c", _dir.path("named.conf")});
-  if (!eventually([this] { return log().find(" running\n") != std::string::npos; })) throw std::runtime_error(log());
+  if (!eventually([this] { return read_file(_dir.path("log")).find(" running\n") != std::string::npos; }))
+    throw std::runtime_error("no name server: " + read_file(_dir.path("log")));
 }
 
 void name_server::stop() {
@@ -43,17 +44,9 @@ void name_server::stop() {
   _program = nullptr;
 }
 
-std::string name_server::log() const {
-  std::ifstream in(_dir.path("log"));
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 std::vector<std::string> name_server::ask(const std::string& type, const std::string& name) const {
   process dig({"dig", "+short", "+time=2", "@127.0.0.1", "-p", port, type, name});
-  std::istringstream out(dig.end().out);
-  std::vector<std::string> lines;
-  for (std::string line; std::getline(out, line);) lines.push_back(line);
-  return lines;
+  return lines(dig.end().out);
 }
 
 std::vector<std::string> name_server::addresses(const std::string& name) const {

@@ -36,6 +36,5 @@ class name_server {
   scratch _dir;
   std::unique_ptr<process> _program;
 
-  std::string log() const;
   std::vector<std::string> ask(const std::string& type, const std::string& name) const;
 };

@@ -597,6 +597,16 @@ TEST_F(string, appends_its_own_characters) {
   }
 }
 
+// A mapping of its own is gone as soon as the string has moved.
+TEST_F(string, appends_its_own_terminator_when_it_must_move) {
+  text s;
+  while (size_t{head(s).size} + 1 < head(s).capacity || block(s) < (1U << 22)) add(s, "m");
+  const std::string before = held(s);
+  const char* end = s.c_str() + s.size();
+  s.append(end, 1);
+  EXPECT_TRUE(held(s) == before + std::string(1, '\0'));
+}
+
 TEST_F(string, doubles_itself_through_every_kind_of_block) {
   text s;
   std::string model = "ab";

@@ -105,15 +105,15 @@ const std::string& material() {
   return text;
 }
 
-class session {
+class trial {
  public:
-  session() { restart(); }
-  ~session() {
+  trial() { restart(); }
+  ~trial() {
     for (_i = 0; _i < 2; ++_i) compare();
     restart();
   }
-  session(const session&) = delete;
-  session& operator=(const session&) = delete;
+  trial(const trial&) = delete;
+  trial& operator=(const trial&) = delete;
 
   void step(fuzz::reader& in);
 
@@ -225,7 +225,7 @@ class session {
   size_t read_length(fuzz::reader& in);
 };
 
-void session::compare() {
+void trial::compare() {
   if (!affords(_models[0].text.size() + _models[1].text.size())) return;
   const bool same = std::strcmp(_models[0].text.c_str(), _models[1].text.c_str()) == 0;
   require((_strings[0] == _strings[1]) == same, "strings compare as texts");
@@ -236,7 +236,7 @@ void session::compare() {
 }
 
 // Short lengths mostly; lengths around a class, and long ones while there is time.
-size_t session::read_length(fuzz::reader& in) {
+size_t trial::read_length(fuzz::reader& in) {
   const uint8_t what = in.byte();
   size_t n = what % 64;
   if (what >= 0xC0) n = static_cast<size_t>(in.number(2));
@@ -245,7 +245,7 @@ size_t session::read_length(fuzz::reader& in) {
   return affords(n) ? n : n % 64;
 }
 
-void session::step(fuzz::reader& in) {
+void trial::step(fuzz::reader& in) {
   const uint8_t what = in.byte();
   _i = what >> 7U;
   _refuse = (what & 0x60U) == 0x60;
@@ -301,7 +301,7 @@ void session::step(fuzz::reader& in) {
 
 int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::reader in(data, size);
-  session s;
+  trial s;
   for (int steps = 0; !in.empty() && steps < 256; ++steps) s.step(in);
   return 0;
 }

@@ -9,7 +9,10 @@
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <random>
+#include <shared_mutex>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -77,12 +80,38 @@ struct instance {
   std::unique_ptr<seen> host = std::make_unique<seen>();
 };
 
-/// What all threads share: the library, files, and which handles are taken.
+/// Handles that any thread may ask about. Who asks holds the list, so an instance taken off it is asked no more and
+/// may be destroyed.
+class open_list {
+ public:
+  void add(int h) {
+    const std::unique_lock hold(_mtx);
+    _handles.push_back(h);
+  }
+  void remove(int h) {
+    const std::unique_lock hold(_mtx);
+    std::erase(_handles, h);
+  }
+  /// Calls `question` with number `i` of them, counted round; with none when the list is empty.
+  template <class QUESTION>
+  void ask(size_t i, QUESTION question) {
+    const std::shared_lock hold(_mtx);
+    if (!_handles.empty()) question(_handles[i % _handles.size()]);
+  }
+
+ private:
+  std::shared_mutex _mtx;
+  std::vector<int> _handles;
+};
+
+/// What all threads share: the library, files, which handles are taken, and which may be asked about.
 struct world {
   library lib;
   scratch dir;
   std::string good = dir.file("hostname = h1\n", "good.conf"), bad = dir.file("port = 1\n", "bad.conf");
   std::array<std::atomic<bool>, max_handle + 1> taken{};
+  open_list open;
+  std::atomic<long> records = 0;  // of all instances that are gone
 };
 
 /// One thread's walk.
@@ -92,10 +121,10 @@ class walker {
 
   void walk(long steps) {
     for (; steps > 0 && !testing::Test::HasFailure(); --steps) step();
-    while (!_own.empty()) {
+    if (_own.empty()) create();
+    if (!testing::Test::HasFailure()) see_one_publish(_own.front());
+    for (; !_own.empty(); destroy(_own.size() - 1))
       if (_own.back().runs) stop(_own.back());
-      destroy(_own.size() - 1);
-    }
   }
 
  private:
@@ -106,7 +135,7 @@ class walker {
   size_t below(size_t n) { return std::uniform_int_distribution<size_t>(0, n - 1)(_random); }
 
   void step() {
-    const size_t choice = below(16);
+    const size_t choice = below(18);
     if (choice == 0 || _own.empty()) return create();
     if (choice == 1) return create_refused();
     if (choice == 2) return ask_unknown();
@@ -114,6 +143,7 @@ class walker {
     if (choice == 3) return _own[i].runs ? ask(_own[i]) : destroy(i);
     if (choice < 6) return _own[i].runs ? stop(_own[i]) : start(_own[i]);
     if (choice == 6) return stop(_own[i]);
+    if (choice == 7) return _w.open.ask(below(most_instances * threads), [&](int h) { ask_any(h); });
     ask(_own[i]);
   }
 
@@ -131,6 +161,7 @@ class walker {
     ASSERT_GE(x.handle, 0);
     ASSERT_LE(x.handle, max_handle);
     ASSERT_FALSE(_w.taken[static_cast<size_t>(x.handle)].exchange(true)) << "handle " << x.handle << " given out twice";
+    _w.open.add(x.handle);
     _own.push_back(std::move(x));
   }
 
@@ -152,6 +183,19 @@ class walker {
     ASSERT_EQ(_w.lib.start(h), -1);
     ASSERT_EQ(_w.lib.stop(h), -1);
     ASSERT_EQ(_w.lib.devicewriteobj(h), -1);
+    ASSERT_EQ(_w.lib.devicewriteval(h), -1);
+    char text[64] = "untouched";
+    size_t n = sizeof text;
+    ASSERT_EQ(_w.lib.getinfo(h, text, &n), -1);
+    ASSERT_STREQ(text, "untouched");
+    ASSERT_EQ(n, sizeof text);
+    ASSERT_EQ(_w.lib.getalltags(
+                  h, [](auto...) { FAIL() << "called"; }, nullptr),
+              -1);
+    ASSERT_EQ(_w.lib.getalltagsex(
+                  h, [](auto...) { FAIL() << "called"; }, nullptr),
+              -1);
+    ASSERT_EQ(_w.lib.getversion(), DAC_VERSION);
     _w.lib.destroy(h);
   }
 
@@ -161,7 +205,7 @@ class walker {
   }
 
   void stop(instance& x) {
-    ASSERT_EQ(_w.lib.stop(x.handle), 0);
+    EXPECT_EQ(_w.lib.stop(x.handle), 0);
     x.stopped += x.runs ? 1 : 0;
     x.runs = false;
     ASSERT_EQ(_w.lib.isrun(x.handle), 0);
@@ -170,28 +214,74 @@ class walker {
     ASSERT_LE(x.host->records, x.stopped > 0 ? 1 : 0);
   }
 
+  /// An instance publishes once it has run for long enough, whatever it was before.
+  void see_one_publish(instance& x) {
+    if (!x.runs) start(x);
+    try {
+      await([&] { return x.host->records == 1; }, "a worker does not publish");
+    } catch (const std::runtime_error& e) {
+      ADD_FAILURE() << e.what();
+    }
+  }
+
+  /// Whatever is found, the instance goes: the walk ends when none is left.
   void destroy(size_t i) {
-    ASSERT_EQ(_own[i].host->strange, 0);
-    _w.taken[static_cast<size_t>(_own[i].handle)] = false;
-    _w.lib.destroy(_own[i].handle);
+    const instance& x = _own[i];
+    EXPECT_EQ(x.host->strange, 0);
+    _w.records += x.host->records;
+    _w.open.remove(x.handle);
+    _w.taken[static_cast<size_t>(x.handle)] = false;
+    _w.lib.destroy(x.handle);
     std::swap(_own[i], _own.back());
     _own.pop_back();
   }
 
+  /// A worker that has said that it started runs until it is stopped; one that has not may run already.
   void ask(const instance& x) {
+    const bool has_begun = x.host->starts > x.stopped;
+    ASSERT_EQ(_w.lib.devicewriteobj(x.handle), DAC_WRITE_REFUSED);
     ASSERT_EQ(_w.lib.devicewriteval(x.handle), DAC_WRITE_REFUSED);
-    ASSERT_LE(_w.lib.isrun(x.handle), x.runs ? 1 : 0);
+    const int runs = _w.lib.isrun(x.handle);
+    ASSERT_GE(runs, has_begun ? 1 : 0);
+    ASSERT_LE(runs, x.runs ? 1 : 0);
+    const bool says_running = status_is_running(x.handle);
+    ASSERT_TRUE(!has_begun || says_running);
+    ASSERT_TRUE(x.runs || !says_running);
+    ask_tags(x.handle);
+  }
+
+  /// Its owner, mostly another thread, may be starting or stopping it.
+  void ask_any(int h) {
+    const int runs = _w.lib.isrun(h);
+    ASSERT_TRUE(runs == 0 || runs == 1) << runs;
+    ASSERT_EQ(_w.lib.devicewriteval(h), DAC_WRITE_REFUSED);
+    status_is_running(h);
+    ask_tags(h);
+  }
+
+  bool status_is_running(int h) {
+    constexpr std::string_view running = R"({"status":"running","host":"h1"})",
+                               stop = R"({"status":"stop","host":"h1"})";
     char text[64];
     size_t n = sizeof text;
-    ASSERT_EQ(_w.lib.getinfo(x.handle, text, &n), 0);
-    const bool says_stop = text == std::string_view(R"({"status":"stop","host":"h1"})");
-    const bool says_running = text == std::string_view(R"({"status":"running","host":"h1"})");
-    ASSERT_TRUE(says_stop || (x.runs && says_running)) << text;
-    ASSERT_EQ(n, (says_stop ? 29U : 32U) - 1);
-    std::string tag;
-    const auto note = [](const char* name, int, int, void* param) { *static_cast<std::string*>(param) = name; };
-    ASSERT_EQ(_w.lib.getalltags(x.handle, note, &tag), 0);
-    ASSERT_EQ(tag, "h1");
+    EXPECT_EQ(_w.lib.getinfo(h, text, &n), 0);
+    EXPECT_TRUE(text == running || text == stop) << text;
+    EXPECT_EQ(n, std::string_view(text).size() - 1);
+    return text == running;
+  }
+
+  void ask_tags(int h) {
+    std::string tags;
+    const auto note = [](const char* name, int type, int flag, void* param) {
+      *static_cast<std::string*>(param) += std::string(name) + "/" + std::to_string(type) + "/" + std::to_string(flag);
+    };
+    const auto note_more = [](const char* name, int type, int flag, const char* text1, const char* text2, void* param) {
+      *static_cast<std::string*>(param) +=
+          std::string("+") + name + "/" + std::to_string(type) + "/" + std::to_string(flag) + "/" + text1 + "/" + text2;
+    };
+    ASSERT_EQ(_w.lib.getalltags(h, note, &tags), 0);
+    ASSERT_EQ(_w.lib.getalltagsex(h, note_more, &tags), 0);
+    ASSERT_EQ(tags, "h1/6/1+h1/6/1//ipv6 address");
   }
 };
 
@@ -206,5 +296,6 @@ TEST(model, every_legal_order_of_calls_from_four_threads_does_what_the_model_say
   std::vector<std::thread> crew;
   for (unsigned i = 0; i < threads; ++i) crew.emplace_back([&, i] { walker(w, seed + i).walk(steps / threads); });
   for (std::thread& t : crew) t.join();
+  EXPECT_GE(w.records, threads);
   fake_interfaces::reset();
 }

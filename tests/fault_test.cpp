@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -147,31 +148,45 @@ TEST_F(fault, of_a_thread_leaves_the_instance_stopped) {
 // ---------------------------------------------------------------- locks
 
 TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
-  const int h = create();
-  char buf[64] = "untouched";
+  char buf[64] = "";
   size_t size = sizeof buf;
+  const auto tag = [](auto... /*told*/) {};
   const struct {
     const char* label;
-    std::function<void()> call;
+    std::function<void(int)> call;
   } rows[] = {
-      {"dac_start", [&] { lib.start(h); }},
-      {"dac_stop", [&] { lib.stop(h); }},
-      {"dac_isrun", [&] { lib.isrun(h); }},
-      {"dac_devicewriteobj", [&] { lib.devicewriteobj(h); }},
-      {"dac_devicewriteval", [&] { lib.devicewriteval(h); }},
-      {"dac_getalltags", [&] { lib.getalltags(h, nullptr, nullptr); }},
-      {"dac_getalltagsex", [&] { lib.getalltagsex(h, nullptr, nullptr); }},
-      {"dac_getinfo", [&] { lib.getinfo(h, buf, &size); }},
-      {"dac_destroy", [&] { lib.destroy(h); }},
+      {"dac_start", [&](int h) { lib.start(h); }},
+      {"dac_stop", [&](int h) { lib.stop(h); }},
+      {"dac_isrun", [&](int h) { lib.isrun(h); }},
+      {"dac_devicewriteobj", [&](int h) { lib.devicewriteobj(h); }},
+      {"dac_devicewriteval", [&](int h) { lib.devicewriteval(h); }},
+      {"dac_getalltags", [&](int h) { lib.getalltags(h, tag, nullptr); }},
+      {"dac_getalltagsex", [&](int h) { lib.getalltagsex(h, tag, nullptr); }},
+      {"dac_getinfo", [&](int h) { lib.getinfo(h, buf, &size); }},
+      {"dac_destroy", [&](int h) { lib.destroy(h); }},
   };
-  const holdings before;
   for (const auto& [label, call] : rows) {
-    fake_threads::locks().refuse(1);
-    const int error = error_of(call);
-    fake_threads::locks().refuse(0);
-    EXPECT_EQ(error, EAGAIN) << label;
-    EXPECT_STREQ(buf, "untouched");
-    expect_unharmed(before, h);
+    SCOPED_TRACE(label);
+    const holdings none;
+    const int h = create();
+    const holdings before;
+    std::strcpy(buf, "untouched");
+    int error = 0;
+    const auto after = [&](int i, bool was_met) {
+      EXPECT_EQ(error, was_met ? EAGAIN : 0) << i;
+      if (!was_met) return;
+      EXPECT_STREQ(buf, "untouched");
+      expect_unharmed(before, h);
+    };
+    EXPECT_EQ(fail_each(
+                  fake_threads::locks(), [&] { error = error_of([&] { call(h); }); }, after),
+              1)
+        << "to find the instance";
+    fake_clock::free_run();
+    lib.stop(h);
+    fake_clock::stepping();
+    lib.destroy(h);
+    expect_unharmed(none);
   }
 }
 
@@ -185,6 +200,19 @@ TEST_F(fault, of_a_lock_in_create_leaves_no_instance_that_nobody_knows) {
   };
   EXPECT_EQ(fail_each(fake_threads::locks(), call, after), 2) << "to register the instance, and to find it";
   EXPECT_EQ(known(), std::set{handle});
+}
+
+TEST_F(fault, of_a_second_lock_is_not_met_by_a_create_that_finds_the_table_full) {
+  while (create() >= 0) {
+  }
+  fake_threads::locks().refuse(2);
+  int handle = 0;
+  const int error = error_of([&] { handle = create(); });
+  const int locks = fake_threads::locks().seen();
+  fake_threads::locks().refuse(0);
+  EXPECT_EQ(error, 0);
+  EXPECT_EQ(handle, -1);
+  EXPECT_EQ(locks, 1) << "nothing is looked for";
 }
 
 using fresh_load = plugin_fixture;

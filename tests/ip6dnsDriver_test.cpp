@@ -4,12 +4,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstddef>
 #include <cstring>
 #include <memory>
 #include <new>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <type_traits>
 #include <vector>
 
@@ -244,6 +246,19 @@ TEST_F(driver, has_no_thread_any_more_when_it_says_that_it_stopped) {
   EXPECT_EQ(thread_at_stop, nullptr);
 }
 
+TEST_F(driver, asks_its_worker_to_end_by_a_1) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  start(d);
+  std::thread stopper([&] { d.Stop(); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (field<int32_t>(stop_at) == 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_EQ(field<int32_t>(stop_at), 1);
+  EXPECT_EQ(field<int32_t>(running_at), 1) << "it sleeps";
+  fake_clock::free_run();
+  stopper.join();
+  fake_clock::stepping();
+}
+
 TEST_F(driver, tells_its_progress_at_level_30) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   set(8, 29);
@@ -302,6 +317,15 @@ TEST_F(driver, name_and_path_are_copies) {
   path.assign(path.size(), 'x');
   EXPECT_EQ(text(name_at), "drv");
   EXPECT_EQ(text(cfgfile_at), kept);
+}
+
+TEST_F(driver, takes_the_name_before_the_path) {
+  const std::string name(80, 'n'), path(80, '/');  // which take blocks of 256, with room to grow
+  const std::vector<void*> offered = pools::take(256, 2);
+  pools::give({offered[1], offered[0]});  // what comes back last is handed out first
+  d.Create(name.c_str(), (path + "none").c_str(), nullptr, nullptr, aux1, nullptr, nullptr, nullptr, nullptr, nullptr);
+  EXPECT_EQ(field<char*>(name_at) - 8, offered[0]);
+  EXPECT_EQ(field<char*>(cfgfile_at) - 8, offered[1]);
 }
 
 // ---------------------------------------------------------------- configuration

@@ -119,6 +119,11 @@ TEST_F(publicip6, each_public_address_is_appended_as_text_and_no_other_one) {
   }
 }
 
+TEST_F(publicip6, asks_for_an_address_s_text_with_room_for_48_characters) {
+  EXPECT_EQ(found({"2001:db8::10"}), "2001:db8::10");
+  EXPECT_EQ(fake_interfaces::text_room(), 48U);
+}
+
 TEST_F(publicip6, loopback_with_a_bit_in_any_of_its_first_twelve_bytes_is_public) {
   for (size_t byte = 0; byte < 15; ++byte) {
     for (const unsigned char bit : {uint8_t{0x01}, uint8_t{0x80}}) {

@@ -253,6 +253,8 @@ TEST_F(pages, are_private_anonymous_memory_to_read_and_write) {
   void* large = take(4194305);
   EXPECT_EQ(protection(block), "rw-p 00000000 00:00 ");
   EXPECT_EQ(protection(large), "rw-p 00000000 00:00 ");
+  EXPECT_EQ(fake_pages::last_descriptor(), -1) << "as other systems want it";
+  EXPECT_EQ(fake_pages::last_offset(), 0);
   ym_free(block);
   ym_free(large);
 }

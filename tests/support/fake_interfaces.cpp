@@ -19,6 +19,7 @@ struct state {
   std::vector<std::string> addresses;
   std::string refused;
   int result = 0, lists = 0, frees = 0;
+  size_t text_room = 0;
 };
 
 state& s() { return immortal<state>(); }
@@ -86,6 +87,7 @@ extern "C" const char* inet_ntop(int family, const void* a, char* text, socklen_
   static auto* real =
       reinterpret_cast<const char* (*)(int, const void*, char*, socklen_t)>(dlsym(RTLD_NEXT, "inet_ntop"));
   const std::lock_guard hold(s().mtx);
+  s().text_room = size;
   if (fake_interfaces::text_calls.is_next()) {
     errno = ENOSPC;
     return nullptr;
@@ -127,8 +129,13 @@ int outstanding() {
   const std::lock_guard hold(s().mtx);
   return s().result != 0 ? 0 : s().lists - s().frees;
 }
+size_t text_room() {
+  const std::lock_guard hold(s().mtx);
+  return s().text_room;
+}
 void reset() {
   const std::lock_guard hold(s().mtx);
+  s().text_room = 0;
   std::vector<std::string>().swap(s().addresses);  // and its room
   s().refused.clear();
   s().result = s().lists = s().frees = 0;

@@ -1,6 +1,7 @@
 // getifaddrs, freeifaddrs and inet_ntop replaced: the interface list is what the test says.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@ extern nth list_calls, text_calls;
 int lists();
 int frees();
 int outstanding();
+
+/// The room that the latest inet_ntop was told of.
+size_t text_room();
 
 /// Empty list, no failure, counts 0.
 void reset();

@@ -23,6 +23,8 @@ struct state {
   int made = 0;
   bool refuses_all = false;
   size_t last_length = 0;
+  int last_descriptor = 0;
+  long last_offset = -1;
 };
 
 state& s() { return immortal<state>(); }
@@ -50,6 +52,8 @@ void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t o
   if (!pool_pages || inside) return real_mmap(at, length, prot, flags, fd, offset);
   const std::lock_guard hold(s().mtx);
   s().last_length = length;
+  s().last_descriptor = fd;
+  s().last_offset = offset;
   ++s().made;
   if (fake_pages::mappings.is_next() || s().refuses_all) return nullptr;
   void* p = real_mmap(at, length, prot, flags, fd, offset);
@@ -109,6 +113,14 @@ std::map<void*, size_t> live() {
 size_t last_length() {
   const std::lock_guard hold(s().mtx);
   return s().last_length;
+}
+int last_descriptor() {
+  const std::lock_guard hold(s().mtx);
+  return s().last_descriptor;
+}
+long last_offset() {
+  const std::lock_guard hold(s().mtx);
+  return s().last_offset;
 }
 void refuse(int i) {
   const std::lock_guard hold(s().mtx);

@@ -19,6 +19,10 @@ std::map<void*, size_t> live();
 /// The length asked of the latest mmap, refused or not.
 size_t last_length();
 
+/// The descriptor and the offset asked with it.
+int last_descriptor();
+long last_offset();
+
 /// From now on mapping number `i` (1 is the next) yields null, all others are granted; 0 refuses none.
 void refuse(int i);
 /// From now on every mapping yields null, until refuse(0).

@@ -5,6 +5,7 @@
 #include "host/commands.h"
 #include "host/instance.h"
 #include "host/names.h"
+#include "host/refusal.h"
 #include "host/text.h"
 
 namespace {
@@ -23,7 +24,7 @@ int for_each_instance(const plugin& p, const std::vector<std::string>& files, co
       tell(files[k], *i);
       continue;
     }
-    refusals.line(prefix + printable(reason.empty() ? files[k] + ": refused without a reason" : reason));
+    refusals.line(prefix + printable(refusal(files[k], reason.empty() ? "refused without a reason" : reason)));
     status = 1;
   }
   return status;

@@ -8,6 +8,9 @@
 #include <csignal>
 #include <string_view>
 #include <system_error>
+#include <thread>
+
+#include "host/deadline.h"
 
 namespace {
 
@@ -86,9 +89,13 @@ pid_t spawn(std::string program, strings settings) {
 
 child::child(const std::string& program, const strings& settings) : _pid(spawn(program, settings)) {}
 
-// Whoever waits for it afterwards is the system: the host is about to end.
+// One that not even SIGKILL ends is left to the system: the host is about to end.
 child::~child() {
-  if (_pid > 0) signal(SIGKILL);
+  if (_pid < 0) return;
+  signal(SIGKILL);
+  const auto end = steady_clock::now() + std::chrono::milliseconds(500);
+  while (waitpid(_pid, nullptr, WNOHANG) == 0 && steady_clock::now() < end)
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
 }
 
 void child::signal(int sig) const {

@@ -80,7 +80,7 @@ bool courier::is_idle() const {
 void courier::close() {
   _closed = true;
   for (job& j : _jobs) {
-    if (std::exchange(j.waits, false)) complain(j, "the newest value is not kept, the run ends");
+    if (std::exchange(j.waits, false)) abandon(j);
     j.next_signal = std::min(j.next_signal, steady_clock::now() + farewell);
   }
 }
@@ -135,6 +135,11 @@ std::string courier::consequence(job& j) {
   j.waits = true;
   j.start = steady_clock::now() + pause;
   return "tried again in " + in_seconds(pause);
+}
+
+void courier::abandon(const job& j) {
+  _given_up = true;
+  complain(j, "the newest value is not kept, the run ends");
 }
 
 std::string courier::told(const job& j, int status) const {

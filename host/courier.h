@@ -64,6 +64,7 @@ class courier {
   void end(job& j);
   void fail(job& j, const std::string& what);
   std::string consequence(job& j);
+  void abandon(const job& j);
   std::string told(const job& j, int status) const;
   void complain(const job& j, const std::string& what);
 };

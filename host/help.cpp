@@ -4,6 +4,11 @@ namespace {
 
 constexpr char status_of_a_run[] = R"(
 Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
+was refused, the plug-in or a thread could not be had, nobody takes the output,
+or with --once a program failed or did not get its value; 2 for wrong usage.)";
+
+constexpr char status_of_a_table[] = R"(
+Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
 was refused, the plug-in or a thread could not be had, or nobody takes the
 output; 2 for wrong usage.)";
 
@@ -28,7 +33,7 @@ Examples:
   dachost top /etc/ip6dns/*.conf            on the screen, drawn once a second
   dachost top --once gateway.conf           one table, then end
   dachost top *.conf >>tables               a table a second into a file
-)") + status_of_a_run;
+)") + status_of_a_table;
     case command::check:
       return std::string(R"(Example:
   dachost check /etc/ip6dns/*.conf          one line a file: ok, or what is wrong

@@ -3,6 +3,7 @@
 #include <csignal>
 #include <numeric>
 
+#include "host/refusal.h"
 #include "host/text.h"
 
 namespace {
@@ -60,7 +61,7 @@ std::vector<size_t> keeper::prepare_renewal() {
 
 void keeper::complain(size_t i, const std::string& reason, const char* consequence) {
   const std::string why = reason.empty() ? "refused without a reason, as one too many is" : reason;
-  _listener.complain(i, printable("dachost: " + _fleet.file(i) + ": " + why + "; " + consequence));
+  _listener.complain(i, printable("dachost: " + refusal(_fleet.file(i), why) + "; " + consequence));
 }
 
 // ---------------------------------------------------------------- while they run

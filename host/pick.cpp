@@ -11,6 +11,7 @@
 #include <set>
 #include <sstream>
 #include <system_error>
+#include <utility>
 
 #include "driver/dac.h"
 #include "host/descriptor.h"
@@ -63,32 +64,45 @@ void note_stable(const nlmsghdr* m, texts& stable) {
   stable.insert(inet_ntop(AF_INET6, own, text, sizeof text));
 }
 
+struct listing {
+  texts stable;
+  bool is_torn = false;  // the kernel's list changed while it was read, and may lack what did not change
+};
+
 // True at the end of the list.
-bool read_message(const nlmsghdr* m, texts& stable) {
+bool read_message(const nlmsghdr* m, listing& l) {
+  if ((m->nlmsg_flags & NLM_F_DUMP_INTR) != 0) l.is_torn = true;
   if (m->nlmsg_type == NLMSG_ERROR)
     throw std::system_error(-static_cast<const nlmsgerr*>(NLMSG_DATA(m))->error, std::generic_category(), "netlink");
-  if (m->nlmsg_type == RTM_NEWADDR) note_stable(m, stable);
+  if (m->nlmsg_type == RTM_NEWADDR) note_stable(m, l.stable);
   return m->nlmsg_type == NLMSG_DONE;
 }
 
-bool read_messages(int fd, texts& stable) {
+bool read_messages(int fd, listing& l) {
   alignas(nlmsghdr) char buf[32768];
   const ssize_t n = recv(fd, buf, sizeof buf, 0);
   if (n < 0) throw std::system_error(errno, std::generic_category(), "netlink");
   auto left = static_cast<unsigned>(n);
   for (const auto* m = reinterpret_cast<const nlmsghdr*>(buf); NLMSG_OK(m, left); m = NLMSG_NEXT(m, left))
-    if (read_message(m, stable)) return true;
+    if (read_message(m, l)) return true;
   return false;
+}
+
+listing list_addresses(int fd) {
+  ask_for_addresses(fd);
+  listing l;
+  while (!read_messages(fd, l)) {
+  }
+  return l;
 }
 
 // An address counts when one interface at least has it for good.
 texts stable_addresses() {
+  constexpr int most_tries = 5;
   const descriptor netlink(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE), "netlink");
-  ask_for_addresses(netlink.get());
-  texts stable;
-  while (!read_messages(netlink.get(), stable)) {
-  }
-  return stable;
+  for (int n = 0; n < most_tries; ++n)
+    if (listing l = list_addresses(netlink.get()); !l.is_torn) return std::move(l.stable);
+  throw std::system_error(EAGAIN, std::generic_category(), "netlink");
 }
 
 // ---------------------------------------------------------------- the choice

@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <stdexcept>
 
@@ -34,6 +36,24 @@ symbol find(void* l, const char* name) {
   void* p = dlsym(l, name);
   if (!p) throw std::runtime_error(std::string(library) + ": lacks " + name);
   return {p};
+}
+
+// ncurses' own answer to Ctrl-Z leaves errno as it likes, and comes between a call and whoever asks how it failed.
+void (*g_give_back_terminal)(int) = nullptr;
+
+void suspend(int sig) {
+  const int kept = errno;
+  g_give_back_terminal(sig);
+  errno = kept;
+}
+
+void keep_errno_when_suspended() {
+  struct sigaction a {};
+  sigaction(SIGTSTP, nullptr, &a);
+  if (a.sa_handler == SIG_DFL || a.sa_handler == SIG_IGN || a.sa_handler == suspend) return;
+  g_give_back_terminal = a.sa_handler;
+  a.sa_handler = suspend;
+  sigaction(SIGTSTP, &a, nullptr);
 }
 
 }  // namespace
@@ -90,6 +110,7 @@ screen::screen() : _c(std::make_unique<curses>()) {
   _c->keypad(_c->w, true);
   _c->nodelay(_c->w, true);
   _c->curs_set(0);
+  keep_errno_when_suspended();
 }
 
 screen::~screen() {

@@ -3,6 +3,6 @@
 
 #include <string>
 
-/// The first that is there of: beside this executable, ../lib/TRIPLET/dac and ../lib/dac from its directory. Otherwise
-/// the bare name, which the dynamic loader looks for.
+/// The first that is there of: beside this executable, ../lib/TRIPLET/dac, ../lib/dac and .. from its directory; the
+/// last is where a build has it. Otherwise the bare name, which the dynamic loader looks for.
 std::string find_plugin();

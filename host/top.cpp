@@ -58,6 +58,7 @@ class watcher : listener {
 
   std::unique_ptr<view> open_view();
   void watch();
+  deadline next_table() const;
   bool is_due(const deadline& next) const;
   bool is_done() const;
   bool has_published() const;
@@ -114,8 +115,9 @@ void watcher::complain(size_t i, const std::string& line) {
 std::unique_ptr<view> watcher::open_view() {
   if (_options.once || isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return make_plain_view(_out, _err);
   try {
+    std::unique_ptr<view> full = make_screen_view(_out);
     _is_old = true;
-    return make_screen_view(_out);
+    return full;
   } catch (const std::exception& e) {
     _err.line(printable(std::string("dachost: ") + e.what() + "; tables follow one below the other"));
     return make_plain_view(_out, _err);
@@ -124,18 +126,24 @@ std::unique_ptr<view> watcher::open_view() {
 
 void watcher::watch() {
   if (_options.time) _end = steady_clock::now() + *_options.time;
-  deadline next = steady_clock::now() + between_tables;
+  deadline next = next_table();
   while (!is_done()) {
-    wait(_keeper.is_busy() || _is_old ? steady_clock::now() : earlier(_end, next));
+    wait(_keeper.is_busy() || is_due(next) ? steady_clock::now() : earlier(_end, next));
     _keeper.turn();
     if (!is_due(next)) continue;
     show();
-    next = steady_clock::now() + between_tables;
+    next = next_table();
   }
 }
 
+// The only one waits for values, however long.
+deadline watcher::next_table() const {
+  if (_options.once) return std::nullopt;
+  return steady_clock::now() + between_tables;
+}
+
 bool watcher::is_due(const deadline& next) const {
-  if (_options.once && !has_published()) return false;
+  if (_options.once) return has_published();
   return _is_old || is_past(next);
 }
 

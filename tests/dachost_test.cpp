@@ -222,6 +222,10 @@ class no_threads {
   rlimit _before{};
 };
 
+// What the host says behind the plug-in's reason.
+const std::string name_it = ": a line hostname = NAME is needed, see ip6dns.conf(5)";
+const std::string spell_it = ": none of ' \" ( ) : may be in it, see ip6dns.conf(5)";
+
 void expect_usage_error(const ending& e) {
   EXPECT_EQ(e.status, 2);
   EXPECT_EQ(e.out, "");
@@ -342,6 +346,7 @@ TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
     std::string loaded;
   } rows[] = {// from the last resort to the first
               {"loader", "libip6dns.so"},
+              {".", path("libip6dns.so")},
               {"lib/dac", path("lib/dac/libip6dns.so")},
               {"lib/" TRIPLET "/dac", path("lib/" TRIPLET "/dac/libip6dns.so")},
               {"bin", path("bin/libip6dns.so")}};
@@ -373,16 +378,18 @@ TEST_F(dachost, check_takes_the_sample_configuration) {
   EXPECT_EQ(e.out, sample + ": ok, host name gateway.example\n");
 }
 
-TEST_F(dachost, check_prints_the_plugins_own_message_and_goes_on) {
+TEST_F(dachost, check_prints_the_plugins_own_message_and_what_to_do_and_goes_on) {
   const std::string missing = path("missing.conf");
   const std::string unnamed = file("unnamed.conf", "host=h");
   const std::string colon = file("colon.conf", "hostname=a:b");
   const std::string good = file("good.conf", "hostname=h");
-  const ending e = ask({"check", missing, unnamed, colon, good});
+  const ending e = ask({"check", missing, path(""), unnamed, colon, good});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out),
-            (texts{"load ip6dns driver config " + missing + " failed", "not config hostname in " + unnamed,
-                   "hostname contains illegal characters in " + colon, good + ": ok, host name h"}));
+            (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
+                   "not config hostname in " + path("") + ": Is a directory",
+                   "not config hostname in " + unnamed + name_it,
+                   "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
 }
 
 TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
@@ -424,7 +431,7 @@ TEST_F(dachost, tags_lists_what_the_plugin_reports) {
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out), (texts{a + "\ta.example\t6\t1\t\tipv6 address",
                                  b + '\t' + std::string(200, 'b') + "\t6\t1\t\tipv6 address"}));
-  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + '\n');
+  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + name_it + '\n');
 }
 
 TEST_F(dachost, info_prints_the_status_document_whole) {
@@ -435,7 +442,7 @@ TEST_F(dachost, info_prints_the_status_document_whole) {
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out), (texts{R"({"status":"stop","host":"a.example\/x"})",
                                  R"({"status":"stop","host":")" + std::string(5000, 'b') + R"("})"}));
-  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + '\n');
+  EXPECT_EQ(e.err, "dachost: not config hostname in " + bad + name_it + '\n');
 }
 
 // ---------------------------------------------------------------- run: what is printed
@@ -561,7 +568,7 @@ TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_where_that_is_no
 
 TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
   const std::string a = file("a.conf", "hostname=a"), bad = file("bad.conf", "hostname=");
-  const std::string told_why = "dachost: " + bad + ": not config hostname in " + bad + "; nothing is started\n";
+  const std::string told_why = "dachost: not config hostname in " + bad + name_it + "; nothing is started\n";
   const texts failure = {tabbed({"bad", "failure", "not config hostname in " + bad})};
   const ending text = ask({"run", a, bad});
   EXPECT_EQ(text.status, 1);
@@ -663,7 +670,7 @@ TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
   const ending e = rewrite("hostname=a:b", [](process& p) { p.await_err("\n"); });
   const std::string conf = path("gw.conf");
   EXPECT_EQ(e.err,
-            "dachost: " + conf + ": hostname contains illegal characters in " + conf + "; the old instance goes on\n");
+            "dachost: hostname contains illegal characters in " + conf + spell_it + "; the old instance goes on\n");
   EXPECT_EQ(told(e.out, "tag"), texts{tag_line("gw", "before")});
   EXPECT_EQ(told(e.out, "message"), started_and_stopped("gw"));
 }

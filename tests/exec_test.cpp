@@ -1,5 +1,6 @@
 // `dachost run --exec` from outside: when the program is started, with what, and what becomes of it.
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -132,6 +133,7 @@ TEST_F(exec, reads_nothing_and_prints_to_the_hosts_standard_error) {
       {"--once", "--json", "--exec", program("cat; echo one; echo two >&2; readlink /proc/self/fd/0"), publish("a")});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "one\ntwo\n/dev/null\n");
+  EXPECT_GE(lines(e.out).size(), 3U) << e.out;
   for (const std::string& line : lines(e.out)) EXPECT_TRUE(json::accept(line)) << line;
 }
 
@@ -290,6 +292,25 @@ TEST_F(exec, is_killed_when_it_runs_on_after_the_runs_end) {
   expect_gone();
 }
 
+TEST_F(exec, leaves_a_value_without_a_program_and_once_says_so_by_its_status) {
+  for (const bool once : {false, true}) {
+    SCOPED_TRACE(once);
+    const std::string body = "echo begin >did\n" + std::string(wait_for_go);
+    texts args = {"--exec", program(body), publish("a")};
+    if (once) args.insert(args.begin(), "--once");
+    process p = start(args);
+    await_did("begin");
+    publish_next(p, "b");
+    p.signal(SIGTERM);
+    p.await_err(complaint("the newest value is not kept, the run ends"));
+    dir.file("", "go");
+    const ending e = p.end();
+    EXPECT_EQ(e.status, once ? 1 : 0);
+    EXPECT_EQ(e.err, complaint("the newest value is not kept, the run ends"));
+    for (const char* file : {"go", "did"}) std::filesystem::remove(dir.path(file));
+  }
+}
+
 TEST_F(exec, is_not_tried_again_after_the_runs_end) {
   process p = start({"--exec", program("exit 1"), publish("a")});
   p.await_err("tried again in 1 s\n");
@@ -303,6 +324,20 @@ TEST_F(exec, is_gone_when_the_run_fails) {
   p.signal(SIGHUP);
   EXPECT_EQ(p.end().status, 1);
   expect_gone();
+}
+
+// What its parent does not wait for comes to this process, which does not wait for it either.
+TEST_F(exec, is_waited_for_when_the_run_fails) {
+  process p = start({"--exec", program("echo $$ >pid; echo begin >did; sleep 1000"), publish("a")});
+  await_did("begin");
+  ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
+  dir.file("throw it", "gw.conf");
+  p.signal(SIGHUP);
+  EXPECT_EQ(p.end().status, 1);
+  prctl(PR_SET_CHILD_SUBREAPER, 0);
+  const std::string pid = read_file(dir.path("pid"));
+  ASSERT_FALSE(pid.empty());
+  EXPECT_FALSE(std::filesystem::exists("/proc/" + pid.substr(0, pid.find('\n'))));
 }
 
 // ---------------------------------------------------------------- dry run
@@ -381,6 +416,30 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
     texts kept = split(did().substr(0, did().find('\n')), ',');
     std::sort(kept.begin(), kept.end());
     EXPECT_EQ(kept, (texts{"2001:db8:1::4", "2001:db8::1", "2001:db8::1", "2001:db8::5"}));
+  });
+}
+
+// A list that changed while it was read may lack an address that is there all the time.
+TEST_F(exec, asks_the_kernel_again_for_a_list_that_changed_meanwhile_and_gives_up_at_the_fifth) {
+  in_a_network_of_its_own([this] {
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
+    const struct row {
+      const char* torn;
+      std::string kept;
+      std::string err;
+    } rows[] = {{"4", "2001:db8::1\n", ""},
+                {"5", "", complaint("cannot be started: netlink: Resource temporarily unavailable; not tried again")}};
+    const texts args = {
+        "--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), publish("2001:db8::1")};
+    for (const row& r : rows) {
+      SCOPED_TRACE(r.torn);
+      const ending e = run(args, {std::string("TORN_LISTS=") + r.torn, "LD_PRELOAD=" TORN_LIST,
+                                  "ASAN_OPTIONS=verify_asan_link_order=0"});
+      EXPECT_EQ(e.err, r.err);
+      EXPECT_EQ(e.status, r.err.empty() ? 0 : 1);
+      EXPECT_EQ(did(), r.kept);
+      std::filesystem::remove(dir.path("did"));
+    }
   });
 }
 

@@ -59,7 +59,6 @@ install(FILES ${packaging}/ip6dns.conf DESTINATION /etc/ip6dns COMPONENT main)
 install(FILES ${packaging}/completion/dachost DESTINATION share/bash-completion/completions COMPONENT main)
 install(FILES ${packaging}/ip6dns.conf ${packaging}/nsupdate.conf ${PROJECT_SOURCE_DIR}/doc/snippet.c
   DESTINATION share/doc/ip6dns/examples COMPONENT main)
-install(PROGRAMS ${PROJECT_SOURCE_DIR}/examples/nsupdate-aaaa DESTINATION share/doc/ip6dns/examples COMPONENT main)
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/ DESTINATION share/doc/ip6dns/examples COMPONENT main
   USE_SOURCE_PERMISSIONS)
 file(CREATE_LINK ip6dns ${staging}/ip6dns-dbgsym SYMBOLIC)
@@ -91,7 +90,7 @@ set(CPACK_DEBIAN_MAIN_PACKAGE_NAME ip6dns)
 set(CPACK_DEBIAN_MAIN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MAIN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
 set(CPACK_DEBIAN_MAIN_PACKAGE_RECOMMENDS "libncursesw6 (>= 6)")  # dachost top loads it for its screen
-set(CPACK_DEBIAN_MAIN_PACKAGE_SUGGESTS "bind9-dnsutils")  # nsupdate-aaaa needs it
+set(CPACK_DEBIAN_MAIN_PACKAGE_SUGGESTS "bind9-dnsutils, mosquitto-clients")  # what the two scripts need
 set(CPACK_DEBIAN_MAIN_PACKAGE_CONTROL_EXTRA ${packaging}/conffiles)
 set(CPACK_COMPONENT_MAIN_DESCRIPTION
 "libip6dns.so is a driver for a host data-acquisition platform. It publishes

@@ -14,9 +14,9 @@
 #include "tests/support/network.h"
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/texts.h"
 
 using nlohmann::json;
-using texts = std::vector<std::string>;
 
 namespace {
 
@@ -79,13 +79,27 @@ class machine {
   }
 
   /// Publishes under the machine's name, as users are told to.
-  void publish() {
-    const std::string conf = _dir.file("hostname = " + _name + ".example\n", _name + ".conf");
+  void publish() { publish_by("hostname = " + _name + ".example\n"); }
+  void publish_by(const std::string& configuration) {
+    const std::string conf = _dir.file(configuration, _name + ".conf");
     process_settings s;
-    s.environment = {"PATH=" + _dir.path("bin") + ':' + std::getenv("PATH"), "PID_FILE=" + _dir.path(_name + ".pid")};
+    s.environment = {"PATH=" + _dir.path("bin") + ':' + std::getenv("PATH"), "PID_FILE=" + _dir.path(_name + ".pid"),
+                     "SENT_FILE=" + sent_file()};
     _publisher = std::make_unique<process>(
         inside({SOURCE_DIR "/examples/publish-mqtt", conf, "ip6dns/" + _name, "-h", "10.0." + _number + ".1"}), s);
   }
+  /// Waits until mosquitto_pub has got this value as the newest one.
+  void await_sent(const std::string& value) const {
+    const auto is_newest = [&] {
+      const texts all = lines(read_file(sent_file()));
+      return !all.empty() && all.back().ends_with("\"value\":\"" + value + "\"}");
+    };
+    if (!eventually(is_newest)) throw std::runtime_error(value + " is not sent");
+  }
+  /// The cable to the broker.
+  void plug() const { EXPECT_TRUE(ip("link set v" + _number + " up")); }
+  void unplug() const { EXPECT_TRUE(ip("link set v" + _number + " down")); }
+
   /// Stops the host; the rest is to follow by itself.
   ending stop() {
     kill(id_in(_dir.path(_name + ".pid")), SIGTERM);
@@ -101,6 +115,7 @@ class machine {
   const std::string _id;
   std::unique_ptr<process> _publisher;
 
+  std::string sent_file() const { return _dir.path(_name + ".sent"); }
   static bool ipv4(const std::string& command) { return std::system(("ip " + command).c_str()) == 0; }
   texts inside(texts command) const {
     command.insert(command.begin(), {"nsenter", "-n", "-t", _id});
@@ -117,6 +132,11 @@ class subscriber {
  public:
   subscriber() : _process({"mosquitto_sub", "-h", "127.0.0.1", "-v", "-t", "ip6dns/#"}) {}
 
+  /// Until it gets what is kept, and so what comes, too.
+  void await_subscribed() {
+    EXPECT_EQ(process({"mosquitto_pub", "-h", "127.0.0.1", "-t", "ip6dns/kept", "-r", "-m", "kept"}).end().status, 0);
+    _process.await_out("ip6dns/kept kept\n");
+  }
   void await(const std::string& machine, const std::string& value) {
     _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\"}\n");
   }
@@ -151,7 +171,11 @@ class fleet : public testing::Test {
         "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" SWIFT_CLOCK " exec " DACHOST
         " $command -p " PLUGIN " \"$@\"\n",
         "bin/dachost");
-    if (chmod(script.c_str(), 0700) != 0) throw std::runtime_error(script);
+    // What mosquitto_pub gets, and when, is kept in a file.
+    const std::string pub =
+        dir.file("#!/bin/sh\nPATH=${PATH#*:}\ntee \"$SENT_FILE\" | mosquitto_pub \"$@\"\n", "bin/mosquitto_pub");
+    for (const std::string& s : {script, pub})
+      if (chmod(s.c_str(), 0700) != 0) throw std::runtime_error(s);
   }
 };
 
@@ -209,7 +233,7 @@ TEST_F(fleet, shows_those_who_come_later_what_every_machine_has) {
   });
 }
 
-TEST_F(fleet, catches_up_when_the_broker_comes_back) {
+TEST_F(fleet, sends_later_what_was_published_while_the_broker_was_away) {
   in_a_network_of_its_own([this] {
     auto b = std::make_unique<broker>(dir);
     machine gateway(dir, 1, "gateway");
@@ -218,9 +242,28 @@ TEST_F(fleet, catches_up_when_the_broker_comes_back) {
     s.await("gateway", "null");
     b.reset();
     gateway.add("2001:db8:1::1/64");
+    gateway.await_sent("2001:db8:1::1");
+    gateway.del("2001:db8:1::1/64");
+    gateway.await_sent("null");
+
+    gateway.unplug();
     b = std::make_unique<broker>(dir);
-    s.await("gateway", "2001:db8:1::1");
+    subscriber late;
+    late.await_subscribed();
+    gateway.plug();
+    late.await("gateway", "2001:db8:1::1");
     EXPECT_EQ(gateway.stop().status, 0);
+  });
+}
+
+TEST_F(fleet, ends_as_the_host_ends_that_refuses_its_file) {
+  in_a_network_of_its_own([this] {
+    const broker b(dir);
+    machine gateway(dir, 1, "gateway");
+    gateway.publish_by("hostname =\n");
+    const ending e = gateway.wait();
+    EXPECT_EQ(e.status, 1);
+    EXPECT_NE(e.err.find("dachost: not config hostname in "), std::string::npos) << e.err;
   });
 }
 

@@ -385,11 +385,11 @@ TEST_F(dachost, check_prints_the_plugins_own_message_and_what_to_do_and_goes_on)
   const std::string good = file("good.conf", "hostname=h");
   const ending e = ask({"check", missing, path(""), unnamed, colon, good});
   EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(lines(e.out),
-            (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
-                   "not config hostname in " + path("") + ": Is a directory",
-                   "not config hostname in " + unnamed + name_it,
-                   "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
+  EXPECT_EQ(
+      lines(e.out),
+      (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
+             "not config hostname in " + path("") + ": Is a directory", "not config hostname in " + unnamed + name_it,
+             "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
 }
 
 TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {

@@ -5,9 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <functional>
-#include <iterator>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -40,7 +38,7 @@ struct holdings {
   long blocks = fake_heap::live();
   int files = fake_files::open();
   int lists = fake_interfaces::outstanding();
-  long threads = std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+  int threads = fake_threads::unjoined();
   bool operator==(const holdings&) const = default;
 };
 
@@ -165,8 +163,8 @@ TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
       {"dac_getinfo", [&](int h) { lib.getinfo(h, buf, &size); }},
       {"dac_destroy", [&](int h) { lib.destroy(h); }},
   };
-  for (const auto& [label, call] : rows) {
-    SCOPED_TRACE(label);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
     const holdings none;
     const int h = create();
     const holdings before;
@@ -179,7 +177,7 @@ TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
       expect_unharmed(before, h);
     };
     EXPECT_EQ(fail_each(
-                  fake_threads::locks(), [&] { error = error_of([&] { call(h); }); }, after),
+                  fake_threads::locks(), [&] { error = error_of([&] { row.call(h); }); }, after),
               1)
         << "to find the instance";
     fake_clock::free_run();

@@ -3,10 +3,13 @@
 #include <dlfcn.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <string_view>
 
 namespace {
+
+std::atomic<int> not_joined = 0;
 
 // A host's callbacks lock mutexes of their own.
 bool is_plugins(const void* code) {
@@ -25,7 +28,16 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
                               void* argument) noexcept {
   static const auto real = next(&pthread_create, "pthread_create");
   if (fake_threads::threads.is_next()) return EAGAIN;
-  return real(thread, attr, body, argument);
+  const int error = real(thread, attr, body, argument);
+  if (error == 0) ++not_joined;
+  return error;
+}
+
+extern "C" int pthread_join(pthread_t thread, void** result) {
+  static const auto real = next(&pthread_join, "pthread_join");
+  const int error = real(thread, result);
+  if (error == 0) --not_joined;
+  return error;
 }
 
 extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
@@ -38,6 +50,8 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 namespace fake_threads {
 
 nth threads;
+
+int unjoined() { return not_joined; }
 
 nth& locks() {
   thread_local nth own;

@@ -1,4 +1,4 @@
-// pthread_create and pthread_mutex_lock replaced by ones that can refuse.
+// pthread_create and pthread_mutex_lock replaced by ones that can refuse, pthread_join by one that counts.
 #pragma once
 
 #include "tests/support/nth.h"
@@ -7,6 +7,9 @@ namespace fake_threads {
 
 /// Threads made; one that is refused is so with EAGAIN.
 extern nth threads;
+
+/// Threads made and not joined yet.
+int unjoined();
 
 /// Mutexes that the calling thread locks inside the plug-in, counted while one is to be refused, with EAGAIN.
 nth& locks();

@@ -21,6 +21,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <barrier>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -41,6 +42,7 @@
 namespace {
 
 constexpr int instances = 1024, crew = 4, most_addresses = 10'000, phases = 4;
+constexpr int shortest_stir = 10;  // seconds that leave time for the greatest number of addresses
 
 // What the pools keep at most when no block is in use: of each of the thirty classes the first chunk and two later
 // ones, in pages of 4 KiB.
@@ -61,6 +63,8 @@ struct instance {
   int64_t last_published = 0;  // seconds; 0 never
   std::string due;             // text of a record that must arrive before the next sleep
   bool is_due = false;
+  int64_t last_polled = 0;  // seconds; 0 never
+  bool is_poll_due = false;
 };
 
 thread_local instance* me = nullptr;  // set by the worker's start message
@@ -87,7 +91,13 @@ std::string expected_text(const ifaddrs* list) {
   return text.empty() ? "null" : text;
 }
 
+/// Ten seconds after the latest look, whichever way the clock went, the next one is due.
+void expect_poll(instance& x) { x.is_poll_due = std::abs(my_now - x.last_polled) >= 10; }
+
 void learn(instance& x, std::string text) {
+  if (!x.is_poll_due) ++surplus;
+  x.is_poll_due = false;
+  x.last_polled = my_now;
   const int64_t apart = std::abs(my_now - x.last_published);
   ++polls;
   x.is_due = text != x.last_text || apart >= 120;
@@ -97,8 +107,8 @@ void learn(instance& x, std::string text) {
 }
 
 void settle(instance& x) {
-  if (x.is_due) ++lost;
-  x.is_due = false;
+  if (x.is_due || x.is_poll_due) ++lost;
+  x.is_due = x.is_poll_due = false;
 }
 
 dac_tagvalue expected_record(const instance& x) {
@@ -134,6 +144,7 @@ void on_aux(void* /*param*/) {}
 
 extern "C" time_t time(time_t* out) noexcept {
   my_now = clock_now;
+  if (me) expect_poll(*me);
   if (out) *out = my_now;
   return my_now;
 }
@@ -170,12 +181,15 @@ class addresses {
   void set(int n) {
     for (; _count < n; ++_count) change(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, _count);
     for (; _count > n; --_count) change(RTM_DELADDR, 0, _count - 1);
+    _most = std::max(_most, _count);
   }
   int count() const { return _count; }
+  /// The greatest number that stood there.
+  int most() const { return _most; }
 
  private:
   int _socket;
-  int _count = 0;
+  int _count = 0, _most = 0;
   uint32_t _sequence = 0;
 
   void set_up() {
@@ -238,8 +252,10 @@ class hand {
     }
   }
 
-  void work() {
+  /// Nobody stops an instance before `all` of the crew have started theirs, so that for once all of them run.
+  void work(std::barrier<>& all) {
     start_all();
+    all.arrive_and_wait();
     while (!over) {
       pause(below(1000));
       if (held) continue;
@@ -311,7 +327,7 @@ class hand {
     _lib.destroy(x.handle);
     x.handle = -1;
     for (std::string* text : {&x.last_text, &x.due}) std::string().swap(*text);  // their room too
-    x.last_published = 0;
+    x.last_published = x.last_polled = 0;
   }
 };
 
@@ -382,8 +398,8 @@ void peak(addresses& lo) {
   change_quietly(lo, 10);
 }
 
-/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle, if there
-/// is time for it.
+/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle, unless
+/// these are fewer than shortest_stir.
 void stir(addresses& lo, int seconds) {
   std::mt19937 random(1);
   const auto begin = std::chrono::steady_clock::now();
@@ -398,7 +414,7 @@ void stir(addresses& lo, int seconds) {
                    second, running.load(), lo.count(), polls.load(), checked.load(), lost.load(), wrong.load());
       shown = second;
     }
-    if (!peaked && seconds >= 10 && second >= seconds / 2) {
+    if (!peaked && seconds >= shortest_stir && second >= seconds / 2) {
       peak(lo);
       peaked = true;
     } else if (below(20) == 0) {
@@ -408,6 +424,16 @@ void stir(addresses& lo, int seconds) {
     clock_now += below(100) == 0 ? jumps[static_cast<size_t>(below(jumps.size()))] : below(5) == 0 ? 1 : 0;
     pause(50);
   }
+}
+
+/// Descriptors and threads as at the beginning; after the last phase no more memory than after the first, apart from
+/// what the pools may keep and what the C library keeps of stacks and heaps that come and go.
+bool is_flat(const std::vector<usage>& stopped) {
+  constexpr long stray_kb = 8192, stray_mappings = 32;
+  const usage &begin = stopped.front(), &first = stopped.at(1), &last = stopped.back();
+  const auto beside_pools = [](const usage& u) { return u.resident_kb - u.pools_resident_kb; };
+  return last.descriptors == begin.descriptors && last.threads == begin.threads && last.pools_kb <= most_kept_kb &&
+         beside_pools(last) <= beside_pools(first) + stray_kb && last.mappings <= first.mappings + stray_mappings;
 }
 
 bool soak(int seconds) {
@@ -422,9 +448,10 @@ bool soak(int seconds) {
     for (int i = 0; i < crew; ++i) hands.emplace_back(lib, path, i, instances / crew);
     const auto round = [&](int length) {
       over = false;
+      std::barrier<> all(crew);
       std::vector<std::thread> threads;
       threads.reserve(crew);
-      for (hand& h : hands) threads.emplace_back([&h] { h.work(); });
+      for (hand& h : hands) threads.emplace_back([&] { h.work(all); });
       stir(lo, length);
       over = true;
       for (std::thread& t : threads) t.join();
@@ -435,14 +462,14 @@ bool soak(int seconds) {
     for (int i = 0; i < phases; ++i) stopped.push_back(round(seconds / phases));
   }
   std::fputc('\n', stderr);
-  std::printf("records checked %ld, lost %ld, wrong %ld, not due %ld; polls %ld; most instances running %d\n",
-              checked.load(), lost.load(), wrong.load(), surplus.load(), polls.load(), most_running.load());
+  std::printf("records checked %ld, lost %ld, wrong %ld, not due %ld; polls %ld\n", checked.load(), lost.load(),
+              wrong.load(), surplus.load(), polls.load());
+  std::printf("most instances running %d, most addresses %d\n", most_running.load(), lo.most());
   for (size_t i = 0; i < stopped.size(); ++i)
     print(i == 0 ? "all stopped, warmed up" : ("all stopped, phase " + std::to_string(i)).c_str(), stopped[i]);
-  const usage &first = stopped.front(), &last = stopped.back();
-  std::printf("pools keep %ld kB, at most %ld kB\n", last.pools_kb, most_kept_kb);
-  const bool alike = last.descriptors == first.descriptors && last.threads == first.threads;
-  return alike && last.pools_kb <= most_kept_kb && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
+  std::printf("pools keep %ld kB, at most %ld kB\n", stopped.back().pools_kb, most_kept_kb);
+  const bool full = most_running == instances && lo.most() == most_addresses;
+  return full && is_flat(stopped) && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
 }
 
 /// Loads, uses and unloads the library; instances left registered go with it.
@@ -473,8 +500,8 @@ bool reload(int times) {
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::atoi(argv[1]) : 60, loads = argc > 2 ? std::atoi(argv[2]) : 10'000;
-  if (seconds < 1 || loads < 0) {
-    std::fprintf(stderr, "usage: soak [SECONDS [LOADS]]\n");
+  if (loads < 0 || seconds < phases * shortest_stir) {
+    std::fprintf(stderr, "usage: soak [SECONDS [LOADS]], %d SECONDS at least\n", phases * shortest_stir);
     return 2;
   }
   try {

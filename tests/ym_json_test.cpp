@@ -240,6 +240,11 @@ TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
   }
 }
 
+TEST_F(json, escapes_a_value_that_is_one_such_character_again_and_again) {
+  for (const size_t n : std::initializer_list<size_t>{1, 15, 16, 17, 32, 50})
+    for (const escape_row& r : escape_rows) EXPECT_EQ(pieces_of(std::string(n, r.c)).size(), 2 * n) << r.label << " " << n;
+}
+
 TEST_F(json, takes_no_other_byte_for_an_escape_at_any_place_of_a_value) {
   for (const size_t n : std::initializer_list<size_t>{1, 15, 17, 33}) {
     for (size_t at = 0; at < n; ++at) {

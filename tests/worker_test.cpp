@@ -6,6 +6,7 @@
 #include <cstring>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -39,13 +40,14 @@ class worker : public plugin_fixture {
  protected:
   int h = -1;
 
-  /// A worker past its first poll, which was at `t0`, and past the publication that goes with it.
+  /// A worker past its first poll, which was at `t0`, and past the publication that goes with it; a test that has none
+  /// ends here.
   void start_and_poll() {
     h = create();
     start(h);
     fake_clock::step();
-    ASSERT_EQ(rec.publications().size(), 1U);
-    ASSERT_EQ(fake_interfaces::lists(), 1);
+    if (rec.publications().size() != 1 || fake_interfaces::lists() != 1)
+      throw std::runtime_error("a worker does not poll and publish once");
   }
 
   /// One round at that time.

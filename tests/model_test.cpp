@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdlib>
 #include <iostream>
+#include <latch>
 #include <memory>
 #include <mutex>
 #include <random>
@@ -67,7 +69,8 @@ struct seen {
   static void on_data(const dac_tagvalue* r, int count, void* param) {
     auto& s = *static_cast<seen*>(param);
     ++s.records;
-    const bool good = count == 1 && r->name == s.hostname && r->value == std::string_view(address) && r->time == 0;
+    const bool good = count == 1 && r->name == s.hostname && r->value == std::string_view(address) && r->time == 0 &&
+                      r->type == DAC_TYPE_TEXT && r->len == std::string_view(address).size();
     if (!good) ++s.strange;
   }
 };
@@ -112,6 +115,8 @@ struct world {
   std::array<std::atomic<bool>, max_handle + 1> taken{};
   open_list open;
   std::atomic<long> records = 0;  // of all instances that are gone
+  std::atomic<long> others = 0;   // questions about instances of another thread
+  std::latch each_has_one{threads};
 };
 
 /// One thread's walk.
@@ -120,6 +125,8 @@ class walker {
   walker(world& w, unsigned seed) : _w(w), _random(seed) {}
 
   void walk(long steps) {
+    create();
+    _w.each_has_one.arrive_and_wait();  // so that whoever is first has others' instances to ask about
     for (; steps > 0 && !testing::Test::HasFailure(); --steps) step();
     if (_own.empty()) create();
     if (!testing::Test::HasFailure()) see_one_publish(_own.front());
@@ -214,11 +221,12 @@ class walker {
     ASSERT_LE(x.host->records, x.stopped > 0 ? 1 : 0);
   }
 
-  /// An instance publishes once it has run for long enough, whatever it was before.
+  /// An instance publishes once it has run for long enough, whatever it was before; then it says that it runs.
   void see_one_publish(instance& x) {
     if (!x.runs) start(x);
     try {
-      await([&] { return x.host->records == 1; }, "a worker does not publish");
+      await([&] { return x.host->records == 1 && x.host->starts > x.stopped; }, "a worker does not publish");
+      ask(x);
     } catch (const std::runtime_error& e) {
       ADD_FAILURE() << e.what();
     }
@@ -252,6 +260,7 @@ class walker {
 
   /// Its owner, mostly another thread, may be starting or stopping it.
   void ask_any(int h) {
+    if (std::none_of(_own.begin(), _own.end(), [h](const instance& x) { return x.handle == h; })) ++_w.others;
     const int runs = _w.lib.isrun(h);
     ASSERT_TRUE(runs == 0 || runs == 1) << runs;
     ASSERT_EQ(_w.lib.devicewriteval(h), DAC_WRITE_REFUSED);
@@ -297,5 +306,6 @@ TEST(model, every_legal_order_of_calls_from_four_threads_does_what_the_model_say
   for (unsigned i = 0; i < threads; ++i) crew.emplace_back([&, i] { walker(w, seed + i).walk(steps / threads); });
   for (std::thread& t : crew) t.join();
   EXPECT_GE(w.records, threads);
+  EXPECT_GT(w.others, 0);
   fake_interfaces::reset();
 }

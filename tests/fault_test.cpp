@@ -305,6 +305,57 @@ TEST_F(fault, of_an_addresss_text_leaves_that_address_out_until_the_next_look) {
   EXPECT_EQ(fail_each(fake_interfaces::text_calls, call, after), 4);
 }
 
+// ---------------------------------------------------------------- many of them
+
+// Blocks that stay behind show once a pool needs another chunk. The first one of the smallest class holds 2048.
+TEST_F(fault, leaves_no_block_behind_however_often_it_comes) {
+  constexpr int times = 3000;
+  const int stopped = create(), polling = create();
+  start(polling);
+  fake_clock::step();
+  const auto attempt = [&] { create(); };
+  const auto begin = [&] { lib.start(stopped); };
+  const auto poll = [&] {
+    fake_clock::advance(10);
+    fake_clock::step();
+  };
+  const struct {
+    const char* label;
+    nth& occurrences;
+    int refused;
+    std::function<void()> call;
+  } rows[] = {
+      {"a lock, to register the instance", fake_threads::locks(), 1, attempt},
+      {"a lock, to find the instance", fake_threads::locks(), 2, attempt},
+      {"opening the file", fake_files::opens, 1, attempt},
+      {"reading the name", fake_files::reads, 4 + static_cast<int>(std::strlen("hostname=")), attempt},
+      {"a thread", fake_threads::threads, 1, begin},
+      {"the interface list", fake_interfaces::list_calls, 1, poll},
+      {"an address's text", fake_interfaces::text_calls, 1, poll},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    int met = 0;
+    const auto repeat = [&](int n) {
+      for (met = 0; n > 0; --n) {
+        row.occurrences.refuse(row.refused);
+        error_of(row.call);
+        met += row.occurrences.seen() >= row.refused ? 1 : 0;
+      }
+      row.occurrences.refuse(0);
+      rec.clear();
+    };
+    repeat(1);
+    const auto mappings = fake_pages::live();
+    const holdings before;
+    repeat(times);
+    EXPECT_EQ(met, times);
+    EXPECT_EQ(fake_pages::live(), mappings);
+    EXPECT_EQ(holdings(), before);
+    EXPECT_EQ(known(), (std::set{stopped, polling}));
+  }
+}
+
 // ---------------------------------------------------------------- pages
 
 namespace {
@@ -345,6 +396,7 @@ class paged_life {
     return s;
   }
 
+  bool is_whole(const seen& s) const { return s.name == name && s.value == value; }
   void expect_whole(const seen& s) const {
     EXPECT_GE(s.handle, 0);
     EXPECT_EQ(s.name, name);
@@ -401,10 +453,13 @@ TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_and_is_forgotten_by_
   const holdings before;
   auto lib = std::make_unique<library>();
   std::optional<paged_life::seen> seen;
+  int refused = 0, shortened = 0;
   const auto call = [&] { seen = life.live(*lib); };
   const auto after = [&](int i, bool was_met) {
     SCOPED_TRACE(i);
     was_met ? life.expect_left(*seen) : life.expect_whole(*seen);
+    refused += seen->handle < 0 ? 1 : 0;
+    shortened += seen->handle >= 0 && !life.is_whole(*seen) ? 1 : 0;
     life.expect_whole(life.live(*lib));
     seen.reset();
     lib.reset();
@@ -415,4 +470,6 @@ TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_and_is_forgotten_by_
   };
   const int faults = fail_each(fake_pages::mappings, call, after);
   EXPECT_GE(faults, 8) << "a class each for path, key, name, document and addresses, several as they grow";
+  EXPECT_GT(refused, 0) << "of a path or a name that could not be kept at all";
+  EXPECT_GT(shortened, 0);
 }

@@ -137,6 +137,7 @@ TEST_F(load, does_without_the_pages_that_the_system_refuses_at_first) {
     fake_pages::reset();
     fake_pages::refuse(refused);
     const library lib;
+    EXPECT_GE(fake_pages::mappings.seen(), refused) << "met while it loads";
     EXPECT_EQ(create(lib), 0);
     EXPECT_EQ(create(lib), 1);
   }

@@ -104,13 +104,21 @@ void courier::launch(job& j) {
   j.next_signal = steady_clock::now() + _how.timeout;
 }
 
-// One that not even SIGKILL ends keeps its place, until the run ends and leaves it to the system.
 void courier::press(job& j) {
   if (!is_past(j.next_signal)) return;
-  if (_closed && j.sent == SIGKILL) return j.program.reset();
+  if (j.sent == SIGKILL) return endure(j);
   j.sent = j.sent == 0 ? SIGTERM : SIGKILL;
   j.program->signal(j.sent);
   j.next_signal = steady_clock::now() + moment;
+}
+
+// It keeps its place, until the run ends and leaves it to the system: a disk that does not answer may be behind it.
+void courier::endure(job& j) {
+  complain(j, std::string("not even SIGKILL ends it; ") + (_closed ? "left to the system" : "nothing else is started"));
+  j.next_signal = steady_clock::time_point::max();
+  if (!_closed) return;
+  _given_up = true;
+  j.program.reset();
 }
 
 void courier::end(job& j) {

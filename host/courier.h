@@ -61,6 +61,7 @@ class courier {
   void begin(job& j);
   void launch(job& j);
   void press(job& j);
+  void endure(job& j);
   void end(job& j);
   void fail(job& j, const std::string& what);
   std::string consequence(job& j);

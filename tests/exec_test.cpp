@@ -1,7 +1,9 @@
 // `dachost run --exec` from outside: when the program is started, with what, and what becomes of it.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/ptrace.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 
 #include <algorithm>
 #include <csignal>
@@ -90,12 +92,25 @@ class exec : public testing::Test {
     ASSERT_FALSE(pid.empty());
     EXPECT_TRUE(eventually([&] { return !is_alive(pid.substr(0, pid.find('\n'))); })) << pid;
   }
+  /// Traces the process whose number the program wrote: for its parent it is gone only when it is let go.
+  pid_t hold() const {
+    pid_t pid = 0;
+    const auto is_held = [&] {
+      std::istringstream(read_file(dir.path("pid"))) >> pid;
+      return pid > 0 && ptrace(PTRACE_SEIZE, pid, nullptr, nullptr) == 0;
+    };
+    return eventually(is_held) ? pid : throw std::runtime_error("it cannot be traced");
+  }
+  static void let_go(pid_t killed) {
+    while (waitpid(killed, nullptr, __WALL) == killed) continue;
+  }
   /// One line on the program, with what went wrong.
   std::string complaint(const std::string& what, const std::string& instance = "gw") const {
     return "dachost: " + instance + ": " + dir.path("prog") + ": " + what + '\n';
   }
 };
 
+constexpr char deaf[] = "trap '' TERM; echo $$ >number; mv number pid; sleep 1000";
 constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.01; done";
 
 }  // namespace
@@ -143,6 +158,13 @@ TEST_F(exec, has_no_signal_blocked_and_no_broken_pipe_ignored) {
   ASSERT_EQ(masks.size(), 2U);
   EXPECT_EQ(std::stoull(masks[0], nullptr, 16), 0U);
   EXPECT_EQ(std::stoull(masks[1], nullptr, 16) >> (SIGPIPE - 1) & 1, 0U);
+}
+
+TEST_F(exec, has_none_of_the_hosts_own_descriptors) {
+  run({"--once", "--pick", "stable", "--exec", program("exec ls -l /proc/self/fd >did"), publish("a")});
+  EXPECT_NE(did().find("/dev/null"), std::string::npos) << did();
+  for (const char* kind : {"anon_inode:", "socket:", "gw.conf"})
+    EXPECT_EQ(did().find(kind), std::string::npos) << did();
 }
 
 TEST_F(exec, is_started_for_null_too) {
@@ -258,6 +280,28 @@ TEST_F(exec, that_will_not_hear_is_killed) {
   await_did("deaf");
   expect_gone();
   p.await_err(complaint("ran longer than 0.25 s and was stopped; tried again in 1 s"));
+  terminate(p);
+}
+
+TEST_F(exec, that_not_even_a_kill_ends_is_told_and_left_to_the_system) {
+  if (is_emulated) GTEST_SKIP() << "the emulator traces nobody";
+  process p = start({"--once", "--exec-timeout", "0.5", "--exec", program(deaf), publish("a")});
+  const pid_t held = hold();
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_TRUE(e.err.ends_with(complaint("not even SIGKILL ends it; left to the system"))) << e.err;
+  let_go(held);
+}
+
+TEST_F(exec, that_was_hard_to_end_is_tried_again_like_any_other) {
+  if (is_emulated) GTEST_SKIP() << "the emulator traces nobody";
+  process p = start({"--exec-timeout", "0.5", "--exec", program(deaf), publish("a")});
+  const pid_t held = hold();
+  p.await_err(complaint("not even SIGKILL ends it; nothing else is started"));
+  program("echo again >did");
+  let_go(held);
+  await_did("again");
   terminate(p);
 }
 

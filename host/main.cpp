@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <cstring>
 #include <exception>
@@ -20,6 +21,9 @@ void fill_standard_descriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
 }
+
+// ETIME: drain() gave up on the reader.
+const char* reason_of(int error) { return error == ETIME ? "nobody has read it to its end" : std::strerror(error); }
 
 int carry_out(const options& o, output& out, output& err) {
   const plugin p(o.plugin.empty() ? find_plugin() : o.plugin);
@@ -64,7 +68,7 @@ int main(int argc, char** argv) {
   int status = obey(argc, argv, out, err);
   out.drain();
   if (out.error() != 0) {
-    err.line(std::string("dachost: standard output: ") + std::strerror(out.error()));
+    err.line(std::string("dachost: standard output: ") + reason_of(out.error()));
     status = 1;
   }
   err.drain();

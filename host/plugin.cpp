@@ -22,6 +22,6 @@ plugin::plugin(const std::string& file) : _file(file), _library(load(file)) {
 
 plugin::symbol plugin::find(const char* name) const {
   void* p = dlsym(_library.get(), name);
-  if (!p) throw std::runtime_error(_file + ": lacks the entry point " + name);
+  if (!p) throw std::runtime_error(_file + ": lacks the entry point " + name + "; --plugin FILE names another");
   return {p};
 }

@@ -93,7 +93,7 @@ struct screen::curses {
 void screen::examine_terminal() {
   int reason = 0;
   if (_c->setupterm(nullptr, STDOUT_FILENO, &reason) != OK)
-    throw std::runtime_error("the terminal that TERM names is not known");
+    throw std::runtime_error("TERM names no terminal that is known here");
   const bool has_cursor = _c->tigetstr("cup") != nullptr;
   _c->del_curterm(_c->set_curterm(nullptr));
   if (!has_cursor) throw std::runtime_error("the terminal that TERM names has no cursor to move");

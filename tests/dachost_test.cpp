@@ -331,7 +331,7 @@ TEST_F(dachost, an_entry_point_that_is_lacking_is_named) {
     const ending e = dachost_does({"check", "-p", library, conf});
     EXPECT_EQ(e.status, 1);
     EXPECT_EQ(e.out, "");
-    EXPECT_EQ(e.err, "dachost: " + library + ": lacks the entry point " + entry + "\n");
+    EXPECT_EQ(e.err, "dachost: " + library + ": lacks the entry point " + entry + "; --plugin FILE names another\n");
   }
 }
 
@@ -746,7 +746,7 @@ TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
     p.signal(SIGTERM);
     EXPECT_EQ(p.end_unread(), 1);
     expect_gone({"gw 0"});
-    EXPECT_EQ(p.end().err, "dachost: standard output: Timer expired\n");
+    EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
   }
 }
 

@@ -205,7 +205,7 @@ TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
   p.signal(SIGTERM);
   EXPECT_EQ(p.end_unread(), 1);
   EXPECT_TRUE(is_gone("i10 0"));
-  EXPECT_EQ(p.end().err, "dachost: standard output: Timer expired\n");
+  EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
 }
 
 // ---------------------------------------------------------------- on a screen
@@ -328,12 +328,18 @@ TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {
 
 TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not_do) {
   dir.file("publish null", "gw.conf");
-  for (const char* kind : {"no-such-terminal", "dumb"}) {
-    SCOPED_TRACE(kind);
+  const struct row {
+    const char* setting;
+    const char* reason;
+  } rows[] = {{"export TERM=no-such-terminal", "TERM names no terminal that is known here"},
+              {"unset TERM", "TERM names no terminal that is known here"},
+              {"export TERM=dumb", "the terminal that TERM names has no cursor to move"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.setting);
     terminal t(dir.path(""), 120, 30);
-    t.type(std::string("export TERM=") + kind + "; clear");
+    t.type(std::string("clear; ") + r.setting);
     t.press("Enter");
-    open(t, "gw.conf", "tables follow one below the other");
+    open(t, "gw.conf", std::string(r.reason) + "; tables follow one below the other");
     t.await([](const texts& all) { return joined(all).find("null\n\ndachost top") != std::string::npos; });
     t.press("C-c");
     expect_restored(t);

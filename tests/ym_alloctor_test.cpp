@@ -1039,6 +1039,21 @@ TEST_F(sweep, unmaps_the_chunk_and_gives_its_descriptor_back) {
   EXPECT_EQ(chunks_of(pair_class.size), left);
 }
 
+TEST_F(sweep, looks_at_no_descriptor_that_is_back_in_the_self_heap) {
+  const auto b = fill_chunks(pair_class, 3);
+  const auto older = pools::take_slots(0);
+  const auto last = take(pair_class.size, 2);
+  const auto newer = pools::take_slots(0);
+  pools::give_slots({older[0], older[1]});
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
+  pools::give_slots(newer);                             // and the other holds the descriptor alone
+  ASSERT_EQ(pools::heap_chunks().size(), 2U);
+  ym_free(b[0][0]);
+  give(last);
+  EXPECT_EQ(pools::heap_chunks().size(), 1U);
+  EXPECT_EQ(chunks_of(pair_class.size), made_order({b[0], b[2], b[1]}));
+}
+
 TEST_F(sweep, keeps_the_chunk_that_holds_all_that_is_free) {
   const auto b = fill_chunks(pair_class, 5);
   give(b[2]);

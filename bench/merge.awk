@@ -1,12 +1,15 @@
-# Of the rows that several runs gave for one path and one rival, the one with the middle ratio. A run can be unlucky as
-# a whole: addresses are drawn anew for each, and two that differ by a multiple of 4096 slow each other down.
-BEGIN { FS = "\t" }
+# Of the rows that several runs gave for one path and one rival, the one with the middle ratio, with the least and the
+# greatest quartile of all. A run can be unlucky as a whole: addresses are drawn anew for each, and two that differ by a
+# multiple of 4096 slow each other down.
+BEGIN { FS = OFS = "\t" }
 
 {
   key = $1 FS $2
   if (!(key in count)) order[++keys] = key
   row[key, ++count[key]] = $0
   ratio[key, count[key]] = $3
+  if (count[key] == 1 || $4 + 0 < low[key] + 0) low[key] = $4
+  if (count[key] == 1 || $5 + 0 > high[key] + 0) high[key] = $5
 }
 
 function middle(key,    i, k, below) {
@@ -19,5 +22,10 @@ function middle(key,    i, k, below) {
 }
 
 END {
-  for (i = 1; i <= keys; ++i) print middle(order[i])
+  for (i = 1; i <= keys; ++i) {
+    $0 = middle(order[i])
+    $4 = low[order[i]]
+    $5 = high[order[i]]
+    print
+  }
 }

@@ -63,7 +63,7 @@ int logDac::push(int level, const char* tag, const char* fmt, va_list args) {
 
 // The characters delivered, -1 for what cannot be formatted or is empty, 0 for a message that does not fit ROOM.
 template <size_t ROOM>
-[[gnu::noinline]] int logDac::deliver(int level, const char* tag, const char* fmt, va_list args) const {
+int logDac::deliver(int level, const char* tag, const char* fmt, va_list args) const {
   char buf[prefix_room + ROOM];
   const int p = write_prefix(buf, tag);
   if (p < 0) return -1;

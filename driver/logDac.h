@@ -41,6 +41,7 @@ class logDac : public ym::ilog {
   std::string _name;          // the callback's first argument
 
   template <size_t ROOM>
-  [[gnu::format(printf, 4, 0)]] int deliver(int level, const char* tag, const char* fmt, va_list args) const;
+  [[gnu::noinline, gnu::format(printf, 4, 0)]] int deliver(int level, const char* tag, const char* fmt,
+                                                           va_list args) const;
 };
 static_assert(sizeof(logDac) == 64);

@@ -58,6 +58,16 @@ int obey(int argc, char** argv, output& out, output& err) {
   }
 }
 
+// Nothing runs any more that is to end in order, so the signals that were kept for it may end the wait for a reader.
+void finish(output& o) {
+  if (!o.waiting()) return;
+  sigset_t deadly;
+  sigemptyset(&deadly);
+  for (const int sig : {SIGINT, SIGTERM}) sigaddset(&deadly, sig);
+  sigprocmask(SIG_UNBLOCK, &deadly, nullptr);
+  o.drain();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -66,11 +76,11 @@ int main(int argc, char** argv) {
   output out(STDOUT_FILENO);
   output err(STDERR_FILENO);
   int status = obey(argc, argv, out, err);
-  out.drain();
+  finish(out);
   if (out.error() != 0) {
     err.line(std::string("dachost: standard output: ") + reason_of(out.error()));
     status = 1;
   }
-  err.drain();
+  finish(err);
   return status;
 }

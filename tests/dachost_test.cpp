@@ -750,6 +750,26 @@ TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
   }
 }
 
+TEST_F(dachost, a_reader_that_does_not_read_keeps_no_signal_from_ending_a_run_whose_files_are_refused) {
+  texts args = {"run"};
+  for (int i = 0; i < 100; ++i)
+    args.push_back(file('r' + std::to_string(i) + ".conf", "refuse " + std::string(2000, 'x')));
+  process p = start_fake(args);
+  p.await_out("\tfailure\t");
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end_unread(), -SIGTERM);
+}
+
+TEST_F(dachost, a_reader_that_does_not_read_keeps_no_signal_from_ending_a_run_that_gets_no_thread) {
+  process p = start_fake({"run", file("gw.conf", "flood 4000")});
+  p.await_out("message 1 of 4000");
+  file("gw.conf", "throw");
+  p.signal(SIGHUP);
+  ASSERT_TRUE(await_journal("start gw 1"));
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end_unread(), -SIGTERM);
+}
+
 TEST_F(dachost, a_slow_reader_gets_every_line) {
   process p = start_fake({"run", "--for", "0.001", file("gw.conf", "flood 4000")});
   ASSERT_TRUE(await_journal("destroy gw 0"));

@@ -3,8 +3,11 @@
 #include "com/ymlib3/ym_json"
 
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 #include <string>
 #include <string_view>
@@ -242,7 +245,8 @@ TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
 
 TEST_F(json, escapes_a_value_that_is_one_such_character_again_and_again) {
   for (const size_t n : std::initializer_list<size_t>{1, 15, 16, 17, 32, 50})
-    for (const escape_row& r : escape_rows) EXPECT_EQ(pieces_of(std::string(n, r.c)).size(), 2 * n) << r.label << " " << n;
+    for (const escape_row& r : escape_rows)
+      EXPECT_EQ(pieces_of(std::string(n, r.c)).size(), 2 * n) << r.label << " " << n;
 }
 
 TEST_F(json, takes_no_other_byte_for_an_escape_at_any_place_of_a_value) {
@@ -263,6 +267,31 @@ TEST_F(json, looks_at_no_byte_beyond_the_length) {
   for (size_t n = 1; n <= 40; ++n) {
     EXPECT_EQ(pieces_of(std::string_view(around).substr(1, n)).size(), 1U) << n;
     EXPECT_EQ(pieces_of(std::string_view(around).substr(41 - n, n)).size(), 1U) << n;
+  }
+}
+
+// Room that ends where nothing may be read.
+struct room_before_none {
+  static constexpr size_t length = 65536;  // whole pages on every machine
+  char* const begin = static_cast<char*>(std::aligned_alloc(length, 2 * length));
+  room_before_none() { protect(PROT_NONE); }
+  ~room_before_none() {
+    protect(PROT_READ | PROT_WRITE);
+    std::free(begin);
+  }
+  room_before_none(const room_before_none&) = delete;
+  room_before_none& operator=(const room_before_none&) = delete;
+
+  void protect(int as) const { EXPECT_EQ(mprotect(begin + length, length, as), 0); }
+};
+
+TEST_F(json, reads_a_value_that_ends_where_memory_ends) {
+  const room_before_none room;
+  for (size_t n = 1; n <= 70; ++n) {
+    const std::string value(n, 'v');
+    char* const at = room.begin + room.length - n;
+    std::memcpy(at, value.data(), n);
+    EXPECT_EQ(pieces_of({at, n}), (std::vector<std::string>{value})) << n;
   }
 }
 

@@ -67,6 +67,12 @@ class exec : public testing::Test {
     return start(args, FAKE_PLUGIN, environment).end();
   }
 
+  /// The environment, and with it the library in front of all others.
+  static texts preloaded(const std::string& library, texts environment = {}) {
+    environment.insert(environment.end(), {"LD_PRELOAD=" + library, "ASAN_OPTIONS=verify_asan_link_order=0"});
+    return environment;
+  }
+
   /// Puts another value into gw.conf, and waits until it is published.
   void publish_next(process& p, const std::string& value) const {
     publish(value);
@@ -200,6 +206,16 @@ TEST_F(exec, is_tried_again_after_growing_pauses_until_it_succeeds) {
             complaint("exit status 7; tried again in 1 s") + complaint("exit status 7; tried again in 2 s"));
 }
 
+TEST_F(exec, is_tried_again_after_a_minute_at_the_most) {
+  process p = start({"--exec-timeout", "100000", "--exec", program("exit 7"), publish("a")}, FAKE_PLUGIN,
+                    preloaded(SHORT_MINUTES));
+  std::string told;
+  for (const int pause : {1, 2, 4, 8, 16, 32, 60, 60})
+    told += complaint("exit status 7; tried again in " + std::to_string(pause) + " s");
+  p.await_err(told);
+  terminate(p);
+}
+
 TEST_F(exec, gets_a_newer_value_in_place_of_the_one_it_failed_with) {
   process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $DAC_VALUE = good ]"), publish("bad")});
   p.await_err("tried again in 2 s\n");
@@ -272,6 +288,12 @@ TEST_F(exec, is_stopped_with_all_its_group_when_it_runs_too_long) {
   p.await_err(complaint("ran longer than 0.25 s and was stopped; tried again in 1 s"));
   terminate(p);
   expect_gone();
+}
+
+TEST_F(exec, may_run_for_half_a_minute) {
+  process p = start({"--exec", program("sleep 1000"), publish("a")}, FAKE_PLUGIN, preloaded(SHORT_MINUTES));
+  p.await_err(complaint("ran longer than 30 s and was stopped; tried again in 1 s"));
+  terminate(p);
 }
 
 TEST_F(exec, that_will_not_hear_is_killed) {
@@ -478,8 +500,7 @@ TEST_F(exec, asks_the_kernel_again_for_a_list_that_changed_meanwhile_and_gives_u
         "--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), publish("2001:db8::1")};
     for (const row& r : rows) {
       SCOPED_TRACE(r.torn);
-      const ending e = run(args, {std::string("TORN_LISTS=") + r.torn, "LD_PRELOAD=" TORN_LIST,
-                                  "ASAN_OPTIONS=verify_asan_link_order=0"});
+      const ending e = run(args, preloaded(TORN_LIST, {std::string("TORN_LISTS=") + r.torn}));
       EXPECT_EQ(e.err, r.err);
       EXPECT_EQ(e.status, r.err.empty() ? 0 : 1);
       EXPECT_EQ(did(), r.kept);

@@ -277,3 +277,10 @@ TEST_F(fleet, tells_and_ends_where_there_is_no_broker) {
     EXPECT_NE(e.err.find("dachost: standard output: Broken pipe"), std::string::npos) << e.err;
   });
 }
+
+TEST_F(fleet, tells_which_package_has_the_client_that_is_missing) {
+  const ending e =
+      process({"env", "PATH=/no/programs", "/bin/sh", SOURCE_DIR "/examples/publish-mqtt", "x.conf", "topic"}).end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "publish-mqtt: mosquitto_pub is missing; mosquitto-clients has it\n");
+}

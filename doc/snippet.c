@@ -1,4 +1,4 @@
-/* cc -o host host.c $(pkg-config --cflags ip6dns) && ./host libip6dns.so my.conf */
+/* cc -o host host.c $(pkg-config --cflags ip6dns) && ./host $(pkg-config --variable=plugin ip6dns) my.conf */
 #include <dac.h>
 #include <dlfcn.h>
 #include <semaphore.h>

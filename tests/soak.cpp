@@ -8,6 +8,7 @@
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <ifaddrs.h>
+#include <linux/if.h>
 #include <linux/if_addr.h>
 #include <linux/rtnetlink.h>
 #include <malloc.h>
@@ -28,6 +29,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <memory>
 #include <random>
 #include <stdexcept>
@@ -36,6 +38,7 @@
 #include <vector>
 
 #include "driver/dac.h"
+#include "fuzz/size_classes.h"
 #include "tests/support/fake_pages.h"
 #include "tests/support/plugin.h"
 
@@ -44,13 +47,16 @@ namespace {
 constexpr int instances = 1024, crew = 4, most_addresses = 10'000, phases = 4;
 constexpr int shortest_stir = 10;  // seconds that leave time for the greatest number of addresses
 
-// What the pools keep at most when no block is in use: of each of the thirty classes the first chunk and two later
-// ones, in pages of 4 KiB.
-constexpr long most_kept_kb = 165316;
-
 std::atomic<int64_t> clock_now = 1'700'000'000;
 std::atomic<int> looking = 0;  // threads inside getifaddrs
 std::atomic<long> checked = 0, lost = 0, wrong = 0, surplus = 0, polls = 0;
+std::atomic<long> repeated = 0;   // records of a text that had not changed
+std::atomic<int> most_found = 0;  // addresses that one look found
+
+void raise(std::atomic<int>& most, int n) {
+  for (int old = most; n > old && !most.compare_exchange_weak(old, n);) {
+  }
+}
 
 // ---------------------------------------------------------------- what a worker learns, and what must come of it
 
@@ -98,10 +104,12 @@ void learn(instance& x, std::string text) {
   if (!x.is_poll_due) ++surplus;
   x.is_poll_due = false;
   x.last_polled = my_now;
+  raise(most_found, text == "null" ? 0 : 1 + static_cast<int>(std::count(text.begin(), text.end(), ',')));
   const int64_t apart = std::abs(my_now - x.last_published);
   ++polls;
   x.is_due = text != x.last_text || apart >= 120;
   if (!x.is_due) return;
+  repeated += text == x.last_text ? 1 : 0;
   x.last_text = x.due = std::move(text);
   x.last_published = my_now;
 }
@@ -171,7 +179,7 @@ class addresses {
  public:
   addresses() : _socket(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)) {
     if (_socket < 0) throw std::runtime_error("no netlink socket");
-    set_up();
+    link(IFF_UP);
   }
   ~addresses() { close(_socket); }
   addresses(const addresses&) = delete;
@@ -181,25 +189,33 @@ class addresses {
   void set(int n) {
     for (; _count < n; ++_count) change(RTM_NEWADDR, NLM_F_CREATE | NLM_F_EXCL, _count);
     for (; _count > n; --_count) change(RTM_DELADDR, 0, _count - 1);
-    _most = std::max(_most, _count);
+  }
+  /// Removes them all at once: a link that goes down loses its addresses.
+  void clear() {
+    link(0);
+    link(IFF_UP);
+    _changes += _count;
+    _count = 0;
   }
   int count() const { return _count; }
-  /// The greatest number that stood there.
-  int most() const { return _most; }
+  /// Added and removed so far.
+  long changes() const { return _changes; }
 
  private:
   int _socket;
-  int _count = 0, _most = 0;
+  int _count = 0;
+  long _changes = 0;
   uint32_t _sequence = 0;
 
-  void set_up() {
+  void link(unsigned flags) {
     struct {
       nlmsghdr head;
       ifinfomsg link;
     } m{};
     m.head = {sizeof m, RTM_NEWLINK, NLM_F_REQUEST | NLM_F_ACK, 0, 0};
     m.link.ifi_index = 1;
-    m.link.ifi_flags = m.link.ifi_change = 1;  // up
+    m.link.ifi_flags = flags;
+    m.link.ifi_change = IFF_UP;
     ask(&m, sizeof m);
   }
 
@@ -217,6 +233,7 @@ class addresses {
     m.ip.s6_addr[14] = static_cast<uint8_t>(i >> 8);
     m.ip.s6_addr[15] = static_cast<uint8_t>(i);
     ask(&m, sizeof m);
+    ++_changes;
   }
 
   void ask(const void* message, size_t n) const {
@@ -235,7 +252,7 @@ class addresses {
 // ---------------------------------------------------------------- the crew
 
 std::atomic<bool> over = false, held = false;
-std::atomic<int> running = 0, most_running = 0;
+std::atomic<int> running = 0, most_running = 0, starts = 0;
 
 void pause(int milliseconds) { poll(nullptr, 0, milliseconds); }
 
@@ -257,7 +274,7 @@ class hand {
     start_all();
     all.arrive_and_wait();
     while (!over) {
-      pause(below(1000));
+      pause(below(1000));  // half a second between waves
       if (held) continue;
       for (int i = below(20); i > 0 && !over; --i) stop(below(size()));
       for (int i = below(10); i > 0; --i) destroy(below(size()));
@@ -309,9 +326,8 @@ class hand {
     if (x.handle < 0) create(i);
     _lib.start(x.handle);
     x.runs = true;
-    const int now = ++running;
-    for (int most = most_running; now > most && !most_running.compare_exchange_weak(most, now);) {
-    }
+    ++starts;
+    raise(most_running, ++running);
   }
   void stop(int i) {
     instance& x = at(i);
@@ -335,8 +351,20 @@ class hand {
 
 struct usage {
   long resident_kb = 0, highest_kb = 0, pools_kb = 0, pools_resident_kb = 0;
+  long chunks_too_many = 0;
   long descriptors = 0, threads = 0, mappings = 0;
 };
+
+/// What the pools keep at most when no block is in use, by length: of each class the first chunk and two later ones,
+/// and the mapping for bookkeeping. A block that stays behind at every turn needs more before long.
+std::map<size_t, long> most_kept() {
+  std::map<size_t, long> most = {{fuzz::whole_pages(524288), 1}};
+  for (const fuzz::size_class& c : fuzz::size_classes) {
+    most[fuzz::whole_pages((c.size + 8) * c.first)] += 1;
+    most[fuzz::whole_pages((c.size + 8) * c.per_chunk)] += 2;
+  }
+  return most;
+}
 
 long resident_pages(void* at, size_t length) {
   std::vector<unsigned char> pages(length / static_cast<size_t>(sysconf(_SC_PAGESIZE)));
@@ -358,7 +386,9 @@ usage measure() {
       u.resident_kb = std::stol(line.substr(6));
     else if (line.starts_with("VmHWM:"))
       u.highest_kb = std::stol(line.substr(6));
+  std::map<size_t, long> room = most_kept();
   for (const auto& [at, length] : fake_pages::live()) {
+    if (--room[length] < 0) ++u.chunks_too_many;
     u.pools_kb += static_cast<long>(length / 1024);
     u.pools_resident_kb += resident_pages(at, length) * sysconf(_SC_PAGESIZE) / 1024;
   }
@@ -382,21 +412,20 @@ void let_settle() {
   for (int i = 0; i < 2000 && (looking != 0 || i < 20); ++i) pause(10);
 }
 
-/// Many addresses at a time; nobody starts and the clock stands still meanwhile. The C library reads a list again that
-/// changed under its hands, and threads that do so leave no time for the change.
-void change_quietly(addresses& lo, int n) {
+/// The greatest number of addresses, met by the instances that start within three seconds; the first time until one of
+/// them has found them all, half a minute at most. While they are added one by one nobody starts and the clock stands
+/// still: the C library reads a list again that changed under its hands, and threads that do so leave no time for that.
+void peak(addresses& lo) {
   held = true;
   let_settle();
-  lo.set(n);
+  lo.set(most_addresses);
   held = false;
+  pause(3000);
+  for (int i = 0; i < 300 && most_found < most_addresses; ++i) pause(100);
+  lo.clear();
 }
 
-/// The greatest number of addresses, met by the instances that start within three seconds.
-void peak(addresses& lo) {
-  change_quietly(lo, most_addresses);
-  pause(3000);
-  change_quietly(lo, 10);
-}
+long jumps = 0;
 
 /// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle, unless
 /// these are fewer than shortest_stir.
@@ -414,26 +443,50 @@ void stir(addresses& lo, int seconds) {
                    second, running.load(), lo.count(), polls.load(), checked.load(), lost.load(), wrong.load());
       shown = second;
     }
+    // In every second quarter no address changes, so that workers look again and find what they have published.
+    const bool quiet = second * 4 / seconds % 2 == 1;
     if (!peaked && seconds >= shortest_stir && second >= seconds / 2) {
+      clock_now += 120;  // what has not changed is due again
       peak(lo);
       peaked = true;
-    } else if (below(20) == 0) {
+    } else if (!quiet && below(20) == 0) {
       lo.set(below(4) == 0 ? 0 : below(100));
     }
-    constexpr std::array jumps = {-4000, -130, -119, -60, -10, 119, 120, 1000};
-    clock_now += below(100) == 0 ? jumps[static_cast<size_t>(below(jumps.size()))] : below(5) == 0 ? 1 : 0;
-    pause(50);
+    constexpr std::array ways = {-4000, -130, -119, -60, -10, 119, 120, 1000};
+    const bool jump = below(40) == 0;
+    jumps += jump ? 1 : 0;
+    clock_now += jump ? ways[static_cast<size_t>(below(ways.size()))] : below(quiet ? 2 : 5) == 0 ? 1 : 0;
+    pause(50);  // the clock goes about four times as fast as the machine's, when it is quiet ten times
   }
 }
 
+// ---------------------------------------------------------------- the verdict
+
+/// Whether all that was required was so. Tells what was not.
+class verdict {
+ public:
+  void require(bool so, const char* what) {
+    if (so) return;
+    _good = false;
+    std::printf("not so: %s\n", what);
+  }
+  bool is_good() const { return _good; }
+
+ private:
+  bool _good = true;
+};
+
 /// Descriptors and threads as at the beginning; after the last phase no more memory than after the first, apart from
 /// what the pools may keep and what the C library keeps of stacks and heaps that come and go.
-bool is_flat(const std::vector<usage>& stopped) {
+void require_flat(verdict& v, const std::vector<usage>& stopped) {
   constexpr long stray_kb = 8192, stray_mappings = 32;
   const usage &begin = stopped.front(), &first = stopped.at(1), &last = stopped.back();
   const auto beside_pools = [](const usage& u) { return u.resident_kb - u.pools_resident_kb; };
-  return last.descriptors == begin.descriptors && last.threads == begin.threads && last.pools_kb <= most_kept_kb &&
-         beside_pools(last) <= beside_pools(first) + stray_kb && last.mappings <= first.mappings + stray_mappings;
+  v.require(last.descriptors == begin.descriptors, "descriptors as at the beginning");
+  v.require(last.threads == begin.threads, "threads as at the beginning");
+  v.require(last.chunks_too_many == 0, "the pools keep three chunks of a class at most");
+  v.require(beside_pools(last) <= beside_pools(first) + stray_kb, "resident memory beside the pools' as at first");
+  v.require(last.mappings <= first.mappings + stray_mappings, "mappings as at first");
 }
 
 bool soak(int seconds) {
@@ -462,14 +515,24 @@ bool soak(int seconds) {
     for (int i = 0; i < phases; ++i) stopped.push_back(round(seconds / phases));
   }
   std::fputc('\n', stderr);
-  std::printf("records checked %ld, lost %ld, wrong %ld, not due %ld; polls %ld\n", checked.load(), lost.load(),
-              wrong.load(), surplus.load(), polls.load());
-  std::printf("most instances running %d, most addresses %d\n", most_running.load(), lo.most());
+  std::printf("records checked %ld, %ld of them of unchanged texts, lost %ld, wrong %ld, not due %ld; polls %ld\n",
+              checked.load(), repeated.load(), lost.load(), wrong.load(), surplus.load(), polls.load());
+  std::printf(
+      "instances started %d times, most running %d; addresses changed %ld times, most found %d; clock jumps %ld\n",
+      starts.load(), most_running.load(), lo.changes(), most_found.load(), jumps);
   for (size_t i = 0; i < stopped.size(); ++i)
     print(i == 0 ? "all stopped, warmed up" : ("all stopped, phase " + std::to_string(i)).c_str(), stopped[i]);
-  std::printf("pools keep %ld kB, at most %ld kB\n", stopped.back().pools_kb, most_kept_kb);
-  const bool full = most_running == instances && lo.most() == most_addresses;
-  return full && is_flat(stopped) && lost == 0 && wrong == 0 && surplus == 0 && checked > 0;
+  verdict v;
+  v.require(lost == 0, "no record and no look is lost");
+  v.require(wrong == 0, "each record is right, byte for byte");
+  v.require(surplus == 0, "each record and each look was due");
+  v.require(checked >= instances && repeated > 0, "there are records to check, of texts that had not changed too");
+  v.require(polls > checked, "there are looks that find nothing to publish");
+  v.require(most_running == instances && starts > instances, "all instances run at a time, and start again");
+  v.require(most_found == most_addresses, "the greatest number of addresses is found");
+  v.require(lo.changes() > 2 * most_addresses && jumps > 0, "addresses and clock change");
+  require_flat(v, stopped);
+  return v.is_good();
 }
 
 /// Loads, uses and unloads the library; instances left registered go with it.
@@ -492,15 +555,19 @@ bool reload(int times) {
   print("after the first loads", first);
   print("after all the loads", last);
   std::printf("library loaded and unloaded %d times\n", times);
-  const bool flat = last.mappings == first.mappings && last.descriptors == first.descriptors;
-  return flat && !library::is_loaded() && last.resident_kb <= first.resident_kb + 256;
+  verdict v;
+  v.require(last.mappings == first.mappings, "mappings as after the first loads");
+  v.require(last.descriptors == first.descriptors, "descriptors as after the first loads");
+  v.require(last.resident_kb <= first.resident_kb + 256, "resident memory as after the first loads");
+  v.require(!library::is_loaded(), "the library is unloaded");
+  return v.is_good();
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
   const int seconds = argc > 1 ? std::atoi(argv[1]) : 60, loads = argc > 2 ? std::atoi(argv[2]) : 10'000;
-  if (loads < 0 || seconds < phases * shortest_stir) {
+  if (loads < 1 || seconds < phases * shortest_stir) {
     std::fprintf(stderr, "usage: soak [SECONDS [LOADS]], %d SECONDS at least\n", phases * shortest_stir);
     return 2;
   }

@@ -39,7 +39,7 @@ class broker {
  public:
   explicit broker(const scratch& dir)
       : _process(
-            {"mosquitto", "-c",
+            {"/usr/sbin/mosquitto", "-c",
              dir.file("listener 1883 0.0.0.0\nallow_anonymous true\npersistence false\nuser " + broker_user() + '\n',
                       "mosquitto.conf")}) {
     _process.await_err(" running");

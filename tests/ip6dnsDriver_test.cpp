@@ -259,6 +259,16 @@ TEST_F(driver, asks_its_worker_to_end_by_a_1) {
   fake_clock::stepping();
 }
 
+TEST_F(driver, starts_a_worker_that_nothing_asks_to_end) {
+  ASSERT_TRUE(create_from("hostname=h1\n"));
+  set<int32_t>(stop_at, 1);
+  start(d);
+  EXPECT_EQ(field<int32_t>(stop_at), 0);
+  EXPECT_EQ(field<int32_t>(running_at), 1);
+  stop(d);
+  EXPECT_EQ(records.size(), 1U);
+}
+
 TEST_F(driver, tells_its_progress_at_level_30) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   set(8, 29);

@@ -111,6 +111,7 @@ class exec : public testing::Test {
   /// Not under the emulator, and not where a container forbids it.
   static bool can_trace() {
     const pid_t child = fork();
+    if (child < 0) return false;
     if (child == 0) pause();
     const bool can = ptrace(PTRACE_SEIZE, child, nullptr, nullptr) == 0;
     kill(child, SIGKILL);

@@ -11,7 +11,7 @@ named=$(grep -oE '`[a-z_0-9A-Z]+\.[a-z0-9]+_[a-z_0-9]+` \|$' DESIGN.md | tr -d '
 }
 missing=0
 for test in $named; do
-  grep -qE "^(TYPED_)?TEST(_[FP])?\(${test%%.*}, ${test#*.}\)" tests/*_test.cpp || {
+  grep -qE "^(TYPED_)?TEST(_[FP])?\(${test%%.*}, ${test#*.}\)" tests/*/*_test.cpp || {
     echo "DESIGN.md names $test, which is no test"
     missing=1
   }

@@ -3,7 +3,7 @@
 set -eu
 cd "$(dirname "$0")/../.."
 
-git ls-files -z com driver host tests fuzz bench doc |
+git ls-files -z com driver host tests bench doc |
   xargs -0 grep -nE '^[[:space:]]*#[[:space:]]*include[[:space:]]+"' 2>/dev/null |
   awk '
     function matches(path, pattern) {

@@ -4,7 +4,7 @@ set -eu
 cd "$(dirname "$0")/../.."
 build=$1
 shift
-[ $# -gt 0 ] || set -- driver host tests fuzz bench
+[ $# -gt 0 ] || set -- driver host tests bench
 
 git ls-files "$@" | grep '\.cpp$' |
   while read -r file; do

@@ -5,8 +5,8 @@
 #include <cstring>
 
 #include "driver/publicip6.h"
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

@@ -9,10 +9,10 @@
 #include <vector>
 
 #include "driver/dac.h"
-#include "fuzz/config_model.h"
-#include "fuzz/json_model.h"
-#include "fuzz/memory_file.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/config_model.h"
+#include "tests/fuzz/json_model.h"
+#include "tests/fuzz/memory_file.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

@@ -3,10 +3,10 @@
 #include "com/ymlib3/ym_config"
 
 #include "com/ymlib3/ym_string"
-#include "fuzz/config_model.h"
-#include "fuzz/memory_file.h"
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/config_model.h"
+#include "tests/fuzz/memory_file.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

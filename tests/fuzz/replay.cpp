@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "fuzz/target.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

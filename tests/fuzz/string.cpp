@@ -8,10 +8,10 @@
 #include <string_view>
 
 #include "com/ymlib3/ym_string"
-#include "fuzz/pages.h"
-#include "fuzz/reader.h"
-#include "fuzz/size_classes.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/pages.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/size_classes.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "fuzz/pages.h"
+#include "tests/fuzz/pages.h"
 
 #include <sys/mman.h>
 #include <sys/syscall.h>

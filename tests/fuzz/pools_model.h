@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "fuzz/size_classes.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/size_classes.h"
+#include "tests/fuzz/target.h"
 
 namespace fuzz {
 

@@ -1,4 +1,5 @@
-// The scanner: cases as files in tests/config, NAME.conf beside NAME.expected, and what files alone cannot show.
+// The scanner: cases as files in tests/foundation/config, NAME.conf beside NAME.expected, and what files alone cannot
+// show.
 //
 // NAME.expected holds one callback call a line: section, key and value, each in quotation marks. Inside them a
 // quotation mark and a backslash stand behind a backslash, bytes that do not print are \xHH.
@@ -113,7 +114,7 @@ std::vector<std::string> unpaired(const fs::path& dir) {
   return found;
 }
 
-const fs::path cases = fs::path(SOURCE_DIR) / "tests" / "config";
+const fs::path cases = fs::path(SOURCE_DIR) / "tests/foundation/config";
 
 }  // namespace
 

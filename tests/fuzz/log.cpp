@@ -7,8 +7,8 @@
 #include <string>
 
 #include "driver/logDac.h"
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

@@ -6,10 +6,10 @@
 #include <vector>
 
 #include "com/ymlib3/ym_alloctor"
-#include "fuzz/pages.h"
-#include "fuzz/pools_model.h"
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/pages.h"
+#include "tests/fuzz/pools_model.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

@@ -38,7 +38,7 @@
 #include <vector>
 
 #include "driver/dac.h"
-#include "fuzz/size_classes.h"
+#include "tests/fuzz/size_classes.h"
 #include "tests/support/fake_pages.h"
 #include "tests/support/plugin.h"
 

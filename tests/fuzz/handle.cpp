@@ -5,8 +5,8 @@
 #include <climits>
 #include <map>
 
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

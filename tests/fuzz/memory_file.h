@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "fuzz/target.h"
+#include "tests/fuzz/target.h"
 
 namespace fuzz {
 

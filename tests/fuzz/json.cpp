@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/json_model.h"
-#include "fuzz/reader.h"
-#include "fuzz/target.h"
+#include "tests/fuzz/json_model.h"
+#include "tests/fuzz/reader.h"
+#include "tests/fuzz/target.h"
 
 namespace {
 

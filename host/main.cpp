@@ -16,10 +16,12 @@
 
 namespace {
 
-// A file opened later must not become the standard output that somebody has closed; this one refuses to be written.
+// Opens /dev/null in place of closed standard descriptors, so that no file opened later gets their numbers. Reading
+// from standard input and writing to standard output fail, as on the closed descriptor. Standard error accepts writes:
+// it is also the output of the programs that --exec starts, which may fail when they cannot print.
 void fill_standard_descriptors() {
   for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
-    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDIN_FILENO ? O_WRONLY : O_RDONLY);
+    if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDOUT_FILENO ? O_RDONLY : O_WRONLY);
 }
 
 // ETIME: drain() gave up on the reader.
@@ -63,7 +65,7 @@ void finish(output& o) {
   if (!o.waiting()) return;
   sigset_t deadly;
   sigemptyset(&deadly);
-  for (const int sig : {SIGINT, SIGTERM}) sigaddset(&deadly, sig);
+  for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&deadly, sig);
   sigprocmask(SIG_UNBLOCK, &deadly, nullptr);
   o.drain();
 }

@@ -5,7 +5,8 @@
 
 #include "host/descriptor.h"
 
-/// Blocks SIGINT, SIGTERM, SIGHUP and SIGCHLD in this thread and in those that it starts from here on.
+/// Blocks SIGINT, SIGQUIT, SIGTERM, SIGHUP and SIGCHLD in this thread and in those that it starts from here on. SIGINT
+/// and SIGQUIT stay ignored when the parent process ignores them.
 class signals {
  public:
   signals();

@@ -10,10 +10,14 @@
 //   flood N         dac_start logs N messages "message 1 of N" ...
 //   throw           dac_start throws std::system_error
 //   wait for N      dac_stop returns when N instances are being stopped, or have been for 20 seconds in vain
+//   hold FILE       dac_stop returns when there is such a file, or after 20 seconds
+//   stop takes MS   dac_stop returns after that many milliseconds
+//   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N
 // Environment: FAKE_JOURNAL, a file that gets a line for every call; FAKE_ROOM, how many instances there can be.
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <mutex>
@@ -38,6 +42,7 @@ struct instance {
 std::mutex mtx;
 std::map<int, instance> instances;
 std::set<int> running;
+std::map<int, std::thread> listeners;  // those that obey
 int last_handle = -1;
 int stopping = 0;
 
@@ -118,6 +123,47 @@ void flood(const instance& i, int n) {
           i.logparam);
 }
 
+void obey(const instance& i, const std::string& line) {
+  const size_t n = std::min(line.find(' '), line.size());
+  const std::string word = line.substr(0, n), rest = line.substr(std::min(n + 1, line.size()));
+  if (word == "publish") publish(i, rest);
+  if (word == "fail") i.log(i.name.c_str(), DAC_LEVEL_FAILURE, rest.c_str(), 1, i.logparam);
+  if (word == "flood") flood(i, std::stoi(rest));
+}
+
+// The file is open for writing too: no writer's end is the end of it.
+void listen(const instance& i, const std::string& fifo) {
+  std::fstream in(fifo);
+  for (std::string line; std::getline(in, line) && line != "stop";) obey(i, line);
+}
+
+void start_listener(int handle, const instance& i) {
+  if (!i.orders.contains("obey")) return;
+  const std::lock_guard hold(mtx);
+  listeners[handle] = std::thread([i] { listen(i, i.orders.at("obey")); });
+}
+
+void end_listener(int handle, const instance& i) {
+  std::thread listener;
+  {
+    const std::lock_guard hold(mtx);
+    if (!listeners.contains(handle)) return;
+    listener = std::move(listeners.at(handle));
+    listeners.erase(handle);
+  }
+  std::ofstream(i.orders.at("obey"), std::ios::app) << "stop\n" << std::flush;
+  listener.join();
+}
+
+void stop_slowly(int handle, const instance& i) {
+  if (i.orders.contains("stop"))
+    std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(i.orders.at("stop").substr(6))));
+  if (!i.orders.contains("hold")) return;
+  write_down("held " + about(handle));
+  for (int hundredths = 0; hundredths < 2000 && !std::filesystem::exists(i.orders.at("hold")); ++hundredths)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+}
+
 bool enough_stopping(int n) {
   const std::lock_guard hold(mtx);
   return stopping >= n;
@@ -160,6 +206,7 @@ int dac_start(int handle) {
   if (i.orders.contains("fail")) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, i.orders.at("fail").c_str(), 1, i.logparam);
   if (i.orders.contains("odd")) publish_odd_records(i);
   if (i.orders.contains("flood")) flood(i, std::stoi(i.orders.at("flood")));
+  start_listener(handle, i);
   return 0;
 }
 
@@ -170,6 +217,8 @@ int dac_stop(int handle) {
     ++stopping;
   }
   const bool alone = i.orders.contains("wait") && !await_others(std::stoi(i.orders.at("wait").substr(4)));
+  stop_slowly(handle, i);
+  end_listener(handle, i);
   set_running(handle, false);
   write_down("stop " + about(handle) + (alone ? " alone" : ""));
   return 0;

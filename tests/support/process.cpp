@@ -59,6 +59,8 @@ process::process(std::vector<std::string> argv, const process_settings& s) {
   if (!s.out_file.empty())
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, s.out_file.c_str(), O_WRONLY | O_CREAT, 0600);
   if (s.out_closed) posix_spawn_file_actions_addclose(&actions, STDOUT_FILENO);
+  if (s.out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, s.out_fd, STDOUT_FILENO);
+  if (s.err_closed) posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
   const int failed =
       posix_spawnp(&_pid, argv[0].c_str(), &actions, nullptr, pointers(argv).data(), pointers(environment).data());
   posix_spawn_file_actions_destroy(&actions);
@@ -87,6 +89,10 @@ void process::await_out(const std::string& text) {
 }
 void process::await_err(const std::string& text) {
   await([&] { return _err.text.find(text) != std::string::npos; }, text);
+}
+
+void process::read_out(size_t size) {
+  await([&] { return _out.text.size() >= size; }, std::to_string(size) + " bytes");
 }
 
 ending process::end() {

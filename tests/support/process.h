@@ -19,6 +19,8 @@ struct process_settings {
   std::vector<std::string> environment = {};  // NAME=VALUE, beside the test's own
   std::string out_file = {};                  // opened as standard output in place of a pipe
   bool out_closed = false;                    // no standard output at all
+  int out_fd = -1;                            // becomes standard output in place of a pipe; stays the caller's
+  bool err_closed = false;                    // no standard error at all
 };
 
 /// Its output is read while somebody waits for it here. Every wait ends after 20 seconds with an exception that shows
@@ -32,6 +34,7 @@ class process {
   process(const process&) = delete;
   process& operator=(const process&) = delete;
 
+  pid_t pid() const { return _pid; }
   void signal(int sig) const;
   /// From now on nobody reads the program's standard output.
   void close_out();
@@ -39,6 +42,12 @@ class process {
   /// Waits until the text has been printed.
   void await_out(const std::string& text);
   void await_err(const std::string& text);
+  /// Reads standard output until it has this many bytes.
+  void read_out(size_t size);
+  const std::string& out() const { return _out.text; }
+  const std::string& err() const { return _err.text; }
+  /// Whether the program runs still. Reads nothing.
+  bool is_running() { return !has_ended(); }
   /// Waits for the end. Standard output is read only now if no wait has asked for it.
   ending end();
   /// Waits for the end and leaves unread what stands in the pipes.

@@ -14,7 +14,7 @@ class plain_view : public view {
     _out.line(head);
     for (const std::string& line : table(rows)) _out.line(line);
   }
-  void note(const std::string& line) override { _err.line(line); }
+  void note(size_t /*i*/, const std::string& line) override { _err.line(line); }
 
   pollfd interest() const override { return _out.interest(); }
   bool notice(short revents) override {

@@ -3,6 +3,7 @@
 #define NCURSES_NOMACROS 1
 #include <curses.h>
 #include <dlfcn.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -70,6 +71,7 @@ struct screen::curses {
   decltype(&::tigetstr) tigetstr = find(loaded, "tigetstr");
   decltype(&::cbreak) cbreak = find(loaded, "cbreak");
   decltype(&::noecho) noecho = find(loaded, "noecho");
+  decltype(&::def_prog_mode) def_prog_mode = find(loaded, "def_prog_mode");
   decltype(&::keypad) keypad = find(loaded, "keypad");
   decltype(&::nodelay) nodelay = find(loaded, "nodelay");
   decltype(&::set_escdelay) set_escdelay = find(loaded, "set_escdelay");
@@ -106,6 +108,7 @@ screen::screen() : _c(std::make_unique<curses>()) {
   _c->w = *_c->window;
   _c->cbreak();
   _c->noecho();
+  ignore_flow_control();
   _c->set_escdelay(25);
   _c->keypad(_c->w, true);
   _c->nodelay(_c->w, true);
@@ -116,6 +119,16 @@ screen::screen() : _c(std::make_unique<curses>()) {
 screen::~screen() {
   _c->endwin();
   _c->delscreen(_c->terminal);
+}
+
+// Ctrl-S would block the next write until Ctrl-Q, and no signal would be answered meanwhile. ncurses must know this
+// mode: it restores its own after Ctrl-Z.
+void screen::ignore_flow_control() {
+  termios mode{};
+  if (tcgetattr(STDIN_FILENO, &mode) != 0) return;
+  mode.c_iflag &= ~static_cast<tcflag_t>(IXON);
+  tcsetattr(STDIN_FILENO, TCSANOW, &mode);
+  _c->def_prog_mode();
 }
 
 size_t screen::lines() const { return static_cast<size_t>(_c->getmaxy(_c->w)); }

@@ -34,4 +34,5 @@ class screen {
   std::unique_ptr<curses> _c;
 
   void examine_terminal();
+  void ignore_flow_control();
 };

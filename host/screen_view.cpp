@@ -1,8 +1,9 @@
-// A table that fills the terminal's screen: head, heading, the rows that there is room for, and a line at the bottom.
+// A table that fills the terminal's screen: head, heading, the rows that there is room for, and lines at the bottom.
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "host/screen.h"
 #include "host/view.h"
@@ -14,27 +15,30 @@ class screen_view : public view {
   explicit screen_view(output& out) : _out(out) {}
 
   void show(const std::string& head, const std::vector<row>& rows) override;
-  void note(const std::string& line) override { _note = line; }
+  void note(size_t i, const std::string& line) override;
 
   pollfd interest() const override { return {STDIN_FILENO, POLLIN, 0}; }
   bool notice(short revents) override;
   bool is_closed() const override { return _is_closed; }
 
  private:
-  size_t room() const { return _screen.lines() > frame ? _screen.lines() - frame : 0; }
+  size_t note_lines() const { return std::min(_notes.size(), std::max<size_t>(1, body() / 2)); }
+  size_t body() const { return _screen.lines() > top_lines ? _screen.lines() - top_lines : 0; }
+  size_t room() const { return body() - std::min(body(), std::max<size_t>(1, note_lines())); }
   size_t last_first() const { return _rows > room() ? _rows - room() : 0; }
-  std::string bottom() const;
+  std::string usage() const;
+  std::vector<std::string> bottom() const;
   void press(key k);
   void go_up(size_t n) { _first -= std::min(n, _first); }
   void go_down(size_t n) { _first = std::min(_first + n, last_first()); }
 
-  static constexpr size_t frame = 3;  // lines without rows
+  static constexpr size_t top_lines = 2;  // head and heading
 
   output& _out;
   screen _screen;
   size_t _rows = 0;
-  size_t _first = 0;  // row on the screen
-  std::string _note;
+  size_t _first = 0;                                   // row on the screen
+  std::vector<std::pair<size_t, std::string>> _notes;  // file and line, newest last
   bool _is_closed = false;
 };
 
@@ -48,12 +52,27 @@ void screen_view::show(const std::string& head, const std::vector<row>& rows) {
   _screen.put(0, fitted(head, width));
   _screen.put(1, lines[0] + std::string(width - lines[0].size(), ' '), true);
   for (size_t k = 0; k < count; ++k) _screen.put(2 + k, lines[1 + _first + k]);
-  if (_screen.lines() >= frame) _screen.put(_screen.lines() - 1, fitted(bottom(), width));
+  size_t at = top_lines + room();
+  for (const std::string& line : bottom()) _screen.put(at++, fitted(line, width));
   _screen.refresh();
 }
 
-std::string screen_view::bottom() const {
-  if (!_note.empty()) return _note;
+void screen_view::note(size_t i, const std::string& line) {
+  std::erase_if(_notes, [i](const auto& n) { return n.first == i; });
+  _notes.emplace_back(i, line);
+}
+
+// Notes take half of the body at most; of more, the newest are shown.
+std::vector<std::string> screen_view::bottom() const {
+  if (_notes.empty()) return {usage()};
+  std::vector<std::string> lines;
+  size_t first = _notes.size() - note_lines();
+  if (first > 0 && note_lines() > 1) lines.push_back(std::to_string(++first) + " more");
+  for (; first < _notes.size(); ++first) lines.push_back(_notes[first].second);
+  return lines;
+}
+
+std::string screen_view::usage() const {
   std::string end = "q ends";
   if (_rows <= room() || room() == 0) return end;
   return "rows " + std::to_string(_first + 1) + '-' + std::to_string(_first + room()) + " of " + std::to_string(_rows) +
@@ -72,7 +91,7 @@ bool screen_view::notice(short revents) {
 }
 
 void screen_view::press(key k) {
-  if (k != key::redraw) _note.clear();
+  if (k != key::redraw) _notes.clear();
   switch (k) {
     case key::quit:
       _is_closed = true;

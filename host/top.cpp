@@ -99,13 +99,13 @@ void watcher::on(const event& e, const message& m) {
   state& s = _states[e.index];
   ++s.errors;
   if (!_view || s.complaint.find(printable(m.text)) != std::string::npos) return;
-  _view->note(printable(time_stamp(e.time) + ' ' + _keeper.instances().name(e.index) + ": " + m.text));
+  _view->note(e.index, printable(time_stamp(e.time) + ' ' + _keeper.instances().name(e.index) + ": " + m.text));
 }
 
 void watcher::complain(size_t i, const std::string& line) {
   _states[i].complaint = line;
   if (_view)
-    _view->note(line);
+    _view->note(i, line);
   else
     _err.line(line);
 }

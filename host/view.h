@@ -19,8 +19,8 @@ class view {
 
   /// Shows the rows below the head line.
   virtual void show(const std::string& head, const std::vector<row>& rows) = 0;
-  /// A line about something that went wrong.
-  virtual void note(const std::string& line) = 0;
+  /// One line about file i, where something went wrong. A screen shows the newest line of each file.
+  virtual void note(size_t i, const std::string& line) = 0;
 
   /// What a poll loop watches. Its answer goes to notice(), which tells whether to show everything anew.
   virtual pollfd interest() const = 0;

@@ -2,11 +2,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 #include <regex>
 #include <stdexcept>
+#include <thread>
 
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
@@ -235,6 +238,41 @@ TEST_F(top_screen, gives_the_terminal_back_on_ctrl_c) {
   EXPECT_TRUE(is_gone("gw 0"));
 }
 
+TEST_F(top_screen, gives_the_terminal_back_on_a_quit_key_and_signal) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  for (const bool by_key : {true, false}) {
+    SCOPED_TRACE(by_key);
+    terminal t(dir.path(""), 80, 8);
+    open(t, "gw.conf", "2001:db8::10");
+    if (by_key)
+      t.press("C-\\");
+    else
+      kill(host(), SIGQUIT);
+    expect_restored(t);
+    for (const char* file : {"pid", "before", "after"}) std::filesystem::remove(dir.path(file));
+  }
+}
+
+// Ctrl-S stops the output of a terminal, and a write to it then waits for Ctrl-Q.
+TEST_F(top_screen, ends_on_a_signal_after_ctrl_s) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  for (const int sig : {SIGTERM, SIGHUP}) {
+    SCOPED_TRACE(sig);
+    terminal t(dir.path(""), 80, 8);
+    open(t, "gw.conf", "2001:db8::10");
+    t.press("C-s");
+    std::this_thread::sleep_for(std::chrono::milliseconds(1500));  // the next table is due meanwhile
+    const size_t calls = journal().size();
+    kill(host(), sig);
+    EXPECT_TRUE(eventually([&] { return journal().size() > calls; })) << "the signal is answered";
+    if (sig == SIGHUP) kill(host(), SIGTERM);
+    EXPECT_TRUE(eventually([this] { return journal().back().starts_with("destroy gw "); }));
+    t.press("C-q");
+    expect_restored(t);
+    for (const char* file : {"pid", "before", "after"}) std::filesystem::remove(dir.path(file));
+  }
+}
+
 TEST_F(top_screen, gives_the_terminal_back_while_it_is_suspended_and_goes_on) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);
@@ -314,6 +352,40 @@ TEST_F(top_screen, tells_of_a_failure_at_the_bottom_until_a_key_is_pressed) {
   EXPECT_NE(t.lines().at(2).find(" 1       1  gw"), std::string::npos);
   t.press("Down");
   t.await("q ends");
+}
+
+TEST_F(top_screen, sighup_shows_the_reason_of_every_refused_file_until_a_key_is_pressed) {
+  const texts names = {"a", "b", "c"};
+  for (const std::string& n : names) dir.file("publish value of " + n, n + ".conf");
+  terminal t(dir.path(""), 100, 12);
+  open(t, "a.conf b.conf c.conf", "value of c");
+  for (const std::string& n : names) dir.file("refuse for reason " + n, n + ".conf");
+  ASSERT_EQ(kill(host(), SIGHUP), 0);
+  const auto shows_all = [&](const texts& all) {
+    return std::all_of(names.begin(), names.end(), [&](const std::string& n) {
+      return joined(all).find("dachost: " + n + ".conf: for reason " + n + "; the old instance goes on") !=
+             std::string::npos;
+    });
+  };
+  const texts screen = t.await(shows_all);
+  for (const std::string& n : names)
+    EXPECT_NE(joined(screen).find("value of " + n), std::string::npos) << "the table is still there";
+  t.press("Down");
+  t.await([](const texts& all) { return all.back() == "q ends" && joined(all).find("reason") == std::string::npos; });
+}
+
+TEST_F(top_screen, shows_at_least_half_a_table_and_the_newest_reasons_when_many_files_are_refused) {
+  terminal t(dir.path(""), 100, 12);
+  const std::string names = many(30, "publish null");
+  open(t, names, "null");
+  many(30, "refuse for a reason");
+  ASSERT_EQ(kill(host(), SIGHUP), 0);
+  const texts screen =
+      t.await([](const texts& all) { return all.back().find("i39.conf: for a") != std::string::npos; });
+  EXPECT_EQ(screen.size(), 12U);
+  EXPECT_TRUE(screen.at(2).starts_with("i10 ")) << screen.at(2);
+  EXPECT_TRUE(screen.at(6).starts_with("i14 ")) << screen.at(6);
+  EXPECT_NE(joined(screen).find("26 more"), std::string::npos) << joined(screen);
 }
 
 TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {

@@ -15,8 +15,9 @@
 #include <thread>
 #include <vector>
 
-#include "bench/network.h"
 #include "bench/versus.h"
+#include "tests/support/network_namespace.h"
+#include "tests/support/scratch.h"
 
 namespace {
 
@@ -24,25 +25,6 @@ namespace fs = std::filesystem;
 
 constexpr auto window = std::chrono::seconds(60);  // the longest pause between two looks that ddclient may be given
 constexpr auto settling = std::chrono::seconds(5);
-
-class directory {
- public:
-  directory() {
-    if (!mkdtemp(_path.data())) throw std::runtime_error("no directory for the clients");
-  }
-  ~directory() { fs::remove_all(_path); }
-  directory(const directory&) = delete;
-  directory& operator=(const directory&) = delete;
-
-  std::string file(const std::string& name) const { return _path + '/' + name; }
-  std::string write(const std::string& name, const std::string& text) const {
-    std::ofstream(file(name)) << text;
-    return file(name);
-  }
-
- private:
-  std::string _path = "/tmp/ip6dns_bench.XXXXXX";
-};
 
 class process {
  public:
@@ -100,24 +82,26 @@ class process {
 };
 
 // Both know the address from their last run, so they have nothing to send.
-std::string inadyn(const directory& d) {
-  d.write("gateway.example.org.cache", "2001:db8::1");
-  const std::string file = d.write("inadyn.conf",
-                                   "period = 10\nallow-ipv6 = true\nverify-address = false\niface = lo\n"
-                                   "custom bench {\n  hostname = gateway.example.org\n  username = user\n"
-                                   "  password = word\n  ddns-server = localhost\n  ddns-path = \"/\"\n}\n");
-  return "inadyn -n -C -f " + file + " --cache-dir=" + d.file("") + " -P " + d.file("inadyn.pid");
+std::string inadyn(const scratch& d) {
+  d.file("2001:db8::1", "gateway.example.org.cache");
+  const std::string file = d.file(
+      "period = 10\nallow-ipv6 = true\nverify-address = false\niface = lo\n"
+      "custom bench {\n  hostname = gateway.example.org\n  username = user\n"
+      "  password = word\n  ddns-server = localhost\n  ddns-path = \"/\"\n}\n",
+      "inadyn.conf");
+  return "inadyn -n -C -f " + file + " --cache-dir=" + d.path("") + " -P " + d.path("inadyn.pid");
 }
 
-std::string ddclient(const directory& d) {
-  const std::string file = d.write("ddclient.conf",
-                                   "daemon=60\nuse=no\nusev6=ifv6, ifv6=lo\nprotocol=dyndns2\nserver=localhost\n"
-                                   "login=user\npassword=word\ngateway.example.org\n");
+std::string ddclient(const scratch& d) {
+  const std::string file = d.file(
+      "daemon=60\nuse=no\nusev6=ifv6, ifv6=lo\nprotocol=dyndns2\nserver=localhost\n"
+      "login=user\npassword=word\ngateway.example.org\n",
+      "ddclient.conf");
   const std::string cache =
-      d.write("ddclient.cache", "## ddclient-3.10.0\natime=0,host=gateway.example.org,ipv6=2001:db8::1,mtime=" +
-                                    std::to_string(std::time(nullptr)) +
-                                    ",status=good,status-ipv6=good,wtime=30 gateway.example.org\n");
-  return "ddclient -foreground -file " + file + " -cache " + cache + " -pid " + d.file("ddclient.pid");
+      d.file("## ddclient-3.10.0\natime=0,host=gateway.example.org,ipv6=2001:db8::1,mtime=" +
+                 std::to_string(std::time(nullptr)) + ",status=good,status-ipv6=good,wtime=30 gateway.example.org\n",
+             "ddclient.cache");
+  return "ddclient -foreground -file " + file + " -cache " + cache + " -pid " + d.path("ddclient.pid");
 }
 
 struct client {
@@ -141,9 +125,9 @@ void report(const client& ours, const client& theirs) {
 
 void enter() {
   enter_network();
-  ip("addr add 2001:db8::1/128 dev lo nodad\n");
-  const directory d;
-  const std::string conf = d.write("host.conf", "hostname = gateway.example.org\n");
+  if (!ip("addr add 2001:db8::1/128 dev lo nodad")) throw std::runtime_error("cannot add the address");
+  const scratch d;
+  const std::string conf = d.file("hostname = gateway.example.org\n");
   client all[] = {{"dachost", process(DACHOST " run -p " PLUGIN " " + conf), {}, {}},
                   {"inadyn", process(inadyn(d)), {}, {}},
                   {"ddclient", process(ddclient(d)), {}, {}}};

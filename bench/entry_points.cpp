@@ -4,11 +4,11 @@
 #include <stdexcept>
 #include <string>
 
+#include "bench/instance.h"
 #include "bench/mutex_pair.h"
 #include "bench/other_thread.h"
-#include "bench/plugin.h"
-#include "bench/temporary_file.h"
 #include "bench/versus.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
@@ -23,21 +23,21 @@ uint64_t ask(int (*question)(int), int handle) {
   return sum;
 }
 
-using document = void (*)(const plugin& p, int handle, char* buf, size_t size);
+using document = void (*)(const library& p, int handle, char* buf, size_t size);
 
-void from_plugin(const plugin& p, int handle, char* buf, size_t size) { p.getinfo(handle, buf, &size); }
+void from_plugin(const library& p, int handle, char* buf, size_t size) { p.getinfo(handle, buf, &size); }
 
-void from_printf(const plugin& /*p*/, int handle, char* buf, size_t size) {
+void from_printf(const library& /*p*/, int handle, char* buf, size_t size) {
   std::snprintf(buf, size, R"({"status":"%s","host":"%s"})", handle < 0 ? "running" : "stop", host);
 }
 
-std::string text_of(document write, const plugin& p, int handle) {
+std::string text_of(document write, const library& p, int handle) {
   char buf[128];
   write(p, handle, buf, sizeof buf);
   return buf;
 }
 
-uint64_t write_all(document write, const plugin& p, int handle) {
+uint64_t write_all(document write, const library& p, int handle) {
   uint64_t sum = 0;
   for (int i = 0; i < calls; ++i) {
     char buf[128];
@@ -50,9 +50,9 @@ uint64_t write_all(document write, const plugin& p, int handle) {
 }  // namespace
 
 void enter() {
-  const auto p = std::make_shared<plugin>();
-  const temporary_file file(std::string("hostname = ") + host + "\n");
-  const int handle = p->make(file.path());
+  const auto p = std::make_shared<library>();
+  const scratch_file file(std::string("hostname = ") + host + "\n");
+  const int handle = make_instance(*p, file.path().c_str());
   int (*const bare)(int) = mutex_pair;
   versus(
       "dac_isrun", "mutex pair in a library", calls, [=] { return ask(p->isrun, handle); },

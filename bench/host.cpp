@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "bench/temporary_file.h"
 #include "bench/versus.h"
+#include "tests/support/scratch.h"
 
 namespace {
 
@@ -74,8 +74,8 @@ class host_process {
 };
 
 void measure(size_t instances, int rounds) {
-  const temporary_file file("hostname = bench\n");
-  const std::vector<std::string> files(instances, file.path());
+  const scratch dir;
+  const std::vector<std::string> files(instances, dir.file("hostname = bench\n"));
   std::vector<double> first, last;
   for (int i = 0; i < rounds; ++i) {
     host_process host(files);

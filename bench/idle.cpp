@@ -13,9 +13,9 @@
 #include <vector>
 
 #include "bench/bare.h"
-#include "bench/plugin.h"
-#include "bench/temporary_file.h"
+#include "bench/instance.h"
 #include "bench/versus.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
@@ -61,7 +61,7 @@ void start_bare(std::vector<std::jthread>& all, size_t count) {
 }
 
 // Side by side: each waits for the end of its worker's sleep.
-void stop_all(const plugin& p, const std::vector<int>& handles) {
+void stop_all(const library& p, const std::vector<int>& handles) {
   std::vector<std::jthread> helpers;
   for (const int h : handles) {
     helpers.emplace_back([&p, h] {
@@ -71,12 +71,12 @@ void stop_all(const plugin& p, const std::vector<int>& handles) {
   }
 }
 
-void measure(const plugin& p, size_t count, int windows) {
-  const temporary_file file("hostname = bench\n");
+void measure(const library& p, size_t count, int windows) {
+  const scratch_file file("hostname = bench\n");
   std::vector<int> handles;
   std::vector<std::jthread> bare;
   handles.reserve(count);
-  for (size_t i = 0; i < count; ++i) handles.push_back(p.make(file.path()));
+  for (size_t i = 0; i < count; ++i) handles.push_back(make_instance(p, file.path().c_str()));
   const threads ours = started_by([&] {
     for (const int h : handles) p.start(h);
   });
@@ -101,7 +101,7 @@ void measure(const plugin& p, size_t count, int windows) {
 }  // namespace
 
 void enter() {
-  const plugin p;
+  const library p;
   const bool quick = std::getenv("BENCH_QUICK") != nullptr;
   measure(p, 1, quick ? 1 : 5);
   if (!quick)

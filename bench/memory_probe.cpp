@@ -17,8 +17,8 @@
 
 #include "bench/bare.h"
 #include "bench/heaps.h"
-#include "bench/plugin.h"
-#include "bench/temporary_file.h"
+#include "bench/instance.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
@@ -42,19 +42,19 @@ double taken_by(F f) {
 }
 
 double load() {
-  return taken_by([] { new plugin; });
+  return taken_by([] { new library; });
 }
 
-std::vector<int> make_instances(const plugin& p, int count, cbdata data) {
+std::vector<int> make_instances(const library& p, int count, cbdata data) {
   std::vector<int> handles;
-  const temporary_file file("hostname = gateway.example.org\n");
+  const scratch_file file("hostname = gateway.example.org\n");
   handles.reserve(static_cast<size_t>(count));
-  for (int i = 0; i < count; ++i) handles.push_back(p.make(file.path(), data));
+  for (int i = 0; i < count; ++i) handles.push_back(make_instance(p, file.path().c_str(), data));
   return handles;
 }
 
 double create(int count) {
-  const plugin p;
+  const library p;
   return taken_by([&] { make_instances(p, count, nullptr); }) / count;
 }
 
@@ -65,7 +65,7 @@ void wait_for(const std::atomic<int>& counter, int goal) {
 }
 
 double run(int count) {
-  const plugin p;
+  const library p;
   const double taken = taken_by([&] {
     for (const int h : make_instances(p, count, [](const dac_tagvalue*, int, void*) { ++g_published; })) p.start(h);
     wait_for(g_published, count);

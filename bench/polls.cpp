@@ -13,10 +13,10 @@
 #include <vector>
 
 #include "bench/bare.h"
-#include "bench/network.h"
-#include "bench/plugin.h"
-#include "bench/temporary_file.h"
+#include "bench/instance.h"
 #include "bench/versus.h"
+#include "tests/support/network_namespace.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
@@ -72,7 +72,7 @@ void add_addresses(int from, int to) {
     std::snprintf(line, sizeof line, "addr add 2001:db8:%x::%x/128 dev lo nodad\n", i / 1000 + 1, i % 1000 + 1);
     commands += line;
   }
-  ip(commands);
+  if (!ip(commands)) throw std::runtime_error("cannot add the addresses");
 }
 
 // ---------------------------------------------------------------- rounds
@@ -85,7 +85,7 @@ std::string bare_text() {
   return all.substr(0, DAC_VALUE_SIZE - 1);
 }
 
-void measure(const plugin& p, int handle, int addresses, size_t rounds) {
+void measure(const library& p, int handle, int addresses, size_t rounds) {
   contest& c = g_contest;
   c.ours.clear();
   c.theirs.clear();
@@ -104,9 +104,10 @@ void measure(const plugin& p, int handle, int addresses, size_t rounds) {
 
 void enter() {
   enter_network();
-  const plugin p;
-  const temporary_file file("hostname = bench\n");
-  const int handle = p.make(file.path(), [](const dac_tagvalue* r, int, void*) { g_published = r->value; });
+  const library p;
+  const scratch_file file("hostname = bench\n");
+  const int handle =
+      make_instance(p, file.path().c_str(), [](const dac_tagvalue* r, int, void*) { g_published = r->value; });
   int present = 0;
   for (const int addresses : {3, 10, 30, 100, 300, 1000, 3000, 10'000}) {
     add_addresses(present, addresses);

@@ -5,16 +5,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <iterator>
 #include <new>
 
 #include "bench/heaps.h"
+#include "tests/support/size_classes.h"
 
 namespace {
-
-constexpr uint32_t sizes[] = {16,    32,    64,    96,     128,    256,    384,    512,     640,     800,
-                              1024,  1424,  2048,  3072,   5120,   8192,   12288,  16384,   20480,   24576,
-                              32768, 49152, 65536, 131072, 262144, 409600, 655360, 1048576, 2097152, 4194304};
 
 struct block {
   struct pool* owner;  // in front of the user area
@@ -29,11 +25,12 @@ struct pool {
 
 // As the allocator's layout is given: a table of pointers to pools that each have a line of the cache for themselves.
 struct pool_table {
-  pool* pools[std::size(sizes)];
+  pool* pools[size_classes::count];
 
   pool_table() {
-    for (size_t i = 0; i < std::size(sizes); ++i) {
-      pools[i] = new (std::align_val_t(64)) pool{sizes[i], {}, nullptr};
+    for (size_t i = 0; i < size_classes::count; ++i) {
+      const auto size = static_cast<uint32_t>(size_classes::all[i].size);
+      pools[i] = new (std::align_val_t(64)) pool{size, {}, nullptr};
       pthread_spin_init(&pools[i]->lock, PTHREAD_PROCESS_PRIVATE);
     }
   }
@@ -51,7 +48,7 @@ pool_table g_table;
 }
 
 pool* find_pool(size_t n) {
-  size_t low = 0, high = std::size(sizes);
+  size_t low = 0, high = size_classes::count;
   while (low < high) {
     const size_t mid = low + (high - low) / 2;
     if (n <= g_table.pools[mid]->size)

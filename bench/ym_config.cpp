@@ -7,15 +7,16 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
+#include <filesystem>
 #include <random>
+#include <stdexcept>
 #include <string>
 
 #include "bench/other_thread.h"
-#include "bench/temporary_file.h"
 #include "bench/text.h"
 #include "bench/versus.h"
 #include "com/ymlib3/ym_string"
+#include "tests/support/scratch.h"
 
 namespace {
 
@@ -90,36 +91,37 @@ uint64_t fetch_all(const char* path) {
 
 using parser = uint64_t (*)(const char* path);
 
-work repeat(int times, const std::shared_ptr<temporary_file>& file, parser parse) {
+work repeat(int times, const std::string& path, parser parse) {
   return [=] {
     uint64_t sum = 0;
-    for (int i = 0; i < times; ++i) sum += parse(file->path());
+    for (int i = 0; i < times; ++i) sum += parse(path.c_str());
     return sum;
   };
 }
 
-void enter_file(const std::string& what, size_t bytes, int times, const char* name, parser rival) {
-  const auto file = std::make_shared<temporary_file>(configuration(bytes));
-  versus("configuration, " + what, name, times, repeat(times, file, scan), repeat(times, file, rival));
+void enter_file(const std::string& what, const std::string& path, int times, const char* name, parser rival) {
+  versus("configuration, " + what, name, times, repeat(times, path, scan), repeat(times, path, rival));
 }
 
 // The limit sees no pairs; its bytes stand for them.
-void enter_limit(const std::string& what, size_t bytes, int times) {
-  const auto file = std::make_shared<temporary_file>(configuration(bytes));
-  const uint64_t sum = fetch_all(file->path());
-  if (sum != configuration(bytes).size()) throw std::runtime_error("the limit does not read the whole file");
-  const work ours = repeat(times, file, scan);
+void enter_limit(const std::string& what, const std::string& path, int times) {
+  const uint64_t sum = fetch_all(path.c_str());
+  if (sum != std::filesystem::file_size(path)) throw std::runtime_error("the limit does not read the whole file");
+  const work ours = repeat(times, path, scan);
   versus(
       "configuration, " + what, "limit", times, [=] { return ours() != 0 ? sum * static_cast<unsigned>(times) : 0; },
-      repeat(times, file, fetch_all));
+      repeat(times, path, fetch_all));
 }
 
 }  // namespace
 
 void enter() {
-  enter_file("10 MB", 10'000'000, 1, "inih", scan_inih);
-  enter_limit("10 MB", 10'000'000, 1);
-  enter_file("10 lines", 320, 10, "inih", scan_inih);
-  enter_file("10 lines", 320, 10, "iniparser", scan_iniparser);
-  enter_limit("10 lines", 320, 10);
+  static const scratch dir;  // until the measurements have run
+  const std::string large = dir.file(configuration(10'000'000), "large.conf");
+  const std::string small = dir.file(configuration(320), "small.conf");
+  enter_file("10 MB", large, 1, "inih", scan_inih);
+  enter_limit("10 MB", large, 1);
+  enter_file("10 lines", small, 10, "inih", scan_inih);
+  enter_file("10 lines", small, 10, "iniparser", scan_iniparser);
+  enter_limit("10 lines", small, 10);
 }

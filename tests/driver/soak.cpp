@@ -38,9 +38,9 @@
 #include <vector>
 
 #include "driver/dac.h"
-#include "tests/fuzz/size_classes.h"
 #include "tests/support/fake_pages.h"
 #include "tests/support/plugin.h"
+#include "tests/support/size_classes.h"
 
 namespace {
 
@@ -358,10 +358,10 @@ struct usage {
 /// What the pools keep at most when no block is in use, by length: of each class the first chunk and two later ones,
 /// and the mapping for bookkeeping. A block that stays behind at every turn needs more before long.
 std::map<size_t, long> most_kept() {
-  std::map<size_t, long> most = {{fuzz::whole_pages(524288), 1}};
-  for (const fuzz::size_class& c : fuzz::size_classes) {
-    most[fuzz::whole_pages((c.size + 8) * c.first)] += 1;
-    most[fuzz::whole_pages((c.size + 8) * c.per_chunk)] += 2;
+  std::map<size_t, long> most = {{size_classes::whole_pages(524288), 1}};
+  for (const size_classes::row& c : size_classes::all) {
+    most[size_classes::whole_pages((c.size + 8) * c.first)] += 1;
+    most[size_classes::whole_pages((c.size + 8) * c.blocks)] += 2;
   }
   return most;
 }

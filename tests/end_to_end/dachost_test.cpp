@@ -15,6 +15,7 @@
 
 #include "driver/dac.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
 namespace fs = std::filesystem;
@@ -87,14 +88,7 @@ ending dachost_does(const texts& args, const process_settings& s = {}) {
 
 class dachost : public testing::Test {
  protected:
-  dachost() {
-    std::string name = testing::TempDir() + "dachost.XXXXXX";
-    if (!mkdtemp(name.data())) throw std::runtime_error(name);
-    _dir = name;
-  }
-  ~dachost() override { fs::remove_all(_dir); }
-
-  std::string path(const std::string& name) const { return _dir / name; }
+  std::string path(const std::string& name) const { return _dir.path(name); }
 
   /// Writes a file below the test's directory; its path.
   std::string file(const std::string& name, const std::string& text) const {
@@ -183,11 +177,11 @@ class dachost : public testing::Test {
   }
 
  private:
-  fs::path _dir;
+  scratch _dir;
 
   std::vector<fs::path> files_beginning(const std::string& prefix) const {
     std::vector<fs::path> files;
-    for (const fs::path& f : fs::directory_iterator(_dir))
+    for (const fs::path& f : fs::directory_iterator(path("")))
       if (f.filename().string().starts_with(prefix)) files.push_back(f);
     return files;
   }

@@ -26,6 +26,7 @@
 
 #include "com/ymlib3/ym_string"
 #include "tests/support/blocks.h"
+#include "tests/support/scratch.h"
 #include "tests/support/scratch_file.h"
 #include "tests/support/threads.h"
 
@@ -143,13 +144,9 @@ TEST(config_files, each_gives_the_calls_that_are_expected_of_it) {
 TEST(config_files, each_has_its_expected_calls_beside_it) { EXPECT_EQ(unpaired(cases), std::vector<std::string>{}); }
 
 TEST(config_files, one_without_the_other_and_one_of_neither_kind_are_found) {
-  const scratch_file name("");
-  const fs::path dir = name.path() + ".d";
-  fs::create_directory(dir);
-  for (const char* file : {"both.conf", "both.expected", "a.conf", "b.expected", "both.txt", "c"})
-    std::ofstream(dir / file) << "";
-  EXPECT_EQ(unpaired(dir), (std::vector<std::string>{"a.conf", "b.expected", "both.txt", "c"}));
-  fs::remove_all(dir);
+  const scratch dir;
+  for (const char* file : {"both.conf", "both.expected", "a.conf", "b.expected", "both.txt", "c"}) dir.file("", file);
+  EXPECT_EQ(unpaired(dir.path("")), (std::vector<std::string>{"a.conf", "b.expected", "both.txt", "c"}));
 }
 
 TEST(config_files, with_line_feeds_and_with_both_line_ends_give_the_same_calls) {
@@ -449,8 +446,8 @@ TEST(rstream_file, stays_open_after_a_scan) {
 
 // A pipe that holds some bytes and then fails to give more: its reader must not wait, its writer stays.
 TEST(rstream_file, a_read_error_is_the_end_of_input) {
-  const scratch_file name("");
-  const std::string path = name.path() + ".fifo";
+  const scratch dir;
+  const std::string path = dir.path("fifo");
   ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
   const int writer = ::open(path.c_str(), O_RDWR);
   const std::string bytes =
@@ -466,5 +463,4 @@ TEST(rstream_file, a_read_error_is_the_end_of_input) {
   EXPECT_EQ(in.get(), -1);
   EXPECT_EQ(errno, EAGAIN);
   ::close(writer);
-  fs::remove(path);
 }

@@ -4,9 +4,9 @@
 
 #include "com/ymlib3/ym_string"
 #include "tests/fuzz/config_model.h"
-#include "tests/fuzz/memory_file.h"
 #include "tests/fuzz/reader.h"
 #include "tests/fuzz/target.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
@@ -64,7 +64,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
   text_stream memory(text);
   check(memory, s, expected, text.size());
-  const fuzz::memory_file disk(text);
+  const scratch_file disk(text);
   ym::rstream_file file;
   fuzz::require(file.open(disk.path().c_str()), "a file that is there opens");
   check(file, s, expected, text.size());

@@ -1,6 +1,5 @@
 // An instance's whole life, in the built library, from an arbitrary configuration file.
 //   input: the file
-#include <dlfcn.h>
 #include <strings.h>
 
 #include <cstring>
@@ -11,44 +10,18 @@
 #include "driver/dac.h"
 #include "tests/fuzz/config_model.h"
 #include "tests/fuzz/json_model.h"
-#include "tests/fuzz/memory_file.h"
 #include "tests/fuzz/target.h"
+#include "tests/support/immortal.h"
+#include "tests/support/plugin.h"
+#include "tests/support/scratch_file.h"
 
 namespace {
 
 using fuzz::require;
 
-// ---------------------------------------------------------------- the library
-
-class library {
-  void* _lib = dlopen(PLUGIN, RTLD_NOW | RTLD_LOCAL);
-
-  struct found {
-    void* at;
-    template <class P>
-    operator P() const {
-      return reinterpret_cast<P>(at);
-    }
-  };
-  found find(const char* name) const {
-    void* at = _lib ? dlsym(_lib, name) : nullptr;
-    require(at != nullptr, name);
-    return {at};
-  }
-
- public:
-  decltype(&dac_create) create = find("dac_create");
-  decltype(&dac_destroy) destroy = find("dac_destroy");
-  decltype(&dac_isrun) isrun = find("dac_isrun");
-  decltype(&dac_stop) stop = find("dac_stop");
-  decltype(&dac_devicewriteobj) devicewriteobj = find("dac_devicewriteobj");
-  decltype(&dac_getalltags) getalltags = find("dac_getalltags");
-  decltype(&dac_getalltagsex) getalltagsex = find("dac_getalltagsex");
-  decltype(&dac_getinfo) getinfo = find("dac_getinfo");
-};
-
-// Loaded before the search begins, which then counts the library's branches too.
-const library lib;
+// Loaded before the search begins, so that the search counts the library's branches too. Stays loaded: the fuzzer reads
+// those counts when the process exits.
+const library& lib = immortal<library>();
 
 // ---------------------------------------------------------------- the host's side
 
@@ -134,7 +107,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
   const std::string hostname = hostname_in(text);
   const auto refused = refusal(hostname);
-  const fuzz::memory_file file(text);
+  const scratch_file file(text);
   journal told;
   const int h = lib.create("drv", file.path().c_str(), on_log, &told, on_aux, &told, on_data, &told, on_aux, &told);
   const int next = next_handle();

@@ -6,10 +6,11 @@
 #include <vector>
 
 #include "com/ymlib3/ym_alloctor"
-#include "tests/fuzz/pages.h"
 #include "tests/fuzz/pools_model.h"
 #include "tests/fuzz/reader.h"
 #include "tests/fuzz/target.h"
+#include "tests/support/fake_pages.h"
+#include "tests/support/size_classes.h"
 
 namespace {
 
@@ -22,7 +23,7 @@ constexpr size_t own_slots = 33;  // of the self heap: thirty pools, three chunk
 struct block {
   void* p;
   size_t granted;
-  size_t pool;  // `classes` for a large block
+  size_t pool;  // `size_classes::count` for a large block
   fuzz::pool_model::block at;
   uint8_t stamp;
 };
@@ -58,21 +59,17 @@ void check_paint(const block& b) {
 class trial {
  public:
   trial() : _heap(build(), own_slots) {
-    for (const fuzz::size_class& s : fuzz::size_classes) _pools.emplace_back(s);
+    for (const size_classes::row& s : size_classes::all) _pools.emplace_back(s);
     for (size_t i = 0; i < 3; ++i) _pools[i].start_with(pools()._class[i]->_head);
     require(pools()._classes == 30, "there are thirty classes");
-    for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
+    for (size_t i = 0; i < size_classes::count; ++i) check_pool(i);
   }
   ~trial() {
-    for (size_t i = 0; i < fuzz::classes; ++i) check_pool(i);
+    for (size_t i = 0; i < size_classes::count; ++i) check_pool(i);
     for (const block& b : _blocks) check_paint(b);
     while (_large != 0) give(large_at());
     // Blocks of the pools still alive go with their chunks.
-    {
-      const pages::watch watched;
-      g_ym_allocator.~ym_allocator_();
-    }
-    require(pages::live() == 0, "all pages are given back");
+    require(destroy() == _others, "all pages are given back");
     new (&g_ym_allocator) ym_allocator_;
   }
   trial(const trial&) = delete;
@@ -92,6 +89,7 @@ class trial {
   size_t slots() const { return _slots.size(); }
 
  private:
+  size_t _others = destroy();  // mappings of the rest of the process
   fuzz::heap_model _heap;
   std::vector<fuzz::pool_model> _pools;
   std::deque<block> _blocks;
@@ -101,17 +99,22 @@ class trial {
 
   static ym::allocator& pools() { return *get_ym_allocator(); }
 
-  static uintptr_t build() {
+  size_t mappings() const { return fake_pages::live().size() - _others; }
+
+  /// Destroys the allocator and returns the number of mappings that are not its own.
+  static size_t destroy() {
     g_ym_allocator.~ym_allocator_();
-    pages::forget();
-    const pages::watch watched;
+    return fake_pages::live().size();
+  }
+  /// Constructs the allocator and returns the address of the self heap's chunk.
+  static uintptr_t build() {
     new (&g_ym_allocator) ym_allocator_;
     return reinterpret_cast<uintptr_t>(get_ym_alloctor_self()->_chunks);
   }
 
   size_t large_at() const {
     size_t i = 0;
-    while (_blocks[i].pool != fuzz::classes) ++i;
+    while (_blocks[i].pool != size_classes::count) ++i;
     return i;
   }
 
@@ -125,11 +128,12 @@ class trial {
   void take_large(void* p, size_t n, size_t got, bool refused) {
     if (refused) return require(reinterpret_cast<uintptr_t>(p) == 16, "a refused large block is the address 16");
     const uintptr_t mapping = reinterpret_cast<uintptr_t>(p) - 16;
-    require(mapping != 0 && mapping == fuzz::whole_pages(mapping), "a large block begins its mapping");
+    require(mapping != 0 && mapping == size_classes::whole_pages(mapping), "a large block begins its mapping");
     require(word_before(p, 8) == nullptr, "in front of a large block stands zero");
-    require(reinterpret_cast<uintptr_t>(word_before(p, 16)) == fuzz::whole_pages(n + 16), "and its mapping's length");
+    require(reinterpret_cast<uintptr_t>(word_before(p, 16)) == size_classes::whole_pages(n + 16),
+            "and its mapping's length");
     ++_large;
-    keep({p, got, fuzz::classes, {}, ++_stamp});
+    keep({p, got, size_classes::count, {}, ++_stamp});
   }
 
   void take_pooled(void* p, size_t i, bool refused) {
@@ -137,7 +141,7 @@ class trial {
     require(at.has_value() == (p != nullptr), "null tells that there is no memory");
     if (!at || !p) return;
     _pools[i].found(*at, p, word_before(p, 8));
-    keep({p, fuzz::size_classes[i].size, i, *at, ++_stamp});
+    keep({p, size_classes::all[i].size, i, *at, ++_stamp});
   }
 
   void keep(const block& b) {
@@ -153,13 +157,14 @@ void trial::take(size_t n, bool refuse, bool ask) {
   constexpr size_t unwritten = 0x5A5A5A5A;
   size_t got = unwritten;
   // A pool whose chunk cannot even be described ends the process.
-  const pages::watch watched(refuse && _heap.free() != 0);
+  const fake_pages::refusal refusal(refuse && _heap.free() != 0);
   void* p = pools().malloc_(n, ask ? &got : nullptr);
-  const bool refused = pages::watch::refused() != 0;
-  require(got == (ask && !refused ? fuzz::granted(n) : unwritten), "the granted size is told, of what is granted");
-  const size_t i = fuzz::class_of(n);
-  if (i < fuzz::classes) return take_pooled(p, i, refused);
-  take_large(p, n, fuzz::granted(n), refused);
+  const bool refused = refusal.has_refused();
+  require(got == (ask && !refused ? size_classes::granted(n) : unwritten),
+          "the granted size is told, of what is granted");
+  const size_t i = size_classes::index_of(n);
+  if (i < size_classes::count) return take_pooled(p, i, refused);
+  take_large(p, n, size_classes::granted(n), refused);
 }
 
 void trial::take_many(size_t n, size_t times) {
@@ -172,11 +177,8 @@ void trial::give(size_t i) {
   _blocks[i] = _blocks.back();
   _blocks.pop_back();
   _bytes -= b.granted;
-  {
-    const pages::watch watched;
-    pools().free_(b.p);
-  }
-  if (b.pool == fuzz::classes) {
+  { pools().free_(b.p); }
+  if (b.pool == size_classes::count) {
     --_large;
   } else {
     _pools[b.pool].give(_heap, b.at);
@@ -189,9 +191,9 @@ void trial::give_many(size_t first, size_t times, size_t stride) {
 
 void trial::take_slot(size_t n, bool refuse) {
   if (_requests++ >= most_requests) return;
-  const pages::watch watched(refuse);
+  const fake_pages::refusal refusal(refuse);
   void* p = ym::memheap_::operator new(n);
-  const bool refused = pages::watch::refused() != 0;
+  const bool refused = refusal.has_refused();
   require((p != nullptr) == (n <= 56 && !refused), "a slot holds 56 bytes");
   if (!p) return;
   const slot s{p, _heap.take()};
@@ -208,7 +210,6 @@ void trial::give_slot(size_t i) {
   const slot s = _slots[i];
   _slots[i] = _slots.back();
   _slots.pop_back();
-  const pages::watch watched;
   ym::memheap_::operator delete(s.p);
   _heap.give(s.at);
 }
@@ -221,11 +222,11 @@ void trial::check(size_t pool) const {
   const self_alloctor& self = *get_ym_alloctor_self();
   require(self.is_valid(), "the self heap is in order");
   require(self._free == _heap.free(), "its free slots are counted");
-  if (pool < fuzz::classes) check_pool(pool);
+  if (pool < size_classes::count) check_pool(pool);
   require(pools()._large == _large, "large blocks are counted");
-  size_t mappings = _heap.chunks() + _large;
-  for (const fuzz::pool_model& p : _pools) mappings += p.chunks();
-  require(pages::live() == static_cast<int>(mappings), "there are the mappings that the rules make");
+  size_t expected = _heap.chunks() + _large;
+  for (const fuzz::pool_model& p : _pools) expected += p.chunks();
+  require(mappings() == expected, "there are the mappings that the rules make");
 }
 
 // ---------------------------------------------------------------- steps
@@ -233,7 +234,7 @@ void trial::check(size_t pool) const {
 // A class's size, give or take a few bytes, or any size at all.
 size_t read_size(fuzz::reader& in) {
   const uint8_t i = in.byte();
-  if (i < 0xE0) return fuzz::size_classes[i % fuzz::classes].size + in.byte() % 16 - 8;
+  if (i < 0xE0) return size_classes::all[i % size_classes::count].size + in.byte() % 16 - 8;
   return static_cast<size_t>(in.number(3));
 }
 
@@ -299,7 +300,7 @@ size_t step(trial& s, fuzz::reader& in) {
       ym::memheap_::operator delete(&s);  // an address of nobody's
       ym_free(nullptr);
   }
-  return fuzz::class_of(n);
+  return size_classes::index_of(n);
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
-#include "tests/fuzz/size_classes.h"
 #include "tests/fuzz/target.h"
+#include "tests/support/size_classes.h"
 
 namespace fuzz {
 
@@ -76,7 +76,7 @@ class heap_model {
   std::list<chunk_model> _chunks;
   size_t _free;
 
-  static size_t count() { return (whole_pages(524288) - header) / slot_size; }
+  static size_t count() { return (size_classes::whole_pages(524288) - header) / slot_size; }
 };
 
 /// One pool.
@@ -92,7 +92,7 @@ class pool_model {
     size_t i;
   };
 
-  explicit pool_model(const size_class& s) : _class(s) {}
+  explicit pool_model(const size_classes::row& s) : _class(s) {}
 
   size_t chunks() const { return _chunks.size(); }
   size_t free() const { return _free; }
@@ -125,7 +125,7 @@ class pool_model {
   void give(heap_model& heap, const block& b) {
     b.c->freed.push_back(b.i);
     ++_free;
-    const bool reserve = _free == _class.per_chunk;
+    const bool reserve = _free == _class.blocks;
     if (_chunks.size() > 3 && b.c->is_empty() && b.c != _chunks.begin() && !reserve) sweep(heap);
   }
 
@@ -137,17 +137,17 @@ class pool_model {
     }
     require(descriptor == b.c->descriptor_at, "in front of a block stands its chunk");
     b.c->found(b.i, _class.size + 8, reinterpret_cast<uintptr_t>(p));
-    require(whole_pages(b.c->base - 8) == b.c->base - 8, "a chunk's first slot begins its mapping");
+    require(size_classes::whole_pages(b.c->base - 8) == b.c->base - 8, "a chunk's first slot begins its mapping");
   }
 
  private:
-  size_class _class;
+  size_classes::row _class;
   std::list<chunk_and_descriptor> _chunks;
   size_t _free = 0;
 
   void add_chunk(const heap_model::slot& descriptor) {
     const bool first = _chunks.empty();
-    const size_t count = first ? _class.first : _class.per_chunk;
+    const size_t count = first ? _class.first : _class.blocks;
     _chunks.insert(first ? _chunks.begin() : std::next(_chunks.begin()), {{count}, descriptor, nullptr});
     _free += count;
   }

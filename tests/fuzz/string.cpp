@@ -8,10 +8,10 @@
 #include <string_view>
 
 #include "com/ymlib3/ym_string"
-#include "tests/fuzz/pages.h"
 #include "tests/fuzz/reader.h"
-#include "tests/fuzz/size_classes.h"
 #include "tests/fuzz/target.h"
+#include "tests/support/fake_pages.h"
+#include "tests/support/size_classes.h"
 
 namespace {
 
@@ -53,7 +53,7 @@ class model {
       return true;
     }
     if (refused) return false;
-    block = fuzz::granted(aligned);
+    block = size_classes::granted(aligned);
     capacity = block - 8;
     return true;
   }
@@ -148,9 +148,9 @@ class trial {
 
   /// Calls `f` on the string: whether a mapping was refused.
   bool on_string(auto f) {
-    const pages::watch watched(_refuse);
+    const fake_pages::refusal refusal(_refuse);
     f(s());
-    return pages::watch::refused() != 0;
+    return refusal.has_refused();
   }
 
   void push_back(char c) {
@@ -240,7 +240,7 @@ size_t trial::read_length(fuzz::reader& in) {
   const uint8_t what = in.byte();
   size_t n = what % 64;
   if (what >= 0xC0) n = static_cast<size_t>(in.number(2));
-  if (what >= 0xE0) n = fuzz::size_classes[what % fuzz::classes].size / (1 + what % 2) + in.byte() % 32 - 16;
+  if (what >= 0xE0) n = size_classes::all[what % size_classes::count].size / (1 + what % 2) + in.byte() % 32 - 16;
   if (what >= 0xFE) n = in.number(3) % largest;
   return affords(n) ? n : n % 64;
 }

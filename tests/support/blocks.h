@@ -22,17 +22,16 @@ inline size_t live() {
 class exhausted {
  public:
   explicit exhausted(size_t size) {
-    fake_pages::refuse_all();
     while (void* p = get_ym_allocator()->malloc_(size, nullptr)) _taken.push_back(p);
   }
   ~exhausted() {
-    fake_pages::refuse(0);
     for (void* p : _taken) ym_free(p);
   }
   exhausted(const exhausted&) = delete;
   exhausted& operator=(const exhausted&) = delete;
 
  private:
+  fake_pages::refusal _refusal;
   std::vector<void*> _taken;
 };
 

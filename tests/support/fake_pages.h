@@ -28,6 +28,25 @@ void refuse(int i);
 /// From now on every mapping yields null, until refuse(0).
 void refuse_all();
 
+/// Refuses every mapping during its lifetime, unless `refuse` is false. One at a time.
+class refusal {
+ public:
+  explicit refusal(bool refuse = true) : _refuse(refuse) {
+    if (_refuse) refuse_all();
+  }
+  ~refusal() {
+    if (_refuse) fake_pages::refuse(0);
+  }
+  refusal(const refusal&) = delete;
+  refusal& operator=(const refusal&) = delete;
+
+  bool has_refused() const { return _refuse && made() != _before; }
+
+ private:
+  bool _refuse;
+  int _before = made();
+};
+
 /// What sysconf(_SC_PAGESIZE) tells; 0 is the machine's own. A multiple of the machine's own.
 void page_size(long bytes);
 

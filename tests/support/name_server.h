@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 
 /// On the loopback interface; the zone lasts from one start to the next. Every wait ends after 20 seconds with an
 /// exception.

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -115,24 +114,6 @@ void recorder::clear() {
   _journal.clear();
   _messages.clear();
   _publications.clear();
-}
-
-// ---------------------------------------------------------------- files
-
-scratch::scratch() {
-  std::string name = std::filesystem::temp_directory_path() / "ip6dns-XXXXXX";
-  if (!mkdtemp(name.data())) throw std::runtime_error("no directory " + name);
-  _path = name;
-}
-
-scratch::~scratch() {
-  std::error_code ignored;
-  std::filesystem::remove_all(_path, ignored);
-}
-
-std::string scratch::file(const std::string& text, const std::string& name) const {
-  std::ofstream(path(name), std::ios::binary) << text;
-  return path(name);
 }
 
 // ---------------------------------------------------------------- threads

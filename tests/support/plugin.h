@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "driver/dac.h"
+#include "tests/support/scratch.h"
 
 /// libip6dns.so, loaded and unloaded with the object. Throws std::runtime_error when it cannot be loaded or a symbol
 /// is missing.
@@ -113,22 +114,6 @@ class recorder {
   static void on_data(const dac_tagvalue* records, int count, void* param);
   static void on_aux(void* param);
   static recorder& expect(void* param, int argument);
-};
-
-/// A directory for configuration files, removed with the object.
-class scratch {
- public:
-  scratch();
-  ~scratch();
-  scratch(const scratch&) = delete;
-  scratch& operator=(const scratch&) = delete;
-
-  std::string path(const std::string& name) const { return _path + "/" + name; }
-  /// Writes the file `name` and returns its path.
-  std::string file(const std::string& text, const std::string& name = "ip6dns.conf") const;
-
- private:
-  std::string _path;
 };
 
 /// A thread that makes one call, for calls that wait; joined with the object.

@@ -1,5 +1,0 @@
-// The globals of a program that uses the foundation alone.
-#include "com/ymlib3/ym_alloctor"
-
-ym_glibc_noarena g_ym_glibc_noarena;
-ym_allocator_ g_ym_allocator;

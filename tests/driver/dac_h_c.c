@@ -21,8 +21,8 @@ _Static_assert(sizeof(((dac_tagvalue*)0)->len) == 2, "len");
 _Static_assert(offsetof(dac_tagvalue, value) == 104, "value");
 _Static_assert(sizeof(((dac_tagvalue*)0)->value) == 1000, "value");
 
-_Static_assert((int64_t)-1 < 0 && _Generic(((dac_tagvalue*)0)->time, int64_t : 1, default : 0), "time is signed");
-_Static_assert(_Generic(((dac_tagvalue*)0)->len, uint16_t : 1, default : 0), "len is unsigned");
+_Static_assert((int64_t)-1 < 0 && _Generic(((dac_tagvalue*)0)->time, int64_t: 1, default: 0), "time is signed");
+_Static_assert(_Generic(((dac_tagvalue*)0)->len, uint16_t: 1, default: 0), "len is unsigned");
 _Static_assert(DAC_TYPE_TEXT == 6 && DAC_WRITE_REFUSED == 4 && DAC_VERSION == 500, "numbers");
 _Static_assert(DAC_LEVEL_OTHER == 0 && DAC_LEVEL_FAILURE == 2, "level codes");
 

@@ -149,8 +149,9 @@ class subscriber {
       const json event = json::parse(object);
       EXPECT_EQ(event["event"], "value");
       EXPECT_EQ("ip6dns/" + event["instance"].get<std::string>(), topic);
+      const auto value = event["value"].get<std::string>();
       texts& values = all[topic];
-      if (values.empty() || values.back() != event["value"]) values.push_back(event["value"]);
+      if (values.empty() || values.back() != value) values.push_back(value);
     }
     return all;
   }

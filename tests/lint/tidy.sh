@@ -10,6 +10,6 @@ git ls-files "$@" | grep '\.cpp$' |
   while read -r file; do
     ! grep -q "/$file\"" "$build/compile_commands.json" || echo "$file"
   done |
-  xargs -P "$(nproc)" -n 1 clang-tidy-14 --quiet -p "$build" 2>&1 |
+  xargs -P "$(nproc)" -n 1 clang-tidy-16 --quiet -p "$build" 2>&1 |
   grep -vE '^[0-9]+ warnings? generated|^Suppressed|^Use -header-filter' && exit 1
 exit 0

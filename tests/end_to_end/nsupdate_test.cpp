@@ -149,6 +149,9 @@ TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
       {"a word", "DAC_VALUE=none", "DAC_VALUE may not be 'none'"},
       {"a word behind an address", "DAC_VALUE=::5,null", "DAC_VALUE may not be 'null'"},
       {"an empty address", "DAC_VALUE=::5,,::6", "DAC_VALUE may not be '::5,,::6'"},
+      {"a comma at the end", "DAC_VALUE=::5,", "DAC_VALUE may not be '::5,'"},
+      {"a comma at the start", "DAC_VALUE=,::5", "DAC_VALUE may not be ',::5'"},
+      {"a comma alone", "DAC_VALUE=,", "DAC_VALUE may not be ','"},
       {"a blank", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
       {"a pattern", "DAC_VALUE=*", "DAC_VALUE may not be '*'"},
       {"no server", "NSUPDATE_SERVER=", "NSUPDATE_SERVER is not set"},
@@ -173,6 +176,15 @@ TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
     EXPECT_EQ(e.err, "nsupdate-aaaa: " + r.told + '\n');
     EXPECT_EQ(asked(), "");
   }
+}
+
+TEST_F(nsupdate_aaaa, empty_settings_are_as_if_not_set) {
+  const ending e = run({"NSUPDATE_PORT=", "NSUPDATE_TTL=", "NSUPDATE_ZONE=", "NSUPDATE_NAME=", "NSUPDATE_TIMEOUT="});
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(asked(), "-v -t 20 -k " + dir.path("key") +
+                         "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\n"
+                         "update add gw.example 60 AAAA 2001:db8::1\nsend\n");
 }
 
 TEST_F(nsupdate_aaaa, lets_no_second_line_through) {

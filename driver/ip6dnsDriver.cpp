@@ -78,6 +78,7 @@ bool ip6dnsDriver::loadConfig(const char* path) {
   return ym::config<ym::string_<>>().scan(&file, onKey, 0);
 }
 
+// dachost recognises these messages by their first words, to add what helps.
 bool ip6dnsDriver::checkHostname() {
   if (_hostname.size() == 0) {
     _log.add(failure, "not config hostname in %s", _cfgfile.c_str());

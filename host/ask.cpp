@@ -5,6 +5,7 @@
 #include "host/commands.h"
 #include "host/instance.h"
 #include "host/names.h"
+#include "host/printer.h"
 #include "host/refusal.h"
 #include "host/text.h"
 
@@ -48,6 +49,6 @@ int tags(const plugin& p, const std::vector<std::string>& files, output& out, ou
 }
 
 int info(const plugin& p, const std::vector<std::string>& files, output& out, output& err) {
-  const auto tell = [&](const std::string& /*file*/, const instance& i) { out.line(printable(i.info())); };
+  const auto tell = [&](const std::string& /*file*/, const instance& i) { out.line(json_line(i.info())); };
   return for_each_instance(p, files, tell, err, "dachost: ");
 }

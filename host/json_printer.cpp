@@ -9,7 +9,9 @@ namespace {
 using json = nlohmann::ordered_json;
 
 // Host names and paths are bytes; those that are no UTF-8 become U+FFFD, as JSON has no way to say them.
-std::string one_line(const json& object) { return object.dump(-1, ' ', false, json::error_handler_t::replace); }
+std::string one_line(const json& object) {
+  return printable_json(object.dump(-1, ' ', false, json::error_handler_t::replace));
+}
 
 class json_printer : public printer {
  public:
@@ -64,6 +66,12 @@ class json_printer : public printer {
 };
 
 }  // namespace
+
+// Written as a JSON string, the text loses the bytes that are no UTF-8; read back, it is the document again.
+std::string json_line(const std::string& document) {
+  const std::string text = json(document).dump(-1, ' ', false, json::error_handler_t::replace);
+  return printable_json(json::parse(text).get<std::string>());
+}
 
 std::unique_ptr<printer> make_json_printer(output& out, output& err) {
   return std::make_unique<json_printer>(out, err);

@@ -1,6 +1,7 @@
 #include "host/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <sstream>
 #include <string_view>
@@ -109,6 +110,23 @@ answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
   return {status == 0 ? 0 : wrong_usage, text};
 }
 
+// CLI11 takes this word for the end of a sub-command. The file with this name is passed to it by another path.
+constexpr char terminator[] = "++";
+constexpr char its_path[] = "././++";
+
+std::vector<std::string> words(int argc, const char* const* argv) {
+  std::vector<std::string> all(argv + 1, argv + std::max(argc, 1));
+  std::replace(all.begin(), all.end(), std::string(terminator), std::string(its_path));
+  std::reverse(all.begin(), all.end());  // as CLI11 wants them
+  return all;
+}
+
+void restore_terminators(options& o) {
+  std::replace(o.files.begin(), o.files.end(), std::string(its_path), std::string(terminator));
+  for (std::string* word : {&o.plugin, &o.exec.program})
+    if (*word == its_path) *word = terminator;
+}
+
 }  // namespace
 
 std::variant<options, answer> parse(int argc, const char* const* argv) {
@@ -124,10 +142,11 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
   add_command(app, o, command::info, "info", "Print the status document of each file's instance");
   try {
-    app.parse(argc, argv);
+    app.parse(words(argc, argv));
     if (app.get_subcommands().empty()) throw CLI::RequiredError("A sub-command");
   } catch (const CLI::ParseError& e) {
     return make_answer(app, e);
   }
+  restore_terminators(o);
   return o;
 }

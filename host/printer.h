@@ -26,6 +26,9 @@ class printer {
   virtual void log(wall_clock::time_point time, const std::string& instance, const message& m) = 0;
 };
 
+/// A JSON document of the plug-in as a valid line without control characters.
+std::string json_line(const std::string& document);
+
 /// TIME, instance, what it is, and the rest, separated by tabs.
 std::unique_ptr<printer> make_text_printer(output& out);
 /// One object a line; log messages go to `err`, as text.

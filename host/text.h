@@ -10,6 +10,9 @@
 /// The text with every control character written as \xNN: one line stays one line, and a terminal stays as it is.
 std::string printable(std::string_view text);
 
+/// A JSON document of one line with every control character as an escape, which strings alone may contain.
+std::string printable_json(std::string_view document);
+
 /// The fields in printable form, separated by tabs.
 std::string tabbed(std::initializer_list<std::string_view> fields);
 

@@ -406,6 +406,23 @@ TEST_F(dachost, what_is_asked_of_an_instance_is_asked_of_a_stopped_one_that_is_t
   }
 }
 
+TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
+  const std::string conf = file("++", "hostname=h");
+  const auto check_there = [&](const texts& args) {
+    texts argv = {"sh", "-c", "cd \"$0\" && exec \"$@\"", path("")};
+    for (const std::string& word : command_line(DACHOST, args)) argv.push_back(word);
+    return process(argv).end();
+  };
+  for (const texts& args : {texts{"check", "-p", PLUGIN, "++"}, {"check", "-p", PLUGIN, "--", "++"}}) {
+    const ending e = check_there(args);
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.out, "++: ok, host name h\n");
+  }
+  const ending e = check_there({"run", "-p", PLUGIN, "--once", "++", "--dry-run", "--exec", "++"});
+  EXPECT_EQ(told(e.out, "value"), texts{value_line("++", "h")}) << e.err;
+  EXPECT_TRUE(told(e.out, "exec").at(0).starts_with("++\texec\t++\tDAC_INSTANCE=++\t")) << e.out;
+}
+
 TEST_F(dachost, a_file_with_two_brackets_is_one_file_when_it_has_a_directory) {
   const std::string file_name = file("[a,b]", "hostname=h");
   EXPECT_EQ(ask({"check", file_name}).out, file_name + ": ok, host name h\n");
@@ -415,6 +432,34 @@ TEST_F(dachost, control_characters_are_printed_as_their_codes) {
   const std::string conf = file("h.conf", "hostname=a\x1b[1mb\tc\x7f\xc3\xa4");
   EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name a\\x1b[1mb\\x09c\\x7f\xc3\xa4\n");
   EXPECT_EQ(ask({"tags", conf}).out, conf + "\ta\\x1b[1mb\\x09c\\x7f\xc3\xa4\t6\t1\t\tipv6 address\n");
+}
+
+// In UTF-8, U+0080 to U+009F are two bytes; terminals obey U+009B as they obey ESC and '['.
+TEST_F(dachost, control_characters_of_two_bytes_are_printed_as_their_codes) {
+  const std::string conf = file("h.conf",
+                                "hostname=\xc2\x80\xc2\x9b"
+                                "1m\xc2\x9f\xc2\xa0\xc3\x9b");
+  const std::string printed = "\\xc2\\x80\\xc2\\x9b1m\\xc2\\x9f\xc2\xa0\xc3\x9b";
+  EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name " + printed + '\n');
+  const ending e = ask({"run", "--once", conf});
+  EXPECT_EQ(told(e.out, "tag"), texts{tag_line("h", printed)});
+  EXPECT_EQ(told(e.out, "value"), texts{value_line("h", printed)});
+  EXPECT_EQ(e.out.find('\x9b'), e.out.find("\xc3\x9b") + 1) << "that of another character";
+}
+
+TEST_F(dachost, json_has_no_raw_control_character_and_is_valid_for_any_host_name) {
+  const std::string name = "a\x1b[1m\x7f\xc2\x9b\tb\\\xc3\xa4\xff";
+  const std::string read = "a\x1b[1m\x7f\xc2\x9b\tb\\\xc3\xa4\xef\xbf\xbd";
+  const std::string conf = file("h.conf", "hostname=" + name);
+  texts documents = lines(ask({"info", conf}).out);
+  ASSERT_EQ(documents.size(), 1U);
+  EXPECT_EQ(json::parse(documents[0])["host"], read) << documents[0];
+  for (const std::string& line : lines(ask({"run", "--once", "--json", conf}).out)) {
+    documents.push_back(line);
+    EXPECT_EQ(json::parse(line).value("tag", read), read) << line;
+  }
+  for (const std::string& line : documents)
+    for (const char* control : {"\x1b", "\x7f", "\xc2\x9b"}) EXPECT_EQ(line.find(control), std::string::npos) << line;
 }
 
 TEST_F(dachost, tags_lists_what_the_plugin_reports) {

@@ -74,7 +74,7 @@ TEST_F(table_lines, fitted_text_is_what_a_terminal_can_show) {
       {"a control character of Unicode",
        "a\xc2\x9b"
        "1m",
-       9, "a??1m"},
+       12, "a\\xc2\\x9b1m"},
   };
   for (const auto& r : rows) EXPECT_EQ(fitted(r.text, r.width), r.expected) << r.label;
 }

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <memory>
@@ -106,6 +107,21 @@ class machine {
     return wait();
   }
   ending wait() { return _publisher->end(); }
+  /// Sends the signal to the script alone.
+  ending signal(int sig) {
+    _publisher->signal(sig);
+    return wait();
+  }
+  /// What runs of all that the script has started, found by its environment variables.
+  texts left_running() const {
+    texts found;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+      const std::string proc = entry.path();
+      if (read_file(proc + "/environ").find("SENT_FILE=" + sent_file() + '\0') != std::string::npos)
+        found.push_back(read_file(proc + "/comm"));
+    }
+    return found;
+  }
 
  private:
   const scratch& _dir;
@@ -172,9 +188,12 @@ class fleet : public testing::Test {
         "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" SWIFT_CLOCK " exec " DACHOST
         " $command -p " PLUGIN " \"$@\"\n",
         "bin/dachost");
-    // What mosquitto_pub gets, and when, is kept in a file.
-    const std::string pub =
-        dir.file("#!/bin/sh\nPATH=${PATH#*:}\ntee \"$SENT_FILE\" | mosquitto_pub \"$@\"\n", "bin/mosquitto_pub");
+    // What mosquitto_pub gets, and when, is kept in a file. The process that gets the script's signals is
+    // mosquitto_pub.
+    const std::string pub = dir.file(
+        "#!/bin/sh\nPATH=${PATH#*:}\nexec 3<&0\nrm -f \"$SENT_FILE.fifo\"\nmkfifo \"$SENT_FILE.fifo\"\n"
+        "tee \"$SENT_FILE\" <&3 >\"$SENT_FILE.fifo\" &\nexec mosquitto_pub \"$@\" 3<&- <\"$SENT_FILE.fifo\"\n",
+        "bin/mosquitto_pub");
     for (const std::string& s : {script, pub})
       if (chmod(s.c_str(), 0700) != 0) throw std::runtime_error(s);
   }
@@ -265,6 +284,30 @@ TEST_F(fleet, ends_as_the_host_ends_that_refuses_its_file) {
     const ending e = gateway.wait();
     EXPECT_EQ(e.status, 1);
     EXPECT_NE(e.err.find("dachost: not config hostname in "), std::string::npos) << e.err;
+  });
+}
+
+TEST_F(fleet, a_signal_to_the_script_leaves_no_process_running) {
+  in_a_network_of_its_own([this] {
+    auto b = std::make_unique<broker>(dir);
+    machine gateway(dir, 1, "gateway");
+    for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {
+      SCOPED_TRACE(sig);
+      std::filesystem::remove(dir.path("gateway.sent"));
+      gateway.publish();
+      gateway.await_sent("null");
+      EXPECT_GE(gateway.left_running().size(), 3U);
+      EXPECT_EQ(gateway.signal(sig).status, -sig);
+      EXPECT_TRUE(eventually([&] { return gateway.left_running().empty(); })) << gateway.left_running().front();
+    }
+    std::filesystem::remove(dir.path("gateway.sent"));
+    gateway.publish();
+    gateway.await_sent("null");
+    b.reset();
+    gateway.add("2001:db8:1::1/64");
+    gateway.await_sent("2001:db8:1::1");
+    EXPECT_EQ(gateway.signal(SIGTERM).status, -SIGTERM);
+    EXPECT_TRUE(eventually([&] { return gateway.left_running().empty(); })) << "with a message that no broker takes";
   });
 }
 

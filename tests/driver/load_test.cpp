@@ -4,7 +4,9 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <fstream>
+#include <functional>
 #include <set>
 #include <string>
 #include <system_error>
@@ -300,4 +302,32 @@ TEST_F(refusal, of_pages_for_the_table_ends_the_process) {
     }
   };
   EXPECT_DEATH(host(), assertion);
+}
+
+// compat: no entry point tests for the system's own sign of failure.
+TEST_F(refusal, MAP_FAILED_is_treated_as_an_address_by_every_entry_point_that_needs_pages) {
+  const int h = create();
+  const std::string long_path = dir.file("hostname=h1\n", std::string(200, 'p'));
+  const struct {
+    const char* label;
+    std::function<void()> call;
+  } rows[] = {
+      {"dac_create", [&] { rec.args("drv", long_path.c_str()).create(lib); }},
+      {"dac_getinfo", [&] { info(h); }},
+      {"worker",
+       [&] {
+         start(h);
+         fake_clock::step();
+       }},
+  };
+  fake_interfaces::set(strings(50, "2001:db8:1111:2222:3333:4444:5555:6666"));
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    const auto host = [&] {
+      std::signal(SIGSEGV, SIG_DFL);  // a sanitizer has its own handler
+      fake_pages::fail_all();
+      row.call();
+    };
+    EXPECT_EXIT(host(), testing::KilledBySignal(SIGSEGV), "");
+  }
 }

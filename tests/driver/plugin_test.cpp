@@ -1,14 +1,20 @@
 // The entry points of the built library and an instance's life, as a host sees them.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <climits>
+#include <cstdint>
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <set>
+#include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "driver/dac.h"
@@ -460,6 +466,19 @@ TEST_F(plugin, writes_the_status_where_the_text_without_its_end_fits) {
   }
 }
 
+TEST_F(plugin, a_size_above_INT_MAX_is_used_whole) {
+  const std::string doc = R"({"status":"stop","host":"h1"})";
+  const int h = create("h1");
+  for (const size_t room : {size_t{INT_MAX} + 1, size_t{UINT_MAX}, size_t{UINT_MAX} + 1, SIZE_MAX / 2 + 1, SIZE_MAX}) {
+    SCOPED_TRACE(room);
+    char buf[64] = "#";
+    size_t size = room;
+    EXPECT_EQ(lib.getinfo(h, buf, &size), 0);
+    EXPECT_EQ(buf, doc);
+    EXPECT_EQ(size, doc.size() - 1);
+  }
+}
+
 TEST_F(plugin, escapes_the_host_name_in_the_status) {
   const struct {
     const char* label;
@@ -500,6 +519,92 @@ TEST_F(plugin, may_be_called_back_into_from_its_callbacks) {
   stop(h);
   const std::string running = R"({"status":"running","host":"h1"}1h1)", stopped = R"({"status":"stop","host":"h1"}0h1)";
   EXPECT_EQ(seen, (strings{running, running, stopped}));
+}
+
+TEST_F(plugin, a_tag_callback_may_call_every_entry_point) {
+  const int h = create("h1");
+  int calls = 0;
+  std::function<void()> inside = [&] {
+    ++calls;
+    EXPECT_EQ(hostname(h), "h1");
+    EXPECT_EQ(info(h), R"({"status":"stop","host":"h1"})");
+    EXPECT_EQ(lib.isrun(h), 0);
+    EXPECT_EQ(lib.devicewriteobj(h), 4);
+    EXPECT_EQ(lib.getversion(), 500);
+    const int other = create_another();
+    start(other);
+    stop(other);
+    lib.destroy(other);
+    EXPECT_FALSE(is_known(other));
+  };
+  const auto tag = [](const char*, int, int, void* param) { (*static_cast<std::function<void()>*>(param))(); };
+  const auto tagex = [](const char*, int, int, const char*, const char*, void* param) {
+    (*static_cast<std::function<void()>*>(param))();
+  };
+  EXPECT_EQ(lib.getalltags(h, tag, &inside), 0);
+  EXPECT_EQ(lib.getalltagsex(h, tagex, &inside), 0);
+  EXPECT_EQ(calls, 2);
+}
+
+namespace {
+
+/// A pipe with a path. A reader of the path waits until finish(), which writes the text and closes the pipe.
+class named_pipe {
+ public:
+  named_pipe(std::string path, std::string text) : _text(std::move(text)) {
+    if (mkfifo(path.c_str(), 0600) == 0) _writer = ::open(path.c_str(), O_RDWR);
+    if (_writer < 0) throw std::runtime_error("no pipe " + path);
+  }
+  ~named_pipe() { finish(); }
+  named_pipe(const named_pipe&) = delete;
+  named_pipe& operator=(const named_pipe&) = delete;
+
+  void finish() {
+    if (_writer < 0) return;
+    EXPECT_EQ(::write(_writer, _text.data(), _text.size()), static_cast<ssize_t>(_text.size()));
+    ::close(_writer);
+    _writer = -1;
+  }
+
+ private:
+  std::string _text;
+  int _writer = -1;
+};
+
+}  // namespace
+
+TEST_F(plugin, no_entry_point_waits_while_another_threads_create_reads_its_file) {
+  const int h = create("h1");
+  fake_clock::free_run();
+  std::atomic<bool> done = false;
+  int slow = -1;
+  std::unique_ptr<caller> reader, others;  // joined after the pipe is closed
+  // The mark keeps the scanner from seeking.
+  named_pipe pipe(dir.path("pipe"), "\xEF\xBB\xBFhostname=slow\n");
+  reader = std::make_unique<caller>([&] { slow = rec.args("drv", dir.path("pipe").c_str()).create(lib); });
+  ASSERT_TRUE(reader->waits());
+  others = std::make_unique<caller>([&] {
+    EXPECT_EQ(lib.start(h), 0);
+    EXPECT_GE(lib.isrun(h), 0);
+    EXPECT_EQ(lib.stop(h), 0);
+    EXPECT_EQ(hostname(h), "h1");
+    EXPECT_EQ(lib.getalltagsex(
+                  h, [](auto...) {}, nullptr),
+              0);
+    EXPECT_EQ(info(h), R"({"status":"stop","host":"h1"})");
+    EXPECT_EQ(lib.devicewriteobj(h), 4);
+    EXPECT_EQ(lib.devicewriteval(h), 4);
+    const int other = create_another();
+    EXPECT_EQ(other, h + 2) << "the slow one is registered";
+    lib.destroy(other);
+    done = true;
+  });
+  await([&] { return done.load(); }, "an entry point waits for a file that another thread reads");
+  pipe.finish();
+  reader->join();
+  EXPECT_EQ(slow, h + 1);
+  EXPECT_EQ(hostname(slow), "slow");
+  fake_clock::stepping();
 }
 
 TEST_F(plugin, may_be_called_from_several_threads_at_once) {

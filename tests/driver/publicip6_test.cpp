@@ -256,6 +256,36 @@ TEST_F(publicip6, an_address_that_has_no_text_is_skipped) {
   EXPECT_EQ(fake_interfaces::outstanding(), 0);
 }
 
+TEST_F(publicip6, the_address_buffer_is_zeroed_for_every_entry) {
+  fake_interfaces::set({"2001:db8::1", "2001:db8::2", "2001:db8::1", "2001:db8::3"});
+  for (const size_t n : {size_t{1}, size_t{12}, size_t{47}}) {
+    const std::string unterminated(n, 'x');
+    fake_interfaces::set_text_of("2001:db8::2", unterminated);
+    ym::string_<> out;
+    EXPECT_EQ(getPublicIp6(out), 0);
+    EXPECT_EQ(out.c_str(), "2001:db8::1," + unterminated + ",2001:db8::1,2001:db8::3");
+  }
+}
+
+TEST_F(publicip6, an_empty_text_appends_nothing_but_the_comma) {
+  fake_interfaces::set({"2001:db8::1", "2001:db8::2"});
+  fake_interfaces::set_text_of("2001:db8::2", "");
+  ym::string_<> out;
+  EXPECT_EQ(getPublicIp6(out), 0);
+  EXPECT_STREQ(out.c_str(), "2001:db8::1,");
+}
+
+// Appending no characters to an empty string would release its block.
+TEST_F(publicip6, an_empty_text_leaves_an_empty_string_its_block) {
+  fake_interfaces::set({"2001:db8::1"});
+  fake_interfaces::set_text_of("2001:db8::1", "");
+  ym::string_<> out(100);
+  const size_t before = blocks::live();
+  EXPECT_EQ(getPublicIp6(out), 0);
+  EXPECT_EQ(out.size(), 0U);
+  EXPECT_EQ(blocks::live(), before);
+}
+
 TEST_F(publicip6, an_address_for_which_there_is_no_storage_leaves_the_text_as_it_was_and_the_walk_goes_on) {
   const blocks::exhausted no64(64);
   EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}), "::");

@@ -448,6 +448,22 @@ TEST_F(handle, objects_are_made_and_destroyed_under_the_lock) {
   EXPECT_EQ(held, (std::vector<bool>{true, true}));
 }
 
+TEST_F(handle, del_destroys_the_object_while_its_entry_is_still_linked_and_counted) {
+  ASSERT_EQ(create(2), (std::vector<int>{0, 1}));
+  const probe* object = table.get(1);
+  std::vector<entry> linked;
+  uint64_t counted = 0;
+  probe::at_death = [&] {
+    linked = chain(&table, bucket_of(1));
+    counted = count();
+  };
+  ASSERT_EQ(table.del(1), 0);
+  ASSERT_EQ(ids(linked), std::vector<int>{1});
+  EXPECT_EQ(linked[0].obj, object);
+  EXPECT_EQ(counted, 2U);
+  EXPECT_EQ(count(), 1U);
+}
+
 TEST_F(handle, every_operation_locks_once_also_when_it_finds_nothing) {
   watched = mutex_of(&table);
   const std::function<void()> operations[] = {

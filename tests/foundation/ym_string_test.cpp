@@ -731,6 +731,20 @@ TEST_F(string, copied_is_a_string_of_its_own) {
   EXPECT_EQ(raw(copy_of_none), nullptr);
 }
 
+TEST_F(string, a_copied_string_has_the_capacity_of_one_append) {
+  const struct {
+    size_t size;
+    uint32_t capacity;
+  } rows[] = {{1, 8}, {7, 24}, {8, 24}, {20, 56}, {100, 248}, {1000, 2040}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.size);
+    text s(5000);
+    add(s, std::string(row.size, 'x'));
+    const text copy(s);
+    EXPECT_EQ(head(copy), (header{row.capacity, static_cast<uint32_t>(row.size)}));
+  }
+}
+
 // ---------------------------------------------------------------- comparison
 
 TEST_F(string, equals_a_string_of_the_same_text) {
@@ -873,6 +887,19 @@ TEST_F(string, is_empty_when_there_is_no_memory_for_what_it_is_assigned) {
   fake_pages::refuse_all();
   s = std::string(100, 'x').c_str();
   EXPECT_EQ(head(s), (header{8, 0}));
+}
+
+TEST_F(string, is_empty_when_there_is_no_memory_for_the_string_it_is_assigned) {
+  text s, other;
+  s = "abc";
+  other = std::string(100, 'x').c_str();
+  const auto all = pools::take(256, pools::pool_of(256).free);
+  fake_pages::refuse_all();
+  s = other;
+  EXPECT_EQ(head(s), (header{8, 0}));
+  EXPECT_STREQ(s.c_str(), "");
+  fake_pages::refuse(0);
+  pools::give(all);
 }
 
 // Pieces that need four mappings in all; a piece whose size before and after is the same was dropped.

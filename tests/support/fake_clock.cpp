@@ -3,6 +3,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -19,6 +20,8 @@ struct state {
   std::condition_variable changed;
   int64_t now = 1'700'000'000;
   bool free = false;
+  bool interrupts = false;
+  int readings = 0;
   int64_t ticks = 0;    // wakings so far
   int64_t entered = 0;  // calls of nanosleep so far
   int asleep = 0;
@@ -32,10 +35,17 @@ void await(std::unique_lock<std::mutex>& hold, auto condition, const char* what)
   if (!s().changed.wait_for(hold, patience, condition)) throw std::runtime_error(what);
 }
 
+void rest_a_millisecond(std::unique_lock<std::mutex>& hold) {
+  hold.unlock();
+  const timespec millisecond = {0, 1'000'000};
+  syscall(SYS_nanosleep, &millisecond, nullptr);
+}
+
 }  // namespace
 
 extern "C" time_t time(time_t* out) noexcept {
   const std::lock_guard hold(s().mtx);
+  ++s().readings;
   if (out) *out = s().now;
   return s().now;
 }
@@ -50,11 +60,11 @@ extern "C" int nanosleep(const timespec* request, timespec* remainder) {
   const int64_t tick = s().ticks;
   s().changed.wait(hold, [&] { return s().free || s().ticks != tick; });
   --s().asleep;
-  if (!s().free) return 0;
-  hold.unlock();
-  const timespec millisecond = {0, 1'000'000};
-  syscall(SYS_nanosleep, &millisecond, nullptr);
-  return 0;
+  const bool interrupted = s().interrupts;
+  if (interrupted && remainder) *remainder = *request;
+  if (s().free) rest_a_millisecond(hold);
+  if (interrupted) errno = EINTR;
+  return interrupted ? -1 : 0;
 }
 
 namespace fake_clock {
@@ -97,6 +107,14 @@ void stepping() {
   s().free = false;
 }
 
+void interrupt_sleeps(bool on) {
+  const std::lock_guard hold(s().mtx);
+  s().interrupts = on;
+}
+int readings() {
+  const std::lock_guard hold(s().mtx);
+  return s().readings;
+}
 int sleeps() {
   const std::lock_guard hold(s().mtx);
   return static_cast<int>(s().entered);

@@ -21,6 +21,11 @@ void await_sleepers(int threads);
 void free_run();
 void stepping();
 
+/// From now on whether each sleep ends as one that a signal interrupted.
+void interrupt_sleeps(bool on);
+
+/// Calls of time so far.
+int readings();
 /// Calls of nanosleep so far, and the latest request and remainder argument.
 int sleeps();
 timespec last_request();

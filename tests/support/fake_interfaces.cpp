@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <mutex>
 #include <stdexcept>
 
@@ -18,6 +19,7 @@ struct state {
   std::mutex mtx;
   std::vector<std::string> addresses;
   std::string refused;
+  std::string replaced, characters;  // an address and what inet_ntop writes for it
   int result = 0, lists = 0, frees = 0;
   size_t text_room = 0;
 };
@@ -43,6 +45,11 @@ void free_address(sockaddr* a) {
     delete reinterpret_cast<sockaddr_in*>(a);
   else
     delete reinterpret_cast<sockaddr_in6*>(a);
+}
+
+bool is_address(const void* bytes, const std::string& text) {
+  in6_addr a{};
+  return inet_pton(AF_INET6, text.c_str(), &a) == 1 && std::memcmp(&a, bytes, sizeof a) == 0;
 }
 
 }  // namespace
@@ -92,11 +99,13 @@ extern "C" const char* inet_ntop(int family, const void* a, char* text, socklen_
     errno = ENOSPC;
     return nullptr;
   }
-  in6_addr refused{};
-  if (!s().refused.empty() && inet_pton(AF_INET6, s().refused.c_str(), &refused) == 1 &&
-      std::equal(refused.s6_addr, refused.s6_addr + 16, static_cast<const unsigned char*>(a))) {
+  if (is_address(a, s().refused)) {
     errno = ENOSPC;
     return nullptr;
+  }
+  if (is_address(a, s().replaced)) {
+    s().characters.copy(text, size);
+    return text;
   }
   return real(family, a, text, size);
 }
@@ -116,6 +125,11 @@ void fail(int result) {
 void refuse_text_of(std::string address) {
   const std::lock_guard hold(s().mtx);
   s().refused = std::move(address);
+}
+void set_text_of(std::string address, std::string characters) {
+  const std::lock_guard hold(s().mtx);
+  s().replaced = std::move(address);
+  s().characters = std::move(characters);
 }
 int lists() {
   const std::lock_guard hold(s().mtx);
@@ -138,6 +152,7 @@ void reset() {
   s().text_room = 0;
   std::vector<std::string>().swap(s().addresses);  // and its room
   s().refused.clear();
+  s().replaced.clear();
   s().result = s().lists = s().frees = 0;
 }
 

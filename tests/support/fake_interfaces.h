@@ -15,6 +15,8 @@ void set(std::vector<std::string> addresses);
 void fail(int result);
 /// From now on inet_ntop fails for this address; "" for none.
 void refuse_text_of(std::string address);
+/// From now on inet_ntop writes these characters, and no terminating zero, for `address`; "" for none.
+void set_text_of(std::string address, std::string characters);
 
 /// Calls of getifaddrs, which yields -1 when it is refused, and of inet_ntop.
 extern nth list_calls, text_calls;

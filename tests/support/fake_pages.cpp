@@ -22,6 +22,7 @@ struct state {
   std::map<void*, size_t> live;
   int made = 0;
   bool refuses_all = false;
+  bool fails_all = false;
   size_t last_length = 0;
   int last_descriptor = 0;
   long last_offset = -1;
@@ -56,6 +57,7 @@ void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t o
   s().last_offset = offset;
   ++s().made;
   if (fake_pages::mappings.is_next() || s().refuses_all) return nullptr;
+  if (s().fails_all) return MAP_FAILED;
   void* p = real_mmap(at, length, prot, flags, fd, offset);
   if (p == MAP_FAILED) return p;
   inside = true;
@@ -124,18 +126,22 @@ long last_offset() {
 }
 void refuse(int i) {
   const std::lock_guard hold(s().mtx);
-  s().refuses_all = false;
+  s().refuses_all = s().fails_all = false;
   mappings.refuse(i);
 }
 void refuse_all() {
   const std::lock_guard hold(s().mtx);
   s().refuses_all = true;
 }
+void fail_all() {
+  const std::lock_guard hold(s().mtx);
+  s().fails_all = true;
+}
 void page_size(long bytes) { __atomic_store_n(&page_told, bytes, __ATOMIC_RELAXED); }
 void reset() {
   const std::lock_guard hold(s().mtx);
   s().made = 0;
-  s().refuses_all = false;
+  s().refuses_all = s().fails_all = false;
   mappings.refuse(0);
 }
 

@@ -27,6 +27,8 @@ long last_offset();
 void refuse(int i);
 /// From now on every mapping yields null, until refuse(0).
 void refuse_all();
+/// From now on every mapping yields MAP_FAILED, as the system itself refuses, until refuse(0).
+void fail_all();
 
 /// Refuses every mapping during its lifetime, unless `refuse` is false. One at a time.
 class refusal {

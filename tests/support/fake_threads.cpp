@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstdlib>
+#include <new>
 #include <string_view>
 
 namespace {
@@ -22,12 +24,29 @@ F next(F /*same*/, const char* name) {
   return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
+struct delayed {
+  void* (*body)(void*);
+  void* argument;
+};
+
+void* run_delayed(void* p) {
+  const delayed d = *static_cast<delayed*>(p);
+  std::free(p);
+  fake_threads::before_body();
+  return d.body(d.argument);
+}
+
 }  // namespace
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, void* (*body)(void*),
                               void* argument) noexcept {
   static const auto real = next(&pthread_create, "pthread_create");
   if (fake_threads::threads.is_next()) return EAGAIN;
+  if (fake_threads::before_create) fake_threads::before_create();
+  if (fake_threads::before_body) {
+    argument = new (std::malloc(sizeof(delayed))) delayed{body, argument};  // not counted as a block of the heap
+    body = run_delayed;
+  }
   const int error = real(thread, attr, body, argument);
   if (error == 0) ++not_joined;
   return error;
@@ -50,6 +69,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 namespace fake_threads {
 
 nth threads;
+std::function<void()> before_create, before_body;
 
 int unjoined() { return not_joined; }
 

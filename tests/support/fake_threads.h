@@ -1,12 +1,18 @@
 // pthread_create and pthread_mutex_lock replaced by ones that can refuse, pthread_join by one that counts.
 #pragma once
 
+#include <functional>
+
 #include "tests/support/nth.h"
 
 namespace fake_threads {
 
 /// Threads made; one that is refused is so with EAGAIN.
 extern nth threads;
+
+/// Called by pthread_create before the thread exists, and on each new thread before its body. Set while no thread
+/// starts.
+extern std::function<void()> before_create, before_body;
 
 /// Threads made and not joined yet.
 int unjoined();

@@ -1,9 +1,4 @@
-// The scanner: cases as files in tests/foundation/config, NAME.conf beside NAME.expected, and what files alone cannot
-// show.
-//
-// NAME.expected holds one callback call a line: section, key and value, each in quotation marks. Inside them a
-// quotation mark and a backslash stand behind a backslash, bytes that do not print are \xHH.
-// NAME.comment-HH.conf is scanned with byte HH as commentchar, every other file with 0.
+// The scanner: the cases of config_cases.h, the start of the input, the callback, memory; and the file stream.
 #include "com/ymlib3/ym_config"
 
 #include <dlfcn.h>
@@ -13,21 +8,22 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <sstream>
+#include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <type_traits>
 #include <vector>
 
 #include "com/ymlib3/ym_string"
+#include "tests/foundation/config_cases.h"
 #include "tests/support/blocks.h"
 #include "tests/support/scratch.h"
 #include "tests/support/scratch_file.h"
+#include "tests/support/texts.h"
 #include "tests/support/threads.h"
 
 using namespace std::literals;
@@ -56,7 +52,7 @@ std::string quoted(std::string_view s) {
 
 std::string quoted(const text& s) { return quoted({s.c_str(), s.size()}); }
 
-/// A line of NAME.expected.
+/// One call as text: section, key and value in quotation marks.
 std::string call(std::string_view section, std::string_view key, std::string_view value) {
   return quoted(section) + " " + quoted(key) + " " + quoted(value) + "\n";
 }
@@ -90,32 +86,23 @@ std::string scan_text(std::string_view bytes, int commentchar = 0) {
   return scan(in, commentchar);
 }
 
-std::string contents(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
+const fs::path directory = fs::path(SOURCE_DIR) / "tests/foundation/config";
+
+fs::path file_of(const config_case& c) { return directory / (c.name + ".conf"); }
+
+std::string input_of(const config_case& c) { return c.input ? *c.input : read_file(file_of(c)); }
+
+std::string calls_of(const config_case& c) {
+  std::string calls;
+  for (const config_call& each : c.calls) calls += call(each.section, each.key, each.value);
+  return calls;
 }
 
-int commentchar_of(const fs::path& conf) {
-  const std::string mark = ".comment-", variant = conf.stem().extension().string();
-  return variant.starts_with(mark) ? std::stoi(variant.substr(mark.size()), nullptr, 16) : 0;
+const config_case& find_case(std::string_view name) {
+  for (const config_case& c : config_cases())
+    if (c.name == name) return c;
+  throw std::invalid_argument(std::string(name));
 }
-
-/// Files of `dir` that are no half of a pair NAME.conf, NAME.expected.
-std::vector<std::string> unpaired(const fs::path& dir) {
-  std::vector<std::string> found;
-  for (const auto& entry : fs::directory_iterator(dir)) {
-    const fs::path& path = entry.path();
-    const bool conf = path.extension() == ".conf", expected = path.extension() == ".expected";
-    const fs::path other = fs::path(path).replace_extension(conf ? ".expected" : ".conf");
-    if ((!conf && !expected) || !fs::exists(other)) found.push_back(path.filename().string());
-  }
-  std::sort(found.begin(), found.end());
-  return found;
-}
-
-const fs::path cases = fs::path(SOURCE_DIR) / "tests/foundation/config";
 
 }  // namespace
 
@@ -125,33 +112,36 @@ extern "C" std::FILE* fopen(const char* path, const char* mode) {
   return last_file = real(path, mode);
 }
 
-// ---------------------------------------------------------------- cases as files
+// ---------------------------------------------------------------- cases
 
-TEST(config_files, each_gives_the_calls_that_are_expected_of_it) {
-  int n = 0;
-  for (const auto& entry : fs::directory_iterator(cases)) {
-    const fs::path& conf = entry.path();
-    if (conf.extension() != ".conf") continue;
-    SCOPED_TRACE(conf.filename());
+TEST(config_cases, each_makes_the_expected_calls) {
+  for (const config_case& c : config_cases()) {
+    SCOPED_TRACE(c.name);
+    const scratch_file file(input_of(c));
     ym::rstream_file in;
-    ASSERT_TRUE(in.open(conf.c_str()));
-    EXPECT_EQ(scan(in, commentchar_of(conf)), contents(fs::path(conf).replace_extension(".expected")));
-    ++n;
+    ASSERT_TRUE(in.open(file.path().c_str()));
+    EXPECT_EQ(scan(in, c.commentchar), calls_of(c));
   }
-  EXPECT_GE(n, 100);
 }
 
-TEST(config_files, each_has_its_expected_calls_beside_it) { EXPECT_EQ(unpaired(cases), std::vector<std::string>{}); }
-
-TEST(config_files, one_without_the_other_and_one_of_neither_kind_are_found) {
-  const scratch dir;
-  for (const char* file : {"both.conf", "both.expected", "a.conf", "b.expected", "both.txt", "c"}) dir.file("", file);
-  EXPECT_EQ(unpaired(dir.path("")), (std::vector<std::string>{"a.conf", "b.expected", "both.txt", "c"}));
+TEST(config_cases, each_makes_the_expected_calls_from_memory_too) {
+  for (const config_case& c : config_cases()) EXPECT_EQ(scan_text(input_of(c), c.commentchar), calls_of(c)) << c.name;
 }
 
-TEST(config_files, with_line_feeds_and_with_both_line_ends_give_the_same_calls) {
-  EXPECT_EQ(contents(cases / "example.expected"), contents(cases / "example_crlf.expected"));
-  EXPECT_NE(contents(cases / "example.conf"), contents(cases / "example_crlf.conf"));
+TEST(config_cases, each_file_belongs_to_one_case) {
+  std::multiset<std::string> expected, found;
+  for (const config_case& c : config_cases())
+    if (!c.input) expected.insert(file_of(c).filename());
+  for (const auto& entry : fs::directory_iterator(directory)) found.insert(entry.path().filename());
+  EXPECT_EQ(found, expected);
+}
+
+TEST(config_cases, line_feeds_and_both_line_ends_make_the_same_calls) {
+  const config_case &example = find_case("example"), &crlf = find_case("example_crlf");
+  std::string without = input_of(crlf);
+  EXPECT_EQ(std::erase(without, '\r'), 6U);
+  EXPECT_EQ(without, input_of(example));
+  EXPECT_EQ(calls_of(crlf), calls_of(example));
 }
 
 // ---------------------------------------------------------------- start of the input
@@ -282,13 +272,14 @@ TEST(config, one_scanner_scans_a_second_stream_during_a_call) {
 }
 
 TEST(config, threads_scan_streams_of_their_own_side_by_side) {
-  const std::string expected = contents(cases / "example.expected");
+  const config_case& example = find_case("example");
+  const scratch_file file(input_of(example));
   std::vector<std::string> calls(4);
   in_threads(calls.size(), [&](size_t me) {
     ym::rstream_file in;
-    if (in.open((cases / "example.conf").c_str())) calls[me] = scan(in);
+    if (in.open(file.path().c_str())) calls[me] = scan(in);
   });
-  EXPECT_EQ(calls, std::vector<std::string>(4, expected));
+  EXPECT_EQ(calls, std::vector<std::string>(4, calls_of(example)));
 }
 
 // ---------------------------------------------------------------- memory

@@ -90,7 +90,7 @@ set(CPACK_DEBIAN_MAIN_PACKAGE_NAME ip6dns)
 set(CPACK_DEBIAN_MAIN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MAIN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
 set(CPACK_DEBIAN_MAIN_PACKAGE_RECOMMENDS "libncursesw6 (>= 6)")  # dachost top loads it for its screen
-set(CPACK_DEBIAN_MAIN_PACKAGE_SUGGESTS "bind9-dnsutils, mosquitto-clients")  # what the two scripts need
+set(CPACK_DEBIAN_MAIN_PACKAGE_SUGGESTS "bind9-dnsutils, python3-paho-mqtt")  # what the two scripts need
 set(CPACK_DEBIAN_MAIN_PACKAGE_CONTROL_EXTRA ${packaging}/conffiles)
 set(CPACK_COMPONENT_MAIN_DESCRIPTION
 "libip6dns.so is a driver for a host data-acquisition platform. It publishes

@@ -1,0 +1,418 @@
+// examples/publish-mqtt against a real broker: TLS, passwords, access lists, crashes and outages. dachost is played by
+// a program that prints the values the test wants, so that each value sent can be compared with those received.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <memory>
+#include <numeric>
+#include <stdexcept>
+
+#include "tests/support/network.h"
+#include "tests/support/process.h"
+#include "tests/support/scratch.h"
+#include "tests/support/texts.h"
+
+namespace {
+
+constexpr char publish_mqtt[] = SOURCE_DIR "/examples/publish-mqtt";
+constexpr char topic[] = "ip6dns/gateway";
+
+void shell(const std::string& command) {
+  const ending e = process({"sh", "-ec", command}).end();
+  if (e.status != 0) throw std::runtime_error(command + ": " + e.out + e.err);
+}
+
+/// mosquitto on 127.0.0.1 with TLS on 8883, plain on 1883. Its state is in the directory `dir`.
+class broker {
+ public:
+  broker(const scratch& dir, const std::string& rules)
+      : _conf(dir.file("user root\npersistence true\npersistence_location " + dir.path("state/") +
+                           "\nautosave_interval 1\nautosave_on_changes true\nlistener 1883 127.0.0.1\n"
+                           "listener 1884\nlistener 8883 127.0.0.1\ncafile " +
+                           dir.path("ca.crt") + "\ncertfile " + dir.path("broker.crt") + "\nkeyfile " +
+                           dir.path("broker.key") + '\n' + rules,
+                       "mosquitto.conf")) {
+    mkdir(dir.path("state").c_str(), 0700);
+  }
+
+  void start() {
+    _process = std::make_unique<process>(texts{"/usr/sbin/mosquitto", "-c", _conf});
+    _process->await_err(" running");
+  }
+  void kill() {
+    _process->signal(SIGKILL);
+    EXPECT_EQ(_process->end_unread(), -SIGKILL);
+  }
+  ~broker() {
+    if (_process) _process->signal(SIGTERM);
+    if (_process) _process->end_unread();
+  }
+  broker(const broker&) = delete;
+  broker& operator=(const broker&) = delete;
+
+ private:
+  std::string _conf;
+  std::unique_ptr<process> _process;
+};
+
+/// Sees what is published on the topic and below it, from now on.
+class subscriber {
+ public:
+  explicit subscriber(const texts& options = {}) : _process(with_options(options)) {}
+
+  void await(const std::string& line) { _process.await_out(line + '\n'); }
+  void await_value(int number) {
+    await(std::string(topic) + " {\"event\":\"value\",\"value\":\"" + std::to_string(number) + "\"}");
+  }
+  void await_status(const std::string& status) { await(std::string(topic) + "/status " + status); }
+  /// The numbers of the values received, in order.
+  std::vector<int> values() {
+    _process.signal(SIGTERM);
+    std::vector<int> all;
+    for (const std::string& line : lines(_process.end().out))
+      if (const size_t at = line.find(R"("value":")"); at != std::string::npos) all.push_back(std::atoi(&line[at + 9]));
+    return all;
+  }
+
+ private:
+  process _process;
+
+  static texts with_options(const texts& options) {
+    texts argv = {"mosquitto_sub", "-h", "127.0.0.1", "-v", "-q", "1", "-t", std::string(topic) + "/#"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return argv;
+  }
+};
+
+size_t count(const std::string& text, const std::string& part) {
+  size_t n = 0;
+  for (size_t at = text.find(part); at != std::string::npos; at = text.find(part, at + 1)) ++n;
+  return n;
+}
+
+class mqtt : public testing::Test {
+ protected:
+  scratch dir;
+
+  mqtt() {
+    mkdir(dir.path("bin").c_str(), 0700);
+    set_dachost("echo $$ >" + dir.path("dachost.pid") + "\nexec tail -n +1 -f " + dir.path("values"));
+    dir.file("", "values");
+  }
+
+  void set_dachost(const std::string& script) const {
+    if (chmod(dir.file("#!/bin/sh\n" + script + '\n', "bin/dachost").c_str(), 0700) != 0)
+      throw std::runtime_error("cannot make the program executable");
+  }
+
+  /// A certificate authority and the broker's certificate.
+  void certify() const {
+    const std::string quiet = " 2>/dev/null; ", key = " -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes ";
+    shell("cd " + dir.path("") + "; openssl req -x509 -days 2 -subj /CN=authority" + key +
+          "-keyout ca.key -out ca.crt" + quiet + "openssl req -subj /CN=127.0.0.1" + key +
+          "-keyout broker.key -out broker.csr" + quiet +
+          "printf 'subjectAltName=IP:127.0.0.1\\n' >extension; "
+          "openssl x509 -req -in broker.csr -CA ca.crt -CAkey ca.key -days 2 -extfile extension -out broker.crt" +
+          quiet);
+  }
+
+  void add(int number) const {
+    std::ofstream(dir.path("values"), std::ios::app)
+        << "{\"event\":\"message\"}\n{\"event\":\"value\",\"value\":\"" << number << "\"}\n";
+  }
+
+  std::unique_ptr<process> publisher(const texts& options) const {
+    texts argv = {"env",
+                  "PATH=" + dir.path("bin") + ':' + std::getenv("PATH"),
+                  "HOME=" + dir.path(""),
+                  publish_mqtt,
+                  "ip6dns.conf",
+                  topic,
+                  "-h",
+                  "127.0.0.1"};
+    argv.insert(argv.end(), options.begin(), options.end());
+    return std::make_unique<process>(argv);
+  }
+  texts tls() const { return {"--cafile", dir.path("ca.crt")}; }
+
+  /// The process that plays dachost, once it runs.
+  pid_t dachost() const {
+    pid_t id = 0;
+    if (!eventually([&] { return static_cast<bool>(std::ifstream(dir.path("dachost.pid")) >> id); }))
+      throw std::runtime_error("dachost does not run");
+    return id;
+  }
+  static bool is_gone(pid_t id) {
+    return eventually([&] { return kill(id, 0) != 0; });
+  }
+
+  static std::string stop(process& p) {
+    p.signal(SIGTERM);
+    return p.end().err;
+  }
+
+  static void print(const char* scenario, int first, int last, const std::vector<int>& received) {
+    int lost = 0, repeated = 0;
+    for (int n = first; n <= last; ++n) {
+      const auto times = std::count(received.begin(), received.end(), n);
+      lost += times == 0;
+      repeated += static_cast<int>(times > 1 ? times - 1 : 0);
+    }
+    std::printf("%-28s sent %d received %zu lost %d repeated %d\n", scenario, last - first + 1, received.size(), lost,
+                repeated);
+  }
+};
+
+constexpr char open_to_all[] = "allow_anonymous true\n";
+
+}  // namespace
+
+TEST_F(mqtt, values_arrive_over_TLS_once_and_in_order) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    subscriber s;
+    const auto p = publisher(tls());
+    s.await_status("online");
+    for (int n = 1; n <= 20; ++n) {
+      add(n);
+      s.await_value(n);
+    }
+    EXPECT_EQ(stop(*p), "");
+    s.await_status("offline");
+    std::vector<int> expected(20);
+    std::iota(expected.begin(), expected.end(), 1);
+    const auto received = s.values();
+    print("steady", 1, 20, received);
+    EXPECT_EQ(received, expected);
+  });
+}
+
+TEST_F(mqtt, newest_value_arrives_after_the_broker_is_killed) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher(tls());
+    {
+      subscriber s;
+      add(1);
+      s.await_value(1);
+    }
+    b.kill();
+    p->await_err("; retrying\n");
+    add(2);
+    add(3);
+    b.start();
+    subscriber s;
+    s.await_value(3);
+    s.await_status("online");
+    add(4);
+    s.await_value(4);
+    const std::string err = stop(*p);
+    EXPECT_EQ(count(err, ": connected again after 00:00:"), 1U) << err;
+    EXPECT_EQ(count(err, "; retrying"),
+              count(err, "connection lost; retrying") + count(err, "Connection refused; retrying"))
+        << err;
+    EXPECT_LE(count(err, "; retrying"), 2U) << err;
+    const auto received = s.values();
+    print("broker killed, newest", 3, 4, received);
+    EXPECT_EQ(received, (std::vector<int>{3, 4}));
+  });
+}
+
+TEST_F(mqtt, newest_value_is_sent_again_when_the_broker_has_lost_it) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher(tls());
+    add(1);
+    subscriber().await_value(1);
+    b.kill();
+    shell("rm -rf " + dir.path("state/*"));
+    b.start();
+    subscriber().await_value(1);
+    stop(*p);
+  });
+}
+
+TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    const auto p = publisher(tls());
+    add(1);
+    p->await_err("publish-mqtt: 127.0.0.1:8883: Connection refused; retrying\n");
+    b.start();
+    subscriber s;
+    s.await_value(1);
+    EXPECT_EQ(count(stop(*p), "connected again"), 1U);
+  });
+}
+
+TEST_F(mqtt, wrong_password_is_reported_once) {
+  in_a_network_of_its_own([this] {
+    certify();
+    shell("mosquitto_passwd -c -b " + dir.path("passwords") + " gateway right");
+    broker b(dir, "allow_anonymous false\npassword_file " + dir.path("passwords") + '\n');
+    b.start();
+    const auto p = publisher({"--cafile", dir.path("ca.crt"), "-u", "gateway", "-P", "wrong"});
+    p->await_err("publish-mqtt: 127.0.0.1:8883: Not authorized; retrying\n");
+    EXPECT_EQ(count(stop(*p), "Not authorized"), 1U);
+  });
+}
+
+TEST_F(mqtt, password_is_read_from_the_file_of_the_clients) {
+  in_a_network_of_its_own([this] {
+    certify();
+    shell("mosquitto_passwd -c -b " + dir.path("passwords") + " gateway 'right one'");
+    mkdir(dir.path(".config").c_str(), 0700);
+    dir.file("-u gateway\n-P right one\n", ".config/mosquitto_pub");
+    broker b(dir, "allow_anonymous false\npassword_file " + dir.path("passwords") + '\n');
+    b.start();
+    const auto p = publisher(tls());
+    add(1);
+    subscriber({"-u", "gateway", "-P", "right one"}).await_value(1);
+    EXPECT_EQ(stop(*p), "");
+  });
+}
+
+TEST_F(mqtt, refused_topic_is_reported_once) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, std::string(open_to_all) + "acl_file " +
+                      dir.file("topic readwrite ip6dns/gateway/status\ntopic read #\n", "acl") + '\n');
+    b.start();
+    const auto p = publisher(tls());
+    add(1);
+    p->await_err("publish-mqtt: ip6dns/gateway: Not authorized\n");
+    add(2);
+    subscriber s;
+    s.await_status("online");
+    const std::string err = stop(*p);
+    EXPECT_EQ(err, "publish-mqtt: ip6dns/gateway: Not authorized\n");
+  });
+}
+
+TEST_F(mqtt, untrusted_certificate_is_refused) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({"-p", "8883"});
+    p->await_err("CERTIFICATE_VERIFY_FAILED");
+    stop(*p);
+  });
+}
+
+TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    shell("ip link set lo up; ip addr add 10.9.9.1/24 dev lo");
+    const auto p = publisher({"-h", "10.9.9.1", "-p", "1884", "-k", "3"});
+    subscriber s;
+    add(1);
+    s.await_value(1);
+    shell("ip addr del 10.9.9.1/24 dev lo");  // segments are lost, the connection stays
+    add(2);
+    p->await_err("; retrying\n");
+    shell("ip addr add 10.9.9.1/24 dev lo");
+    s.await_value(2);
+    const std::string err = stop(*p);
+    EXPECT_EQ(count(err, "connected again"), 1U) << err;
+    print("link cut", 1, 2, s.values());
+  });
+}
+
+TEST_F(mqtt, values_pass_a_broker_with_a_full_disk) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
+    ASSERT_EQ(mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(mount("full", dir.path("state").c_str(), "tmpfs", 0, "size=4k"), 0);
+    std::ofstream(dir.path("state/filler")) << std::string(8192, 'x');
+    b.start();
+    const auto p = publisher(tls());
+    subscriber s;
+    for (int n = 1; n <= 5; ++n) {
+      add(n);
+      s.await_value(n);
+    }
+    b.kill();
+    add(6);
+    b.start();
+    subscriber late;
+    late.await_value(6);
+    stop(*p);
+    const auto received = s.values();
+    print("full disk", 1, 5, received);
+  });
+}
+
+TEST_F(mqtt, killed_publisher_leaves_no_process_and_is_offline) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    subscriber s;
+    const auto p = publisher(tls());
+    add(1);
+    s.await_value(1);
+    const pid_t child = dachost();
+    p->signal(SIGKILL);
+    EXPECT_EQ(p->end_unread(), -SIGKILL);
+    s.await_status("offline");
+    EXPECT_TRUE(is_gone(child));
+  });
+}
+
+TEST_F(mqtt, stopped_publisher_leaves_no_process) {
+  in_a_network_of_its_own([this] {
+    const auto p = publisher({});
+    p->await_err("; retrying\n");
+    const pid_t child = dachost();
+    stop(*p);
+    EXPECT_TRUE(is_gone(child));
+  });
+}
+
+TEST_F(mqtt, publisher_ends_with_the_status_of_dachost) {
+  in_a_network_of_its_own([this] {
+    set_dachost("echo 'dachost: x: not found' >&2; exit 78");
+    const auto p = publisher({});
+    EXPECT_EQ(p->end().status, 78);
+  });
+}
+
+TEST_F(mqtt, missing_certificate_file_is_named) {
+  const ending e = publisher({"--cafile", "/no/such/file"})->end();
+  EXPECT_EQ(e.status, 2);
+  EXPECT_NE(e.err.find("publish-mqtt: error: /no/such/file: cannot be read"), std::string::npos) << e.err;
+}
+
+TEST_F(mqtt, outage_costs_no_processor_time) {
+  in_a_network_of_its_own([this] {
+    const auto p = publisher({});
+    p->await_err("; retrying\n");
+    const auto ticks = [&] {
+      const texts fields = split(read_file("/proc/" + std::to_string(p->pid()) + "/stat"), ' ');
+      return std::stol(fields.at(13)) + std::stol(fields.at(14));
+    };
+    const long before = ticks();
+    process({"sleep", "3"}).end();
+    EXPECT_LE(ticks() - before, sysconf(_SC_CLK_TCK) / 4);
+    stop(*p);
+  });
+}

@@ -147,6 +147,7 @@ class subscriber {
   void await(const std::string& machine, const std::string& value) {
     _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\"}\n");
   }
+  void await_online(const std::string& machine) { _process.await_out("ip6dns/" + machine + "/status online\n"); }
   /// Topic by topic the values, one for each change.
   std::map<std::string, texts> changes() {
     _process.signal(SIGTERM);
@@ -278,7 +279,7 @@ TEST_F(fleet, a_signal_to_the_script_leaves_no_process_running) {
       SCOPED_TRACE(sig);
       subscriber s;
       gateway.publish();
-      s.await("gateway", "null");
+      s.await_online("gateway");
       EXPECT_GE(gateway.left_running().size(), 2U);
       EXPECT_EQ(gateway.signal(sig).status, 0);
       EXPECT_TRUE(eventually([&] { return gateway.left_running().empty(); })) << gateway.left_running().front();

@@ -7,10 +7,14 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
+#include <utility>
 
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
@@ -41,6 +45,22 @@ class remote_control {
   int _fd = -1;
 };
 
+/// Processor time of a process and its threads.
+inline double processor_seconds(pid_t pid) {
+  const std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+  const texts fields = split(stat.substr(stat.rfind(") ") + 2), ' ');
+  return static_cast<double>(std::stol(fields.at(11)) + std::stol(fields.at(12))) /
+         static_cast<double>(sysconf(_SC_CLK_TCK));
+}
+
+/// Watches a process that has nothing to do. A loop that does not wait would take most of the time, and a tenth of it
+/// still on a machine that is ten times overloaded.
+inline void expect_quiet(const process& p, std::chrono::milliseconds time = std::chrono::milliseconds(1500)) {
+  const double before = processor_seconds(p.pid());
+  std::this_thread::sleep_for(time);
+  EXPECT_LT(processor_seconds(p.pid()) - before, 0.1 * std::chrono::duration<double>(time).count());
+}
+
 class dachost_fixture : public testing::Test {
  protected:
   scratch dir;
@@ -70,6 +90,15 @@ class dachost_fixture : public testing::Test {
     EXPECT_EQ(e.status, 0) << e.err;
     return e;
   }
+
+  /// A configuration file for the fake plug-in.
+  std::string conf(const std::string& orders, const std::string& name = "gw") const {
+    return dir.file(orders, name + ".conf");
+  }
+  /// Has a program that waits with `wait_for_go` go on.
+  void go() const { dir.file("", "go"); }
+  static constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.02; done\n";
+  static constexpr char ignore_SIGTERM[] = "trap '' TERM; echo begin >>did; while :; do sleep 1000; done\n";
 
   /// A program, started in the test's directory.
   std::string program(const std::string& body) const {

@@ -83,6 +83,7 @@ process::~process() {
 void process::signal(int sig) const { kill(_pid, sig); }
 
 void process::close_out() { _out.close(); }
+void process::close_err() { _err.close(); }
 
 void process::await_out(const std::string& text) {
   await([&] { return _out.text.find(text) != std::string::npos; }, text);
@@ -127,7 +128,7 @@ bool process::has_ended() {
 }
 
 bool process::stream::read_some() {
-  char buf[4096];
+  char buf[65536];
   const ssize_t n = read(fd, buf, sizeof buf);
   if (n > 0) text.append(buf, static_cast<size_t>(n));
   return n > 0;

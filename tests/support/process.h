@@ -38,6 +38,7 @@ class process {
   void signal(int sig) const;
   /// From now on nobody reads the program's standard output.
   void close_out();
+  void close_err();
 
   /// Waits until the text has been printed.
   void await_out(const std::string& text);

@@ -280,7 +280,7 @@ TEST_F(fleet, a_signal_to_the_script_leaves_no_process_running) {
       subscriber s;
       gateway.publish();
       s.await_online("gateway");
-      EXPECT_GE(gateway.left_running().size(), 2U);
+      EXPECT_TRUE(eventually([&] { return gateway.left_running().size() >= 2; }));
       EXPECT_EQ(gateway.signal(sig).status, 0);
       EXPECT_TRUE(eventually([&] { return gateway.left_running().empty(); })) << gateway.left_running().front();
     }

@@ -1,5 +1,5 @@
-// Everything the loader sees, and nothing else: the globals in the order in which they are built, and the entry
-// points, each of which finds its instance and hands over. The table is locked for the finding only.
+// The three globals, in the order of construction, and the exported functions. Each function finds its instance under
+// the table's lock and works on it without the lock; only making and deleting an instance happens under the lock.
 #include <new>
 #include <system_error>
 
@@ -8,13 +8,10 @@
 #include "driver/dac.h"
 #include "driver/ip6dnsDriver.h"
 
-// Built at load in this order, destroyed at unload in reverse: the table gives its blocks back before the pools go.
+// Constructed at load in this order, destroyed at unload in reverse: the table returns its blocks before the pools go.
 ym_glibc_noarena g_ym_glibc_noarena;
 ym_allocator_ g_ym_allocator;
 DAC_EXPORT ym::handle<ip6dnsDriver> g_dachandls;
-
-// Made at load: when there is no memory left, none is left for making this either.
-static const std::system_error no_memory(std::make_error_code(std::errc::not_enough_memory));
 
 const char* const g_verson = DAC_VERSION_TEXT;
 
@@ -27,16 +24,16 @@ int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam,
     ip6dnsDriver* d = g_dachandls.get(handle);
     if (d->Create(name, cfgfile, log, logparam, aux1, aux1param, data, dataparam, aux2, aux2param)) return handle;
   } catch (const std::bad_alloc&) {
-    // Out of memory: refused like an instance that cannot be configured.
+    // Fails like an instance that cannot be configured.
   } catch (...) {
-    if (handle >= 0) g_dachandls.del(handle);  // nobody would know its handle
+    if (handle >= 0) g_dachandls.del(handle);  // the caller never learns the handle
     throw;
   }
-  g_dachandls.del(handle);  // kept: the handle number is used up
+  g_dachandls.del(handle);  // compat: a failed call consumes a handle number
   return -1;
 }
 
-// kept: a running worker is neither stopped nor waited for.
+// compat: neither stops a running worker nor waits for it.
 void dac_destroy(int handle) { g_dachandls.del(handle); }
 
 int dac_start(int handle) {
@@ -45,7 +42,8 @@ int dac_start(int handle) {
   try {
     d->Start();
   } catch (const std::bad_alloc&) {
-    throw std::system_error(no_memory);
+    // The text of the error needs memory too. If there is none, std::bad_alloc leaves dac_start instead.
+    throw std::system_error(std::make_error_code(std::errc::not_enough_memory));
   }
   return 0;
 }
@@ -59,11 +57,11 @@ int dac_stop(int handle) {
 
 int dac_isrun(int handle) {
   const ip6dnsDriver* d = g_dachandls.get(handle);
-  return d && d->IsRun() ? 1 : 0;  // kept: 0 for an unknown handle too
+  return d && d->IsRun() ? 1 : 0;  // compat: 0 for an unknown handle too
 }
 
 int dac_devicewriteobj(int handle, ...) { return g_dachandls.get(handle) ? DAC_WRITE_REFUSED : -1; }
-// kept: one function, two names.
+// compat: one function with two names.
 [[gnu::alias("dac_devicewriteobj")]] int dac_devicewriteval(int handle, ...);
 
 int dac_getversion(void) { return DAC_VERSION; }

@@ -4,9 +4,13 @@
 #include <malloc.h>
 #include <unistd.h>
 
+#include <array>
 #include <csignal>
 #include <fstream>
 #include <functional>
+#include <memory>
+#include <new>
+#include <ostream>
 #include <set>
 #include <string>
 #include <system_error>
@@ -41,11 +45,84 @@ constexpr char assertion[] =
     "com/ymlib3/ym_alloctor:597: void\\* ym::blk_alloctor<LOCK>::malloc_\\(size_t\\*\\) "
     "\\[with LOCK = ym::spinlock; size_t = long unsigned int\\]: Assertion `pret != nullptr' failed";
 
+// One call that loading makes, or one destructor that unloading runs.
+struct step {
+  std::string what;
+  int mappings;  // made before it
+  int blocks;    // asked of operator new before it
+  bool operator==(const step&) const = default;
+};
+
+std::ostream& operator<<(std::ostream& out, const step& s) {
+  return out << s.what << " after " << s.mappings << " mappings and " << s.blocks << " blocks";
+}
+
+// Records the steps while it lives. Its memory does not come from operator new, which it counts.
+class load_record {
+ public:
+  load_record() { current = this; }
+  ~load_record() { current = nullptr; }
+  load_record(const load_record&) = delete;
+  load_record& operator=(const load_record&) = delete;
+
+  static void add(const char* what, const void* about = nullptr) {
+    if (!current || current->_count == current->_steps.size()) return;
+    current->_steps[current->_count++] = {what, about, fake_pages::made(), fake_heap::asked()};
+  }
+
+  /// The steps so far; an object is named as `table` or as the pools.
+  std::vector<step> steps(const void* table) const {
+    std::vector<step> all;
+    for (size_t i = 0; i < _count; ++i) {
+      const entry& e = _steps[i];
+      const char* object = !e.about ? "" : e.about == table ? " the table" : " the pools";
+      all.push_back({std::string(e.what) + object, e.mappings, e.blocks});
+    }
+    return all;
+  }
+
+ private:
+  struct entry {
+    const char* what;
+    const void* about;
+    int mappings, blocks;
+  };
+  std::array<entry, 32> _steps{};
+  size_t _count = 0;
+  static inline load_record* current = nullptr;
+};
+
+// A destructor that the library registers, and what runs in its place.
+struct registered {
+  void (*destroy)(void*);
+  void* object;
+};
+std::array<registered, 32> g_registered;
+size_t g_registrations = 0;
+
+void destroy_recorded(void* at) {
+  const auto& r = *static_cast<registered*>(at);
+  load_record::add("destroys", r.object);
+  r.destroy(r.object);
+}
+
+bool g_watched = false;  // whether __cxa_atexit is called by the library that is being loaded
+
 }  // namespace
 
 extern "C" int mallopt(int parameter, int value) noexcept {
   tunings().push_back({parameter, value, fake_pages::made()});
+  load_record::add("tunes");
   return 1;
+}
+
+extern "C" int __cxa_atexit(void (*destroy)(void*), void* object, void* library) noexcept {
+  static auto* real = reinterpret_cast<int (*)(void (*)(void*), void*, void*)>(dlsym(RTLD_NEXT, "__cxa_atexit"));
+  if (!g_watched || g_registrations == g_registered.size()) return real(destroy, object, library);
+  load_record::add("registers", object);
+  registered& r = g_registered[g_registrations++];
+  r = {destroy, object};
+  return real(destroy_recorded, &r, library);
 }
 
 namespace {
@@ -150,7 +227,43 @@ TEST_F(load, ends_the_process_when_the_table_finds_no_memory) {
   EXPECT_DEATH(const library lib, assertion);
 }
 
+TEST_F(load, builds_three_globals_without_a_block_of_the_heap) {
+  load_record record;
+  g_registrations = 0;
+  fake_heap::refuse(1);  // also counts
+  g_watched = true;
+  void* lib = dlopen(library::path(), RTLD_NOW);
+  g_watched = false;
+  const int blocks = fake_heap::asked();
+  fake_heap::refuse(0);
+  ASSERT_TRUE(lib);
+  const void* table = dlsym(lib, "g_dachandls");
+  EXPECT_EQ(blocks, 0);
+  EXPECT_EQ(record.steps(table), (std::vector<step>{{"tunes", 0, 0},
+                                                    {"tunes", 0, 0},
+                                                    {"tunes", 0, 0},
+                                                    {"registers the pools", 4, 0},
+                                                    {"registers the table", 5, 0}}));
+  EXPECT_EQ(fake_pages::made(), 5);
+  dlclose(lib);
+}
+
 // ---------------------------------------------------------------- unload
+
+TEST_F(load, unload_destroys_the_table_and_then_the_pools) {
+  g_registrations = 0;
+  fake_heap::refuse(0);
+  g_watched = true;
+  void* lib = dlopen(library::path(), RTLD_NOW);
+  g_watched = false;
+  ASSERT_TRUE(lib);
+  const void* table = dlsym(lib, "g_dachandls");
+  fake_pages::reset();
+  const auto record = std::make_unique<load_record>();
+  fake_heap::refuse(0);
+  dlclose(lib);
+  EXPECT_EQ(record->steps(table), (std::vector<step>{{"destroys the table", 0, 0}, {"destroys the pools", 0, 0}}));
+}
 
 TEST_F(load, leaves_nothing_behind_when_it_is_unloaded) {
   const auto before = fake_pages::live();
@@ -241,6 +354,27 @@ TEST_F(refusal, of_memory_for_a_thread_is_a_system_error) {
     EXPECT_EQ(lib.stop(h), 0);
   }
   fake_clock::advance(120);
+  expect_usable(h);
+}
+
+// The error itself needs memory: two blocks for its text.
+TEST_F(refusal, of_all_memory_for_a_thread_is_bad_alloc) {
+  const int h = create();
+  const long before = fake_heap::live();
+  bool was_refused = false;
+  fake_heap::refuse_from(1);
+  try {
+    lib.start(h);
+  } catch (const std::bad_alloc&) {
+    was_refused = true;
+  } catch (const std::system_error&) {
+    was_refused = false;
+  }
+  fake_heap::refuse(0);
+  EXPECT_TRUE(was_refused);
+  EXPECT_EQ(fake_heap::live(), before);
+  EXPECT_EQ(lib.isrun(h), 0);
+  EXPECT_EQ(lib.stop(h), 0);
   expect_usable(h);
 }
 

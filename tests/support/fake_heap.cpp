@@ -34,5 +34,6 @@ namespace fake_heap {
 long live() { return blocks; }
 int asked() { return requests.seen(); }
 void refuse(int i) { requests.refuse(i); }
+void refuse_from(int i) { requests.refuse_from(i); }
 
 }  // namespace fake_heap

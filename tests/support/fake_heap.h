@@ -11,5 +11,7 @@ int asked();
 /// Of the blocks that this thread asks for from now on, number `i` (1 is the next) is refused with std::bad_alloc;
 /// 0 refuses none.
 void refuse(int i);
+/// Refuses number `i` and every block after it that this thread asks for, until refuse(0).
+void refuse_from(int i);
 
 }  // namespace fake_heap

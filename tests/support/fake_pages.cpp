@@ -5,8 +5,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <functional>
 #include <mutex>
+#include <utility>
 
+#include "tests/support/c_heap.h"
 #include "tests/support/immortal.h"
 
 // The sanitizers' own, where a sanitizer is linked in: it must learn of mappings that come and go.
@@ -19,7 +22,7 @@ namespace {
 
 struct state {
   std::recursive_mutex mtx;
-  std::map<void*, size_t> live;
+  std::map<void*, size_t, std::less<>, c_heap<std::pair<void* const, size_t>>> live;
   int made = 0;
   bool refuses_all = false;
   bool fails_all = false;
@@ -110,7 +113,7 @@ int made() {
 }
 std::map<void*, size_t> live() {
   const std::lock_guard hold(s().mtx);
-  return s().live;
+  return {s().live.begin(), s().live.end()};
 }
 size_t last_length() {
   const std::lock_guard hold(s().mtx);

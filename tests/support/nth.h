@@ -10,15 +10,25 @@ class nth {
   void refuse(int i) {
     _seen = 0;
     _refused = i;
+    _all_after = false;
+  }
+  /// Counts anew; number `i` and all after it are to fail.
+  void refuse_from(int i) {
+    refuse(i);
+    _all_after = true;
   }
   /// One more occurrence: whether it is the one.
-  bool is_next() { return ++_seen == _refused; }
+  bool is_next() {
+    const int n = ++_seen;
+    return _all_after ? n >= _refused : n == _refused;
+  }
   /// Occurrences since the latest refuse().
   int seen() const { return _seen; }
   bool is_armed() const { return _refused != 0; }
 
  private:
   std::atomic<int> _seen = 0, _refused = 0;
+  std::atomic<bool> _all_after = false;
 };
 
 /// Lets occurrence 1, 2, ... fail, each in a call of its own, until a call meets none: how many have failed. `after` is

@@ -1,13 +1,13 @@
-// Which IPv6 addresses are public, and the walk over this machine's interfaces.
+// The filter for public IPv6 addresses, and the walk over this machine's interfaces.
 #pragma once
 
 #include "com/ymlib3/ym_string"
 
-/// Whether the 16 bytes of an address, network order, are published: all but loopback, multicast, link-local,
-/// site-local, IPv4-mapped and IPv4-compatible ones.
-// kept: the unspecified address, unique-local ones, and temporary and deprecated ones are published.
+/// True if the 16 bytes of an address, in network order, are published: all addresses except loopback, multicast,
+/// link-local, site-local, IPv4-mapped and IPv4-compatible ones.
+// compat: the unspecified address, unique-local, temporary and deprecated addresses are published.
 bool is_public_ip6(const unsigned char* a) noexcept;
 
-/// Appends the public addresses of all interfaces, in the system's order, separated by commas from each other and from
-/// what stands in `out`. 0, or getifaddrs's negative result with `out` unchanged. [any thread]
+/// Appends the public addresses of all interfaces to `out` in the system's order, with a comma before each address
+/// unless `out` is empty. Returns 0, or the negative result of getifaddrs with `out` unchanged. [any thread]
 int getPublicIp6(ym::string_<>& out) noexcept;

@@ -28,10 +28,15 @@ class publicip6 : public testing::Test {
     fake_interfaces::reset();
     fake_interfaces::set(addresses);
     ym::string_<> text;
-    text = out;
+    fill(text, out);
     EXPECT_EQ(getPublicIp6(text), 0);
     EXPECT_EQ(fake_interfaces::outstanding(), 0);
     return {text.c_str(), text.size()};
+  }
+
+  /// Character by character: up to 7 take a block of 16.
+  static void fill(ym::string_<>& text, const char* characters) {
+    for (; *characters; ++characters) text.push_back(*characters);
   }
 };
 
@@ -286,11 +291,51 @@ TEST_F(publicip6, an_empty_text_leaves_an_empty_string_its_block) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-TEST_F(publicip6, an_address_for_which_there_is_no_storage_leaves_the_text_as_it_was_and_the_walk_goes_on) {
+// The comma and the address are separate appends: each keeps the text as it is if it gets no storage.
+TEST_F(publicip6, an_address_without_storage_leaves_its_comma_and_the_walk_goes_on) {
   const blocks::exhausted no64(64);
-  EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}), "::");
-  EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}, "x"), "x,::");
-  EXPECT_EQ(found({"2001:db8::10", "2001:db8::20"}, "x"), "x");
+  EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}), "::,");
+  EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}, "x"), "x,,::,");
+  EXPECT_EQ(found({"2001:db8::10", "2001:db8::20"}, "x"), "x,,");
+}
+
+TEST_F(publicip6, a_comma_without_storage_is_dropped) {
+  const blocks::exhausted no32(32);
+  EXPECT_EQ(found({"::"}, "1234567"), "1234567");
+}
+
+TEST_F(publicip6, an_address_is_appended_even_if_its_comma_gets_no_storage) {
+  fake_interfaces::set({"2001:db8::10"});
+  ym::string_<> text, reserve;
+  fill(text, "1234567");
+  fill(reserve, "makes the first chunk of blocks of 64 bytes");
+  const blocks::exhausted no32(32);
+  EXPECT_EQ(getPublicIp6(text), 0);
+  EXPECT_STREQ(text.c_str(), "12345672001:db8::10");
+}
+
+TEST_F(publicip6, the_comma_and_the_address_grow_the_text_one_after_the_other) {
+  const struct {
+    const char* label;
+    const char* before;
+    const char* address;
+    size_t block;
+  } rows[] = {
+      {"alone: 3 characters, request of 15", "", "1::", 16},
+      {"alone: 12 characters, request of 33", "", "2001:db8::10", 64},
+      {"the comma fits, the address makes 14: request of 37", "x", "2001:db8::10", 64},
+      {"the comma makes 8, request of 25: the address fits too", "1234567", "2001:db8::10", 32},
+      {"the comma makes 8: an address of 16 makes 24, request of 57", "1234567", "2001:db8::1:2:34", 64},
+      {"the comma makes 8: an address of 15 just fits", "1234567", "2001:db8::1:2:3", 32},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.label);
+    fake_interfaces::set({r.address});
+    ym::string_<> text;
+    fill(text, r.before);
+    EXPECT_EQ(getPublicIp6(text), 0);
+    EXPECT_EQ(ym::allocator::usable_(text.c_str() - 8), r.block);
+  }
 }
 
 TEST_F(publicip6, without_any_storage_nothing_is_appended_and_the_list_given_back) {

@@ -8,14 +8,12 @@
 
 namespace {
 
-// | prefix "[tag]", 80 at most | message, 30719 at most | zero |
-constexpr size_t message_room = 30720;
+// | prefix "[tag]", at most 80 | message, at most 30719 | zero |
 constexpr size_t buffer_size = 30800;
-constexpr size_t prefix_room = buffer_size - message_room;
+constexpr size_t message_room = 30720;
+constexpr int prefix_max = buffer_size - message_room;
 
-constexpr size_t short_room = 512;  // holds all of the driver's own messages unless a path is long
-
-// kept: 30, the driver's progress, has no code of its own and reaches the host as 0.
+// compat: level 30, the driver's progress messages, has no code and reaches the host as 0.
 int host_level(int level) {
   switch (level) {
     case 10:
@@ -31,12 +29,6 @@ int host_level(int level) {
   }
 }
 
-// Writes "[tag]", cut to the room that the buffer has beyond the message; the length written, or negative.
-int write_prefix(char* buf, const char* tag) {
-  if (!tag || !*tag) return 0;
-  return std::min(std::snprintf(buf, prefix_room + 1, "[%s]", tag), static_cast<int>(prefix_room));
-}
-
 }  // namespace
 
 void* logDac::operator new(size_t n) noexcept { return get_ym_allocator()->malloc_(n, nullptr); }
@@ -49,27 +41,16 @@ void logDac::bind(const char* name, cblog callback, void* param) {
   _level = 40;
 }
 
-// A frame of 30 kB would reach a page of the worker's stack that nothing else does, in every instance and for good.
 int logDac::push(int level, const char* tag, const char* fmt, va_list args) {
   if (!_callback) return -1;
   if (level > _level) return 0;
-  va_list again;
-  va_copy(again, args);
-  int n = deliver<short_room>(level, tag, fmt, args);
-  if (n == 0) n = deliver<message_room>(level, tag, fmt, again);
-  va_end(again);
-  return n != 0 ? n : -1;  // kept: what does not fit is refused, not cut
-}
-
-// The characters delivered, -1 for what cannot be formatted or is empty, 0 for a message that does not fit ROOM.
-template <size_t ROOM>
-int logDac::deliver(int level, const char* tag, const char* fmt, va_list args) const {
-  char buf[prefix_room + ROOM];
-  const int p = write_prefix(buf, tag);
+  char buf[buffer_size];
+  int p = 0;
+  if (tag && *tag) p = std::min(std::snprintf(buf, sizeof buf, "[%s]", tag), prefix_max);
   if (p < 0) return -1;
-  const int m = std::vsnprintf(buf + p, ROOM, fmt, args);
-  if (m < 1) return -1;
-  if (m >= static_cast<int>(ROOM)) return 0;
+  const int m = std::vsnprintf(buf + p, message_room, fmt, args);
+  // compat: an empty message is refused, and one that does not fit is refused instead of cut.
+  if (m < 1 || m >= static_cast<int>(message_room)) return -1;
   _callback(_name.c_str(), host_level(level), buf, 1, _param);
   return p + m;
 }

@@ -1,6 +1,7 @@
 // Log messages on their way to the host: levels, prefix, limits, and the abstract interface by its virtual slots.
 #include "driver/logDac.h"
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
 
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <type_traits>
+#include <utility>
 #include <vector>
 
 #include "com/ymlib3/ym_log"
@@ -24,6 +26,9 @@ using namespace std::literals;
 namespace {
 
 thread_local bool refuse_snprintf = false;
+
+// The limit of each vsnprintf, while it points somewhere.
+thread_local std::vector<size_t>* limits = nullptr;
 
 constexpr int longest = 30719;  // characters of a message
 constexpr int prefix = 80;      // of a prefix
@@ -46,7 +51,10 @@ class logger : public testing::Test {
   messages got;
 
   logger() { log.bind("drv", on_log, this); }
-  ~logger() override { refuse_snprintf = false; }
+  ~logger() override {
+    refuse_snprintf = false;
+    limits = nullptr;
+  }
 
   static void on_log(const char* name, int hostlevel, const char* text, int flag, void* param) {
     static_cast<logger*>(param)->got.push_back({name, hostlevel, text, flag});
@@ -69,12 +77,21 @@ const struct {
 }  // namespace
 
 // The prefix is written by it.
+extern "C" int vsnprintf(char* buf, size_t size, const char* fmt, va_list args) noexcept {
+  static auto* real = reinterpret_cast<decltype(&vsnprintf)>(dlsym(RTLD_NEXT, "vsnprintf"));
+  if (limits) limits->push_back(size);
+  return real(buf, size, fmt, args);
+}
+
+// A prefix. Its formatting is not counted.
 extern "C" int snprintf(char* buf, size_t size, const char* fmt, ...) noexcept {
   if (refuse_snprintf) return -1;
+  auto* const counted = std::exchange(limits, nullptr);
   va_list args;
   va_start(args, fmt);
   const int n = std::vsnprintf(buf, size, fmt, args);
   va_end(args);
+  limits = counted;
   return n;
 }
 
@@ -190,18 +207,26 @@ TEST_F(logger, a_message_of_any_length_arrives_whole) {
   }
 }
 
-// Each worker logs: what lies deeper than it ever goes otherwise would be a page of memory more in every instance.
-TEST(logDac, a_short_message_stays_within_a_page_of_the_stack) {
-  const char* text_at = nullptr;
-  const cblog note = [](const char*, int, const char* text, int, void* param) {
-    *static_cast<const char**>(param) = text;
-  };
-  logDac log;
-  log.bind("drv", note, &text_at);
-  const char here = 0;
-  log.add(30, "start wrk_process success.");
-  ASSERT_NE(text_at, nullptr);
-  EXPECT_LT(reinterpret_cast<uintptr_t>(&here) - reinterpret_cast<uintptr_t>(text_at), 4096U);
+TEST_F(logger, push_formats_a_message_once_with_room_for_30720_bytes) {
+  for (const char* tag : {"", "tag"}) {
+    for (const size_t length : {1U, 26U, 511U, 512U, 30719U, 30720U, 100000U}) {
+      SCOPED_TRACE(testing::Message() << "tag '" << tag << "', message of " << length);
+      const std::string text(length, 'm');
+      std::vector<size_t> seen;
+      limits = &seen;
+      push(log, 10, tag, "%s", text.c_str());
+      limits = nullptr;
+      EXPECT_EQ(seen, std::vector<size_t>{30720});
+    }
+  }
+}
+
+TEST_F(logger, a_message_above_the_threshold_is_not_formatted) {
+  std::vector<size_t> seen;
+  limits = &seen;
+  EXPECT_EQ(log.add(41, "m"), 0);
+  limits = nullptr;
+  EXPECT_EQ(seen.size(), 0U);
 }
 
 TEST_F(logger, a_tag_takes_no_room_from_the_message) {

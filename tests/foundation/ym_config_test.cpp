@@ -4,7 +4,6 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <stdio_ext.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -34,7 +33,6 @@ using config = ym::config<text>;
 namespace {
 
 thread_local std::vector<std::string> opened;  // modes in which this thread opened files
-thread_local std::FILE* last_file = nullptr;   // the last that it opened
 
 std::string quoted(std::string_view s) {
   constexpr char digits[] = "0123456789abcdef";
@@ -109,7 +107,7 @@ const config_case& find_case(std::string_view name) {
 extern "C" std::FILE* fopen(const char* path, const char* mode) {
   static auto* real = reinterpret_cast<std::FILE* (*)(const char*, const char*)>(dlsym(RTLD_NEXT, "fopen"));
   opened.emplace_back(mode);
-  return last_file = real(path, mode);
+  return real(path, mode);
 }
 
 // ---------------------------------------------------------------- cases
@@ -320,14 +318,6 @@ TEST(rstream_file, opens_a_file_for_reading_as_text) {
   EXPECT_TRUE(in.open(file.path().c_str()));
   EXPECT_TRUE(in.is_open());
   EXPECT_EQ(opened, std::vector<std::string>{"rt"});
-}
-
-// With a second thread in the process each byte would take and give back the lock.
-TEST(rstream_file, reads_without_a_lock_for_it_belongs_to_one_thread) {
-  const scratch_file file("ab");
-  ym::rstream_file in;
-  ASSERT_TRUE(in.open(file.path().c_str()));
-  EXPECT_EQ(__fsetlocking(last_file, FSETLOCKING_QUERY), FSETLOCKING_BYCALLER);
 }
 
 TEST(rstream_file, reads_each_byte_as_a_number_from_0_to_255) {

@@ -28,6 +28,24 @@ struct bare {
   void append(const char* p, size_t n) { pieces.emplace_back(p, n); }
 };
 
+// Appending returns something, as in the string types of other libraries.
+struct counting : bare {
+  size_t push_back(char c) {
+    bare::push_back(c);
+    return pieces.size();
+  }
+};
+struct chaining : bare {
+  chaining& push_back(char c) {
+    bare::push_back(c);
+    return *this;
+  }
+  chaining& append(const char* p, size_t n) {
+    bare::append(p, n);
+    return *this;
+  }
+};
+
 // Can make room too, and tells in which order it was asked to.
 struct roomy : bare {
   void reserve(size_t n) { pieces.push_back("room for " + std::to_string(n)); }
@@ -77,7 +95,7 @@ std::string escaped(std::string_view value) {
 
 template <class STR>
 class json_into : public pools::fresh {};
-using string_types = testing::Types<ym::string_<>, std::string, bare>;
+using string_types = testing::Types<ym::string_<>, std::string, bare, counting, chaining>;
 TYPED_TEST_SUITE(json_into, string_types);
 
 using json = pools::fresh;

@@ -42,8 +42,8 @@ void enter() {
   against("memory at load", "load", "32 kB", 32 * 1024);
   against("memory of a created instance, of 1024", "create 1024", "2 kB", 2 * 1024);
   for (const char* count : {"1024", "1", "4", "16", "64", "256"}) {
-    compare(std::string("memory of a running instance, of ") + count, std::string("run ") + count, "bare thread",
-            std::string("bare ") + count);
+    compare(std::string("memory of a running instance, of ") + count, std::string("run ") + count,
+            "bare thread with one message", std::string("bare ") + count);
     if (quick) break;
   }
   against("memory of a 24-byte block, of 1000000", "blocks pools", "header and class", 40);

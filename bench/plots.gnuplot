@@ -53,5 +53,5 @@ set output out.'/memory.svg'
 set title 'Memory of a running instance'
 set ylabel 'kB each'
 memory = '^memory of a running instance, of [0-9]+$'
-plot select(memory, 'bare thread', 6) using 1:($2/1024) title 'instance' lw 3, \
-     select(memory, 'bare thread', 7) using 1:($2/1024) title 'bare thread'
+plot select(memory, 'bare thread with one message', 6) using 1:($2/1024) title 'instance' lw 3, \
+     select(memory, 'bare thread with one message', 7) using 1:($2/1024) title 'bare thread'

@@ -11,8 +11,9 @@
  *   [worker thread]     called by the instance's own thread: return soon, dac_stop waits meanwhile; do not call
  *                       dac_stop or dac_destroy for this instance
  *
- * Every handle function returns -1 for a handle it does not know, unless it says otherwise. A mutex or a thread that
- * the system refuses raises std::system_error out of the function that needed it. Do not cancel a thread inside one.
+ * Every handle function returns -1 for an unknown handle, unless it says otherwise. If the system refuses a mutex or a
+ * thread, the function that needs it throws std::system_error, or std::bad_alloc if there is no memory for that
+ * exception. Do not cancel a thread inside a function.
  *
  * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
  * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports g_dachandls, its own table of instances: leave it alone.
@@ -81,21 +82,23 @@ typedef void (*cbaux)(void* param);
 typedef void (*cbtag)(const char* name, int type, int flag, void* param);
 typedef void (*cbtagex)(const char* name, int type, int flag, const char* text1, const char* text2, void* param);
 
-/* A new stopped instance, configured from `cfgfile`: its handle, 0 to 2048, or -1 with at most one message to `log`
- * (none when an argument is missing, 1024 instances exist, or memory runs out). `name`, `cfgfile` and `aux1` must be
- * given, `log` and `data` may be null. Callbacks and parameters must outlive the instance. [any thread] */
+/* A new stopped instance, configured from `cfgfile`: returns its handle, 0 to 2048, or -1. On -1, `log` gets no message
+ * if an argument is missing, 1024 instances exist or the C++ heap has no memory, else one message. If the path or the
+ * host name gets no memory, the message is that of a file that cannot be opened or has no host name. `name`, `cfgfile`
+ * and `aux1` are required; `log` and `data` may be null. Callbacks and parameters must outlive the instance.
+ * [any thread] */
 DAC_EXPORT int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
                           cbdata data, void* dataparam, cbaux aux2, void* aux2param);
 
-/* Deletes the instance. It does not stop the worker: call dac_stop first. [any thread] [instance stopped] */
+/* Deletes the instance. Does not stop the worker: call dac_stop first. [any thread] [instance stopped] */
 DAC_EXPORT void dac_destroy(int handle);
 
-/* Starts the worker: 0. It does not look whether one runs already: ask dac_isrun first.
+/* Starts the worker and returns 0. Does not check if one runs already: call dac_isrun first.
  * [any thread] [instance stopped] */
 DAC_EXPORT int dac_start(int handle);
 
-/* Stops the worker and waits for its end, about 0.1 s and whatever a data callback takes: 0, also when none ran.
- * [any thread], one at a time for an instance */
+/* Stops the worker, waits for its end (about 0.1 s, and the time of a running data callback) and returns 0. Returns 0
+ * at once without a worker. [any thread], one call at a time per instance */
 DAC_EXPORT int dac_stop(int handle);
 
 /* 1 while the worker runs, else 0; 0 for an unknown handle. [any thread] */

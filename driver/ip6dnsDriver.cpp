@@ -23,14 +23,14 @@ constexpr int tag_flag = 1;
 
 bool isText(const char* s) { return s && *s; }
 
-// Whole key, in any case; the length keeps out a key that goes on behind a zero byte.
+// Compares the whole key, in any case. Comparing the length rejects a key that continues after a zero byte.
 bool isHostnameKey(const ym::string_<>& key) {
   constexpr std::string_view name = "hostname";
   return key.size() == name.size() && strncasecmp(key.c_str(), name.data(), name.size()) == 0;
 }
 
-// Whether two times lie at most `most` apart, in either direction.
-// kept: one unsigned comparison, so that a clock set back counts like one gone ahead.
+// True if two times differ by at most `most`, in either direction.
+// compat: one unsigned comparison, so that a clock set back counts like one set ahead.
 bool isWithin(int64_t a, int64_t b, uint64_t most) {
   return static_cast<uint64_t>(a) - static_cast<uint64_t>(b) + most <= 2 * most;
 }
@@ -72,7 +72,7 @@ bool ip6dnsDriver::loadConfig(const char* path) {
   ym::rstream_file file;
   if (!file.open(path)) return false;
   const auto onKey = [this](const ym::string_<>& /*section*/, const ym::string_<>& key, const ym::string_<>& value) {
-    if (isHostnameKey(key)) _hostname = value;  // kept: the last one counts, an empty one too
+    if (isHostnameKey(key)) _hostname = value;  // compat: the last one counts, even if it is empty
     return 0;
   };
   return ym::config<ym::string_<>>().scan(&file, onKey, 0);
@@ -93,12 +93,12 @@ bool ip6dnsDriver::checkHostname() {
   return true;
 }
 
-// ---------------------------------------------------------------- life
+// ---------------------------------------------------------------- start and stop
 
 void ip6dnsDriver::Start() {
   _stop = 0;
-  // kept: what the last worker polled and published stays, so a restart polls and publishes when it would have been
-  // due. kept: a thread object that stands here already is forgotten, its worker runs on.
+  // compat: the times of the last poll and publication stay, so a restarted worker continues their intervals.
+  // compat: replaces an existing thread object without joining it; its worker keeps running.
   _thread = new std::thread([this] { wrk_process(); });
 }
 
@@ -117,7 +117,7 @@ void ip6dnsDriver::wrk_process() {
   _running = 1;
   _log.add(progress, "start wrk_process success.");
   while (_stop == 0) {
-    nanosleep(&round_pause, nullptr);  // kept: an interrupted sleep is not resumed
+    nanosleep(&round_pause, nullptr);  // compat: does not resume an interrupted sleep
     const int64_t now = time(nullptr);
     if (!isWithin(now, _lastcheck, poll_seconds - 1)) poll(now);
   }
@@ -136,7 +136,7 @@ void ip6dnsDriver::poll(int64_t now) {
   }
   if (!isDue(now)) return;
   if (_cbdata) publish(now);
-  _lastip6 = _ip6;  // kept: without a callback too
+  _lastip6 = _ip6;  // compat: without a callback too
 }
 
 bool ip6dnsDriver::isDue(int64_t now) const {
@@ -150,11 +150,11 @@ void ip6dnsDriver::publish(int64_t now) {
   copyText(_tag.value, _ip6.c_str());
   _tag.len = static_cast<uint16_t>(std::strlen(_tag.value));
   _cbdata(&_tag, 1, _cbdataparam);
-  // kept: set only now, so the host always reads time 0; from here on it is the time of this publication.
+  // compat: set after the callback, so the host always reads 0. The worker reads it as the time of the publication.
   _tag.time = tenths(now);
 }
 
-// ---------------------------------------------------------------- what the host asks
+// ---------------------------------------------------------------- queries
 
 void ip6dnsDriver::GetAllTags(cbtag callback, void* param) const {
   callback(_hostname.c_str(), DAC_TYPE_TEXT, tag_flag, param);
@@ -164,8 +164,7 @@ void ip6dnsDriver::GetAllTagsEx(cbtagex callback, void* param) const {
   callback(_hostname.c_str(), DAC_TYPE_TEXT, tag_flag, "", tag_text, param);
 }
 
-// kept: the fit compares with the length alone though length + 1 bytes are copied, and one less than the length is
-// handed back.
+// compat: compares `*size` with the length but copies length + 1 bytes, and returns the length minus one.
 void ip6dnsDriver::GetInfo(char* buf, size_t* size) const {
   ym::string_<> doc(256);
   int members = 0;

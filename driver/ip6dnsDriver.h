@@ -1,4 +1,4 @@
-// One driver instance: its configuration, its life, its worker thread and what it tells the host.
+// One driver instance: its configuration, its worker thread, and its answers to the host.
 #pragma once
 
 #include <cstddef>
@@ -10,34 +10,34 @@
 #include "driver/dac.h"
 #include "driver/logDac.h"
 
-/// Made stopped. Nothing here locks: the host keeps calls on one instance apart where dac.h asks for it.
+/// Constructed stopped. Takes no locks: where dac.h requires it, the host does not call at the same time.
 class ip6dnsDriver {
  public:
   ip6dnsDriver() = default;
-  // kept: no worker is looked at; who deletes a running instance deletes it under the worker's feet.
+  // compat: does not stop the worker: destroying a running instance is a caller error.
   ~ip6dnsDriver() = default;
   ip6dnsDriver(const ip6dnsDriver&) = delete;
   ip6dnsDriver& operator=(const ip6dnsDriver&) = delete;
 
-  /// Takes over dac_create's arguments and reads the configuration. False, with at most one message logged, when an
-  /// argument is missing or the configuration will not do.
+  /// Stores dac_create's arguments and reads the configuration. False if an argument is missing (logs nothing) or the
+  /// configuration is not valid (logs one message).
   bool Create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
               cbdata data, void* dataparam, cbaux aux2, void* aux2param);
 
-  /// Reads the file's "hostname" into _hostname; false when the file cannot be opened.
+  /// Reads "hostname" from the file into _hostname. False if the file cannot be opened.
   bool loadConfig(const char* path);
 
-  /// Starts a worker, whether one runs already or not. Throws std::system_error when there is no thread to be had and
-  /// std::bad_alloc when there is no memory.
+  /// Starts a worker without checking if one runs. Throws std::system_error if the system refuses a thread, and
+  /// std::bad_alloc if there is no memory.
   void Start();
-  /// Ends the worker and waits for it; does nothing when there is none.
+  /// Stops the worker and waits for its end. Does nothing without a worker.
   void Stop();
   bool IsRun() const { return _running != 0; }
 
-  /// Calls back once with the one tag.
+  /// Calls `callback` once with the one tag.
   void GetAllTags(cbtag callback, void* param) const;
   void GetAllTagsEx(cbtagex callback, void* param) const;
-  /// Writes the status document as dac_getinfo tells.
+  /// Writes the status document as dac_getinfo describes.
   void GetInfo(char* buf, size_t* size) const;
 
  private:
@@ -47,21 +47,21 @@ class ip6dnsDriver {
   ym::string_<> _cfgfile;                     // path of the configuration
   cblog _cblog = nullptr;                     // the same that _log holds
   void* _cblogparam = nullptr;                // the same that _log holds
-  cbaux _cbaux1 = nullptr;                    // must be given, never called
+  cbaux _cbaux1 = nullptr;                    // required, never called
   void* _cbaux1param = nullptr;               // never read
   cbdata _cbdata = nullptr;                   // receives the records; may be null
   void* _cbdataparam = nullptr;               // its last argument
   cbaux _cbaux2 = nullptr;                    // never called
   void* _cbaux2param = nullptr;               // never read
   [[maybe_unused]] char _reserved[260] = {};  // never used
-  int64_t _lastcheck = 0;                     // time() of the last look for addresses
-  ym::string_<> _lastip6;                     // what the last poll found
-  ym::string_<> _ip6;                         // what this poll finds
+  int64_t _lastcheck = 0;                     // time() of the last poll
+  ym::string_<> _lastip6;                     // text of the last poll that changed or republished it
+  ym::string_<> _ip6;                         // text of the current poll
   dac_tagvalue _tag = {};                     // the record; its time is that of the last publication
-  // kept: plain integers, shared by worker and host threads without lock or atomics; each is written whole, and the
-  // sleep in every round makes the worker read _stop anew.
+  // compat: plain integers, shared by worker and host threads without lock or atomics. Each is written whole, and the
+  // worker reads _stop again after the sleep of every round.
   int32_t _stop = 0;               // 1 asks the worker to end
-  int32_t _running = 0;            // 1 while the worker runs; the worker's own
+  int32_t _running = 0;            // 1 while the worker runs; written by the worker only
   std::thread* _thread = nullptr;  // from Start to Stop
 
   bool checkHostname();

@@ -408,6 +408,18 @@ TEST_F(refusal, of_pages_for_the_path_reads_no_file) {
   EXPECT_EQ(known(), std::set<int>{});
 }
 
+TEST_F(refusal, of_pages_for_the_host_name_is_reported_as_a_missing_host_name) {
+  dir.file("hostname=" + std::string(60, 'h') + "\n", "c");
+  ASSERT_EQ(chdir(dir.path("").c_str()), 0);  // a short path needs no page
+  fake_pages::refuse_all();
+  const int h = rec.args("n", "c").create(lib);
+  fake_pages::refuse(0);
+  EXPECT_EQ(chdir("/"), 0);
+  EXPECT_EQ(h, -1);
+  EXPECT_EQ(rec.messages(), strings{"not config hostname in c"});
+  EXPECT_EQ(known(), std::set<int>{});
+}
+
 TEST_F(refusal, of_pages_for_the_workers_text_leaves_it_running) {
   const int h = create();
   start(h);

@@ -7,6 +7,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <numeric>
 #include <vector>
 
 #include "tests/support/address_model.h"
@@ -44,8 +45,8 @@ uint64_t judge_all(const alphabets& values) {
 }
 
 std::vector<unsigned char> all_values() {
-  std::vector<unsigned char> all;
-  for (int value = 0; value < 256; ++value) all.push_back(static_cast<unsigned char>(value));
+  std::vector<unsigned char> all(256);
+  std::iota(all.begin(), all.end(), static_cast<unsigned char>(0));
   return all;
 }
 

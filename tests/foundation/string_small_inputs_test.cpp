@@ -231,7 +231,8 @@ class tail {
 
 class judge {
  public:
-  explicit judge(std::vector<op> ops, std::vector<uint64_t> refused = {}) : _ops(std::move(ops)), _grants(refused) {
+  explicit judge(std::vector<op> ops, std::vector<uint64_t> refused = {})
+      : _ops(std::move(ops)), _grants(std::move(refused)) {
     for (const op& o : _ops) {
       _others.push_back(std::make_unique<text>());
       if (o.what == kind::assign_other && o.n != 0) _others.back()->append(source().data(), o.n);
@@ -329,7 +330,7 @@ TEST(string_small_inputs, A_refused_block_leaves_the_string_of_the_model) {
     const exhausted while_judging(refused);
     judged += small_texts.all(5) + more_texts.all(4);
   }
-  for (const uint64_t refused : {384, 16384, 24576, 32768, 49152}) {
+  for (const uint64_t refused : {384U, 16384U, 24576U, 32768U, 49152U}) {
     judge big_texts(big, {refused});
     const exhausted while_judging({refused});
     judged += big_texts.all(4);

@@ -5,8 +5,11 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <array>
 #include <functional>
 #include <mutex>
+#include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "tests/support/c_heap.h"
@@ -24,6 +27,9 @@ struct state {
   std::recursive_mutex mtx;
   std::map<void*, size_t, std::less<>, c_heap<std::pair<void* const, size_t>>> live;
   int made = 0;
+  std::array<void*, 8> latest = {};  // mapping number i is element i % 8
+  std::multimap<size_t, void*, std::less<>, c_heap<std::pair<const size_t, void*>>> spare;  // by length
+  bool reuses = false;
   bool refuses_all = false;
   bool fails_all = false;
   size_t last_length = 0;
@@ -51,6 +57,15 @@ int real_munmap(void* at, size_t length) {
   return static_cast<int>(syscall(SYS_munmap, at, length));
 }
 
+/// A spare mapping of this length, or null.
+void* take_spare(size_t length) {
+  const auto it = s().spare.find(length);
+  if (it == s().spare.end()) return nullptr;
+  void* p = it->second;
+  s().spare.erase(it);
+  return p;
+}
+
 void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) {
   const bool pool_pages = flags == (MAP_PRIVATE | MAP_ANONYMOUS) && prot == (PROT_READ | PROT_WRITE) && !at;
   if (!pool_pages || inside) return real_mmap(at, length, prot, flags, fd, offset);
@@ -58,10 +73,13 @@ void* watched_mmap(void* at, size_t length, int prot, int flags, int fd, off_t o
   s().last_length = length;
   s().last_descriptor = fd;
   s().last_offset = offset;
-  ++s().made;
+  void*& latest = s().latest[static_cast<size_t>(++s().made) % s().latest.size()];
+  latest = nullptr;
   if (fake_pages::mappings.is_next() || s().refuses_all) return nullptr;
   if (s().fails_all) return MAP_FAILED;
-  void* p = real_mmap(at, length, prot, flags, fd, offset);
+  void* p = take_spare(length);
+  if (!p) p = real_mmap(at, length, prot, flags, fd, offset);
+  latest = p;
   if (p == MAP_FAILED) return p;
   inside = true;
   s().live[p] = length;
@@ -74,8 +92,12 @@ int watched_munmap(void* at, size_t length) {
     const std::lock_guard hold(s().mtx);
     inside = true;
     const auto it = s().live.find(at);
-    if (it != s().live.end() && it->second == length) s().live.erase(it);
+    const bool is_ours = it != s().live.end() && it->second == length;
+    if (is_ours) s().live.erase(it);
+    const bool is_spared = is_ours && s().reuses;
+    if (is_spared) s().spare.emplace(length, at);
     inside = false;
+    if (is_spared) return 0;
   }
   return real_munmap(at, length);
 }
@@ -111,6 +133,11 @@ int made() {
   const std::lock_guard hold(s().mtx);
   return s().made;
 }
+void* address_of(int i) {
+  const std::lock_guard hold(s().mtx);
+  if (i < 1 || i > s().made || i + 8 <= s().made) throw std::out_of_range("mapping " + std::to_string(i));
+  return s().latest[static_cast<size_t>(i) % s().latest.size()];
+}
 std::map<void*, size_t> live() {
   const std::lock_guard hold(s().mtx);
   return {s().live.begin(), s().live.end()};
@@ -131,6 +158,15 @@ void refuse(int i) {
   const std::lock_guard hold(s().mtx);
   s().refuses_all = s().fails_all = false;
   mappings.refuse(i);
+}
+void reuse(bool on) {
+  const std::lock_guard hold(s().mtx);
+  s().reuses = on;
+  while (!on && !s().spare.empty()) {
+    const auto [length, at] = *s().spare.begin();
+    s().spare.erase(s().spare.begin());
+    real_munmap(at, length);
+  }
 }
 void refuse_all() {
   const std::lock_guard hold(s().mtx);

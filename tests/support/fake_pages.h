@@ -14,6 +14,8 @@ extern nth mappings;
 
 /// Mappings made since the last reset(), in all.
 int made();
+/// The address of mapping number `i` since the last reset(), one of the latest eight; null if it was refused.
+void* address_of(int i);
 /// Private anonymous mappings alive: address and length. Only those made through the replaced mmap.
 std::map<void*, size_t> live();
 /// The length asked of the latest mmap, refused or not.
@@ -25,6 +27,9 @@ long last_offset();
 
 /// From now on mapping number `i` (1 is the next) yields null, all others are granted; 0 refuses none.
 void refuse(int i);
+/// While on, an unmapped mapping stays mapped for the next request of its length, with the bytes that it holds. Saves
+/// system calls where a test maps millions of times. Off unmaps them.
+void reuse(bool on);
 /// From now on every mapping yields null, until refuse(0).
 void refuse_all();
 /// From now on every mapping yields MAP_FAILED, as the system itself refuses, until refuse(0).

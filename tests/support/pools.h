@@ -1,4 +1,5 @@
-// The one allocator as tests see it: built anew for every test, its memory read by offset.
+// The one allocator as tests see it: built again for every test, its memory read through structs that state the layout
+// independently.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -8,10 +9,12 @@
 #include <cstring>
 #include <map>
 #include <new>
+#include <type_traits>
 #include <vector>
 
 #include "com/ymlib3/ym_alloctor"
 #include "tests/support/fake_pages.h"
+#include "tests/support/size_classes.h"
 
 namespace pools {
 
@@ -28,6 +31,14 @@ T read(const void* p) {
 template <class T>
 [[gnu::noinline]] void write(const void* p, size_t offset, T t) {
   std::memcpy(static_cast<char*>(const_cast<void*>(p)) + offset, &t, sizeof t);
+}
+
+/// Changes one member of the struct at `p`.
+template <class S, class T>
+void write(const void* p, T S::*member, std::type_identity_t<T> value) {
+  S s = read<S>(p);
+  s.*member = value;
+  write(p, 0, s);
 }
 
 /// The self heap, at the start of the one object; its lock follows at 32.
@@ -61,6 +72,14 @@ struct table {
 };
 static_assert(sizeof(table) == 328);
 
+/// The one object.
+struct object {
+  heap self;
+  int32_t lock;
+  table allocator;
+};
+static_assert(sizeof(object) == 368 && offsetof(object, lock) == 32 && offsetof(object, allocator) == 40);
+
 /// One pool; its lock follows at 24.
 struct pool {
   const char* head;
@@ -87,8 +106,9 @@ struct chunk {
 static_assert(sizeof(chunk) == 56 && offsetof(chunk, length) == 16 && offsetof(chunk, owner) == 40);
 
 inline const char* at(size_t offset) { return reinterpret_cast<const char*>(&g_ym_allocator) + offset; }
-inline heap self() { return read<heap>(at(0)); }
-inline table all() { return read<table>(at(40)); }
+inline heap self() { return read<object>(at(0)).self; }
+inline table all() { return read<object>(at(0)).allocator; }
+inline const char* heap_lock() { return at(offsetof(object, lock)); }
 
 /// The pool of the class that holds `size` bytes.
 inline const char* pool_at(size_t size) {
@@ -98,21 +118,35 @@ inline const char* pool_at(size_t size) {
   return nullptr;
 }
 inline pool pool_of(size_t size) { return read<pool>(pool_at(size)); }
+inline const char* pool_lock(size_t size) { return pool_at(size) + sizeof(pool); }
+
+using list = std::vector<const char*>;
 
 /// The addresses of a pool's chunks in the order of their list.
-inline std::vector<const char*> chunks_of(size_t size) {
-  std::vector<const char*> found;
+inline list chunks_of(size_t size) {
+  list found;
   for (const char* c = pool_of(size).head; c; c = read<chunk>(c).next) found.push_back(c);
   return found;
 }
 /// Those of the self heap.
-inline std::vector<const char*> heap_chunks() {
-  std::vector<const char*> found;
+inline list heap_chunks() {
+  list found;
   for (const char* c = self().chunks; c; c = read<slots>(c).next) found.push_back(c);
   return found;
 }
 
-/// The word in front of a block: its chunk, or null for a large block.
+/// The address of slot `i` of the self heap's chunk `c`.
+inline const char* slot_at(const char* c, size_t i) { return c + sizeof(slots) + 64 * i; }
+
+/// The start of a large block's mapping.
+struct large_header {
+  uint64_t length;
+  uint64_t zero;
+};
+inline void* mapping_of(void* large) { return static_cast<char*>(large) - sizeof(large_header); }
+inline large_header large_header_of(void* large) { return read<large_header>(mapping_of(large)); }
+
+/// The word before a block: its chunk, or null for a large block.
 inline const char* header_of(const void* p) { return read<const char*>(static_cast<const char*>(p) - 8); }
 
 // ---------------------------------------------------------------- state
@@ -198,6 +232,47 @@ inline std::vector<void*> take_slots(size_t left) {
 
 inline void give_slots(const std::vector<void*>& taken) {
   for (void* p : taken) ym::memheap_::operator delete(p);
+}
+
+/// Two full chunks of the self heap, the newer one first in its list.
+struct full_heap {
+  std::vector<void*> older = take_slots(0);
+  std::vector<void*> newer{ym::memheap_::operator new(56)};
+
+  full_heap() {
+    const auto rest = take_slots(0);
+    newer.insert(newer.end(), rest.begin(), rest.end());
+  }
+};
+
+/// Makes `n` full chunks. Element i holds the blocks of the chunk made as number i; 0 is the head.
+inline std::vector<std::vector<void*>> fill_chunks(const size_classes::row& row, size_t n) {
+  std::vector<std::vector<void*>> by_chunk;
+  for (size_t i = 0; i < n; ++i) by_chunk.push_back(take(row.size, i == 0 ? row.first : row.blocks));
+  return by_chunk;
+}
+
+/// The chunks in the order in which fill_chunks made them.
+inline list made_order(const std::vector<std::vector<void*>>& by_chunk) {
+  list c;
+  for (const auto& blocks : by_chunk) c.push_back(header_of(blocks[0]));
+  return c;
+}
+
+/// A class with two blocks per chunk: the shortest way through the rules for chunks.
+inline constexpr size_classes::row pair_class = size_classes::all[27];
+static_assert(pair_class.first == 2 && pair_class.blocks == 2);
+
+/// Whether is_valid() fails while the struct at `p` is changed.
+template <class S>
+bool is_noticed(const char* p, void (*change)(S&)) {
+  const S was = read<S>(p);
+  S s = was;
+  change(s);
+  write(p, 0, s);
+  const bool valid = is_valid();
+  write(p, 0, was);
+  return !valid && is_valid();
 }
 
 }  // namespace pools

@@ -1,4 +1,4 @@
-// What an instance told the host, copied in its callback for the main thread.
+// What instances report, copied in their callbacks for the event loop.
 #pragma once
 
 #include <chrono>
@@ -6,17 +6,31 @@
 #include <string>
 #include <variant>
 
-#include "driver/dac.h"
+/// A tag as dac_getalltagsex reports it.
+struct tag {
+  std::string name;
+  int type;
+  int flag;
+  std::string text1;
+  std::string text2;
+};
 
-using wall_clock = std::chrono::system_clock;
+/// A published record.
+struct value {
+  std::string tag;
+  int type;
+  std::string text;
+};
 
 struct message {
   int level;  // one of DAC_LEVEL_*
   std::string text;
 };
 
+using report_item = std::variant<value, message>;
+
 struct event {
-  wall_clock::time_point time;               // of the callback: records carry no time
-  size_t index;                              // of the instance's configuration file on the command line
-  std::variant<dac_tagvalue, message> what;  // a value published, or a log message
+  std::chrono::system_clock::time_point time;  // of the callback: records carry no time
+  size_t index;                                // of the instance's configuration file on the command line
+  report_item what;
 };

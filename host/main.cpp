@@ -1,4 +1,4 @@
-// dachost: loads the plug-in, runs instances of it and prints what they tell.
+// dachost: loads the plug-in, runs instances of it and prints what they report.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -7,12 +7,8 @@
 #include <cstring>
 #include <exception>
 
-#include "host/commands.h"
-#include "host/options.h"
-#include "host/output.h"
-#include "host/plugin.h"
-#include "host/search.h"
-#include "host/text.h"
+#include "host/commands/commands.h"
+#include "host/report.h"
 
 namespace {
 
@@ -24,24 +20,34 @@ void fill_standard_descriptors() {
     if (fcntl(fd, F_GETFD) < 0) open("/dev/null", fd == STDOUT_FILENO ? O_RDONLY : O_WRONLY);
 }
 
+// Writing to a stopped terminal blocks. Its own description can be non-blocking without effect on other processes.
+int unblocked(int fd) {
+  if (isatty(fd) == 0) return fd;
+  const std::string path = "/proc/self/fd/" + std::to_string(fd);
+  const int own = open(path.c_str(), O_WRONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+  return own < 0 ? fd : own;
+}
+
 // ETIME: drain() gave up on the reader.
 const char* reason_of(int error) { return error == ETIME ? "nobody has read it to its end" : std::strerror(error); }
 
-int carry_out(const options& o, output& out, output& err) {
-  const plugin p(o.plugin.empty() ? find_plugin() : o.plugin);
+int carry_out(event_loop& l, const options& o, output& out, output& err) {
+  const std::unique_ptr<plugin> p = load_plugin(o.plugin);
+  process_launcher programs;
+  kernel_address_list addresses;
   switch (o.what) {
     case command::top:
-      return top(p, o, out, err);
+      return top(l, *p, o, out, err);
     case command::check:
-      return check(p, o.files, out);
+      return check(*p, o.files, out);
     case command::tags:
-      return tags(p, o.files, out, err);
+      return tags(*p, o.files, out, err);
     case command::info:
-      return info(p, o.files, out, err);
+      return info(*p, o.files, out, err);
     case command::run:
       break;
   }
-  return run(p, o, out, err);
+  return run({l, programs, addresses}, *p, o, out, err);
 }
 
 int reply(const answer& a, output& out, output& err) {
@@ -49,25 +55,15 @@ int reply(const answer& a, output& out, output& err) {
   return a.status;
 }
 
-int obey(int argc, char** argv, output& out, output& err) {
+int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
   try {
     const auto parsed = parse(argc, argv);
     if (const auto* a = std::get_if<answer>(&parsed)) return reply(*a, out, err);
-    return carry_out(std::get<options>(parsed), out, err);
+    return carry_out(l, std::get<options>(parsed), out, err);
   } catch (const std::exception& e) {
-    err.line("dachost: " + printable(e.what()));
+    report(err, e.what());
     return 1;
   }
-}
-
-// Nothing runs any more that is to end in order, so the signals that were kept for it may end the wait for a reader.
-void finish(output& o) {
-  if (!o.waiting()) return;
-  sigset_t deadly;
-  sigemptyset(&deadly);
-  for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) sigaddset(&deadly, sig);
-  sigprocmask(SIG_UNBLOCK, &deadly, nullptr);
-  o.drain();
 }
 
 }  // namespace
@@ -75,14 +71,15 @@ void finish(output& o) {
 int main(int argc, char** argv) {
   fill_standard_descriptors();
   std::signal(SIGPIPE, SIG_IGN);
-  output out(STDOUT_FILENO);
-  output err(STDERR_FILENO);
-  int status = obey(argc, argv, out, err);
-  finish(out);
+  const auto loop = make_event_loop();
+  output out(*loop, unblocked(STDOUT_FILENO));
+  output err(*loop, unblocked(STDERR_FILENO));
+  int status = obey(*loop, argc, argv, out, err);
+  drain_or_die(*loop, out, err);
   if (out.error() != 0) {
-    err.line(std::string("dachost: standard output: ") + reason_of(out.error()));
+    report(err, std::string("standard output: ") + reason_of(out.error()));
     status = 1;
   }
-  finish(err);
+  drain_or_die(*loop, out, err);
   return status;
 }

@@ -5,7 +5,7 @@ set(staging ${PROJECT_BINARY_DIR}/packaging)
 set(triplet ${CMAKE_CXX_LIBRARY_ARCHITECTURE})
 set(plugin_dir lib/${triplet}/dac)
 
-foreach(target ip6dns ip6dns_parts dachost)
+foreach(target ip6dns ip6dns_parts dachost dachost_parts)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}=/usr/src/ip6dns -ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/ip6dns>)
 endforeach()
@@ -89,7 +89,6 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_MAIN_PACKAGE_NAME ip6dns)
 set(CPACK_DEBIAN_MAIN_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_MAIN_PACKAGE_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
-set(CPACK_DEBIAN_MAIN_PACKAGE_RECOMMENDS "libncursesw6 (>= 6)")  # dachost top loads it for its screen
 set(CPACK_DEBIAN_MAIN_PACKAGE_SUGGESTS "bind9-dnsutils, python3-paho-mqtt")  # what the two scripts need
 set(CPACK_DEBIAN_MAIN_PACKAGE_CONTROL_EXTRA ${packaging}/conffiles)
 set(CPACK_COMPONENT_MAIN_DESCRIPTION

@@ -418,16 +418,6 @@ TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not
   }
 }
 
-TEST_F(top_screen, tells_what_to_install_where_there_is_no_terminal_library) {
-  dir.file("publish null", "gw.conf");
-  dir.file("no library", "libncursesw.so.6");
-  terminal t(dir.path(""), 200, 30);
-  t.type("export LD_LIBRARY_PATH=" + dir.path(""));
-  t.press("Enter");
-  open(t, "gw.conf", "install the package libncursesw6; tables follow one below the other");
-  t.await("null");
-}
-
 TEST_F(top_screen, ends_in_order_when_the_terminal_goes_away) {
   dir.file("publish null", "gw.conf");
   terminal t(dir.path(""), 80, 8);

@@ -1,5 +1,5 @@
 // Instances as lines of a table, in a UTF-8 locale.
-#include "host/table.h"
+#include "host/display/table.h"
 
 #include <gtest/gtest.h>
 

@@ -1,0 +1,212 @@
+#include "host/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <charconv>
+#include <sstream>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "driver/dac.h"
+#include "host/report.h"
+
+namespace {
+
+// ---------------------------------------------------------------- help
+
+constexpr char status_of_a_run[] = R"(
+Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
+was refused, the plug-in or a thread could not be had, nobody takes the output,
+or with --once a program failed or did not get its value; 2 for wrong usage.)";
+
+constexpr char status_of_a_table[] = R"(
+Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
+was refused, the plug-in or a thread could not be had, or nobody takes the
+output; 2 for wrong usage.)";
+
+constexpr char status_of_a_question[] = R"(
+Exit status: 0 when all went well; 1 when a file was refused, the plug-in could
+not be loaded, or nobody takes the output; 2 for wrong usage.)";
+
+std::string footer_of(command what) {
+  switch (what) {
+    case command::run:
+      return std::string(R"(Examples:
+  dachost run --once gateway.conf           what this machine publishes, then end
+  dachost run --json gateway.conf           one JSON object a line, for programs
+  dachost run --exec ./update gateway.conf  starts ./update for every value
+)") + status_of_a_run;
+    case command::top:
+      return std::string(R"(Keys: q ends; arrows, PgUp, PgDn, Home and End scroll.
+
+Examples:
+  dachost top /etc/ip6dns/*.conf            on the screen, drawn once a second
+  dachost top --once gateway.conf           one table, then end
+  dachost top *.conf >>tables               a table a second into a file
+)") + status_of_a_table;
+    case command::check:
+      return std::string(R"(Example:
+  dachost check /etc/ip6dns/*.conf          one line a file: ok, or what is wrong
+)") + status_of_a_question;
+    case command::tags:
+      return std::string(R"(Example:
+  dachost tags gateway.conf | cut -f 2      the host name that the file gives
+)") + status_of_a_question;
+    case command::info:
+      break;
+  }
+  return std::string(R"(Example:
+  dachost info gateway.conf                 {"status":"stop","host":"gateway.example"}
+)") + status_of_a_question;
+}
+
+std::string footer() {
+  return R"(Examples:
+  dachost check gateway.conf                does the file do?
+  dachost run gateway.conf                  every value as it arrives
+  dachost run --help                        the options of a sub-command
+
+Exit status: 0 when all went well, 1 when not, 2 for wrong usage. The manual is
+dachost(1).)";
+}
+
+// ---------------------------------------------------------------- options
+
+constexpr int wrong_usage = 2;
+constexpr double most_seconds = 1e9;  // what nanoseconds can hold, with room to add it to the clock
+
+std::optional<std::chrono::nanoseconds> seconds(const std::string& text) {
+  double s = 0;
+  const char* end = text.data() + text.size();
+  const auto [last, failed] = std::from_chars(text.data(), end, s);
+  if (failed != std::errc() || last != end || !(s > 0 && s <= most_seconds)) return std::nullopt;
+  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+}
+
+std::string check_seconds(const std::string& text) {
+  return seconds(text) ? "" : "'" + text + "' is not a number of seconds above 0 and up to 1000000000";
+}
+
+std::string check_file(const std::string& text) { return text.empty() ? "a file name is empty" : ""; }
+
+CLI::App* add_command(CLI::App& app, options& o, command what, const std::string& name, const std::string& text) {
+  CLI::App* c = app.add_subcommand(name, text);
+  c->add_option("-p,--plugin", o.plugin, "The plug-in; without it libip6dns.so is looked for, see dachost(1)")
+      ->type_name("FILE")
+      ->check(check_file);
+  c->add_option("CONFIG", o.files, "Configuration files, an instance for each")
+      ->type_name("FILE")
+      ->required()
+      ->check(check_file);
+  c->callback([&o, what] { o.what = what; });
+  c->footer(footer_of(what));
+  return c;
+}
+
+void add_ends(CLI::App* c, options& o) {
+  CLI::Option* once =
+      c->add_flag("--once", o.once, "End when every instance has published once")->disable_flag_override();
+  c->add_option_function<std::string>(
+       "--for", [&o](const std::string& text) { o.time = seconds(text); }, "End after that many seconds")
+      ->type_name("SECONDS")
+      ->check(check_seconds)
+      ->excludes(once);
+}
+
+std::string check_program(const std::string& text) { return text.empty() ? "a program name is empty" : ""; }
+
+constexpr std::pair<std::string_view, address_filter> filters[] = {
+    {"all", address_filter::all}, {"global", address_filter::global}, {"stable", address_filter::stable}};
+
+std::optional<address_filter> filter_named(const std::string& text) {
+  for (const auto& [name, which] : filters)
+    if (name == text) return which;
+  return std::nullopt;
+}
+
+std::string check_filter(const std::string& text) {
+  return filter_named(text) ? "" : "'" + text + "' is none of all, global, stable";
+}
+
+void add_exec(CLI::App& run, hook_options& e) {
+  CLI::Option* exec = run.add_option("--exec", e.program, "Start this program for every value")
+                          ->type_name("PROGRAM")
+                          ->check(check_program);
+  run.add_option_function<std::string>(
+         "--pick", [&e](const std::string& text) { e.addresses = *filter_named(text); },
+         "Which addresses the program gets: all, global or stable")
+      ->type_name("WHICH")
+      ->check(check_filter)
+      ->needs(exec);
+  run.add_option_function<std::string>(
+         "--exec-timeout", [&e](const std::string& text) { e.timeout = *seconds(text); },
+         "Stop a program that runs longer, 30 without this option")
+      ->type_name("SECONDS")
+      ->check(check_seconds)
+      ->needs(exec);
+  run.add_flag("--dry-run", e.dry_run, "Print what would be started")->disable_flag_override()->needs(exec);
+}
+
+void add_run(CLI::App& app, options& o) {
+  CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
+  run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
+  add_ends(run, o);
+  add_exec(*run, o.hook);
+}
+
+std::string usage_error(const CLI::App* app, const CLI::Error& e) {
+  const auto parsed = app->get_subcommands();
+  const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + ' ';
+  return report_line(std::string(e.what()) + " (dachost " + command + "--help tells the usage)") + '\n';
+}
+
+answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
+  std::ostringstream out;
+  const int status = app.exit(e, out, out);
+  std::string text = out.str();
+  if (text.ends_with('\n')) text.pop_back();
+  return {status == 0 ? 0 : wrong_usage, text};
+}
+
+// CLI11 takes this word for the end of a sub-command. The file with this name is passed to it by another path.
+constexpr char terminator[] = "++";
+constexpr char its_path[] = "././++";
+
+std::vector<std::string> words(int argc, const char* const* argv) {
+  std::vector<std::string> all(argv + 1, argv + std::max(argc, 1));
+  std::replace(all.begin(), all.end(), std::string(terminator), std::string(its_path));
+  std::reverse(all.begin(), all.end());  // as CLI11 wants them
+  return all;
+}
+
+void restore_terminators(options& o) {
+  std::replace(o.files.begin(), o.files.end(), std::string(its_path), std::string(terminator));
+  for (std::string* word : {&o.plugin, &o.hook.program})
+    if (*word == its_path) *word = terminator;
+}
+
+}  // namespace
+
+std::variant<options, answer> parse(int argc, const char* const* argv) {
+  options o;
+  CLI::App app("Reference host of the dac plug-ins", "dachost");
+  app.failure_message(usage_error);
+  app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
+  app.footer(footer());
+  app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
+  add_run(app, o);
+  add_ends(add_command(app, o, command::top, "top", "Run an instance for each file and show them in a table"), o);
+  add_command(app, o, command::check, "check", "Tell whether the plug-in takes each file");
+  add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
+  add_command(app, o, command::info, "info", "Print the status document of each file's instance");
+  try {
+    app.parse(words(argc, argv));
+    if (app.get_subcommands().empty()) throw CLI::RequiredError("A sub-command");
+  } catch (const CLI::ParseError& e) {
+    return make_answer(app, e);
+  }
+  restore_terminators(o);
+  o.hook.once = o.once;
+  return o;
+}

@@ -1,0 +1,30 @@
+// The command line.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "host/hook/hook_runner.h"
+
+enum class command { run, top, check, tags, info };
+
+struct options {
+  command what = command::run;
+  std::string plugin;  // empty: to be found
+  std::vector<std::string> files;
+  bool json = false;
+  bool once = false;
+  std::optional<std::chrono::nanoseconds> time;  // how long to run
+  hook_options hook;
+};
+
+/// The reply to a command line that names nothing to run: help, version, or the error in it.
+struct answer {
+  int status;  // 0, or 2 for wrong usage
+  std::string text;
+};
+
+std::variant<options, answer> parse(int argc, const char* const* argv);

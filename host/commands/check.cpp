@@ -1,0 +1,56 @@
+// check, tags and info: create an instance of each file, print what it says, destroy it.
+#include <functional>
+#include <memory>
+
+#include "host/commands/commands.h"
+#include "host/display/printer.h"
+#include "host/display/text.h"
+#include "host/instances/diagnose.h"
+#include "host/instances/fleet.h"
+#include "host/report.h"
+
+namespace {
+
+using instance_printer = std::function<void(const std::string& file, const instance& i)>;
+using refusal_printer = std::function<void(const std::string& what)>;
+
+int for_each_instance(const plugin& p, const std::vector<std::string>& files, const instance_printer& print,
+                      const refusal_printer& refuse) {
+  const std::vector<std::string> names = instance_names(files);
+  int status = 0;
+  for (size_t k = 0; k < files.size(); ++k) {
+    std::string reason = "refused without a reason";
+    const auto note = [&reason](const report_item& what) {
+      if (const auto* m = std::get_if<message>(&what); m && m->level == DAC_LEVEL_FAILURE) reason = m->text;
+    };
+    if (const std::unique_ptr<instance> i = instance::make(p, names[k], files[k], note)) {
+      print(files[k], *i);
+      continue;
+    }
+    refuse(diagnose(files[k], reason));
+    status = 1;
+  }
+  return status;
+}
+
+}  // namespace
+
+int check(const plugin& p, const std::vector<std::string>& files, output& out) {
+  const auto print = [&](const std::string& file, const instance& i) {
+    for (const tag& t : i.tags()) out.line(printable(file + ": ok, host name " + t.name));
+  };
+  return for_each_instance(p, files, print, [&](const std::string& what) { out.line(printable(what)); });
+}
+
+int tags(const plugin& p, const std::vector<std::string>& files, output& out, output& err) {
+  const auto print = [&](const std::string& file, const instance& i) {
+    for (const tag& t : i.tags())
+      out.line(tabbed({file, t.name, std::to_string(t.type), std::to_string(t.flag), t.text1, t.text2}));
+  };
+  return for_each_instance(p, files, print, [&](const std::string& what) { report(err, what); });
+}
+
+int info(const plugin& p, const std::vector<std::string>& files, output& out, output& err) {
+  const auto print = [&](const std::string& /*file*/, const instance& i) { out.line(json_line(i.info())); };
+  return for_each_instance(p, files, print, [&](const std::string& what) { report(err, what); });
+}

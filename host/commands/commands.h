@@ -1,0 +1,20 @@
+// The sub-commands. Each returns the exit status: 0, or 1 when it failed.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/command_line.h"
+#include "host/hook/hook_runner.h"
+#include "host/instances/plugin.h"
+#include "host/instances/supervisor.h"
+#include "host/loop/output.h"
+
+int run(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err);
+int top(event_loop& l, const plugin& p, const options& o, output& out, output& err);
+int check(const plugin& p, const std::vector<std::string>& files, output& out);
+int tags(const plugin& p, const std::vector<std::string>& files, output& out, output& err);
+int info(const plugin& p, const std::vector<std::string>& files, output& out, output& err);
+
+/// The end of run and top, once the instances are stopped, or not: writes what waits. The exit status.
+int finish(event_loop& l, const supervisor& s, bool is_stopped, output& out, output& err);

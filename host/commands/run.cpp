@@ -1,0 +1,101 @@
+// run: prints what the instances report, and hands their values to a hook.
+#include <algorithm>
+#include <memory>
+
+#include "host/commands/commands.h"
+#include "host/display/printer.h"
+#include "host/instances/supervisor.h"
+#include "host/report.h"
+
+namespace {
+
+class runner : fleet_observer {
+ public:
+  runner(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err)
+      : _loop(e.loop),
+        _plugin(p),
+        _options(o),
+        _out(out),
+        _err(err),
+        _printer(o.json ? make_json_printer(out, err) : make_text_printer(out)),
+        _hooks(e, o.hook, o.files.size(), *_printer, err),
+        _tag_names(o.files.size()),
+        _has_published(o.files.size()),
+        _supervisor(e.loop, p, o.files, *this) {}
+
+  int run();
+
+ private:
+  void on_tag(size_t i, const tag& t) override;
+  void on(const event& e, const value& v) override;
+  void on(const event& e, const message& m) override { _printer->log(e.time, name(e.index), m); }
+  void on_refused(size_t /*i*/, const std::string& what) override { report(_err, what); }
+
+  bool is_done() const;
+  const std::string& name(size_t i) const { return _supervisor.instances().name(i); }
+
+  event_loop& _loop;
+  const plugin& _plugin;
+  const options& _options;
+  output& _out;
+  output& _err;
+  std::unique_ptr<printer> _printer;
+  hook_runner _hooks;
+  std::vector<std::string> _tag_names;  // by file
+  std::vector<bool> _has_published;     // by file
+  supervisor _supervisor;
+};
+
+int runner::run() {
+  _printer->version(_loop.wall_time(), _plugin.version_text(), _plugin.version(), _plugin.file());
+  _supervisor.start_all();
+  bool is_over = false;
+  const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
+  _loop.run_until([&] { return is_over || is_done(); });
+  const bool is_stopped = _supervisor.stop();
+  _hooks.close();
+  _loop.run_until([this] { return _hooks.is_idle(); });
+  const int status = finish(_loop, _supervisor, is_stopped, _out, _err);
+  return _options.once && _hooks.has_given_up() ? 1 : status;
+}
+
+void runner::on_tag(size_t i, const tag& t) {
+  _tag_names[i] = t.name;
+  _printer->announce(_loop.wall_time(), name(i), t);
+}
+
+// A record has room for the beginning of a long name only, which is another name.
+void runner::on(const event& e, const value& v) {
+  _printer->publish(e.time, name(e.index), v);
+  _has_published[e.index] = true;
+  const std::string& whole = _tag_names[e.index];
+  const bool is_cut = v.tag.size() >= DAC_NAME_SIZE - 1 && whole.starts_with(v.tag);
+  _hooks.submit(e.index, {e.time, name(e.index), is_cut ? whole : v.tag, v.text});
+}
+
+bool runner::is_done() const {
+  if (_supervisor.is_to_stop() || _out.error() != 0) return true;
+  const auto has_published = [](bool published) { return published; };
+  return _options.once && std::all_of(_has_published.begin(), _has_published.end(), has_published) && _hooks.is_idle();
+}
+
+}  // namespace
+
+int run(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err) {
+  return runner(e, p, o, out, err).run();
+}
+
+int finish(event_loop& l, const supervisor& s, bool is_stopped, output& out, output& err) {
+  if (!is_stopped) {
+    report(err, "the plug-in does not return; the instances are not stopped");
+    drain(l, out, err, [] { return true; });
+    l.exit(1);
+  }
+  if (!s.failure().empty()) report(err, s.failure());
+  if (s.has_refused() || !s.failure().empty()) {
+    drain_or_die(l, out, err);
+    return 1;
+  }
+  drain(l, out, err, [&s] { return s.is_to_stop(); });
+  return 0;
+}

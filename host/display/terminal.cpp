@@ -1,0 +1,182 @@
+#include "host/display/terminal.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace {
+
+constexpr size_t top_lines = 2;                                // head and heading
+constexpr char enter[] = "\x1b[?1049h\x1b[?25l\x1b[m\x1b[2J";  // alternate screen, no cursor, plain, empty
+constexpr char leave[] = "\x1b[?1049l\x1b[?25h\x1b[m";
+constexpr char control_l = 'L' & 0x1f;
+
+// The compiled description of the terminal that TERM names; "" when there is none.
+std::string description() {
+  const char* name = std::getenv("TERM");
+  if (!name || !*name || std::string_view(name).find('/') != std::string_view::npos) return "";
+  const char* own = std::getenv("TERMINFO");
+  const char* home = std::getenv("HOME");
+  for (const std::string& directory :
+       {std::string(own ? own : ""), std::string(home ? home : "") + "/.terminfo", std::string("/etc/terminfo"),
+        std::string("/lib/terminfo"), std::string("/usr/share/terminfo")}) {
+    std::ifstream in(directory + '/' + name[0] + '/' + name, std::ios::binary);
+    const std::string text(std::istreambuf_iterator<char>(in), {});
+    if (!text.empty()) return text;
+  }
+  return "";
+}
+
+void examine_terminal() {
+  const std::string text = description();
+  if (text.empty()) throw std::runtime_error("TERM names no terminal that is known here");
+  // Who moves the cursor as ECMA-48 says understands the rest of what is written here.
+  if (text.find("\x1b[%i%p1%d;%p2%dH") == std::string::npos)
+    throw std::runtime_error("the terminal that TERM names has no cursor to move");
+}
+
+// The bytes of the first key; 0 when it is not complete.
+size_t key_size(std::string_view input) {
+  if (input.size() < 2 || input[0] != '\x1b' || (input[1] != '[' && input[1] != 'O')) return 1;
+  for (size_t n = 2; n < input.size(); ++n)
+    if (input[n] >= 0x40 && input[n] <= 0x7e) return n + 1;
+  return input.size() < 16 ? 0 : input.size();
+}
+
+bool is_one_of(std::string_view key, std::initializer_list<const char*> keys) {
+  return std::find(keys.begin(), keys.end(), key) != keys.end();
+}
+
+}  // namespace
+
+terminal::terminal(event_loop& l, output& out, std::function<void()> redraw)
+    : _loop(l), _out(out), _redraw(std::move(redraw)) {
+  examine_terminal();
+  if (tcgetattr(STDIN_FILENO, &_settings) != 0) throw std::runtime_error("the terminal has no settings");
+  take();
+  _keys = _loop.watch(STDIN_FILENO, event_loop::readiness::readable, [this] { on_input(); });
+  _signals = _loop.on_signals({SIGWINCH, SIGTSTP}, [this](int sig) {
+    if (sig == SIGTSTP) return suspend();
+    read_size();
+    _redraw();
+  });
+}
+
+terminal::~terminal() { restore(); }
+
+void terminal::take() {
+  termios t = _settings;
+  t.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+  t.c_iflag &= ~static_cast<tcflag_t>(IXON);  // Ctrl-S does not stop the screen
+  tcsetattr(STDIN_FILENO, TCSANOW, &t);
+  _out.put(enter);
+  read_size();
+}
+
+void terminal::restore() {
+  _out.put(leave);
+  tcsetattr(STDIN_FILENO, TCSANOW, &_settings);
+}
+
+void terminal::suspend() {
+  restore();
+  _loop.suspend();
+  take();
+  _redraw();
+}
+
+void terminal::read_size() {
+  winsize s{};
+  if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &s) == 0 && s.ws_row > 0 && s.ws_col > 0) _height = s.ws_row, _width = s.ws_col;
+  _shown.clear();
+}
+
+// ---------------------------------------------------------------- what is shown
+
+void terminal::show(const std::string& head, const std::vector<row>& rows) {
+  _rows = rows.size();
+  _first = std::min(_first, last_first());
+  if (!_out.is_empty()) return;
+  const std::vector<std::string> all = table(rows, _width);
+  const std::string padding(_width - all[0].size(), ' ');
+  std::vector<std::string> lines = {fitted(head, _width), "\x1b[7m" + all[0] + padding + "\x1b[m"};
+  const size_t count = std::min(room(), rows.size() - _first);
+  for (size_t k = 0; k < count; ++k) lines.push_back(all[1 + _first + k]);
+  lines.resize(top_lines + room());
+  for (const std::string& line : bottom()) lines.push_back(fitted(line, _width));
+  lines.resize(_height);
+  std::string changes;
+  for (size_t k = 0; k < _height; ++k)
+    if (_shown.empty() || lines[k] != _shown[k]) changes += "\x1b[" + std::to_string(k + 1) + ";1H\x1b[K" + lines[k];
+  _shown = std::move(lines);
+  _out.put(changes);
+}
+
+void terminal::note(size_t i, const std::string& line) {
+  std::erase_if(_notes, [i](const auto& n) { return n.first == i; });
+  _notes.emplace_back(i, line);
+}
+
+// Notes take half of the body at most; of more, the newest are shown.
+std::vector<std::string> terminal::bottom() const {
+  if (_notes.empty()) return {usage()};
+  std::vector<std::string> lines;
+  size_t first = _notes.size() - note_lines();
+  if (first > 0 && note_lines() > 1) lines.push_back(std::to_string(++first) + " more");
+  for (; first < _notes.size(); ++first) lines.push_back(_notes[first].second);
+  return lines;
+}
+
+std::string terminal::usage() const {
+  std::string end = "q ends";
+  if (_rows <= room() || room() == 0) return end;
+  return "rows " + std::to_string(_first + 1) + '-' + std::to_string(_first + room()) + " of " + std::to_string(_rows) +
+         "; arrows, PgUp, PgDn, Home and End scroll; " + end;
+}
+
+size_t terminal::note_lines() const { return std::min(_notes.size(), std::max<size_t>(1, body() / 2)); }
+size_t terminal::body() const { return _height > top_lines ? _height - top_lines : 0; }
+size_t terminal::room() const { return body() - std::min(body(), std::max<size_t>(1, note_lines())); }
+
+// ---------------------------------------------------------------- keys
+
+void terminal::on_input() {
+  char buf[256];
+  const ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
+  if (n <= 0) {
+    _keys = nullptr;
+    return _out.fail(EIO);
+  }
+  _input.append(buf, static_cast<size_t>(n));
+  for (size_t size = key_size(_input); !_input.empty() && size > 0; size = key_size(_input)) {
+    press(_input.substr(0, size));
+    _input.erase(0, size);
+  }
+  _redraw();
+}
+
+void terminal::press(const std::string& key) {
+  if (key[0] == control_l) return _shown.clear();
+  _notes.clear();
+  if (key == "q" || key == "Q")
+    _is_closed = true;
+  else if (is_one_of(key, {"\x1b[A", "\x1bOA"}))
+    scroll_up(1);
+  else if (is_one_of(key, {"\x1b[B", "\x1bOB"}))
+    scroll_down(1);
+  else if (key == "\x1b[5~")
+    scroll_up(room());
+  else if (key == "\x1b[6~")
+    scroll_down(room());
+  else if (is_one_of(key, {"\x1b[H", "\x1bOH", "\x1b[1~", "\x1b[7~"}))
+    scroll_up(_rows);
+  else if (is_one_of(key, {"\x1b[F", "\x1bOF", "\x1b[4~", "\x1b[8~"}))
+    scroll_down(_rows);
+}

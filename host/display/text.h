@@ -1,0 +1,26 @@
+// Texts as they are printed.
+#pragma once
+
+#include <chrono>
+#include <initializer_list>
+#include <string>
+#include <string_view>
+
+/// The text with every control character written as \xNN: one line stays one line, and a terminal stays as it is.
+std::string printable(std::string_view text);
+
+/// A JSON document of one line with every control character as an escape, which strings alone may contain.
+std::string printable_json(std::string_view document);
+
+/// The fields in printable form, separated by tabs.
+std::string tabbed(std::initializer_list<std::string_view> fields);
+
+/// 2026-01-31T12:34:56.789Z
+std::string time_stamp(std::chrono::system_clock::time_point t);
+
+/// The text of a fixed-size field, terminated or not.
+template <size_t SIZE>
+std::string_view field(const char (&text)[SIZE]) {
+  const std::string_view all(text, SIZE);
+  return all.substr(0, all.find('\0'));
+}

@@ -1,0 +1,29 @@
+// Programs that the host starts.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+/// Starts programs and sends them signals. event_loop::on_exit() awaits their end and reaps them.
+class launcher {
+ public:
+  launcher() = default;
+  virtual ~launcher() = default;
+  launcher(const launcher&) = delete;
+  launcher& operator=(const launcher&) = delete;
+
+  /// Starts `program`, a path or a name on PATH, with these NAME=VALUE in addition to the host's environment, as the
+  /// leader of a process group. It reads nothing, and prints to the host's standard error. Throws std::system_error
+  /// when it cannot be started.
+  virtual pid_t start(const std::string& program, const std::vector<std::string>& settings) = 0;
+  /// Signals the program's whole group.
+  virtual void signal(pid_t program, int sig) = 0;
+};
+
+class process_launcher : public launcher {
+ public:
+  pid_t start(const std::string& program, const std::vector<std::string>& settings) override;
+  void signal(pid_t program, int sig) override;
+};

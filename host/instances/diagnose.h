@@ -1,0 +1,7 @@
+// Why a file was refused, and what to do about it.
+#pragma once
+
+#include <string>
+
+/// One line that names the file once: the plug-in's reason, followed by what helps where the host knows.
+std::string diagnose(const std::string& file, const std::string& reason);

@@ -1,0 +1,39 @@
+// The instances of a run, one for each configuration file.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/instances/instance.h"
+
+class fleet {
+ public:
+  explicit fleet(const std::vector<std::string>& files);
+
+  size_t size() const { return _slots.size(); }
+  const std::string& file(size_t i) const { return _slots[i].file; }
+  const std::string& name(size_t i) const { return _slots[i].name; }
+
+  /// File i's instance, or null.
+  instance* get(size_t i) const { return _slots[i].now.get(); }
+  /// Returns the instance that ran on the file so far.
+  std::unique_ptr<instance> replace(size_t i, std::unique_ptr<instance> next);
+
+ private:
+  struct slot {
+    std::string file;
+    std::string name;
+    std::unique_ptr<instance> now;
+  };
+  std::vector<slot> _slots;
+};
+
+/// For each file its stem; files that share a stem have their paths as names instead, and a name that is still taken
+/// gets "#2", "#3" ... appended.
+std::vector<std::string> instance_names(const std::vector<std::string>& files);
+
+/// Calls work(0) to work(n - 1), up to 512 of them at once, and returns when all have returned. Fewer at once when
+/// the system refuses threads.
+void parallel_for(size_t n, const std::function<void(size_t)>& work);

@@ -1,0 +1,46 @@
+// One driver instance inside the plug-in.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "host/event.h"
+#include "host/instances/plugin.h"
+
+/// Stops and destroys itself. The plug-in must outlive it.
+class instance {
+ public:
+  /// Gets what the instance reports. [any thread]
+  using sink = std::function<void(report_item)>;
+
+  /// A new stopped instance, or null when the plug-in refuses the file; then its reason is the last failure that the
+  /// sink has got, if any.
+  static std::unique_ptr<instance> make(const plugin& p, const std::string& name, const std::string& file, sink s);
+  ~instance();
+  instance(const instance&) = delete;
+  instance& operator=(const instance&) = delete;
+
+  /// Throws std::system_error when the system refuses a thread.
+  void start() { _plugin.start(_handle); }
+  /// Waits for the worker's end; does nothing on a stopped instance.
+  void stop() { _plugin.stop(_handle); }
+
+  int handle() const { return _handle; }
+  bool is_running() const { return _plugin.is_running(_handle); }
+  std::vector<tag> tags() const;
+  /// The status document.
+  std::string info() const;
+
+ private:
+  instance(const plugin& p, sink s) : _plugin(p), _sink(std::move(s)) {}
+
+  // The plug-in's callbacks: they copy and return.
+  static void on_log(const char* name, int level, const char* text, int flag, void* param);
+  static void on_data(const dac_tagvalue* records, int count, void* param);
+
+  const plugin& _plugin;
+  const sink _sink;
+  int _handle = -1;
+};

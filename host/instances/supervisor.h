@@ -1,0 +1,68 @@
+// Runs the instances: starts them, reads their files again on SIGHUP, passes on what they report, and stops them.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "host/instances/fleet.h"
+#include "host/instances/fleet_observer.h"
+#include "host/loop/event_loop.h"
+
+/// Calls into the plug-in that may block run beside the loop, so that they never delay a signal.
+class supervisor {
+ public:
+  /// Answers SIGHUP, SIGINT, SIGQUIT and SIGTERM from now on.
+  supervisor(event_loop& l, const plugin& p, const std::vector<std::string>& files, fleet_observer& o);
+
+  const fleet& instances() const { return _fleet; }
+
+  /// Starts an instance for each file. Returns when they run, or when is_to_stop().
+  void start_all();
+  /// A signal has said so, a file was refused at the start, or an instance could not be started.
+  bool is_to_stop() const { return _is_to_stop; }
+  /// Stops and destroys all instances. False when the plug-in does not return within 30 seconds; then only
+  /// event_loop::exit() can end the process.
+  bool stop();
+
+  bool has_refused() const { return _has_refused; }
+  /// Why an instance could not be started, if one could not.
+  const std::string& failure() const { return _failure; }
+
+ private:
+  // An instance for file `index`, or null when it was refused, and what it reported meanwhile.
+  struct creation {
+    size_t index;
+    std::unique_ptr<instance> made;
+    std::vector<event> reports;
+    std::string reason;
+  };
+  using batch = std::shared_ptr<std::vector<creation>>;
+  enum class stage { idle, busy };
+
+  void answer(int sig);
+  void load();
+  batch create(const std::vector<size_t>& files);
+  creation create(size_t i);
+  void on_created(const std::vector<size_t>& files, const batch& b);
+  void report_refusal(const creation& c);
+  void stop_old(const batch& b);
+  void start_new(const batch& b);
+  std::string start(const batch& b) const;
+  void settle();
+  void stop_fleet();
+  void destroy_fleet();
+  void dispatch(const event& e);
+
+  event_loop& _loop;
+  const plugin& _plugin;
+  fleet_observer& _observer;
+  fleet _fleet;
+  stage _stage = stage::idle;
+  bool _is_first = true;         // no instance has been started yet
+  std::vector<size_t> _to_load;  // files to be read
+  bool _is_to_stop = false;
+  bool _is_stopping = false;  // stop() has been called
+  bool _has_refused = false;
+  std::string _failure;
+  event_loop::handle _signals;
+};

@@ -1,0 +1,75 @@
+// The one place where the host waits and reads clocks.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <initializer_list>
+#include <memory>
+#include <string_view>
+
+using steady_clock = std::chrono::steady_clock;
+using wall_clock = std::chrono::system_clock;
+
+/// Calls handlers one at a time, all on the thread that runs the loop. Functions without [any thread] belong to that
+/// thread.
+class event_loop {
+ public:
+  using task = std::function<void()>;
+  /// Ends a timer, a watch or a wait when it is destroyed: its handler is not called after that.
+  struct registration {
+    registration() = default;
+    virtual ~registration() = default;
+    registration(const registration&) = delete;
+    registration& operator=(const registration&) = delete;
+  };
+  using handle = std::unique_ptr<registration>;
+  enum class readiness { none, readable, writable };
+
+  event_loop() = default;
+  virtual ~event_loop() = default;
+  event_loop(const event_loop&) = delete;
+  event_loop& operator=(const event_loop&) = delete;
+
+  virtual steady_clock::time_point now() const = 0;
+  /// [any thread]
+  virtual wall_clock::time_point wall_time() const = 0;
+
+  /// Calls handlers until the condition holds, which is checked before each.
+  virtual void run_until(const std::function<bool()>& condition) = 0;
+
+  /// Calls the task in the loop, after the tasks that were posted before. [any thread]
+  virtual void post(task t) = 0;
+  /// Calls `work`, which may block and must not throw, on a separate thread, and posts the task that it returns. Where
+  /// the system refuses a thread, calls it before returning.
+  virtual void run_beside(std::function<task()> work) = 0;
+
+  /// Calls the task once.
+  virtual handle call_at(steady_clock::time_point when, task t) = 0;
+  handle call_in(std::chrono::nanoseconds delay, task t) { return call_at(now() + delay, std::move(t)); }
+
+  /// Calls the task whenever the descriptor is ready, and in each case when its other end has gone. Null for a regular
+  /// file or /dev/null, which is always ready.
+  virtual handle watch(int fd, readiness r, task t) = 0;
+  /// Writes what the descriptor takes without blocking: the number of bytes, or a negative errno, -EAGAIN for "later".
+  virtual ssize_t write(int fd, std::string_view bytes) = 0;
+
+  /// Calls back for each of these signals. SIGINT, SIGQUIT and SIGTSTP stay ignored when the parent process set them
+  /// so.
+  virtual handle on_signals(std::initializer_list<int> signals, std::function<void(int)> f) = 0;
+  /// Gives SIGINT, SIGQUIT and SIGTERM their default action, also to one that a handler has been called for.
+  virtual void restore_signals() = 0;
+  /// Stops the process as SIGTSTP does by default. Returns when it continues.
+  virtual void suspend() = 0;
+
+  /// Calls back once with the child's wait status. Before that, kills what is left of the process group that the child
+  /// leads, and reaps the child.
+  virtual handle on_exit(pid_t child, std::function<void(int)> f) = 0;
+
+  /// Ends the process although work still runs beside the loop.
+  [[noreturn]] virtual void exit(int status) = 0;
+};
+
+/// Throws std::system_error.
+std::unique_ptr<event_loop> make_event_loop();

@@ -1,0 +1,47 @@
+// Lines on their way to a descriptor.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "host/loop/event_loop.h"
+
+/// Writes each line as soon as the descriptor takes it. A reader that does not read makes lines wait here and never
+/// makes the caller wait. After a failure lines are dropped.
+class output {
+ public:
+  output(event_loop& l, int fd);
+
+  void line(std::string_view text);
+  /// Bytes without an end of line, as a terminal's screen needs them.
+  void put(std::string_view bytes);
+
+  bool is_empty() const { return _sent == _waiting.size(); }
+
+  /// The errno of the first failure, or 0.
+  int error() const { return _error; }
+  /// Drops what waits, and every line to come.
+  void fail(int error);
+
+ private:
+  event_loop& _loop;
+  int _fd;
+  int _error = 0;
+  std::string _waiting;
+  size_t _sent = 0;  // bytes of _waiting
+  event_loop::readiness _watched = event_loop::readiness::none;
+  event_loop::handle _watch;
+
+  void flush();
+  void wait_for_room();
+  void forget_sent();
+  void watch(event_loop::readiness r);
+};
+
+/// Runs the loop until both are written, however long their readers take; once `is_to_stop` holds, for a second, then
+/// the rest is dropped.
+void drain(event_loop& l, output& out, output& err, const std::function<bool()>& is_to_stop);
+/// Runs the loop until both are written. Stop signals, also one that was handled before, end the wait by
+/// ending the process.
+void drain_or_die(event_loop& l, output& out, output& err);

@@ -1,7 +1,0 @@
-// Why a file was refused, and what to do about it.
-#pragma once
-
-#include <string>
-
-/// One line that names the file once: the plug-in's reason, and behind it what helps where the host knows.
-std::string refusal(const std::string& file, const std::string& reason);

@@ -1,12 +1,8 @@
 #include "host/instances/fleet.h"
 
-#include <algorithm>
-#include <atomic>
 #include <filesystem>
 #include <map>
 #include <set>
-#include <system_error>
-#include <thread>
 #include <utility>
 
 namespace {
@@ -45,19 +41,4 @@ std::vector<std::string> instance_names(const std::vector<std::string>& files) {
     names.push_back(take_free(sharing[s] == 1 ? s : file, taken));
   }
   return names;
-}
-
-void parallel_for(size_t n, const std::function<void(size_t)>& work) {
-  constexpr size_t most_threads = 512;
-  std::atomic<size_t> next = 0;
-  const auto take_turns = [&] {
-    for (size_t i = next++; i < n; i = next++) work(i);
-  };
-  std::vector<std::jthread> helpers;
-  try {
-    while (helpers.size() + 1 < std::min(n, most_threads)) helpers.emplace_back(take_turns);
-  } catch (const std::system_error&) {
-    // The threads that exist, this one at least, do the rest.
-  }
-  take_turns();
 }

@@ -1,7 +1,6 @@
 // The instances of a run, one for each configuration file.
 #pragma once
 
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -33,7 +32,3 @@ class fleet {
 /// For each file its stem; files that share a stem have their paths as names instead, and a name that is still taken
 /// gets "#2", "#3" ... appended.
 std::vector<std::string> instance_names(const std::vector<std::string>& files);
-
-/// Calls work(0) to work(n - 1), up to 512 of them at once, and returns when all have returned. Fewer at once when
-/// the system refuses threads.
-void parallel_for(size_t n, const std::function<void(size_t)>& work);

@@ -110,7 +110,7 @@ void supervisor::stop_old(const batch& b) {
     if (instance* i = _fleet.get(c.index)) old.push_back(i);
   if (old.empty()) return start_new(b);
   _loop.run_beside([this, b, old]() -> event_loop::task {
-    parallel_for(old.size(), [&](size_t k) { old[k]->stop(); });
+    _loop.parallel_for(old.size(), [&](size_t k) { old[k]->stop(); });
     return [this, b] { start_new(b); };
   });
 }
@@ -165,7 +165,7 @@ bool supervisor::stop() {
 void supervisor::stop_fleet() {
   _stage = stage::busy;
   _loop.run_beside([this]() -> event_loop::task {
-    parallel_for(_fleet.size(), [this](size_t i) {
+    _loop.parallel_for(_fleet.size(), [this](size_t i) {
       if (instance* running = _fleet.get(i)) running->stop();
     });
     return [this] { destroy_fleet(); };

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <asio.hpp>
+#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <csignal>
@@ -17,6 +18,7 @@
 #include <system_error>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "host/loop/event_loop.h"
 
@@ -108,6 +110,21 @@ class asio_loop : public event_loop {
     } catch (const std::system_error&) {
       post(work());
     }
+  }
+
+  void parallel_for(size_t n, const std::function<void(size_t)>& work) override {
+    constexpr size_t most_threads = 512;
+    std::atomic<size_t> next = 0;
+    const auto take_turns = [&] {
+      for (size_t i = next++; i < n; i = next++) work(i);
+    };
+    std::vector<std::jthread> helpers;
+    try {
+      while (helpers.size() + 1 < std::min(n, most_threads)) helpers.emplace_back(take_turns);
+    } catch (const std::system_error&) {
+      // The threads that exist, this one at least, do the rest.
+    }
+    take_turns();
   }
 
   handle call_at(steady_clock::time_point when, task t) override {

@@ -45,6 +45,10 @@ class event_loop {
   /// the system refuses a thread, calls it before returning.
   virtual void run_beside(std::function<task()> work) = 0;
 
+  /// Calls work(0) to work(n - 1), up to 512 of them at once, and returns when all have returned. Fewer at once when
+  /// the system refuses threads. [any thread]
+  virtual void parallel_for(size_t n, const std::function<void(size_t)>& work) = 0;
+
   /// Calls the task once.
   virtual handle call_at(steady_clock::time_point when, task t) = 0;
   handle call_in(std::chrono::nanoseconds delay, task t) { return call_at(now() + delay, std::move(t)); }

@@ -178,6 +178,7 @@ class world {
   bool has_failed = false;  // to start an instance
   bool is_calm = false;
   bool is_settled = false;
+  bool is_over = false;          // the process has ended
   time_point stop_time = never;  // a stop signal has been delivered
   int stop_signal = 0;
   long steps = 0;
@@ -584,6 +585,7 @@ class simulated_plugin : public plugin {
     return handle;
   }
   void destroy(int handle) const override {
+    if (_world.is_over) return;
     _world.expect(!_world.drivers.at(handle).runs, "an instance that runs is destroyed");
     _world.drivers.erase(handle);
   }
@@ -602,7 +604,7 @@ class simulated_plugin : public plugin {
     if (_world.chance(50)) _world.publish(handle);
   }
   void stop(int handle) const override {
-    if (!_world.drivers.at(handle).runs) return;
+    if (_world.is_over || !_world.drivers.at(handle).runs) return;
     if (_world.chance(30)) _world.publish(handle);
     _world.drivers.at(handle).runs = false;
     _world.note("instance " + std::to_string(handle) + " is stopped");
@@ -655,11 +657,28 @@ void check_end(const world& w, const output& out, bool is_exit) {
   for (const posted& p : w.queue) w.expect(p.what.line.empty(), "a report is not passed on");
 }
 
+// What runs beside the loop ends with the process.
+class process_end {
+ public:
+  explicit process_end(world& w) : _world(w) {}
+  ~process_end() {
+    _world.is_over = true;
+    _world.works.clear();
+    _world.queue.clear();
+  }
+  process_end(const process_end&) = delete;
+  process_end& operator=(const process_end&) = delete;
+
+ private:
+  world& _world;
+};
+
 void run_one(world& w) {
   simulated_loop loop(w);
   simulated_launcher programs(w);
   no_addresses addresses;
   const simulated_plugin p(w);
+  const process_end last(w);
   output out(loop, 1);
   output err(loop, 2);
   bool is_exit = false;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -74,6 +75,8 @@ TEST(publicip6_small_inputs, The_boundary_values_of_each_byte_are_judged_as_by_t
   if (small_inputs::longest(7) == 7) {
     values[12] = values[13] = values[14] = {0, 1, 0xff};
     values[15] = {0, 1, 2, 0x80, 0xff};
+  } else {
+    std::fill(values.begin() + 3, values.begin() + 9, std::vector<unsigned char>{0});
   }
   small_inputs::report("addresses with the boundary values of each byte", judge_all(values));
 }

@@ -72,13 +72,24 @@ class both {
       release(o.freed);
   }
 
+  void take_slot() {
+    _slots.push_back(address(ym::memheap_::operator new(56)));
+    check(_slots.back() == _model.take_slot(), "address of a slot");
+  }
+
+  /// Releases slot number `i` of take_slot(); null if that one has been released.
+  void give_slot(size_t i) {
+    ym::memheap_::operator delete(pointer(_slots[i]));
+    _model.give_slot(_slots[i]);
+    _slots[i] = 0;
+  }
+
   /// Leaves the self heap with `left` free slots, so that a new chunk needs two mappings.
   void take_slots(size_t left) {
-    while (_model.self().free > left) {
-      const word actual = address(ym::memheap_::operator new(56));
-      check(actual == _model.take_slot(), "address of a slot");
-    }
+    while (_model.self().free > left) take_slot();
   }
+
+  size_t slots() const { return _slots.size(); }
 
   /// Mappings asked for since construction began.
   int asked() const { return _model.asked(); }
@@ -235,6 +246,7 @@ class both {
   word _invented = 1;
   pools_model::allocator _model;
   std::vector<block> _blocks;
+  std::vector<word> _slots;
 };
 
 // ---------------------------------------------------------------- judging
@@ -414,6 +426,70 @@ TEST_F(pools_small_inputs, A_self_heap_without_free_slots_grows_as_in_the_model)
     });
   }
   small_inputs::report("sequences of up to 4 requests with few free slots in the self heap", judged);
+}
+
+/// Takes all slots of `chunks` chunks of the self heap.
+void fill_self_heap(both& pair, size_t chunks) {
+  pair.take_slots(0);
+  for (size_t i = 1; i < chunks; ++i) {
+    pair.take_slot();
+    pair.take_slots(0);
+  }
+}
+
+/// Leaves two chunks in the self heap: the first one with a free slot, the second one with two slots in use. Returns
+/// the number of the first slot in use.
+size_t empty_second_chunk(both& pair) {
+  fill_self_heap(pair, 1);
+  const size_t second = pair.slots();
+  pair.take_slot();
+  pair.take_slots(0);
+  const size_t end = pair.slots();
+  for (const size_t i : {2, 3}) pair.give_slot(i);
+  pair.take_slot();  // moves the chunk that serves it to the front
+  for (size_t i = second + 2; i < end; ++i) pair.give_slot(i);
+  return second;
+}
+
+/// Judges every sequence of up to 4 requests: a slot is taken, or one of the four that `prepare` names is released.
+/// Returns how many.
+template <class PREPARE>
+uint64_t judge_slots(PREPARE prepare, int refused) {
+  return small_inputs::each(5, small_inputs::longest(4), [&](const auto& s) {
+    both pair(4096);
+    const std::array<size_t, 4> given = prepare(pair);
+    fake_pages::refuse(refused);
+    for (const uint16_t symbol : s) {
+      if (symbol == 0)
+        pair.take_slot();
+      else
+        pair.give_slot(given[symbol - 1U]);
+    }
+    if (pair.compare().empty()) return true;
+    ADD_FAILURE() << "mapping " << refused << " refused: " << pair.compare();
+    return false;
+  });
+}
+
+TEST_F(pools_small_inputs, Slots_are_taken_and_released_as_by_the_model) {
+  uint64_t judged = 0;
+  for (const int refused : {0, 1}) {
+    for (const size_t chunks : {1, 2, 3}) {
+      judged += judge_slots(
+          [chunks](both& pair) {
+            fill_self_heap(pair, chunks);
+            return std::array<size_t, 4>{0, 1, pair.slots() * 3 / 4, pair.slots() - 1};
+          },
+          refused);
+    }
+    judged += judge_slots(
+        [](both& pair) {
+          const size_t second = empty_second_chunk(pair);
+          return std::array<size_t, 4>{0, 1, second, second + 1};
+        },
+        refused);
+  }
+  small_inputs::report("sequences of up to 4 slots taken and released, up to 3 chunks", judged);
 }
 
 TEST_F(pools_small_inputs, A_mapping_refused_at_construction_leaves_the_allocator_of_the_model) {

@@ -551,7 +551,7 @@ namespace {
 /// A pipe with a path. A reader of the path waits until finish(), which writes the text and closes the pipe.
 class named_pipe {
  public:
-  named_pipe(std::string path, std::string text) : _text(std::move(text)) {
+  named_pipe(const std::string& path, std::string text) : _text(std::move(text)) {
     if (mkfifo(path.c_str(), 0600) == 0) _writer = ::open(path.c_str(), O_RDWR);
     if (_writer < 0) throw std::runtime_error("no pipe " + path);
   }

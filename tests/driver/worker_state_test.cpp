@@ -29,6 +29,8 @@ class worker_state : public driver_fixture {
 
   void SetUp() override { ASSERT_TRUE(create(file.path().c_str())); }
 
+  const std::thread* thread_object() const { return static_cast<const std::thread*>(field<const void*>(thread_at)); }
+
   /// Asks the worker to end without Stop, and waits until it says that it does not run.
   void end_worker() {
     set<int32_t>(stop_at, 1);
@@ -56,10 +58,10 @@ TEST_F(worker_state, a_second_start_replaces_the_thread_object) {
   const auto host = [&] {
     d.Start();
     fake_clock::await_sleepers(1);
-    const auto* first = field<const std::thread*>(thread_at);
+    const auto* first = thread_object();
     d.Start();
     fake_clock::await_sleepers(2);
-    const auto* second = field<const std::thread*>(thread_at);
+    const auto* second = thread_object();
     const bool replaced = first != second && second->joinable();
     const bool forgotten = first->joinable() && first->get_id() != second->get_id();
     _exit(replaced && forgotten ? 0 : 1);  // the first worker cannot be joined any more

@@ -228,7 +228,7 @@ TEST_F(load, ends_the_process_when_the_table_finds_no_memory) {
 }
 
 TEST_F(load, builds_three_globals_without_a_block_of_the_heap) {
-  load_record record;
+  const load_record record;
   g_registrations = 0;
   fake_heap::refuse(1);  // also counts
   g_watched = true;

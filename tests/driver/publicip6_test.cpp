@@ -320,7 +320,7 @@ TEST_F(publicip6, the_comma_and_the_address_grow_the_text_one_after_the_other) {
     const char* before;
     const char* address;
     size_t block;
-  } rows[] = {
+  } appends[] = {
       {"alone: 3 characters, request of 15", "", "1::", 16},
       {"alone: 12 characters, request of 33", "", "2001:db8::10", 64},
       {"the comma fits, the address makes 14: request of 37", "x", "2001:db8::10", 64},
@@ -328,7 +328,7 @@ TEST_F(publicip6, the_comma_and_the_address_grow_the_text_one_after_the_other) {
       {"the comma makes 8: an address of 16 makes 24, request of 57", "1234567", "2001:db8::1:2:34", 64},
       {"the comma makes 8: an address of 15 just fits", "1234567", "2001:db8::1:2:3", 32},
   };
-  for (const auto& r : rows) {
+  for (const auto& r : appends) {
     SCOPED_TRACE(r.label);
     fake_interfaces::set({r.address});
     ym::string_<> text;

@@ -13,6 +13,7 @@
 //   hold FILE       dac_stop returns when there is such a file, or after 20 seconds
 //   stop takes MS   dac_stop returns after that many milliseconds
 //   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N
+// Compiled with UNDEFINED, it needs a function that no library has.
 // Environment: FAKE_JOURNAL, a file that gets a line for every call; FAKE_ROOM, how many instances there can be.
 #include <algorithm>
 #include <cstdlib>
@@ -155,7 +156,14 @@ void end_listener(int handle, const instance& i) {
   listener.join();
 }
 
+bool is_running(int handle) {
+  const std::lock_guard hold(mtx);
+  return running.contains(handle);
+}
+
+// A stopped instance has nothing to wait for.
 void stop_slowly(int handle, const instance& i) {
+  if (!is_running(handle)) return;
   if (i.orders.contains("stop"))
     std::this_thread::sleep_for(std::chrono::milliseconds(std::stoi(i.orders.at("stop").substr(6))));
   if (!i.orders.contains("hold")) return;
@@ -181,7 +189,12 @@ bool await_others(int n) {
 
 const char* const g_verson = "version of the fake";
 
+#ifdef UNDEFINED
+extern "C" int function_that_no_library_has(void);
+int dac_getversion(void) { return function_that_no_library_has(); }
+#else
 int dac_getversion(void) { return 7; }
+#endif
 
 int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux /*aux1*/, void* /*aux1param*/,
                cbdata data, void* dataparam, cbaux /*aux2*/, void* /*aux2param*/) {

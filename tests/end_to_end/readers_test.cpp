@@ -1,0 +1,168 @@
+// Readers of dachost's output that are late, slow, or leave.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include "tests/support/dachost_fixture.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+/// Both ends of a socket; what is written at one is read at the other.
+class socket_pair {
+ public:
+  socket_pair() {
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, _fds) != 0) throw std::runtime_error("socketpair");
+    const int small = 4096;
+    setsockopt(_fds[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    fcntl(_fds[1], F_SETFL, O_NONBLOCK);
+  }
+  ~socket_pair() {
+    close(_fds[0]);
+    close_writing();
+  }
+  socket_pair(const socket_pair&) = delete;
+  socket_pair& operator=(const socket_pair&) = delete;
+
+  int writing() const { return _fds[1]; }
+  void close_writing() {
+    if (_fds[1] >= 0) close(std::exchange(_fds[1], -1));
+  }
+  /// Up to `size` bytes; false at the end.
+  bool read_some(std::string& text, size_t size) const {
+    pollfd p = {_fds[0], POLLIN, 0};
+    if (poll(&p, 1, 20000) <= 0) throw std::runtime_error("nothing to read after: " + text);
+    std::string piece(size, '\0');
+    const ssize_t n = read(_fds[0], piece.data(), size);
+    if (n > 0) text.append(piece, 0, static_cast<size_t>(n));
+    return n > 0;
+  }
+
+ private:
+  int _fds[2] = {-1, -1};
+};
+
+class readers : public dachost_fixture {
+ protected:
+  /// The lines' texts are "message 1 of N" ..., from the first on, and the last line may be cut.
+  static void expect_beginning_of_flood(const std::string& out, int n) {
+    int k = 0;
+    for (const std::string& line : lines(out)) {
+      const size_t at = line.find("\tmessage\t");
+      if (at == std::string::npos) continue;
+      const std::string expected = "message " + std::to_string(++k) + " of " + std::to_string(n);
+      const std::string got = line.substr(at + 9);
+      const bool is_last = out.ends_with(got);
+      EXPECT_TRUE(got == expected || (is_last && expected.starts_with(got))) << got << ", expected: " << expected;
+    }
+    EXPECT_GT(k, 0);
+  }
+};
+
+}  // namespace
+
+TEST_F(readers, of_standard_error_that_are_late_get_every_line_in_order) {
+  process p = run({"--json", "--for", "0.001", conf("flood 4000")});
+  await_journal("destroy gw 0");
+  std::this_thread::sleep_for(300ms);
+  EXPECT_TRUE(p.is_running()) << "the rest waits for its reader";
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(told(e.err, "message").size(), 4000U);
+  expect_beginning_of_flood(e.err, 4000);
+}
+
+TEST_F(readers, of_standard_error_that_read_nothing_keep_nothing_from_being_published) {
+  const remote_control gw(dir.path("fifo"));
+  process p = run({"--json", conf(gw.order())});
+  gw.say("flood 4000");
+  gw.say("publish a");
+  // Both outputs are read here: the value is there before the rest of the messages.
+  p.await_out("\"value\":\"a\"");
+  p.signal(SIGTERM);
+  p.end();
+}
+
+TEST_F(readers, that_leave_during_the_last_flush_are_reported) {
+  process p = run({"--for", "0.001", conf("flood 4000")});
+  await_journal("destroy gw 0");
+  p.await_out("message 100 of 4000");
+  p.close_out();
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+}
+
+TEST_F(readers, that_leave_after_a_stop_signal_are_reported) {
+  process p = run({conf("flood 4000")});
+  p.await_out("message 1 of 4000");
+  p.signal(SIGTERM);
+  p.close_out();
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+  EXPECT_EQ(journal().back(), "destroy gw 0");
+}
+
+// It takes what it can within the second that it has, and does not prolong it: all of it would take 25 seconds.
+TEST_F(readers, that_are_slow_after_a_stop_signal_get_the_beginning) {
+  socket_pair s;
+  process p = run({conf("flood 4000")}, {}, {.out_fd = s.writing()});
+  s.close_writing();
+  await_journal("start gw 0");
+  std::string out;
+  s.read_some(out, 4096);
+  p.signal(SIGTERM);
+  int pieces = 0;
+  for (; p.is_running() && pieces < 20; ++pieces) {
+    std::this_thread::sleep_for(500ms);
+    s.read_some(out, 4096);
+  }
+  EXPECT_LT(pieces, 20);
+  EXPECT_EQ(p.end_unread(), 1);
+  while (s.read_some(out, 4096)) continue;
+  expect_beginning_of_flood(out, 4000);
+  EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
+}
+
+TEST_F(readers, of_a_non_blocking_socket_get_every_line) {
+  socket_pair s;
+  process p =
+      run({"--for", "0.001", conf("flood 4000\npublish " + std::string(900, 'v'))}, {}, {.out_fd = s.writing()});
+  s.close_writing();
+  std::string out;
+  for (size_t size = 1; s.read_some(out, size);) size = size % 5000 + 611;
+  EXPECT_EQ(p.end_unread(), 0);
+  EXPECT_EQ(told(out, "message").size(), 4000U);
+  EXPECT_EQ(told(out, "value"), texts{"gw\tvalue\tgw\t" + std::string(900, 'v')});
+  expect_beginning_of_flood(out, 4000);
+}
+
+TEST_F(readers, of_a_full_non_blocking_socket_cost_no_processor_time) {
+  socket_pair s;
+  process p = run({conf("flood 4000")}, {}, {.out_fd = s.writing()});
+  s.close_writing();
+  await_journal("start gw 0");
+  expect_quiet(p);
+  p.signal(SIGTERM);
+  expect_quiet(p, 700ms);
+  EXPECT_EQ(p.end_unread(), 1);
+}
+
+TEST_F(readers, that_come_back_after_a_pause_get_lines_in_order) {
+  const remote_control gw(dir.path("fifo"));
+  process p = run({conf(gw.order())});
+  for (int round = 0; round < 3; ++round) {
+    gw.say("flood 3000");
+    std::this_thread::sleep_for(200ms);
+    p.await_out("message 3000 of 3000");
+  }
+  gw.say("publish end");
+  p.await_out("\tend\n");
+  const texts all = told(terminate(p).out, "message");
+  ASSERT_EQ(all.size(), 9000U);
+  for (size_t n = 0; n < all.size(); ++n)
+    EXPECT_EQ(all[n], "gw\tmessage\tmessage " + std::to_string(n % 3000 + 1) + " of 3000");
+}

@@ -1,0 +1,206 @@
+// SIGHUP at awkward moments, --once and --for, and what is on the command line.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "tests/support/dachost_fixture.h"
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+namespace {
+
+class reload : public dachost_fixture {
+ protected:
+  /// Each instance that was created was destroyed once, after its stop; none is left.
+  void expect_all_gone() const {
+    std::multiset<std::string> created, destroyed;
+    std::set<std::string> stopped;
+    for (const std::string& call : journal()) {
+      const std::string instance = call.substr(call.find(' ') + 1);
+      if (call.starts_with("create ") && !call.ends_with(" -1")) created.insert(instance);
+      if (call.starts_with("stop ")) stopped.insert(instance);
+      if (!call.starts_with("destroy ")) continue;
+      destroyed.insert(instance);
+      EXPECT_TRUE(stopped.contains(instance)) << call;
+    }
+    EXPECT_EQ(created, destroyed);
+  }
+};
+
+class command_line : public dachost_fixture {};
+
+}  // namespace
+
+// ---------------------------------------------------------------- SIGHUP
+
+TEST_F(reload, during_a_renewal_reads_the_files_again_after_it) {
+  const std::string released = dir.path("released");
+  process p = run({conf("publish first\nhold " + released)});
+  p.await_out("\tfirst\n");
+  conf("publish second");
+  p.signal(SIGHUP);
+  await_journal("held gw 0");
+  conf("publish third");
+  p.signal(SIGHUP);
+  dir.file("", "released");
+  p.await_out("\tthird\n");
+  EXPECT_EQ(terminate(p).err, "");
+  expect_all_gone();
+}
+
+TEST_F(reload, many_times_in_a_row_ends_with_the_newest_file) {
+  process p = run({conf("publish 0")});
+  p.await_out("\t0\n");
+  for (int n = 1; n <= 200; ++n) {
+    dir.file("publish " + std::to_string(n), "next");
+    std::filesystem::rename(dir.path("next"), dir.path("gw.conf"));
+    p.signal(SIGHUP);
+  }
+  p.await_out("\t200\n");
+  const texts values = told(terminate(p).out, "value");
+  EXPECT_EQ(values.back(), "gw\tvalue\tgw\t200");
+  expect_all_gone();
+}
+
+// Both wait while the process is stopped, so dachost finds them together.
+TEST_F(reload, together_with_a_stop_signal_ends_the_run) {
+  for (const int sig : {SIGTERM, SIGINT, SIGQUIT}) {
+    SCOPED_TRACE(sig);
+    process p = run({conf("publish a", "a"), conf("publish b", "b")});
+    p.await_out("\tb\n");
+    p.signal(SIGSTOP);
+    p.signal(SIGHUP);
+    p.signal(sig);
+    p.signal(SIGCONT);
+    EXPECT_EQ(p.end().status, 0);
+    expect_all_gone();
+    std::filesystem::remove(dir.path("journal"));
+  }
+}
+
+TEST_F(reload, and_a_stop_signal_during_a_renewal_end_the_run) {
+  process p = run({conf("publish first\nhold " + dir.path("released"))});
+  p.await_out("\tfirst\n");
+  conf("publish second");
+  p.signal(SIGHUP);
+  await_journal("held gw 0");
+  p.signal(SIGHUP);
+  p.signal(SIGTERM);
+  dir.file("", "released");
+  EXPECT_EQ(p.end().status, 0);
+  expect_all_gone();
+}
+
+// One after the other would take 50 seconds.
+TEST_F(reload, of_500_instances_stops_them_at_the_same_time) {
+  texts args;
+  for (int n = 100; n < 600; ++n) args.push_back(conf("stop takes 100\npublish old", 'i' + std::to_string(n)));
+  process p = run(args);
+  p.await_out("\ti599\told\n");
+  for (int n = 100; n < 600; ++n) conf("stop takes 100\npublish new", 'i' + std::to_string(n));
+  p.signal(SIGHUP);
+  p.await_out("\ti599\tnew\n");
+  const ending e = terminate(p);
+  EXPECT_EQ(told(e.out, "value").size(), 1000U);
+  expect_all_gone();
+}
+
+TEST_F(reload, keeps_a_program_running_and_its_value) {
+  const std::string prog = program("echo begin $DAC_VALUE >>did\n" + std::string(wait_for_go) + "echo end >>did");
+  process p = run({"--exec", prog, conf("publish a")});
+  await_did("begin a\n");
+  conf("publish b");
+  p.signal(SIGHUP);
+  p.await_out("\tb\n");
+  EXPECT_EQ(did(), "begin a\n") << "one at a time";
+  go();
+  await_did("begin a\nend\nbegin b\nend\n");
+  terminate(p);
+}
+
+TEST_F(reload, of_a_file_that_vanished_keeps_the_instance_and_takes_it_when_it_is_back) {
+  const std::string file = dir.file("hostname=before", "gw.conf");
+  process p = start({"run", "-p", PLUGIN, file});
+  p.await_out("\tvalue\tbefore\t");
+  std::filesystem::remove(file);
+  p.signal(SIGHUP);
+  p.await_err("No such file or directory; the old instance goes on\n");
+  dir.file("hostname=after", "gw.conf");
+  p.signal(SIGHUP);
+  p.await_out("\tvalue\tafter\t");
+  terminate(p);
+}
+
+// ---------------------------------------------------------------- --once, --for
+
+TEST_F(command_line, once_waits_for_a_mute_instance) {
+  const remote_control mute(dir.path("fifo"));
+  process p = run({"--once", conf("publish a", "a"), conf(mute.order(), "mute")});
+  p.await_out("\tvalue\ta\ta\n");
+  std::this_thread::sleep_for(500ms);
+  EXPECT_TRUE(p.is_running());
+  mute.say("fail but publish nothing");
+  p.await_out("but publish nothing\n");
+  std::this_thread::sleep_for(200ms);
+  EXPECT_TRUE(p.is_running()) << "a message is no value";
+  mute.say("publish b");
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(told(e.out, "value"), (texts{"a\tvalue\ta\ta", "mute\tvalue\tmute\tb"}));
+}
+
+TEST_F(command_line, for_a_second_and_a_half_is_not_shorter) {
+  for (const char* command : {"run", "top"}) {
+    SCOPED_TRACE(command);
+    const auto begin = std::chrono::steady_clock::now();
+    const ending e = start({command, "-p", FAKE_PLUGIN, "--for", "1.5", conf("publish a")}).end();
+    EXPECT_EQ(e.status, 0);
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, 1500ms);
+  }
+}
+
+// ---------------------------------------------------------------- files and plug-ins
+
+TEST_F(command_line, a_file_given_three_times_has_three_instances) {
+  const std::string file = conf("publish a");
+  const std::string prog = program("echo \"$DAC_INSTANCE\" >>did");
+  const ending e = run({"--once", "--exec", prog, file, file, file}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(told(e.out, "value"), (texts{file + "\tvalue\t" + file + "\ta", file + "#2\tvalue\t" + file + "#2\ta",
+                                         file + "#3\tvalue\t" + file + "#3\ta"}));
+  texts got = lines(did());
+  std::sort(got.begin(), got.end());
+  EXPECT_EQ(got, (texts{file, file + "#2", file + "#3"}));
+}
+
+TEST_F(command_line, names_with_equals_signs_tabs_and_escapes_are_whole_in_a_dry_run) {
+  const std::string name = "a=b\tc\x1b[1m d", file = conf("publish v=w", name);
+  const std::string shown = "a=b\\x09c\\x1b[1m d";
+  const ending text = run({"--once", "--dry-run", "--exec", "p=q\tr", file}).end();
+  const texts commands = told(text.out, "exec");
+  ASSERT_EQ(commands.size(), 1U);
+  const texts fields = split(commands[0], '\t');
+  EXPECT_EQ(texts(fields.begin(), fields.end() - 1),
+            (texts{shown, "exec", "p=q\\x09r", "DAC_INSTANCE=" + shown, "DAC_TAG=" + shown, "DAC_VALUE=v=w"}));
+  json event;
+  for (const std::string& line : lines(run({"--once", "--json", "--dry-run", "--exec", "p=q\tr", file}).end().out))
+    if (json::parse(line)["event"] == "exec") event = json::parse(line);
+  EXPECT_EQ(event["program"], "p=q\tr");
+  EXPECT_EQ(event["instance"], name);
+  event["environment"].erase("DAC_TIME");
+  EXPECT_EQ(event["environment"], (json{{"DAC_INSTANCE", name}, {"DAC_TAG", name}, {"DAC_VALUE", "v=w"}}));
+}
+
+TEST_F(command_line, plugin_with_an_undefined_symbol_is_reported_before_anything_runs) {
+  for (const char* command : {"run", "top", "check", "tags", "info"}) {
+    SCOPED_TRACE(command);
+    const ending e = start({command, "-p", UNDEFINED_PLUGIN, conf("publish a")}).end();
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.out, "");
+    EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+    EXPECT_TRUE(e.err.starts_with("dachost: " UNDEFINED_PLUGIN ": ")) << e.err;
+    EXPECT_NE(e.err.find("function_that_no_library_has"), std::string::npos) << e.err;
+  }
+}

@@ -101,7 +101,7 @@ class both {
     check(fake_pages::made() == _model.asked(), "number of mappings asked for");
     std::map<word, word> live;
     for (const auto& [at, length] : fake_pages::live())
-      if (!foreign_mappings.count(at)) live[address(at)] = length;
+      if (!foreign_mappings.contains(at)) live[address(at)] = length;
     check(live == _model.mappings(), "mappings alive");
     for (const block& b : _blocks)
       check(!b.is_live || *static_cast<const word*>(pointer(b.address)) == b.mark, "content");
@@ -409,7 +409,7 @@ TEST_F(pools_small_inputs, Each_class_serves_the_sizes_of_the_model) {
 // is not checked, so nothing is refused here.
 TEST_F(pools_small_inputs, A_self_heap_without_free_slots_grows_as_in_the_model) {
   uint64_t judged = 0;
-  for (const size_t free_slots : {0, 1, 2}) {
+  for (const size_t free_slots : {0U, 1U, 2U}) {
     small_inputs::each(3, small_inputs::longest(4), [&](const auto& s) {
       both pair(4096);
       pair.take_slots(free_slots);
@@ -445,7 +445,7 @@ size_t empty_second_chunk(both& pair) {
   pair.take_slot();
   pair.take_slots(0);
   const size_t end = pair.slots();
-  for (const size_t i : {2, 3}) pair.give_slot(i);
+  for (const size_t i : {2U, 3U}) pair.give_slot(i);
   pair.take_slot();  // moves the chunk that serves it to the front
   for (size_t i = second + 2; i < end; ++i) pair.give_slot(i);
   return second;
@@ -474,7 +474,7 @@ uint64_t judge_slots(PREPARE prepare, int refused) {
 TEST_F(pools_small_inputs, Slots_are_taken_and_released_as_by_the_model) {
   uint64_t judged = 0;
   for (const int refused : {0, 1}) {
-    for (const size_t chunks : {1, 2, 3}) {
+    for (const size_t chunks : {1U, 2U, 3U}) {
       judged += judge_slots(
           [chunks](both& pair) {
             fill_self_heap(pair, chunks);

@@ -71,7 +71,7 @@ class allocator {
   word large() const { return _large; }
   /// Address and length of each mapping.
   const std::map<word, word>& mappings() const { return _mappings; }
-  bool is_large(word block) const { return _large_blocks.count(block) != 0; }
+  bool is_large(word block) const { return _large_blocks.contains(block); }
 
   /// What the word before a block holds: its chunk, or 0 for a large block.
   word header_of(word block) const {

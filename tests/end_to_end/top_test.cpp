@@ -191,6 +191,22 @@ TEST_F(top, sighup_reads_the_files_again_and_counts_from_the_start) {
   EXPECT_EQ(err[1], "dachost: other.conf: for a reason; the old instance goes on");
 }
 
+TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  dir.file("0", "clock");
+  process p({"env", "LD_PRELOAD=" WALL_CLOCK, "WALL_CLOCK=" + dir.path("clock"),
+             "ASAN_OPTIONS=verify_asan_link_order=0", DACHOST, "top", "-p", FAKE_PLUGIN, dir.path("gw.conf")});
+  p.await_out("2001:db8::10");
+  dir.file("-3600", "clock");
+  p.await_out("\n\n");
+  const size_t before = p.out().size();
+  p.read_out(p.out().size() + 400);
+  p.signal(SIGTERM);
+  const texts rows = lines(p.end().out.substr(before));
+  EXPECT_GE(std::count_if(rows.begin(), rows.end(), [](const std::string& r) { return r.find(" 0s ") != r.npos; }), 2);
+  for (const std::string& r : rows) EXPECT_EQ(r.find(" -"), std::string::npos) << r;
+}
+
 TEST_F(top, a_reader_that_goes_away_ends_it) {
   dir.file("publish 2001:db8::10", "gw.conf");
   process p = start("gw.conf");
@@ -352,6 +368,55 @@ TEST_F(top_screen, tells_of_a_failure_at_the_bottom_until_a_key_is_pressed) {
   EXPECT_NE(t.lines().at(2).find(" 1       1  gw"), std::string::npos);
   t.press("Down");
   t.await("q ends");
+}
+
+TEST_F(top_screen, obeys_every_one_of_several_keys_at_once) {
+  terminal t(dir.path(""), 100, 13);
+  open(t, many(35, "publish null"), "rows 1-10 of 35");
+  t.press_at_once({"Down", "Down", "NPage", "Down", "Up", "x", "Down"});
+  t.await("rows 14-23 of 35");
+  t.press_at_once({"Home", "Down", "q"});
+  expect_restored(t);
+}
+
+TEST_F(top_screen, keeps_a_note_when_the_size_changes) {
+  dir.file("publish null\nfail to find addresses", "gw.conf");
+  terminal t(dir.path(""), 100, 8);
+  open(t, "gw.conf", "Z gw: to find addresses");
+  t.resize(90, 6);
+  t.await([](const texts& all) { return all.size() == 6 && all[5].ends_with("Z gw: to find addresses"); });
+  t.resize(120, 10);
+  t.await([](const texts& all) { return all.size() == 10 && all[9].ends_with("Z gw: to find addresses"); });
+  t.press("C-l");
+  t.await([](const texts& all) { return all.size() == 10 && all[9].ends_with("Z gw: to find addresses"); });
+  t.press("Down");
+  t.await("q ends");
+}
+
+TEST_F(top_screen, repairs_what_others_have_written_on_ctrl_l) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "2001:db8::10");
+  std::ofstream(std::filesystem::read_symlink("/proc/" + std::to_string(host()) + "/fd/1"))
+      << "\x1b[3;1Hforeign words\x1b[6;1Hand more of them" << std::flush;
+  t.await("foreign words");
+  t.press("C-l");
+  t.await([](const texts& all) {
+    return joined(all).find("foreign") == std::string::npos && joined(all).find("more of them") == std::string::npos &&
+           all.size() == 8 && all[2].starts_with("gw ") && all[7] == "q ends";
+  });
+}
+
+// "e" and U+0301 take one column together, and the columns after it stay where they are.
+TEST_F(top_screen, aligns_combining_characters) {
+  const std::string accent = "e\xcc\x81";
+  dir.file("publish plain", "abcd.conf");
+  dir.file("publish " + accent + accent, "ab" + accent + "d.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "abcd.conf ab" + accent + "d.conf", accent + accent);
+  const texts all = t.lines();
+  EXPECT_EQ(all.at(2).find("0  yes"), all.at(3).find("1  yes") - 2) << joined(all);
+  EXPECT_EQ(all.at(2).find("plain"), all.at(3).find(accent + accent) - 4) << joined(all);
 }
 
 TEST_F(top_screen, sighup_shows_the_reason_of_every_refused_file_until_a_key_is_pressed) {

@@ -33,6 +33,10 @@ terminal::~terminal() { process({"tmux", "-S", _socket, "kill-server"}).end_unre
 
 void terminal::type(const std::string& text) { tmux({"send-keys", "-l", text}); }
 void terminal::press(const std::string& key) { tmux({"send-keys", key}); }
+void terminal::press_at_once(std::vector<std::string> keys) {
+  keys.insert(keys.begin(), "send-keys");
+  tmux(keys);
+}
 void terminal::resize(int width, int height) {
   tmux({"resize-window", "-x", std::to_string(width), "-y", std::to_string(height)});
 }

@@ -17,6 +17,8 @@ class terminal {
   /// Types the text and then the key: a name of tmux such as "Enter", "C-c", "PPage".
   void type(const std::string& text);
   void press(const std::string& key);
+  /// All of them in one write.
+  void press_at_once(std::vector<std::string> keys);
   void resize(int width, int height);
 
   /// The screen's lines, without the empty ones at its end.

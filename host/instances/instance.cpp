@@ -37,13 +37,13 @@ std::vector<tag> instance::tags() const {
   return all;
 }
 
-// The size that comes back is one short of the text's length, and the length alone is what must fit: see dac.h.
+// The size that comes back is one short of the text's length; the terminator needs another byte: see dac.h.
 std::string instance::info() const {
   std::string text(1, '\0');
   size_t n = 0;
   _plugin.get_info(_handle, text.data(), &n);
-  text.resize(n + 2);
-  n += 1;
+  n += 2;
+  text.resize(n);
   _plugin.get_info(_handle, text.data(), &n);
   text.resize(n + 1);
   return text;

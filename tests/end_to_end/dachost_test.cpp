@@ -169,7 +169,7 @@ class dachost : public testing::Test {
 
   /// A copy of the plug-in in which one entry point is called otherwise.
   std::string plugin_without(const std::string& entry) const {
-    std::string bytes = read_file(PLUGIN);
+    std::string bytes = read_file(BARE_PLUGIN);
     const std::string name = '\0' + entry + '\0';
     for (size_t at = bytes.find(name); at != std::string::npos; at = bytes.find(name, at + 1))
       bytes[at + entry.size()] = '_';
@@ -334,7 +334,7 @@ TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
   fs::create_directory(path("bin"));
   fs::copy(DACHOST, path("bin/dachost"));
   process_settings s;
-  s.environment = {"LD_LIBRARY_PATH=" + path("loader")};
+  s.environment = {"LD_LIBRARY_PATH=" + path("loader"), "DAC_CHECK_PLUGIN=" BARE_PLUGIN};
   const struct row {
     const char* place;
     std::string loaded;

@@ -17,6 +17,8 @@
  *
  * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
  * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports g_dachandls, its own table of instances: leave it alone.
+ *
+ * The plug-in does not check how it is used. libdac-check.so does, loaded in its place: see dac(3).
  */
 #ifndef IP6DNS_DAC_H
 #define IP6DNS_DAC_H

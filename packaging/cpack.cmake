@@ -5,7 +5,7 @@ set(staging ${PROJECT_BINARY_DIR}/packaging)
 set(triplet ${CMAKE_CXX_LIBRARY_ARCHITECTURE})
 set(plugin_dir lib/${triplet}/dac)
 
-foreach(target ip6dns ip6dns_parts dachost dachost_parts)
+foreach(target ip6dns ip6dns_parts dac_check dachost dachost_parts)
   target_compile_options(${target} PRIVATE $<$<CONFIG:Release>:-g
     -ffile-prefix-map=${PROJECT_SOURCE_DIR}=/usr/src/ip6dns -ffile-prefix-map=${PROJECT_BINARY_DIR}=/usr/src/ip6dns>)
 endforeach()
@@ -42,6 +42,7 @@ function(manual file directory)
 endfunction()
 
 shipped(ip6dns FILES ${plugin_dir})
+shipped(dac_check FILES ${plugin_dir})  # where it finds the plug-in; with dac.h, for host authors
 shipped(dachost PROGRAMS bin)
 manual(${packaging}/changelog share/doc/ip6dns)
 file(GLOB manuals CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/doc/*.[1-9])
@@ -96,8 +97,8 @@ set(CPACK_COMPONENT_MAIN_DESCRIPTION
 the machine's public IPv6 addresses as a tag value: at once when they change,
 every two minutes when they do not. It opens no connection.
 .
-With it come its header for host authors, and dachost, a host for the command
-line and for systemd.")
+With it come its header and a checking layer for host authors, and dachost, a
+host for the command line and for systemd.")
 
 set(CPACK_DEBIAN_DBGSYM_PACKAGE_NAME ip6dns-dbgsym)
 set(CPACK_DEBIAN_DBGSYM_PACKAGE_SECTION debug)

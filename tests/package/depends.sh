@@ -10,7 +10,7 @@ trap 'rm -rf "$scratch"' EXIT
 mkdir "$scratch/debian"
 echo 'Source: ip6dns' >"$scratch/debian/control"
 cd "$scratch"
-needed=$(dpkg-shlibdeps -O "$root/usr/bin/dachost" "$root"/usr/lib/*/dac/libip6dns.so 2>/dev/null)
+needed=$(dpkg-shlibdeps -O "$root/usr/bin/dachost" "$root"/usr/lib/*/dac/*.so 2>/dev/null)
 said=$(dpkg-deb -f "$package" Depends)
 [ "$needed" = "shlibs:Depends=$said" ] || {
   printf 'needed: %s\nsaid:   %s\n' "${needed#*=}" "$said"

@@ -1,5 +1,6 @@
 #!/bin/sh
-# The installed dachost finds the installed plug-in by itself, and what users have in /etc will do.
+# The installed dachost finds the installed plug-in by itself, the checking layer finds it too and has nothing to report,
+# and what users have in /etc will do.
 #   runs.sh ROOT TRIPLET [EMULATOR...]
 set -eu
 root=$1
@@ -8,6 +9,11 @@ shift 2
 
 config=$root/etc/ip6dns/ip6dns.conf
 "$@" "$root/usr/bin/dachost" check "$config"
+reports=$("$@" "$root/usr/bin/dachost" info -p "${plugin%/*}/libdac-check.so" "$config" 2>&1 >/dev/null)
+[ -z "$reports" ] || {
+  echo "$reports"
+  exit 1
+}
 out=$("$@" "$root/usr/bin/dachost" run --json --once "$config" 2>&1)
 for expected in "\"plugin\":\"$plugin\"" '"event":"value","instance":"ip6dns"'; do
   echo "$out" | grep -qF "$expected" || {

@@ -2,7 +2,7 @@
 # What bash offers behind the words of a dachost command line.
 set -eu
 # shellcheck disable=SC1091 # checked on its own
-. "$(dirname "$0")/../../packaging/completion/dachost"
+. "$(dirname "$0")/../../host/completion/dachost"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 mkdir "$scratch/more files"

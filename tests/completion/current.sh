@@ -3,7 +3,7 @@
 #   current.sh DACHOST...
 set -eu
 # shellcheck disable=SC1091 # checked on its own
-. "$(dirname "$0")/../../packaging/completion/dachost"
+. "$(dirname "$0")/../../host/completion/dachost"
 
 bad=0
 # same WHAT: the last offer against the words on standard input.

@@ -366,7 +366,7 @@ TEST_F(dachost, check_tells_the_host_name_of_each_file) {
 }
 
 TEST_F(dachost, check_takes_the_sample_configuration) {
-  const std::string sample = SOURCE_DIR "/packaging/ip6dns.conf";
+  const std::string sample = SOURCE_DIR "/examples/ip6dns.conf";
   const ending e = ask({"check", sample});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.out, sample + ": ok, host name gateway.example\n");

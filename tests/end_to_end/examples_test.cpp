@@ -15,6 +15,7 @@ constexpr struct {
   const char* file;
   const char* hostname;
 } taken[] = {
+    {"ip6dns.conf", "gateway.example"},
     {"plain.conf", "gateway.example"},
     {"comments.conf", "pump-house.example"},
     {"sections.conf", "Gateway-7.Example"},
@@ -35,6 +36,8 @@ constexpr struct {
     {"refused/stray-text.conf", "not config hostname in "},
     {"refused/taken-back.conf", "not config hostname in "},
 };
+
+const fs::path drop_in = "nsupdate.conf";  // of the systemd unit
 
 std::string read_file(const fs::path& file) {
   std::ifstream in(file, std::ios::binary);
@@ -66,7 +69,7 @@ TEST_F(examples, are_all_known_to_these_tests) {
   for (const auto& e : taken) known.insert(e.file);
   for (const auto& e : refused) known.insert(e.file);
   for (const fs::path& f : fs::recursive_directory_iterator(directory))
-    if (f.extension() == ".conf") found.insert(fs::relative(f, directory));
+    if (f.extension() == ".conf" && f.filename() != drop_in) found.insert(fs::relative(f, directory));
   EXPECT_EQ(found, known);
 }
 

@@ -3,4 +3,4 @@
 set -eu
 cd "$(dirname "$0")/../.."
 git grep -lzE '^#!/bin/(sh|bash)' | xargs -0 shellcheck
-shellcheck -s bash packaging/completion/dachost
+shellcheck -s bash host/completion/dachost

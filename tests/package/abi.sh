@@ -1,6 +1,6 @@
 #!/bin/sh
-# What the library offers to hosts is what was written down when it was last changed on purpose.
-#   abi.sh LIBRARY DUMP
+# The interface of the shipped library equals the recorded one.
+#   abi.sh LIBRARY DUMP DEBUG_DIRECTORY
 set -eu
 library=$1
 dump=$2
@@ -8,12 +8,12 @@ root=$(cd "$(dirname "$0")/../.." && pwd)
 scratch=$(mktemp)
 trap 'rm -f "$scratch"' EXIT
 
-"$root/scripts/abi" dump "$library" >"$scratch"
+"$root/scripts/abi" dump "$library" "$3" >"$scratch"
 grep -q "elf-symbol-id='dac_create'" "$scratch" || {
   echo "$library: no debug information, nothing to compare"
   exit 1
 }
 abidiff "$dump" "$scratch" || {
-  echo "Hosts see another interface than $dump tells. If that is meant: scripts/abi, and commit what it writes."
+  echo "The interface differs from $dump. If this is intended, run scripts/abi and commit what it writes."
   exit 1
 }

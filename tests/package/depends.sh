@@ -1,25 +1,40 @@
 #!/bin/sh
-# The package asks for the libraries that its programs need, in the versions that they need; they load no others.
-#   depends.sh ROOT PACKAGE
+# The package depends on the libraries that its programs need, in the versions that they need. They load no others.
+#   depends.sh ROOT READELF native|cross
 set -eu
 root=$1
-package=$2
+readelf=$2
+kind=$3
+program=$root/usr/bin/dachost
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
-
-mkdir "$scratch/debian"
-echo 'Source: ip6dns' >"$scratch/debian/control"
 cd "$scratch"
-needed=$(dpkg-shlibdeps -O "$root/usr/bin/dachost" "$root"/usr/lib/*/dac/*.so 2>/dev/null)
-said=$(dpkg-deb -f "$package" Depends)
-[ "$needed" = "shlibs:Depends=$said" ] || {
-  printf 'needed: %s\nsaid:   %s\n' "${needed#*=}" "$said"
+
+field() { sed -n "s/^$1: //p" "$root/DEBIAN/control"; }
+same() {
+  [ "$2" = "$3" ] && return
+  printf '%s: expected %s\n%s  found    %s\n' "$1" "$2" "$1" "$3"
   exit 1
 }
 
-readelf -d "$root/usr/bin/dachost" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' >linked
-loaded=$(strings "$root/usr/bin/dachost" | grep -xE 'lib[a-z+_]+\.so\.[0-9]+' | grep -vxF -f linked | LC_ALL=C sort -u)
-[ -z "$loaded" ] || {
-  echo "dachost loads these libraries: $loaded"
-  exit 1
+# newest FILE...: PACKAGE (>= VERSION) for each library, by the version names that the files ask for. This machine's
+# packages say which release has which; they are the same on every machine.
+newest() {
+  "$readelf" -VW "$@" | sed -n 's/.*Name: \([A-Z]*_[0-9.]*\) .*/\1/p' | sort -u >asked
+  for library in libc6 libgcc-s1 libstdc++6; do
+    cat "/var/lib/dpkg/info/$library:"*.symbols | awk '{ split($1, name, "@") } name[1] == name[2] { print name[1], $2 }' |
+      awk 'NR == FNR { asked[$1]; next } $1 in asked { print $2 }' asked - | sed 's/^[0-9]*://' | sort -V |
+      tail -n 1 | sed "s/.*/$library (>= &)/"
+  done | paste -sd, | sed 's/,/, /g'
 }
+
+if [ "$kind" = native ]; then
+  mkdir debian
+  echo 'Source: ip6dns' >debian/control
+  same Depends "$(dpkg-shlibdeps -O "$program" "$root"/usr/lib/*/dac/*.so 2>/dev/null | cut -d= -f2-)" "$(field Depends)"
+fi
+same Depends "$(newest "$program" "$root"/usr/lib/*/dac/*.so)" "$(field Depends)"
+
+"$readelf" -d "$program" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' >linked
+loaded=$(strings "$program" | grep -xE 'lib[a-z+_]+\.so\.[0-9]+' | grep -vxF -f linked | LC_ALL=C sort -u)
+same 'libraries that dachost loads' '' "$loaded"

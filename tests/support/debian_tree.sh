@@ -1,0 +1,39 @@
+#!/bin/sh
+# Makes a Debian 12 system that systemd-nspawn can boot, in DIRECTORY/debian-12, unless it exists. Its packages come from
+# the mirror that apt uses. Prints the system's directory. Exits with 77 and prints the reason where this is impossible.
+#   debian_tree.sh DIRECTORY PACKAGE...     with these packages and what they depend on
+set -eu
+directory=$1
+shift
+tree=$directory/debian-12
+
+skip() {
+  echo "skipped: $*"
+  exit 77
+}
+[ "$(id -u)" -eq 0 ] || skip 'only root can boot a system'
+
+mkdir -p "$directory"
+exec 9>"$tree.lock"
+flock 9
+# Another test may need other packages: the tree has those of all tests.
+touch "$tree.packages"
+packages=$(printf '%s\n' systemd systemd-sysv "$@" | LC_ALL=C sort -u - "$tree.packages")
+if [ "$packages" != "$(cat "$tree.packages")" ]; then
+  # shellcheck disable=SC2016 # the names are apt's
+  mirror=$(apt-get indextargets --format '$(CODENAME) $(LABEL) $(REPO_URI)' 'Created-By: Packages' |
+    awk '$1 == "bookworm" && $2 == "Debian" { print $3; exit }')
+  [ -n "$mirror" ] || skip 'apt has no source of Debian 12'
+  rm -rf --one-file-system "$tree" "$tree.packages"
+  debootstrap --variant=minbase --include="$(echo "$packages" | tr '\n' ',')" bookworm "$tree" "$mirror" \
+    >"$tree.log" 2>&1 || {
+    tail -n 30 "$tree.log"
+    exit 1
+  }
+  echo "$packages" >"$tree.packages"
+fi
+# A container may forbid what the boot needs.
+refusal=$(systemd-nspawn -q --register=no --keep-unit --private-network --volatile=overlay \
+  --machine="debian-$$" -D "$tree" true 2>&1) ||
+  skip "systemd-nspawn does not start: $refusal"
+echo "$tree"

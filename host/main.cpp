@@ -32,22 +32,22 @@ int unblocked(int fd) {
 const char* reason_of(int error) { return error == ETIME ? "nobody has read it to its end" : std::strerror(error); }
 
 int carry_out(event_loop& l, const options& o, output& out, output& err) {
-  const std::unique_ptr<plugin> p = load_plugin(o.plugin);
+  const plugin p = load_plugin(o.plugin);
   process_launcher programs;
   kernel_address_list addresses;
   switch (o.what) {
     case command::top:
-      return top(l, *p, o, out, err);
+      return top(l, p, o, out, err);
     case command::check:
-      return check(*p, o.files, out);
+      return check(p, o.files, out);
     case command::tags:
-      return tags(*p, o.files, out, err);
+      return tags(p, o.files, out, err);
     case command::info:
-      return info(*p, o.files, out, err);
+      return info(p, o.files, out, err);
     case command::run:
       break;
   }
-  return run({l, programs, addresses}, *p, o, out, err);
+  return run({l, programs, addresses}, p, o, out, err);
 }
 
 int reply(const answer& a, output& out, output& err) {

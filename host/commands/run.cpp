@@ -47,7 +47,10 @@ class runner : fleet_observer {
 };
 
 int runner::run() {
-  _printer->version(_loop.wall_time(), _plugin.version_text(), _plugin.version(), _plugin.file());
+  _printer->print({_loop.wall_time(),
+                   "",
+                   "version",
+                   {{"version", _plugin.version_text}, {"number", _plugin.version}, {"plugin", _plugin.file}}});
   _supervisor.start_all();
   bool is_over = false;
   const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
@@ -61,12 +64,15 @@ int runner::run() {
 
 void runner::on_tag(size_t i, const tag& t) {
   _tag_names[i] = t.name;
-  _printer->announce(_loop.wall_time(), name(i), t);
+  _printer->print({_loop.wall_time(),
+                   name(i),
+                   "tag",
+                   {{"tag", t.name}, {"type", t.type}, {"flag", t.flag}, {"text1", t.text1}, {"text2", t.text2}}});
 }
 
 // A record has room for the beginning of a long name only, which is another name.
 void runner::on(const event& e, const value& v) {
-  _printer->publish(e.time, name(e.index), v);
+  _printer->print({e.time, name(e.index), "value", {{"tag", v.tag}, {"type", v.type, false}, {"value", v.text}}});
   _has_published[e.index] = true;
   const std::string& whole = _tag_names[e.index];
   const bool is_cut = v.tag.size() >= DAC_NAME_SIZE - 1 && whole.starts_with(v.tag);

@@ -42,7 +42,7 @@ class watcher : fleet_observer {
   void on_refused(size_t i, const std::string& what) override;
   void note(size_t i, const std::string& line);
 
-  void decide_place();
+  void open_terminal();
   bool has_published() const;
   bool is_done() const;
   void schedule_table();
@@ -58,32 +58,28 @@ class watcher : fleet_observer {
   output& _err;
   std::vector<state> _states;
   supervisor _supervisor;
-  enum class place { undecided, screen, lines };
-  place _shown_on = place::undecided;
-  std::vector<std::pair<size_t, std::string>> _early_notes;  // while it is undecided
-  std::unique_ptr<terminal> _terminal;                       // the screen
+  std::unique_ptr<terminal> _terminal;  // null: tables follow each other
   event_loop::handle _next_table;
+  bool _is_started = false;
   size_t _tables = 0;  // printed
 };
 
 int watcher::run() {
+  open_terminal();
   _supervisor.start_all();
-  decide_place();
   bool is_over = false;
   const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
-  if (_terminal || has_published())
+  _is_started = true;
+  if (!_supervisor.is_to_stop() && (_terminal || has_published()))
     show();
   else
     schedule_table();
   _loop.run_until([&] { return is_over || is_done(); });
   _next_table = nullptr;
-  _shown_on = place::lines;
   _terminal = nullptr;
   const bool is_stopped = _supervisor.stop();
   return finish(_loop, _supervisor, is_stopped, _out, _err);
 }
-
-// ---------------------------------------------------------------- what instances report
 
 void watcher::on_tag(size_t i, const tag& t) {
   _states[i] = {};
@@ -94,7 +90,7 @@ void watcher::on(const event& e, const value& v) {
   state& s = _states[e.index];
   s.published_at = e.time;
   s.value = v.text;
-  if (++s.published == 1 && _shown_on != place::undecided && has_published()) show();
+  if (++s.published == 1 && _is_started && has_published()) show();
 }
 
 // The reason for which a file was refused has been reported with the file.
@@ -108,36 +104,26 @@ void watcher::on(const event& e, const message& m) {
 
 void watcher::on_refused(size_t i, const std::string& what) {
   _states[i].refusal = report_line(what);
-  note(i, _states[i].refusal);
+  if (_is_started)
+    note(i, _states[i].refusal);
+  else
+    report(_err, what);
 }
 
-// Until the start is over it is open whether there will be a screen.
 void watcher::note(size_t i, const std::string& line) {
-  switch (_shown_on) {
-    case place::undecided:
-      _early_notes.emplace_back(i, line);
-      break;
-    case place::screen:
-      _terminal->note(i, line);
-      break;
-    case place::lines:
-      _err.line(line);
-      break;
-  }
+  if (_terminal)
+    _terminal->note(i, line);
+  else
+    _err.line(line);
 }
 
-// ---------------------------------------------------------------- tables
-
-void watcher::decide_place() {
-  _shown_on = place::lines;
-  const bool has_screen = isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0;
-  if (has_screen && !_options.once && !_supervisor.is_to_stop()) try {
-      _terminal = std::make_unique<terminal>(_loop, _out, [this] { show(); });
-      _shown_on = place::screen;
-    } catch (const std::exception& e) {
-      report(_err, std::string(e.what()) + "; tables follow one below the other");
-    }
-  for (const auto& [i, line] : std::exchange(_early_notes, {})) note(i, line);
+void watcher::open_terminal() {
+  if (_options.once || isatty(STDIN_FILENO) == 0 || isatty(STDOUT_FILENO) == 0) return;
+  try {
+    _terminal = std::make_unique<terminal>(_loop, _out, [this] { show(); });
+  } catch (const std::exception& e) {
+    report(_err, std::string(e.what()) + "; tables follow one below the other");
+  }
 }
 
 bool watcher::has_published() const {

@@ -57,8 +57,6 @@ shown show(std::string_view text, size_t width) {
   return s;
 }
 
-// ---------------------------------------------------------------- columns
-
 constexpr size_t column_count = 8;
 using cells = std::array<shown, column_count>;
 

@@ -16,7 +16,6 @@ namespace {
 constexpr size_t top_lines = 2;                                // head and heading
 constexpr char enter[] = "\x1b[?1049h\x1b[?25l\x1b[m\x1b[2J";  // alternate screen, no cursor, plain, empty
 constexpr char leave[] = "\x1b[?1049l\x1b[?25h\x1b[m";
-constexpr char control_l = 'L' & 0x1f;
 
 // The compiled description of the terminal that TERM names; "" when there is none.
 std::string description() {
@@ -50,8 +49,18 @@ size_t key_size(std::string_view input) {
   return input.size() < 16 ? 0 : input.size();
 }
 
-bool is_one_of(std::string_view key, std::initializer_list<const char*> keys) {
-  return std::find(keys.begin(), keys.end(), key) != keys.end();
+enum class action { none, redraw, quit, up, down, page_up, page_down, home, end };
+
+action action_of(std::string_view key) {
+  constexpr std::pair<std::string_view, action> keys[] = {
+      {"\x0c", action::redraw},       {"q", action::quit},      {"Q", action::quit},      {"\x1b[A", action::up},
+      {"\x1bOA", action::up},         {"\x1b[B", action::down}, {"\x1bOB", action::down}, {"\x1b[5~", action::page_up},
+      {"\x1b[6~", action::page_down}, {"\x1b[H", action::home}, {"\x1bOH", action::home}, {"\x1b[1~", action::home},
+      {"\x1b[7~", action::home},      {"\x1b[F", action::end},  {"\x1bOF", action::end},  {"\x1b[4~", action::end},
+      {"\x1b[8~", action::end}};
+  for (const auto& [bytes, what] : keys)
+    if (bytes == key) return what;
+  return action::none;
 }
 
 }  // namespace
@@ -60,7 +69,15 @@ terminal::terminal(event_loop& l, output& out, std::function<void()> redraw)
     : _loop(l), _out(out), _redraw(std::move(redraw)) {
   examine_terminal();
   if (tcgetattr(STDIN_FILENO, &_settings) != 0) throw std::runtime_error("the terminal has no settings");
+}
+
+terminal::~terminal() {
+  if (_is_taken) restore();
+}
+
+void terminal::open() {
   take();
+  _is_taken = true;
   _keys = _loop.watch(STDIN_FILENO, event_loop::readiness::readable, [this] { on_input(); });
   _signals = _loop.on_signals({SIGWINCH, SIGTSTP}, [this](int sig) {
     if (sig == SIGTSTP) return suspend();
@@ -68,8 +85,6 @@ terminal::terminal(event_loop& l, output& out, std::function<void()> redraw)
     _redraw();
   });
 }
-
-terminal::~terminal() { restore(); }
 
 void terminal::take() {
   termios t = _settings;
@@ -98,9 +113,8 @@ void terminal::read_size() {
   _shown.clear();
 }
 
-// ---------------------------------------------------------------- what is shown
-
 void terminal::show(const std::string& head, const std::vector<row>& rows) {
+  if (!_is_taken) open();
   _rows = rows.size();
   _first = std::min(_first, last_first());
   if (!_out.is_empty()) return;
@@ -145,8 +159,6 @@ size_t terminal::note_lines() const { return std::min(_notes.size(), std::max<si
 size_t terminal::body() const { return _height > top_lines ? _height - top_lines : 0; }
 size_t terminal::room() const { return body() - std::min(body(), std::max<size_t>(1, note_lines())); }
 
-// ---------------------------------------------------------------- keys
-
 void terminal::on_input() {
   char buf[256];
   const ssize_t n = read(STDIN_FILENO, buf, sizeof buf);
@@ -163,20 +175,27 @@ void terminal::on_input() {
 }
 
 void terminal::press(const std::string& key) {
-  if (key[0] == control_l) return _shown.clear();
-  _notes.clear();
-  if (key == "q" || key == "Q")
-    _is_closed = true;
-  else if (is_one_of(key, {"\x1b[A", "\x1bOA"}))
-    scroll_up(1);
-  else if (is_one_of(key, {"\x1b[B", "\x1bOB"}))
-    scroll_down(1);
-  else if (key == "\x1b[5~")
-    scroll_up(room());
-  else if (key == "\x1b[6~")
-    scroll_down(room());
-  else if (is_one_of(key, {"\x1b[H", "\x1bOH", "\x1b[1~", "\x1b[7~"}))
-    scroll_up(_rows);
-  else if (is_one_of(key, {"\x1b[F", "\x1bOF", "\x1b[4~", "\x1b[8~"}))
-    scroll_down(_rows);
+  const action what = action_of(key);
+  if (what != action::redraw) _notes.clear();
+  switch (what) {
+    case action::redraw:
+      return _shown.clear();
+    case action::quit:
+      _is_closed = true;
+      return;
+    case action::up:
+      return scroll_up(1);
+    case action::down:
+      return scroll_down(1);
+    case action::page_up:
+      return scroll_up(room());
+    case action::page_down:
+      return scroll_down(room());
+    case action::home:
+      return scroll_up(_rows);
+    case action::end:
+      return scroll_down(_rows);
+    case action::none:
+      return;
+  }
 }

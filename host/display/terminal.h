@@ -13,8 +13,8 @@
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 
-/// Takes the terminal that standard input and output are, and restores it when destroyed. Writes through `out` alone,
-/// so that a terminal that is stopped never blocks the host.
+/// Takes the terminal that standard input and output are when it is first shown, and restores it when destroyed. Writes
+/// through `out` alone, so that a terminal that is stopped never blocks the host.
 class terminal {
  public:
   /// Calls `redraw` when the screen is to be shown again. Throws std::runtime_error, which says why, when the terminal
@@ -32,6 +32,7 @@ class terminal {
   bool is_closed() const { return _is_closed; }
 
  private:
+  void open();
   void take();
   void restore();
   void suspend();
@@ -51,6 +52,7 @@ class terminal {
   output& _out;
   std::function<void()> _redraw;
   termios _settings{};  // before
+  bool _is_taken = false;
   size_t _height = 24;
   size_t _width = 80;
   std::vector<std::string> _shown;  // the lines on the screen; empty: unknown

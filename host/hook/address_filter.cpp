@@ -20,8 +20,6 @@ namespace {
 
 using texts = std::set<std::string>;
 
-// ---------------------------------------------------------------- what the kernel knows of its addresses
-
 struct request {
   nlmsghdr header;
   ifaddrmsg body;
@@ -96,23 +94,6 @@ listing list_addresses(int fd) {
   return l;
 }
 
-class netlink_socket {
- public:
-  netlink_socket() : _fd(socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)) {
-    if (_fd < 0) throw std::system_error(errno, std::generic_category(), "netlink");
-  }
-  ~netlink_socket() { close(_fd); }
-  netlink_socket(const netlink_socket&) = delete;
-  netlink_socket& operator=(const netlink_socket&) = delete;
-
-  int get() const { return _fd; }
-
- private:
-  int _fd;
-};
-
-// ---------------------------------------------------------------- the choice
-
 using choice = std::function<bool(const std::string& address)>;
 
 bool is_global(const std::string& address) {
@@ -135,9 +116,13 @@ std::string without_what_was_cut(const std::string& value) {
 
 texts kernel_address_list::stable() {
   constexpr int most_tries = 5;
-  const netlink_socket netlink;
+  const struct closing {
+    int fd;
+    ~closing() { close(fd); }
+  } netlink{socket(AF_NETLINK, SOCK_RAW | SOCK_CLOEXEC, NETLINK_ROUTE)};
+  if (netlink.fd < 0) throw std::system_error(errno, std::generic_category(), "netlink");
   for (int n = 0; n < most_tries; ++n)
-    if (listing l = list_addresses(netlink.get()); !l.is_torn) return std::move(l.stable);
+    if (listing l = list_addresses(netlink.fd); !l.is_torn) return std::move(l.stable);
   throw std::system_error(EAGAIN, std::generic_category(), "netlink");
 }
 

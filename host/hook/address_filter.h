@@ -4,16 +4,13 @@
 #include <set>
 #include <string>
 
+#include "host/interface.h"
+
 enum class address_filter { all, global, stable };
 
 /// What the kernel knows about this machine's addresses.
-class address_list {
+class address_list : public interface {
  public:
-  address_list() = default;
-  virtual ~address_list() = default;
-  address_list(const address_list&) = delete;
-  address_list& operator=(const address_list&) = delete;
-
   /// The addresses that at least one interface has neither as temporary nor as deprecated. Throws std::system_error.
   virtual std::set<std::string> stable() = 0;
 };

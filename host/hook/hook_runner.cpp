@@ -68,8 +68,6 @@ void hook_runner::close() {
   }
 }
 
-// ---------------------------------------------------------------- the life of a program
-
 void hook_runner::start(hook& h) {
   h.current = *std::exchange(h.next, std::nullopt);
   h.timer = nullptr;
@@ -86,7 +84,9 @@ void hook_runner::launch(hook& h) {
   const std::vector<std::string> settings = {
       "DAC_INSTANCE=" + u.instance, "DAC_TAG=" + u.tag,
       "DAC_VALUE=" + filtered(_options.addresses, u.value, _environment.addresses), "DAC_TIME=" + time_stamp(u.time)};
-  if (_options.dry_run) return _printer.command(_environment.loop.wall_time(), u.instance, _options.program, settings);
+  if (_options.dry_run)
+    return _printer.print(
+        {_environment.loop.wall_time(), u.instance, "exec", {{"program", _options.program}}, settings});
   h.program = _environment.programs.start(_options.program, settings);
   h.exit = _environment.loop.on_exit(h.program, [this, &h](int status) { on_exit(h, status); });
   h.at = stage::running;
@@ -144,8 +144,6 @@ void hook_runner::set_deadline(hook& h, steady_clock::time_point when) {
   h.deadline = when;
   h.timer = _environment.loop.call_at(when, [this, &h] { escalate(h); });
 }
-
-// ---------------------------------------------------------------- failures
 
 void hook_runner::fail(hook& h, const std::string& what) { complain(h, what + "; " + schedule_retry(h)); }
 

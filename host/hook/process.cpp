@@ -29,54 +29,42 @@ std::vector<char*> environment_with(strings& settings) {
   return all;
 }
 
-class streams {
+// The program reads nothing, prints to standard error, and leads a process group. It starts with no signal blocked and
+// with SIGPIPE not ignored, as the host itself was started.
+class spawn_settings {
  public:
-  streams() {
-    posix_spawn_file_actions_init(&_actions);
-    posix_spawn_file_actions_addopen(&_actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&_actions, STDERR_FILENO, STDOUT_FILENO);
-  }
-  ~streams() { posix_spawn_file_actions_destroy(&_actions); }
-  streams(const streams&) = delete;
-  streams& operator=(const streams&) = delete;
-
-  const posix_spawn_file_actions_t* get() const { return &_actions; }
-
- private:
-  posix_spawn_file_actions_t _actions{};
-};
-
-// The program starts with the signal settings that the host was started with, and with none blocked.
-class attributes {
- public:
-  attributes() {
+  spawn_settings() {
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
     sigset_t none;
     sigset_t ignored;
     sigemptyset(&none);
     sigemptyset(&ignored);
     sigaddset(&ignored, SIGPIPE);
-    posix_spawnattr_init(&_attributes);
-    posix_spawnattr_setsigmask(&_attributes, &none);
-    posix_spawnattr_setsigdefault(&_attributes, &ignored);
-    posix_spawnattr_setpgroup(&_attributes, 0);
-    posix_spawnattr_setflags(&_attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_init(&attributes);
+    posix_spawnattr_setsigmask(&attributes, &none);
+    posix_spawnattr_setsigdefault(&attributes, &ignored);
+    posix_spawnattr_setpgroup(&attributes, 0);
+    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
   }
-  ~attributes() { posix_spawnattr_destroy(&_attributes); }
-  attributes(const attributes&) = delete;
-  attributes& operator=(const attributes&) = delete;
+  ~spawn_settings() {
+    posix_spawn_file_actions_destroy(&actions);
+    posix_spawnattr_destroy(&attributes);
+  }
+  spawn_settings(const spawn_settings&) = delete;
+  spawn_settings& operator=(const spawn_settings&) = delete;
 
-  const posix_spawnattr_t* get() const { return &_attributes; }
-
- private:
-  posix_spawnattr_t _attributes{};
+  posix_spawn_file_actions_t actions{};
+  posix_spawnattr_t attributes{};
 };
 
 pid_t spawn(std::string program, strings settings) {
-  const streams s;
-  const attributes a;
+  const spawn_settings s;
   char* argv[] = {program.data(), nullptr};
   pid_t pid = -1;
-  const int failed = posix_spawnp(&pid, program.c_str(), s.get(), a.get(), argv, environment_with(settings).data());
+  const int failed =
+      posix_spawnp(&pid, program.c_str(), &s.actions, &s.attributes, argv, environment_with(settings).data());
   if (failed != 0) throw std::system_error(failed, std::generic_category());
   return pid;
 }

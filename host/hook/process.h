@@ -6,14 +6,11 @@
 #include <string>
 #include <vector>
 
-/// Starts programs and sends them signals. event_loop::on_exit() awaits their end and reaps them.
-class launcher {
- public:
-  launcher() = default;
-  virtual ~launcher() = default;
-  launcher(const launcher&) = delete;
-  launcher& operator=(const launcher&) = delete;
+#include "host/interface.h"
 
+/// Starts programs and sends them signals. event_loop::on_exit() awaits their end and reaps them.
+class launcher : public interface {
+ public:
   /// Starts `program`, a path or a name on PATH, with these NAME=VALUE in addition to the host's environment, as the
   /// leader of a process group. It reads nothing, and prints to the host's standard error. Throws std::system_error
   /// when it cannot be started.

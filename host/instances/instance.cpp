@@ -6,6 +6,8 @@
 
 namespace {
 
+void never_called(void* /*param*/) {}
+
 void collect(const char* name, int type, int flag, const char* text1, const char* text2, void* param) {
   static_cast<std::vector<tag>*>(param)->push_back({name, type, flag, text1, text2});
 }
@@ -21,7 +23,8 @@ std::string field(const char (&text)[SIZE]) {
 
 std::unique_ptr<instance> instance::make(const plugin& p, const std::string& name, const std::string& file, sink s) {
   std::unique_ptr<instance> i(new instance(p, std::move(s)));
-  i->_handle = p.create(name.c_str(), file.c_str(), on_log, on_data, i.get());
+  i->_handle = p.create(name.c_str(), file.c_str(), on_log, i.get(), never_called, nullptr, on_data, i.get(),
+                        never_called, nullptr);
   return i->_handle < 0 ? nullptr : std::move(i);
 }
 
@@ -33,7 +36,7 @@ instance::~instance() {
 
 std::vector<tag> instance::tags() const {
   std::vector<tag> all;
-  _plugin.list_tags(_handle, collect, &all);
+  _plugin.getalltagsex(_handle, collect, &all);
   return all;
 }
 
@@ -41,10 +44,10 @@ std::vector<tag> instance::tags() const {
 std::string instance::info() const {
   std::string text(1, '\0');
   size_t n = 0;
-  _plugin.get_info(_handle, text.data(), &n);
+  _plugin.getinfo(_handle, text.data(), &n);
   n += 2;
   text.resize(n);
-  _plugin.get_info(_handle, text.data(), &n);
+  _plugin.getinfo(_handle, text.data(), &n);
   text.resize(n + 1);
   return text;
 }

@@ -28,7 +28,7 @@ class instance {
   void stop() { _plugin.stop(_handle); }
 
   int handle() const { return _handle; }
-  bool is_running() const { return _plugin.is_running(_handle); }
+  bool is_running() const { return _plugin.isrun(_handle) != 0; }
   std::vector<tag> tags() const;
   /// The status document.
   std::string info() const;

@@ -49,8 +49,6 @@ void supervisor::start_all() {
   _loop.run_until([this] { return _stage == stage::idle || _is_to_stop; });
 }
 
-// ---------------------------------------------------------------- instances come
-
 void supervisor::load() {
   _stage = stage::busy;
   _loop.run_beside([this, files = std::exchange(_to_load, {})]() -> event_loop::task {
@@ -147,8 +145,6 @@ void supervisor::settle() {
 void supervisor::dispatch(const event& e) {
   std::visit([&](const auto& what) { _observer.on(e, what); }, e.what);
 }
-
-// ---------------------------------------------------------------- instances go
 
 bool supervisor::stop() {
   _is_stopping = true;

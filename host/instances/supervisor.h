@@ -4,9 +4,22 @@
 #include <string>
 #include <vector>
 
+#include "host/event.h"
 #include "host/instances/fleet.h"
-#include "host/instances/fleet_observer.h"
+#include "host/interface.h"
 #include "host/loop/event_loop.h"
+
+/// Gets what a supervisor reports about its instances.
+class fleet_observer : public interface {
+ public:
+  /// File i has a new instance, with this tag.
+  virtual void on_tag(size_t i, const tag& t) = 0;
+  /// What an instance reported in a callback.
+  virtual void on(const event& e, const value& v) = 0;
+  virtual void on(const event& e, const message& m) = 0;
+  /// File i was refused: why, and what follows.
+  virtual void on_refused(size_t i, const std::string& what) = 0;
+};
 
 /// Calls into the plug-in that may block run beside the loop, so that they never delay a signal.
 class supervisor {

@@ -8,29 +8,22 @@
 #include <initializer_list>
 #include <memory>
 #include <string_view>
+#include <utility>
+
+#include "host/interface.h"
 
 using steady_clock = std::chrono::steady_clock;
 using wall_clock = std::chrono::system_clock;
 
 /// Calls handlers one at a time, all on the thread that runs the loop. Functions without [any thread] belong to that
 /// thread.
-class event_loop {
+class event_loop : public interface {
  public:
   using task = std::function<void()>;
   /// Ends a timer, a watch or a wait when it is destroyed: its handler is not called after that.
-  struct registration {
-    registration() = default;
-    virtual ~registration() = default;
-    registration(const registration&) = delete;
-    registration& operator=(const registration&) = delete;
-  };
+  struct registration : interface {};
   using handle = std::unique_ptr<registration>;
   enum class readiness { none, readable, writable };
-
-  event_loop() = default;
-  virtual ~event_loop() = default;
-  event_loop(const event_loop&) = delete;
-  event_loop& operator=(const event_loop&) = delete;
 
   virtual steady_clock::time_point now() const = 0;
   /// [any thread]

@@ -101,6 +101,7 @@ struct timer {
   std::weak_ptr<event_loop::task> handler;
 };
 struct work {
+  time_point started;
   time_point ready;
   std::function<event_loop::task()> run;
 };
@@ -171,10 +172,14 @@ class world {
   std::vector<std::string> expected;  // lines for what the host has been given
   std::deque<std::string> history;
 
-  size_t room = 0;   // for instances
-  size_t chaos = 0;  // steps left until the world calms down
+  size_t room = 0;  // for instances
+  size_t creations = 0;
+  size_t readings = 1;        // of all files, as far as they are asked for
+  time_point work_started{};  // of the work that runs beside the loop
+  size_t chaos = 0;           // steps left until the world calms down
   bool may_hang = false;
   bool hangs = false;
+  bool has_run = false;     // an instance
   bool has_failed = false;  // to start an instance
   bool is_calm = false;
   bool is_settled = false;
@@ -248,12 +253,13 @@ std::vector<event_loop::task> world::possible() {
         timers.erase(id);
         (*handler)();
       });
-  for (const auto& [id, w] : works)
-    if (w.ready <= now)
+  for (const auto& [id, beside] : works)
+    if (beside.ready <= now)
       all.push_back([this, id = id] {
-        const auto run = works.at(id).run;
+        const work w = std::move(works.at(id));
         works.erase(id);
-        queue.push_back({run(), {}});
+        work_started = w.started;
+        queue.push_back({w.run(), {}});
       });
   for (const auto& [id, w] : watches) {
     const reader r = readers.at(w.fd);
@@ -324,7 +330,7 @@ void world::something_happens() {
 void world::calm_down() {
   note("calm");
   is_calm = true;
-  room = 2 * how.files.size();
+  room = how.files.size() + 1 + below(how.files.size());
   for (content& c : contents) c = content::good;
   for (auto& [fd, r] : readers)
     if (r != reader::has_left) r = reader::reads;
@@ -360,6 +366,9 @@ void world::check() const {
   }
   if (stop_time != never || may_end_by_itself()) return;
   for (const hook_model& h : hooks) expect(now <= h.next_start, "a program is not started in time");
+  const auto needs_timer = [](const hook_model& h) { return h.next_start != never; };
+  const auto pauses = static_cast<size_t>(std::count_if(hooks.begin(), hooks.end(), needs_timer));
+  expect(timers.size() <= programs.size() + pauses, "a timer without purpose");
   // Two programs for one instance are found when the second one starts.
 }
 
@@ -377,6 +386,7 @@ void world::deliver(int sig) {
   for (const auto& [id, a] : all)
     if (std::find(a.signals.begin(), a.signals.end(), sig) != a.signals.end())
       if (const auto handler = a.handler.lock()) (*handler)(sig), is_handled = true;
+  if (sig == SIGHUP) ++readings;
   if (sig == SIGHUP) return;
   if (!is_handled) throw killed{sig};
   stop_signal = sig;
@@ -487,7 +497,7 @@ class simulated_loop : public event_loop {
   }
   void post(task t) override { _world.queue.push_back({std::move(t), _world.reporting}); }
   void run_beside(std::function<task()> run) override {
-    _world.works[++_world.next_id] = {_world.now + _world.duration_of_a_call(), std::move(run)};
+    _world.works[++_world.next_id] = {_world.now, _world.now + _world.duration_of_a_call(), std::move(run)};
   }
   void parallel_for(size_t n, const std::function<void(size_t)>& work) override {
     for (size_t i = 0; i < n; ++i) work(i);
@@ -566,58 +576,74 @@ class no_addresses : public address_list {
   std::set<std::string> stable() override { return {}; }
 };
 
-class simulated_plugin : public plugin {
+class simulated_plugin {
  public:
   explicit simulated_plugin(world& w) : _world(w) {}
 
-  std::string file() const override { return "simulated.so"; }
-  std::string version_text() const override { return "version"; }
-  int version() const override { return 1; }
+  plugin entry_points() const {
+    plugin p;
+    p.file = "simulated.so";
+    p.version_text = "version";
+    p.version = 1;
+    p.create = [this](const char*, const char* file, cblog log, void* param, cbaux, void*, cbdata data, void*, cbaux,
+                      void*) { return create(file, log, data, param); };
+    p.destroy = [this](int handle) { destroy(handle); };
+    p.start = [this](int handle) { return start(handle); };
+    p.stop = [this](int handle) { return stop(handle); };
+    p.isrun = [this](int handle) { return _world.drivers.at(handle).runs ? 1 : 0; };
+    p.getalltagsex = [this](int handle, cbtagex callback, void* param) { return list_tags(handle, callback, param); };
+    return p;
+  }
 
-  int create(const char* /*name*/, const char* file, cblog log, cbdata data, void* param) const override {
+ private:
+  world& _world;
+
+  int create(const char* file, cblog log, cbdata data, void* param) const {
     const auto& files = _world.how.files;
     const auto i = static_cast<size_t>(std::find(files.begin(), files.end(), file) - files.begin());
+    _world.expect(++_world.creations <= 2 * files.size() * _world.readings, "files are read again and again");
+    _world.expect(_world.work_started <= _world.stop_time, "a file is read after a stop signal");
     if (_world.contents[i] == content::broken) log("", DAC_LEVEL_FAILURE, "it is broken", 1, param);
-    if (_world.contents[i] != content::good || _world.drivers.size() >= _world.room) return -1;
+    if (_world.contents[i] != content::good || _world.drivers.size() >= _world.room) {
+      _world.has_failed = _world.has_failed || !_world.has_run;
+      return -1;
+    }
     const int handle = ++_world.next_id;
     _world.drivers[handle] = {i, _world.generations[i], log, data, param};
     _world.note("instance " + std::to_string(handle) + " of file " + std::to_string(i) + " is created");
     return handle;
   }
-  void destroy(int handle) const override {
+  void destroy(int handle) const {
     if (_world.is_over) return;
     _world.expect(!_world.drivers.at(handle).runs, "an instance that runs is destroyed");
     _world.drivers.erase(handle);
   }
-  void start(int handle) const override {
+  int start(int handle) const {
     driver& d = _world.drivers.at(handle);
-    _world.expect(!d.runs, "an instance is started twice");
     for (const auto& [other, o] : _world.drivers)
       _world.expect(o.file != d.file || !o.runs, "two instances of one file run");
     if (!_world.is_calm && _world.below(2000) == 0) {
       _world.has_failed = true;
       throw std::system_error(EAGAIN, std::generic_category());
     }
-    d.runs = true;
+    d.runs = _world.has_run = true;
     _world.note("instance " + std::to_string(handle) + " is started");
     _world.log(handle, "start");
     if (_world.chance(50)) _world.publish(handle);
+    return 0;
   }
-  void stop(int handle) const override {
-    if (_world.is_over || !_world.drivers.at(handle).runs) return;
+  int stop(int handle) const {
+    if (_world.is_over || !_world.drivers.at(handle).runs) return 0;
     if (_world.chance(30)) _world.publish(handle);
     _world.drivers.at(handle).runs = false;
     _world.note("instance " + std::to_string(handle) + " is stopped");
     _world.log(handle, "stop");
+    return 0;
   }
-  bool is_running(int handle) const override { return _world.drivers.at(handle).runs; }
-  void list_tags(int handle, cbtagex callback, void* param) const override {
+  int list_tags(int handle, cbtagex callback, void* param) const {
     callback(_world.how.files[_world.drivers.at(handle).file].c_str(), DAC_TYPE_TEXT, 1, "", "", param);
+    return 0;
   }
-  void get_info(int /*handle*/, char* /*buf*/, size_t* /*size*/) const override { throw violation("get_info"); }
-
- private:
-  world& _world;
 };
 
 // ---------------------------------------------------------------- a run
@@ -677,7 +703,8 @@ void run_one(world& w) {
   simulated_loop loop(w);
   simulated_launcher programs(w);
   no_addresses addresses;
-  const simulated_plugin p(w);
+  const simulated_plugin driver(w);
+  const plugin p = driver.entry_points();
   const process_end last(w);
   output out(loop, 1);
   output err(loop, 2);

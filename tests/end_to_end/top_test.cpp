@@ -219,7 +219,7 @@ TEST_F(top, a_reader_that_goes_away_ends_it) {
 }
 
 TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
-  process p = start(many(90, "publish " + std::string(900, 'v')));
+  process p = start(many(190, "publish " + std::string(900, 'v')));
   p.await_out("dachost top");
   p.signal(SIGTERM);
   EXPECT_EQ(p.end_unread(), 1);

@@ -27,7 +27,7 @@ std::string description() {
        {std::string(own ? own : ""), std::string(home ? home : "") + "/.terminfo", std::string("/etc/terminfo"),
         std::string("/lib/terminfo"), std::string("/usr/share/terminfo")}) {
     std::ifstream in(directory + '/' + name[0] + '/' + name, std::ios::binary);
-    const std::string text(std::istreambuf_iterator<char>(in), {});
+    std::string text(std::istreambuf_iterator<char>(in), {});
     if (!text.empty()) return text;
   }
   return "";

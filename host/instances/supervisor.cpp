@@ -129,11 +129,12 @@ void supervisor::start_new(const batch& b) {
 
 // The reason for the first one that cannot be started, or "". The plug-in's exception may not outlive the plug-in.
 std::string supervisor::start(const batch& b) const {
-  for (const creation& c : *b) try {
-      _fleet.get(c.index)->start();
-    } catch (const std::system_error& e) {
-      return _fleet.file(c.index) + ": cannot be started: " + e.what();
-    }
+  size_t i = 0;
+  try {
+    for (const creation& c : *b) _fleet.get(i = c.index)->start();
+  } catch (const std::system_error& e) {
+    return _fleet.file(i) + ": cannot be started: " + e.what();
+  }
   return "";
 }
 

@@ -42,7 +42,8 @@ runs() {
   check "$1 runs the installed code" current "$1"
   check "$1 publishes" eventually published "$1"
 }
-install_package() { check "dpkg installs $1" dpkg -i "$1"; }
+# With the answer that dpkg suggests where it would ask: keep the edited configuration.
+install_package() { check "dpkg installs $1" dpkg --force-confdef --force-confold -i "$1"; }
 upgrade() {
   before_ip6dns=$(pid ip6dns)
   before_pump=$(pid pump)

@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstring>
 #include <exception>
+#include <new>
+#include <system_error>
 
 #include "host/commands/commands.h"
 #include "host/report.h"
@@ -66,20 +68,40 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
   }
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  fill_standard_descriptors();
-  std::signal(SIGPIPE, SIG_IGN);
-  const auto loop = make_event_loop();
-  output out(*loop, unblocked(STDOUT_FILENO));
-  output err(*loop, unblocked(STDERR_FILENO));
-  int status = obey(*loop, argc, argv, out, err);
-  drain_or_die(*loop, out, err);
+int serve(event_loop& l, int argc, char** argv) {
+  output out(l, unblocked(STDOUT_FILENO));
+  output err(l, unblocked(STDERR_FILENO));
+  int status = obey(l, argc, argv, out, err);
+  drain_or_die(l, out, err);
   if (out.error() != 0) {
     report(err, std::string("standard output: ") + reason_of(out.error()));
     status = 1;
   }
-  drain_or_die(*loop, out, err);
+  drain_or_die(l, out, err);
   return status;
+}
+
+// Without an event loop, or without memory: straight to standard error.
+int fail(const char* what) {
+  for (const char* part : {"dachost: ", what, "\n"}) [[maybe_unused]]
+    const ssize_t ignored = write(STDERR_FILENO, part, std::strlen(part));
+  return 1;
+}
+
+// Unwinding would free what threads of the plug-in and of the loop still use, and they cannot be stopped without
+// memory.
+[[noreturn]] void end_without_memory() { _exit(fail("out of memory")); }
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  std::set_new_handler(end_without_memory);
+  fill_standard_descriptors();
+  std::signal(SIGPIPE, SIG_IGN);
+  try {
+    const auto loop = make_event_loop();
+    return serve(*loop, argc, argv);
+  } catch (const std::system_error& e) {
+    return fail(e.what());
+  }
 }

@@ -35,8 +35,12 @@ class spawn_settings {
  public:
   spawn_settings() {
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+    int failed = posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (failed == 0) failed = posix_spawn_file_actions_adddup2(&actions, STDERR_FILENO, STDOUT_FILENO);
+    if (failed != 0) {
+      posix_spawn_file_actions_destroy(&actions);
+      throw std::system_error(failed, std::generic_category());
+    }
     sigset_t none;
     sigset_t ignored;
     sigemptyset(&none);

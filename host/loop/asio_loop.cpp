@@ -153,9 +153,10 @@ class asio_loop : public event_loop {
   ssize_t write(int fd, std::string_view bytes) override {
     pollfd p = {fd, POLLOUT, 0};
     if (poll(&p, 1, 0) <= 0) return -EAGAIN;
-    const ssize_t n = ::write(fd, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
-    if (n >= 0) return n;
-    return errno == EINTR ? -EAGAIN : -errno;
+    ssize_t n = -1;
+    do n = ::write(fd, bytes.data(), std::min<size_t>(bytes.size(), PIPE_BUF));
+    while (n < 0 && errno == EINTR);
+    return n >= 0 ? n : -errno;
   }
 
   handle on_signals(std::initializer_list<int> signals, signal_handler f) override {

@@ -43,6 +43,7 @@ void output::flush() {
 void output::wait_for_room() {
   if (_sent >= _waiting.size() / 2) forget_sent();
   if (_watched != event_loop::readiness::writable) watch(event_loop::readiness::writable);
+  if (!_watch) fail(EAGAIN);  // no call would follow
 }
 
 void output::forget_sent() {

@@ -1,0 +1,209 @@
+// What dachost does when the system refuses it a call: each call, at each of its occurrences in a run with a hook, JSON
+// and a reload. It says so and ends with status 1, or it goes on; it never hangs, and never prints or hands over a
+// part.
+//
+// REFUSALS is the greatest number of occurrences of each call that are tried. Without it forty are, of requests for
+// memory every 29th.
+#include <sys/prctl.h>
+#include <sys/wait.h>
+
+#include <atomic>
+#include <cerrno>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "tests/support/dachost_fixture.h"
+#include "tests/support/network.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+struct refusal {
+  std::string call;
+  int error;
+  int step = 1;  // from one occurrence that is tried to the next
+};
+
+std::string name(const refusal& r, int n) {
+  return r.call + " number " + std::to_string(n) + ": " + (r.error == 0 ? "half" : std::strerror(r.error));
+}
+
+int most_occurrences() {
+  const char* text = std::getenv("REFUSALS");
+  return text ? std::atoi(text) : 40;
+}
+int step(const refusal& r) { return std::getenv("REFUSALS") ? 1 : r.step; }
+
+// Its directory, its files and what came of it.
+class refused_run {
+ public:
+  refused_run(const refusal& r, int n, bool to_file) : _refusal(r), _number(n) {
+    if (to_file) _settings.out_file = _dir.path("out");
+    _dir.file("hostname = one\n", "gw.conf");
+    _dir.file("#!/bin/sh\necho \"$DAC_TAG $DAC_VALUE\" >>'" + _dir.path("did") + "'\necho printed\n", "prog");
+    if (chmod(_dir.path("prog").c_str(), 0700) != 0) throw std::runtime_error("chmod");
+  }
+
+  /// False when the call does not occur that often.
+  bool carry_out() {
+    process p({"env", "LD_PRELOAD=" REFUSED_CALLS,
+               "REFUSED=" + _refusal.call + ' ' + std::to_string(_number) + ' ' + std::to_string(_refusal.error),
+               "REFUSED_MARK=" + _dir.path("mark"), DACHOST, "run", "-p", BARE_PLUGIN, "--json", "--pick", "stable",
+               "--exec", _dir.path("prog"), _dir.path("gw.conf")},
+              _settings);
+    const bool has_one = await_hook(p, "one 2001:db8::1\n");
+    _dir.file("hostname = two\n", "gw.conf");
+    if (p.is_running()) p.signal(SIGHUP);
+    const bool has_two = has_one && await_hook(p, "two 2001:db8::1\n");
+    if (p.is_running()) p.signal(SIGTERM);
+    _end = p.end();
+    if (!_settings.out_file.empty()) _end.out = read_file(_settings.out_file);
+    judge(has_two);
+    return std::filesystem::exists(_dir.path("mark"));
+  }
+
+  const texts& wrong() const { return _wrong; }
+  int status() const { return _end.status; }
+  bool has_message() const { return _end.err.find("dachost: ") != std::string::npos; }
+
+ private:
+  const refusal _refusal;
+  const int _number;
+  const scratch _dir;
+  process_settings _settings;
+  ending _end{};
+  texts _wrong;
+
+  void require(bool so, const std::string& what) {
+    if (!so) _wrong.push_back(what + "\nstatus " + std::to_string(_end.status) + "\n" + _end.out + _end.err);
+  }
+
+  /// False when the program ends first, or says that it does not start the new instance.
+  bool await_hook(process& p, const std::string& line) const {
+    for (int hundredths = 0; hundredths < 1000; ++hundredths) {
+      if (read_file(_dir.path("did")).find(line) != std::string::npos) return true;
+      if (!p.is_running()) return false;
+      std::this_thread::sleep_for(10ms);
+    }
+    return false;
+  }
+
+  void judge(bool is_complete) {
+    const bool is_silenced = _refusal.call == "write_err";
+    require(_end.status == 0 || _end.status == 1, "an exit status of 0 or 1");
+    require(_end.status == 0 || has_message() || is_silenced, "a message about the failure");
+    require(is_complete || _end.status == 1 || has_message() || is_silenced, "a message about what is missing");
+    const bool has_no_effect = _refusal.error == 0 || _refusal.error == EINTR;
+    require(!has_no_effect || (_end.status == 0 && is_complete), "a complete run");
+    require(_end.out.empty() || _end.out.back() == '\n', "whole lines");
+    for (const std::string& line : lines(_end.out))
+      require(nlohmann::json::accept(line), "a line that is JSON: " + line);
+    for (const std::string& line : lines(read_file(_dir.path("did"))))
+      require(line == "one 2001:db8::1" || line == "two 2001:db8::1" || line == "one null" || line == "two null",
+              "whole values in the hook, not " + line);
+    if (_end.status == 0 && is_complete) judge_events();
+  }
+
+  /// A run to the end prints every event once. A plug-in without memory finds no address for a while.
+  void judge_events() {
+    texts events;
+    for (const std::string& line : lines(_end.out)) {
+      const auto event = nlohmann::json::parse(line);
+      if (event.value("value", "") != "null") events.push_back(event.at("event"));
+    }
+    require(events == texts{"version", "tag", "value", "tag", "value"}, "every event once");
+  }
+};
+
+// Runs that wait for most of their time, side by side.
+class refused_calls : public testing::Test {
+ protected:
+  static void try_each(const std::vector<refusal>& refusals, bool to_file = false) {
+    in_a_network_of_its_own([&] {
+      ASSERT_TRUE(ip("addr add 2001:db8::1/128 dev lo nodad"));
+      prctl(PR_SET_CHILD_SUBREAPER, 1);
+      for (const refusal& r : refusals) try_each_occurrence(r, to_file);
+      expect_no_child();
+    });
+  }
+
+ private:
+  static void try_each_occurrence(const refusal& r, bool to_file) {
+    std::atomic<int> next = 0, ended = 0, failed = 0;
+    std::atomic<bool> is_over = false;
+    std::mutex printing;
+    const auto work = [&] {
+      while (!is_over) {
+        const int turn = next++, n = turn * step(r);
+        if (turn >= most_occurrences()) return;
+        refused_run run(r, n, to_file);
+        try {
+          if (!run.carry_out()) is_over = true;
+        } catch (const std::exception& e) {
+          const std::lock_guard hold(printing);
+          ADD_FAILURE() << name(r, n) << ": " << e.what();
+        }
+        ++(run.status() == 0 ? ended : failed);
+        const std::lock_guard hold(printing);
+        for (const std::string& what : run.wrong()) ADD_FAILURE() << name(r, n) << ": not " << what;
+      }
+    };
+    {
+      std::vector<std::jthread> workers(8);
+      for (std::jthread& w : workers) w = std::jthread(work);
+    }
+    EXPECT_GT(ended + failed, 0);
+    std::printf("%-15s %-35s runs %3d, status 0 %3d\n", r.call.c_str(), r.error == 0 ? "half" : std::strerror(r.error),
+                ended + failed, ended.load());
+  }
+
+  /// Programs that outlive dachost become this process's children.
+  static void expect_no_child() {
+    EXPECT_TRUE(eventually([] {
+      while (waitpid(-1, nullptr, WNOHANG) > 0) {
+      }
+      return waitpid(-1, nullptr, WNOHANG) < 0 && errno == ECHILD;
+    })) << "a program is left";
+  }
+};
+
+}  // namespace
+
+TEST_F(refused_calls, to_programs_and_threads_end_in_a_message) {
+  try_each({{"posix_spawnp", EAGAIN}, {"posix_spawnp", ENOMEM}, {"pthread_create", EAGAIN}});
+}
+
+TEST_F(refused_calls, to_write_leave_no_part_of_a_line) {
+  try_each({{"write_out", 0},
+            {"write_out", EINTR},
+            {"write_out", EAGAIN},
+            {"write_out", ENOSPC},
+            {"write_err", 0},
+            {"write_err", EAGAIN},
+            {"write_err", ENOSPC}});
+}
+
+TEST_F(refused_calls, to_write_into_a_file_leave_no_part_of_a_line) {
+  try_each({{"write_out", 0}, {"write_out", EINTR}, {"write_out", EAGAIN}, {"write_out", ENOSPC}}, true);
+}
+
+TEST_F(refused_calls, to_the_kernels_addresses_end_in_a_message) {
+  try_each({{"socket", EMFILE}, {"send", ENOBUFS}, {"recv", ENOBUFS}, {"recv", EINTR}, {"open", EMFILE}});
+}
+
+TEST_F(refused_calls, to_the_event_loop_end_in_a_message) {
+  try_each({{"epoll_create1", EMFILE},
+            {"epoll_ctl", ENOSPC},
+            {"epoll_wait", EINTR},
+            {"eventfd", EMFILE},
+            {"timerfd_create", EMFILE},
+            {"pipe", EMFILE},
+            {"poll", EINTR},
+            {"poll", ENOMEM}});
+}
+
+#ifdef REFUSED_MEMORY
+TEST_F(refused_calls, for_memory_end_in_a_message) { try_each({{"malloc", ENOMEM, 29}}); }
+#endif

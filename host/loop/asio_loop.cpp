@@ -79,7 +79,7 @@ int create_epoll() {
   return fd;
 }
 
-class asio_loop : public event_loop {
+class asio_loop final : public event_loop {
  public:
   asio_loop() : _work(_io.get_executor()), _descriptors(_io, create_epoll()) {
     const sigset_t answered = set_of({SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD});

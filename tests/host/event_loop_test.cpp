@@ -4,8 +4,10 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +31,7 @@ using readiness = event_loop::readiness;
 namespace {
 
 std::atomic<int> threads_left = INT_MAX;  // that the system starts before it refuses
+int epolls_left = INT_MAX;
 
 }  // namespace
 
@@ -40,7 +43,20 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
   return real(thread, attr, body, argument);
 }
 
+extern "C" int epoll_create1(int flags) noexcept {
+  if (epolls_left-- > 0) return static_cast<int>(syscall(SYS_epoll_create1, flags));
+  errno = EMFILE;
+  return -1;
+}
+
 namespace {
+
+/// What a function finds in its variables when it does not set them.
+void fill_stack() {
+  char filling[16384];
+  std::memset(filling, 0xff, sizeof filling);
+  asm volatile("" : : "r"(filling) : "memory");
+}
 
 class event_loops : public testing::Test {
  protected:
@@ -158,6 +174,19 @@ TEST_F(event_loops, a_task_from_another_thread_wakes_the_loop) {
     loop->post(see(1));
   });
   await(1);
+}
+
+TEST_F(event_loops, a_refused_descriptor_is_an_error) {
+  for (int n = 0; n < 2; ++n) {
+    epolls_left = n;
+    try {
+      make_event_loop();
+      ADD_FAILURE() << "no exception";
+    } catch (const std::system_error& e) {
+      EXPECT_EQ(e.code().value(), EMFILE) << n;
+    }
+    epolls_left = INT_MAX;
+  }
 }
 
 TEST_F(event_loops, clocks_are_the_systems) {
@@ -336,6 +365,14 @@ TEST_F(event_loops, a_watch_that_is_destroyed_does_not_call) {
   EXPECT_EQ(seen[0], 2);
 }
 
+TEST_F(event_loops, a_watch_that_is_destroyed_leaves_no_memory_allocated) {
+  const pipe_ends p;
+  loop->watch(p.fd[0], readiness::readable, see(1));
+  const size_t before = mallinfo2().uordblks;
+  for (int n = 0; n < 1000; ++n) loop->watch(p.fd[0], readiness::readable, see(1));
+  EXPECT_LT(mallinfo2().uordblks, before + 20000);
+}
+
 TEST_F(event_loops, one_of_two_ready_watches_may_destroy_the_other) {
   const pipe_ends p, q;
   event_loop::handle a, b;
@@ -394,6 +431,13 @@ TEST_F(event_loops, writing_never_blocks) {
   }
   EXPECT_EQ(n, -EAGAIN);
   EXPECT_EQ(written, static_cast<size_t>(fcntl(p.fd[1], F_GETPIPE_SZ)));
+  auto shortest = 1000ms;
+  for (int k = 0; k < 5; ++k) {
+    const auto begun = steady_clock::now();
+    for (int i = 0; i < 100; ++i) EXPECT_EQ(loop->write(p.fd[1], text), -EAGAIN);
+    shortest = std::min(shortest, std::chrono::ceil<std::chrono::milliseconds>(steady_clock::now() - begun));
+  }
+  EXPECT_LT(shortest, 100ms) << "it does not wait for room";
   errno = EBADF;
   EXPECT_EQ(loop->write(open("/dev/null", O_WRONLY | O_CLOEXEC), ""), 0);
   std::signal(SIGPIPE, SIG_IGN);
@@ -422,6 +466,7 @@ TEST_F(event_loops, the_end_of_a_child_is_reported_once_with_its_status) {
 TEST_F(event_loops, children_that_end_together_are_all_reaped) {
   std::vector<event_loop::handle> waits;
   const pid_t lasting = child([] { pause(); });
+  setpgid(lasting, lasting);
   waits.push_back(loop->on_exit(lasting, see_number(-1)));
   pipe_ends gate;
   for (int n = 0; n < 20; ++n) {
@@ -506,12 +551,15 @@ TEST_F(event_loops, a_signal_handler_that_is_destroyed_does_not_run) {
 
 TEST_F(event_loops, signals_that_the_parent_process_blocked_arrive) {
   const std::initializer_list<int> answered = {SIGINT, SIGQUIT, SIGTERM, SIGHUP, SIGCHLD};
-  const sigset_t set = set_of(answered);
+  sigset_t set = set_of(answered);
+  sigaddset(&set, SIGUSR1);
   sigset_t before;
   loop = nullptr;
   pthread_sigmask(SIG_BLOCK, &set, &before);
+  fill_stack();
   loop = make_event_loop();
   for (const int sig : answered) EXPECT_FALSE(is_blocked(sig)) << sig;
+  EXPECT_TRUE(is_blocked(SIGUSR1)) << "it answers no other signal";
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
@@ -586,6 +634,22 @@ TEST_F(event_loops_death, restored_signals_do_not_end_a_process_that_got_none) {
         loop = nullptr;
         loop = make_event_loop();
         auto a = loop->on_signals({SIGINT, SIGQUIT, SIGTERM}, see_number(1));
+        loop->restore_signals();
+        _exit(7);
+      },
+      testing::ExitedWithCode(7), "");
+}
+
+TEST_F(event_loops_death, a_stop_signal_whose_handler_was_destroyed_does_not_end_the_process) {
+  EXPECT_EXIT(
+      {
+        loop = nullptr;
+        loop = make_event_loop();
+        auto a = loop->on_signals({SIGTERM}, see_number(1));
+        const auto b = loop->on_signals({SIGHUP}, [&](int) { a = nullptr, seen.push_back(2); });
+        raise(SIGHUP);
+        raise(SIGTERM);
+        await(1);
         loop->restore_signals();
         _exit(7);
       },

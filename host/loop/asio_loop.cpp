@@ -163,7 +163,10 @@ class asio_loop final : public event_loop {
     const auto set = std::make_shared<asio::signal_set>(_io);
     for (const int sig : signals)
       if (!is_left_ignored(sig)) set->add(sig);
-    auto added = std::make_unique<owner<signal_handler>>(std::move(f), [set] { set->clear(); });
+    auto added = std::make_unique<owner<signal_handler>>(std::move(f), [set] {
+      set->clear();
+      set->cancel();  // otherwise the wait that is under way would keep the set
+    });
     await_signal(set, added->handler);
     return added;
   }

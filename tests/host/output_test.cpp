@@ -2,6 +2,7 @@
 #include "host/loop/output.h"
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include "tests/host/scripted_loop.h"
 
@@ -76,6 +77,23 @@ TEST_F(outputs, bytes_arrive_once_and_in_order_however_they_are_taken) {
   sink.answers.clear();
   loop.wake(1);
   EXPECT_EQ(sink.text, expected);
+}
+
+TEST_F(outputs, bytes_that_are_written_take_no_memory) {
+  const std::string text(999, 'x');
+  const size_t before = mallinfo2().uordblks;
+  for (int n = 0; n < 1000; ++n) {
+    out.line(text);
+    sink.text.clear();
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + 100'000);
+  for (int n = 0; n < 1000; ++n) {
+    sink.answers = {n == 0 ? 999 : 1000, -EAGAIN};
+    out.line(text);
+    EXPECT_FALSE(out.is_empty()) << "the last byte always waits";
+    sink.text.clear();
+  }
+  EXPECT_LT(mallinfo2().uordblks, before + 100'000);
 }
 
 TEST_F(outputs, an_error_drops_what_waits_and_what_comes) {

@@ -26,6 +26,7 @@ class supervisors : public testing::Test, public fleet_observer {
     void* logparam;
     cbdata data;
     void* dataparam;
+    bool was_started = false;
   };
 
   scripted_loop loop;
@@ -47,14 +48,21 @@ class supervisors : public testing::Test, public fleet_observer {
     };
     p.destroy = [this](int handle) {
       note("destroy " + std::to_string(handle));
+      EXPECT_TRUE(loop.is_beside || !drivers.at(handle).was_started);
       drivers.erase(handle);
     };
     p.start = [this](int handle) {
       note("start " + std::to_string(handle));
+      EXPECT_TRUE(loop.is_beside);
+      drivers.at(handle).was_started = true;
       if (drivers.at(handle).file == not_started) throw std::system_error(EAGAIN, std::generic_category());
       return 0;
     };
-    p.stop = [this](int handle) { return note("stop " + std::to_string(handle)), 0; };
+    p.stop = [this](int handle) {
+      note("stop " + std::to_string(handle));
+      EXPECT_TRUE(loop.is_beside || !drivers.at(handle).was_started);
+      return 0;
+    };
     p.isrun = [](int) { return 1; };
     p.getalltagsex = [this](int handle, cbtagex callback, void* param) {
       callback(drivers.at(handle).file.c_str(), 3, 1, "one", "two", param);
@@ -63,8 +71,11 @@ class supervisors : public testing::Test, public fleet_observer {
     p.getinfo = [](int, char*, size_t*) { return 0; };
   }
 
+  ~supervisors() override { loop.is_beside = true; }  // the end of the process may wait
+
   int create(const std::string& name, const driver& d) {
     note("create " + name + " of " + d.file);
+    EXPECT_TRUE(loop.is_beside);
     for (const std::string& r : reports[d.file])
       d.log("", r.starts_with("failure ") ? DAC_LEVEL_FAILURE : DAC_LEVEL_OTHER, r.substr(8).c_str(), 1, d.logparam);
     if (refused.contains(d.file) || drivers.size() >= room) return -1;
@@ -141,6 +152,7 @@ TEST_F(supervisors, start_creates_all_before_it_starts_one) {
   EXPECT_EQ(s->failure(), "");
   EXPECT_EQ(s->instances().size(), 2U);
   EXPECT_EQ(s->instances().get(1)->handle(), 1);
+  EXPECT_EQ(loop.works, 2) << "creation and start";
 }
 
 TEST_F(supervisors, reports_reach_the_observer_in_order_with_their_time) {

@@ -169,7 +169,7 @@ TEST_F(event_loops, the_condition_is_checked_before_each_handler) {
 }
 
 TEST_F(event_loops, a_task_from_another_thread_wakes_the_loop) {
-  std::jthread other([this] {
+  const std::jthread other([this] {
     std::this_thread::sleep_for(10ms);
     loop->post(see(1));
   });
@@ -266,13 +266,14 @@ TEST_F(event_loops, work_runs_at_once_when_there_is_no_thread) {
 }
 
 TEST_F(event_loops, parallel_work_is_done_once_for_each_number) {
-  for (const size_t n : {0U, 1U, 2U, 3U, 100U, 600U})
+  for (const size_t n : {0U, 1U, 2U, 3U, 100U, 600U}) {
     for (const int threads : {0, 1, 5, INT_MAX}) {
       threads_left = threads;
       std::vector<std::atomic<int>> done(n);
       loop->parallel_for(n, [&](size_t i) { ++done.at(i); });
       EXPECT_TRUE(std::all_of(done.begin(), done.end(), [](int times) { return times == 1; })) << n;
     }
+  }
 }
 
 TEST_F(event_loops, parallel_work_uses_one_thread_for_each_number_and_512_at_most) {
@@ -597,7 +598,7 @@ TEST_F(event_loops, keyboard_signals_arrive_when_they_were_not_ignored) {
 }
 
 TEST_F(event_loops_death, restored_signals_end_the_process) {
-  for (const int sig : {SIGINT, SIGQUIT, SIGTERM})
+  for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
     EXPECT_EXIT(
         {
           loop = nullptr;
@@ -610,11 +611,12 @@ TEST_F(event_loops_death, restored_signals_end_the_process) {
           _exit(1);
         },
         testing::KilledBySignal(sig), "");
+  }
 }
 
 TEST_F(event_loops_death, a_stop_signal_that_was_handled_ends_the_process_when_signals_are_restored) {
-  for (const int sig : {SIGINT, SIGQUIT, SIGTERM})
-    for (const bool is_handled : {true, false})
+  for (const int sig : {SIGINT, SIGQUIT, SIGTERM}) {
+    for (const bool is_handled : {true, false}) {
       EXPECT_EXIT(
           {
             loop = nullptr;
@@ -626,6 +628,8 @@ TEST_F(event_loops_death, a_stop_signal_that_was_handled_ends_the_process_when_s
             _exit(1);
           },
           testing::KilledBySignal(sig), "");
+    }
+  }
 }
 
 TEST_F(event_loops_death, restored_signals_do_not_end_a_process_that_got_none) {

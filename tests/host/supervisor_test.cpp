@@ -93,7 +93,7 @@ class supervisors : public testing::Test, public fleet_observer {
     drivers.at(handle).data(r, 2, drivers.at(handle).dataparam);
   }
 
-  void make(texts files = {"a.conf", "b.conf"}) { s = std::make_unique<supervisor>(loop, p, files, *this); }
+  void make(const texts& files = {"a.conf", "b.conf"}) { s = std::make_unique<supervisor>(loop, p, files, *this); }
   void start() {
     make();
     s->start_all();

@@ -204,6 +204,4 @@ TEST_F(refused_calls, to_the_event_loop_end_in_a_message) {
             {"poll", ENOMEM}});
 }
 
-#ifdef REFUSED_MEMORY
 TEST_F(refused_calls, for_memory_end_in_a_message) { try_each({{"malloc", ENOMEM, 29}}); }
-#endif

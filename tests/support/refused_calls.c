@@ -138,11 +138,9 @@ pid_t waitpid(pid_t pid, int* status, int options) {
   return is_refused("waitpid") ? -1 : REAL(waitpid)(pid, status, options);
 }
 
-#ifdef REFUSED_MEMORY
 extern void* __libc_malloc(size_t size);
 
 extern void* __libc_realloc(void* at, size_t size);
 
 void* malloc(size_t size) { return is_refused("malloc") ? NULL : __libc_malloc(size); }
 void* realloc(void* at, size_t size) { return is_refused("malloc") ? NULL : __libc_realloc(at, size); }
-#endif

@@ -39,7 +39,7 @@ int step(const refusal& r) { return std::getenv("REFUSALS") ? 1 : r.step; }
 // Its directory, its files and what came of it.
 class refused_run {
  public:
-  refused_run(const refusal& r, int n, bool to_file) : _refusal(r), _number(n) {
+  refused_run(refusal r, int n, bool to_file) : _refusal(std::move(r)), _number(n) {
     if (to_file) _settings.out_file = _dir.path("out");
     _dir.file("hostname = one\n", "gw.conf");
     _dir.file("#!/bin/sh\necho \"$DAC_TAG $DAC_VALUE\" >>'" + _dir.path("did") + "'\necho printed\n", "prog");

@@ -31,7 +31,7 @@ using readiness = event_loop::readiness;
 namespace {
 
 std::atomic<int> threads_left = INT_MAX;  // that the system starts before it refuses
-int epolls_left = INT_MAX;
+int refused_epoll = -1;                   // the number of the call that fails
 
 }  // namespace
 
@@ -44,7 +44,7 @@ extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attr, voi
 }
 
 extern "C" int epoll_create1(int flags) noexcept {
-  if (epolls_left-- > 0) return static_cast<int>(syscall(SYS_epoll_create1, flags));
+  if (refused_epoll-- != 0) return static_cast<int>(syscall(SYS_epoll_create1, flags));
   errno = EMFILE;
   return -1;
 }
@@ -178,14 +178,14 @@ TEST_F(event_loops, a_task_from_another_thread_wakes_the_loop) {
 
 TEST_F(event_loops, a_refused_descriptor_is_an_error) {
   for (int n = 0; n < 2; ++n) {
-    epolls_left = n;
+    refused_epoll = n;
     try {
       make_event_loop();
       ADD_FAILURE() << "no exception";
     } catch (const std::system_error& e) {
       EXPECT_EQ(e.code().value(), EMFILE) << n;
     }
-    epolls_left = INT_MAX;
+    refused_epoll = -1;
   }
 }
 
@@ -441,6 +441,8 @@ TEST_F(event_loops, writing_never_blocks) {
   EXPECT_LT(shortest, 100ms) << "it does not wait for room";
   errno = EBADF;
   EXPECT_EQ(loop->write(open("/dev/null", O_WRONLY | O_CLOEXEC), ""), 0);
+  errno = EINTR;
+  EXPECT_EQ(loop->write(open("/dev/null", O_WRONLY | O_CLOEXEC), ""), 0);
   std::signal(SIGPIPE, SIG_IGN);
   p.close_end(0);
   EXPECT_EQ(loop->write(p.fd[1], "x"), -EPIPE);
@@ -548,6 +550,18 @@ TEST_F(event_loops, a_signal_handler_that_is_destroyed_does_not_run) {
   raise(SIGHUP);
   run_for(5ms);
   EXPECT_EQ(seen, std::vector<int>{1});
+}
+
+TEST_F(event_loops, a_signal_handler_that_is_destroyed_leaves_nothing) {
+  auto a = loop->on_signals({SIGHUP}, see_number(1));
+  a = nullptr;
+  EXPECT_EQ(std::signal(SIGHUP, SIG_DFL), SIG_DFL);
+  run_for(1ms);
+  const size_t before = mallinfo2().uordblks;
+  for (int n = 0; n < 1000; ++n) a = loop->on_signals({SIGHUP}, see_number(1));
+  a = nullptr;
+  run_for(1ms);
+  EXPECT_LT(mallinfo2().uordblks, before + 20000);
 }
 
 TEST_F(event_loops, signals_that_the_parent_process_blocked_arrive) {

@@ -11,6 +11,11 @@ using readiness = event_loop::readiness;
 
 namespace {
 
+size_t allocated() {
+  const struct mallinfo2 m = mallinfo2();
+  return m.uordblks + m.hblkhd;
+}
+
 class outputs : public testing::Test {
  protected:
   scripted_loop loop;
@@ -81,19 +86,19 @@ TEST_F(outputs, bytes_arrive_once_and_in_order_however_they_are_taken) {
 
 TEST_F(outputs, bytes_that_are_written_take_no_memory) {
   const std::string text(999, 'x');
-  const size_t before = mallinfo2().uordblks;
+  const size_t before = allocated();
   for (int n = 0; n < 1000; ++n) {
     out.line(text);
     sink.text.clear();
   }
-  EXPECT_LT(mallinfo2().uordblks, before + 100'000);
+  EXPECT_LT(allocated(), before + 100'000);
   for (int n = 0; n < 1000; ++n) {
     sink.answers = {n == 0 ? 999 : 1000, -EAGAIN};
     out.line(text);
     EXPECT_FALSE(out.is_empty()) << "the last byte always waits";
     sink.text.clear();
   }
-  EXPECT_LT(mallinfo2().uordblks, before + 100'000);
+  EXPECT_LT(allocated(), before + 100'000);
 }
 
 TEST_F(outputs, an_error_drops_what_waits_and_what_comes) {
@@ -107,6 +112,13 @@ TEST_F(outputs, an_error_drops_what_waits_and_what_comes) {
   EXPECT_EQ(sink.text, "on");
   EXPECT_TRUE(out.is_empty());
   EXPECT_FALSE(loop.watch_of(1));
+}
+
+TEST_F(outputs, room_that_cannot_be_waited_for_is_an_error) {
+  loop.unwatchable = 1;
+  sink.answers = {-EAGAIN};
+  out.line("one");
+  EXPECT_EQ(out.error(), EAGAIN);
 }
 
 TEST_F(outputs, an_error_of_one_is_an_error) {

@@ -33,6 +33,7 @@ class scripted_loop : public event_loop {
   std::map<int, sink> sinks;
   std::vector<watch_state> watches;
   bool is_restored = false;
+  int unwatchable = -1;     // a descriptor
   bool holds_work = false;  // work beside the loop does not run
   bool is_beside = false;   // work beside the loop is running
   int works = 0;            // that have run
@@ -101,6 +102,7 @@ class scripted_loop : public event_loop {
     return added;
   }
   handle watch(int fd, readiness r, task t) override {
+    if (fd == unwatchable) return nullptr;
     if (watch_of(fd)) throw std::logic_error("the descriptor is watched already");
     auto added = std::make_unique<owner<task>>(
         std::move(t), [this, fd] { std::erase_if(watches, [fd](const watch_state& w) { return w.fd == fd; }); });

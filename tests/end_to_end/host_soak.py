@@ -147,7 +147,7 @@ def settle(host, directory, limit):
     end = time.monotonic() + limit
     while time.monotonic() < end and host.process.poll() is None:
         before = host.events
-        time.sleep(3)
+        time.sleep(5)
         if host.events == before and is_settled(host, directory):
             return True
     return False
@@ -163,6 +163,7 @@ def stir(host, addresses, seconds):
         addresses.change()
         changes += 1
         time.sleep(max(0.0, 1 - time.time() % 1))
+    host.reload()  # reads the last change now, and not ten seconds later while dachost ends
     return reloads, changes
 
 

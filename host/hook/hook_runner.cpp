@@ -63,13 +63,15 @@ bool hook_runner::is_idle() const {
 void hook_runner::close() {
   _is_closed = true;
   for (hook& h : _hooks) {
-    if (h.next) drop_pending(h);
+    drop_pending(h);
     if (h.at != stage::idle) set_deadline(h, std::min(h.deadline, _environment.loop.now() + exit_grace));
   }
 }
 
 void hook_runner::start(hook& h) {
-  h.current = *std::exchange(h.next, std::nullopt);
+  if (!h.next) return;
+  h.current = std::move(*h.next);
+  h.next.reset();
   h.timer = nullptr;
   h.at = stage::idle;
   try {
@@ -161,8 +163,10 @@ std::string hook_runner::schedule_retry(hook& h) {
 }
 
 void hook_runner::drop_pending(hook& h) {
+  if (!h.next) return;
   _has_given_up = true;
-  h.current = *std::exchange(h.next, std::nullopt);
+  h.current = std::move(*h.next);
+  h.next.reset();
   if (h.at == stage::pausing) h.at = stage::idle;
   if (h.at == stage::idle) h.timer = nullptr;
   complain(h, "the newest value is not kept, the run ends");

@@ -65,7 +65,8 @@ inline long waits(pid_t pid) {
 
 /// Watches a process that has nothing to do. A loop that does not wait would take most of the time, and a tenth of it
 /// still on a machine that is ten times overloaded. One that waits for a millisecond at a time is seen by its waits;
-/// the thread sanitizer has a thread that waits ten times a second. Work that goes on at the start has two windows to end.
+/// the thread sanitizer has a thread that waits ten times a second. Work that goes on at the start has two windows to
+/// end.
 inline void expect_quiet(const process& p, std::chrono::milliseconds time = std::chrono::milliseconds(1500)) {
   const double seconds = std::chrono::duration<double>(time).count();
   double used = 0, waited = 0;
@@ -77,8 +78,8 @@ inline void expect_quiet(const process& p, std::chrono::milliseconds time = std:
     waited = static_cast<double>(waits(p.pid()) - waits_before);
     if (used < 0.1 * seconds && waited < 50 * seconds) return;
   }
-  ADD_FAILURE() << "in each of three windows of " << seconds << " s; in the last " << used << " s of processor time and "
-                << waited << " waits";
+  ADD_FAILURE() << "in each of three windows of " << seconds << " s; in the last " << used
+                << " s of processor time and " << waited << " waits";
 }
 
 class dachost_fixture : public testing::Test {

@@ -223,7 +223,9 @@ TEST_F(mqtt, newest_value_arrives_after_the_broker_is_killed) {
               count(err, "connection lost; retrying") + count(err, "Connection refused; retrying"))
         << err;
     EXPECT_LE(count(err, "; retrying"), 2U) << err;
-    const auto received = s.values();
+    auto received = s.values();
+    // A broker that had saved the first value sends it to the new subscriber before the publisher is back.
+    if (!received.empty() && received.front() == 1) received.erase(received.begin());
     print("broker killed, newest", 3, 4, received);
     EXPECT_EQ(received, (std::vector<int>{3, 4}));
   });

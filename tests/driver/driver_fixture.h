@@ -90,6 +90,10 @@ class driver_fixture : public testing::Test {
   T field(size_t offset) const {
     return pools::read<T>(reinterpret_cast<const char*>(&d) + offset);
   }
+  /// A flag that the worker may write at the same time. Not instrumented, because such flags are plain integers.
+  [[gnu::no_sanitize("thread")]] int32_t flag(size_t offset) const {
+    return *reinterpret_cast<const volatile int32_t*>(reinterpret_cast<const char*>(&d) + offset);
+  }
   template <class T>
   void set(size_t offset, T value) {
     pools::write(&d, offset, value);

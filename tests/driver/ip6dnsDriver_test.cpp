@@ -111,8 +111,8 @@ TEST_F(driver, keeps_the_worker_s_state_in_its_fields) {
   EXPECT_EQ(field<dac_tagvalue>(tag_at).time, 10 * now);
   EXPECT_STREQ(field<dac_tagvalue>(tag_at).name, "h1");
   EXPECT_STREQ(field<dac_tagvalue>(tag_at).value, "2001:db8::10");
-  EXPECT_EQ(field<int32_t>(stop_at), 0);
-  EXPECT_EQ(field<int32_t>(running_at), 1);
+  EXPECT_EQ(flag(stop_at), 0);
+  EXPECT_EQ(flag(running_at), 1);
   EXPECT_NE(field<void*>(thread_at), nullptr);
   stop(d);
   EXPECT_EQ(bytes(stop_at, driver_size), std::string(driver_size - stop_at, '\0'));
@@ -145,9 +145,9 @@ TEST_F(driver, asks_its_worker_to_end_by_a_1) {
   start(d);
   std::thread stopper([&] { d.Stop(); });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (field<int32_t>(stop_at) == 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_EQ(field<int32_t>(stop_at), 1);
-  EXPECT_EQ(field<int32_t>(running_at), 1) << "it sleeps";
+  while (flag(stop_at) == 0 && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_EQ(flag(stop_at), 1);
+  EXPECT_EQ(flag(running_at), 1) << "it sleeps";
   fake_clock::free_run();
   stopper.join();
   fake_clock::stepping();
@@ -157,8 +157,8 @@ TEST_F(driver, starts_a_worker_that_nothing_asks_to_end) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   set<int32_t>(stop_at, 1);
   start(d);
-  EXPECT_EQ(field<int32_t>(stop_at), 0);
-  EXPECT_EQ(field<int32_t>(running_at), 1);
+  EXPECT_EQ(flag(stop_at), 0);
+  EXPECT_EQ(flag(running_at), 1);
   stop(d);
   EXPECT_EQ(records.size(), 1U);
 }

@@ -36,7 +36,7 @@ class worker_state : public driver_fixture {
     set<int32_t>(stop_at, 1);
     fake_clock::free_run();
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (field<int32_t>(running_at) != 0) {
+    while (flag(running_at) != 0) {
       if (std::chrono::steady_clock::now() > deadline) throw std::runtime_error("the worker does not end");
       std::this_thread::yield();
     }
@@ -72,7 +72,7 @@ TEST_F(worker_state, a_second_start_replaces_the_thread_object) {
 TEST_F(worker_state, Start_clears_the_stop_flag_before_the_thread_exists) {
   set<int32_t>(stop_at, 1);
   int32_t at_create = -1;
-  fake_threads::before_create = [&] { at_create = field<int32_t>(stop_at); };
+  fake_threads::before_create = [&] { at_create = flag(stop_at); };
   start(d);
   EXPECT_EQ(at_create, 0);
   stop(d);
@@ -82,28 +82,28 @@ TEST_F(worker_state, the_worker_and_not_Start_sets_running) {
   std::binary_semaphore gate(0);
   fake_threads::before_body = [&] { gate.acquire(); };
   d.Start();
-  EXPECT_EQ(field<int32_t>(running_at), 0);
+  EXPECT_EQ(flag(running_at), 0);
   gate.release();
   fake_clock::await_sleepers(1);
-  EXPECT_EQ(field<int32_t>(running_at), 1);
+  EXPECT_EQ(flag(running_at), 1);
   stop(d);
 }
 
 TEST_F(worker_state, the_worker_and_not_Stop_clears_running) {
   start(d);
   end_worker();
-  EXPECT_EQ(field<int32_t>(running_at), 0);
+  EXPECT_EQ(flag(running_at), 0);
   set<int32_t>(running_at, 7);
   stop(d);
-  EXPECT_EQ(field<int32_t>(running_at), 7);
+  EXPECT_EQ(flag(running_at), 7);
 }
 
 TEST_F(worker_state, the_worker_and_not_Stop_clears_the_stop_flag) {
   start(d);
   end_worker();
-  EXPECT_EQ(field<int32_t>(stop_at), 0);
+  EXPECT_EQ(flag(stop_at), 0);
   stop(d);
-  EXPECT_EQ(field<int32_t>(stop_at), 1) << "no worker was left to clear it";
+  EXPECT_EQ(flag(stop_at), 1) << "no worker was left to clear it";
 }
 
 // ---------------------------------------------------------------- rounds

@@ -64,7 +64,7 @@ class event_loop : public interface {
   /// leads, and reaps the child.
   virtual handle on_exit(pid_t child, std::function<void(int)> f) = 0;
 
-  /// Ends the process although work still runs beside the loop.
+  /// Ends the process even if work still runs on other threads.
   [[noreturn]] virtual void exit(int status) = 0;
 };
 

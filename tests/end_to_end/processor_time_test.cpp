@@ -116,6 +116,7 @@ TEST_F(processor_time, is_not_taken_after_the_reader_of_standard_error_has_left)
 TEST_F(processor_time, is_not_taken_while_output_waits_for_its_reader) {
   process p = run({conf("flood 4000")});
   p.await_out("\tmessage 1 of 4000\n");
+  await_settled(p);
   expect_quiet(p);
   p.close_out();
   EXPECT_EQ(p.end_unread(), 1);

@@ -145,6 +145,7 @@ TEST_F(readers, of_a_full_non_blocking_socket_cost_no_processor_time) {
   process p = run({conf("flood 4000")}, {}, {.out_fd = s.writing()});
   s.close_writing();
   await_journal("start gw 0");
+  await_settled(p);
   expect_quiet(p);
   p.signal(SIGTERM);
   expect_quiet(p, 700ms);

@@ -63,23 +63,25 @@ inline long waits(pid_t pid) {
   return all;
 }
 
+/// Waits until a process has done the work that was on its way. A busy loop never gets there.
+inline void await_settled(const process& p) {
+  EXPECT_TRUE(eventually([&p] {
+    const double before = processor_seconds(p.pid());
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    return processor_seconds(p.pid()) - before < 0.02;
+  }));
+}
+
 /// Watches a process that has nothing to do. A loop that does not wait would take most of the time, and a tenth of it
 /// still on a machine that is ten times overloaded. One that waits for a millisecond at a time is seen by its waits;
-/// the thread sanitizer has a thread that waits ten times a second. Work that goes on at the start has two windows to
-/// end.
+/// the thread sanitizer has a thread that waits ten times a second.
 inline void expect_quiet(const process& p, std::chrono::milliseconds time = std::chrono::milliseconds(1500)) {
+  const double before = processor_seconds(p.pid());
+  const long waits_before = waits(p.pid());
+  std::this_thread::sleep_for(time);
   const double seconds = std::chrono::duration<double>(time).count();
-  double used = 0, waited = 0;
-  for (int window = 0; window < 3; ++window) {
-    const double used_before = processor_seconds(p.pid());
-    const long waits_before = waits(p.pid());
-    std::this_thread::sleep_for(time);
-    used = processor_seconds(p.pid()) - used_before;
-    waited = static_cast<double>(waits(p.pid()) - waits_before);
-    if (used < 0.1 * seconds && waited < 50 * seconds) return;
-  }
-  ADD_FAILURE() << "in each of three windows of " << seconds << " s; in the last " << used
-                << " s of processor time and " << waited << " waits";
+  EXPECT_LT(processor_seconds(p.pid()) - before, 0.1 * seconds);
+  EXPECT_LT(static_cast<double>(waits(p.pid()) - waits_before), 50 * seconds);
 }
 
 class dachost_fixture : public testing::Test {

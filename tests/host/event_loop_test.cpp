@@ -381,6 +381,7 @@ TEST_F(event_loops, one_of_two_ready_watches_may_destroy_the_other) {
   b = loop->watch(q.fd[0], readiness::readable, [&] { a = nullptr, q.take(), seen.push_back(2); });
   p.put();
   q.put();
+  await(1);
   run_for(10ms);
   EXPECT_EQ(seen.size(), 1U);
 }
@@ -523,6 +524,7 @@ TEST_F(event_loops, one_handler_may_end_the_wait_for_another_child) {
   waitid(P_PID, static_cast<id_t>(q), &ended, WEXITED | WNOWAIT);
   a = loop->on_exit(p, [&](int) { b = nullptr, seen.push_back(1); });
   b = loop->on_exit(q, [&](int) { a = nullptr, seen.push_back(2); });
+  await(1);
   run_for(20ms);
   EXPECT_EQ(seen.size(), 1U);
 }
@@ -548,6 +550,7 @@ TEST_F(event_loops, a_signal_handler_that_is_destroyed_does_not_run) {
   auto b = loop->on_signals({SIGHUP}, see_number(2));
   b = nullptr;
   raise(SIGHUP);
+  await(1);
   run_for(5ms);
   EXPECT_EQ(seen, std::vector<int>{1});
 }

@@ -1,5 +1,6 @@
 #include "host/instances/supervisor.h"
 
+#include <algorithm>
 #include <csignal>
 #include <numeric>
 #include <system_error>
@@ -36,21 +37,21 @@ supervisor::supervisor(event_loop& l, const plugin& p, const std::vector<std::st
 
 void supervisor::answer(int sig) {
   if (sig != SIGHUP) {
-    _is_to_stop = true;
+    _cause = std::max(_cause, cause::signal);  // no signal makes up for a refused file
     return;
   }
   _to_load = all_of(_fleet.size());
-  if (_stage == stage::idle) settle();
+  if (_state == state::running) settle();
 }
 
 void supervisor::start_all() {
   _to_load = all_of(_fleet.size());
   load();
-  _loop.run_until([this] { return _stage == stage::idle || _is_to_stop; });
+  _loop.run_until([this] { return _state == state::running || is_to_stop(); });
 }
 
 void supervisor::load() {
-  _stage = stage::busy;
+  _state = state::loading;
   _loop.run_beside([this, files = std::exchange(_to_load, {})]() -> event_loop::task {
     return [this, files, made = create(files)] { on_created(files, made); };
   });
@@ -63,7 +64,7 @@ supervisor::batch supervisor::create(const std::vector<size_t>& files) {
   bool has_made = false;
   for (const size_t i : files) {
     creation c = create(i);
-    if (!c.made && reason_in(c.reports).empty() && has_made && !_is_first) break;
+    if (!c.made && c.reason.empty() && has_made && _fleet.get(i)) break;
     has_made = has_made || c.made;
     b->push_back(std::move(c));
   }
@@ -86,19 +87,20 @@ supervisor::creation supervisor::create(size_t i) {
 
 void supervisor::on_created(const std::vector<size_t>& files, const batch& b) {
   for (const creation& c : *b)
-    if (!c.made) report_refusal(c);
+    if (!c.made) refuse(c);
   for (const creation& c : *b)
     for (const event& e : c.reports) dispatch(e);
   if (_to_load.empty()) _to_load.assign(files.begin() + static_cast<std::ptrdiff_t>(b->size()), files.end());
-  if (std::erase_if(*b, [](const creation& c) { return !c.made; }) > 0 && _is_first) _has_refused = _is_to_stop = true;
-  if (_is_to_stop || _is_stopping || b->empty()) return settle();
-  _is_first = false;
+  std::erase_if(*b, [](const creation& c) { return !c.made; });
+  if (b->empty() || is_to_stop() || _state != state::loading) return settle();
   stop_old(b);
 }
 
-void supervisor::report_refusal(const creation& c) {
+void supervisor::refuse(const creation& c) {
   const std::string why = c.reason.empty() ? "refused without a reason, as one too many is" : c.reason;
-  const char* consequence = _is_first ? "; nothing is started" : "; the old instance goes on";
+  const bool has_old = _fleet.get(c.index);
+  if (!has_old) _cause = cause::refusal;
+  const char* consequence = has_old ? "; the old instance goes on" : "; nothing is started";
   _observer.on_refused(c.index, diagnose(_fleet.file(c.index), why) + consequence);
 }
 
@@ -120,7 +122,7 @@ void supervisor::start_new(const batch& b) {
   _loop.run_beside([this, b]() -> event_loop::task {
     for (creation& c : *b) c.made = nullptr;
     return [this, failure = start(b)] {
-      if (!failure.empty()) _is_to_stop = true;
+      if (!failure.empty()) _cause = cause::failure;
       _failure = failure;
       settle();
     };
@@ -139,8 +141,10 @@ std::string supervisor::start(const batch& b) const {
 }
 
 void supervisor::settle() {
-  _stage = stage::idle;
-  if (!_to_load.empty() && !_is_to_stop && !_is_stopping) load();
+  if (_state == state::stuck) return;
+  if (_state == state::stopping) return stop_fleet();
+  _state = state::running;
+  if (!_to_load.empty() && !is_to_stop()) load();
 }
 
 void supervisor::dispatch(const event& e) {
@@ -148,19 +152,13 @@ void supervisor::dispatch(const event& e) {
 }
 
 bool supervisor::stop() {
-  _is_stopping = true;
-  bool is_late = false;
-  const auto limit = _loop.call_in(stop_timeout, [&is_late] { is_late = true; });
-  const auto await_plugin = [&] { _loop.run_until([&] { return _stage == stage::idle || is_late; }); };
-  await_plugin();
-  if (is_late) return false;
-  stop_fleet();
-  await_plugin();
-  return !is_late;
+  const auto limit = _loop.call_in(stop_timeout, [this] { _state = state::stuck; });
+  if (std::exchange(_state, state::stopping) != state::loading) stop_fleet();
+  _loop.run_until([this] { return _state == state::stopped || _state == state::stuck; });
+  return _state == state::stopped;
 }
 
 void supervisor::stop_fleet() {
-  _stage = stage::busy;
   _loop.run_beside([this]() -> event_loop::task {
     _loop.parallel_for(_fleet.size(), [this](size_t i) {
       if (instance* running = _fleet.get(i)) running->stop();
@@ -174,6 +172,6 @@ void supervisor::destroy_fleet() {
   for (size_t i = 0; i < _fleet.size(); ++i) all->push_back({i, _fleet.replace(i, nullptr), {}, ""});
   _loop.run_beside([this, all]() -> event_loop::task {
     all->clear();
-    return [this] { settle(); };
+    return [this] { _state = state::stopped; };
   });
 }

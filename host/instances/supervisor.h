@@ -32,12 +32,12 @@ class supervisor {
   /// Starts an instance for each file. Returns when they run, or when is_to_stop().
   void start_all();
   /// A signal has said so, a file was refused at the start, or an instance could not be started.
-  bool is_to_stop() const { return _is_to_stop; }
+  bool is_to_stop() const { return _cause != cause::none; }
   /// Stops and destroys all instances. False when the plug-in does not return within 30 seconds; then only
   /// event_loop::exit() can end the process.
   bool stop();
 
-  bool has_refused() const { return _has_refused; }
+  bool has_refused() const { return _cause == cause::refusal; }
   /// Why an instance could not be started, if one could not.
   const std::string& failure() const { return _failure; }
 
@@ -50,14 +50,16 @@ class supervisor {
     std::string reason;
   };
   using batch = std::shared_ptr<std::vector<creation>>;
-  enum class stage { idle, busy };
+  // Loading creates, replaces and starts instances. Stuck: the plug-in did not return in time.
+  enum class state { loading, running, stopping, stopped, stuck };
+  enum class cause { none, signal, refusal, failure };
 
   void answer(int sig);
   void load();
   batch create(const std::vector<size_t>& files);
   creation create(size_t i);
   void on_created(const std::vector<size_t>& files, const batch& b);
-  void report_refusal(const creation& c);
+  void refuse(const creation& c);
   void stop_old(const batch& b);
   void start_new(const batch& b);
   std::string start(const batch& b) const;
@@ -70,12 +72,9 @@ class supervisor {
   const plugin& _plugin;
   fleet_observer& _observer;
   fleet _fleet;
-  stage _stage = stage::idle;
-  bool _is_first = true;         // no instance has been started yet
+  state _state = state::stopped;
+  cause _cause = cause::none;    // why the instances are to be stopped
   std::vector<size_t> _to_load;  // files to be read
-  bool _is_to_stop = false;
-  bool _is_stopping = false;  // stop() has been called
-  bool _has_refused = false;
   std::string _failure;
   event_loop::handle _signals;
 };

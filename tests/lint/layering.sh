@@ -3,7 +3,7 @@
 set -eu
 cd "$(dirname "$0")/../.."
 
-git ls-files -z com driver host tests bench doc |
+git ls-files -z com driver host tests bench examples |
   xargs -0 grep -nE '^[[:space:]]*#[[:space:]]*include[[:space:]]+"' 2>/dev/null |
   awk '
     function matches(path, pattern) {

@@ -1,7 +1,7 @@
 #!/bin/sh
-# A host in C, compiled against the installed header as pkg-config tells, gets a value from the installed plug-in;
-# with an emulator, under every page size that kernels of the field machine have.
-#   snippet.sh ROOT TRIPLET COMPILER [EMULATOR...]
+# examples/host.c, compiled against the installed header with the flags of pkg-config, gets a value from the installed
+# plug-in; with an emulator, under every page size that kernels of the field machine have.
+#   example.sh ROOT TRIPLET COMPILER [EMULATOR...]
 set -eu
 root=$1
 triplet=$2
@@ -12,8 +12,8 @@ trap 'rm -rf "$scratch"' EXIT
 
 export PKG_CONFIG_SYSROOT_DIR="$root" PKG_CONFIG_LIBDIR="$root/usr/lib/$triplet/pkgconfig"
 plugin=$(pkg-config --variable=plugin ip6dns)
-# shellcheck disable=SC2046 # one word a flag
-"$cc" -Wall -Wextra -Werror -o "$scratch/host" "$root/usr/share/doc/ip6dns/examples/snippet.c" \
+# shellcheck disable=SC2046 # one word per flag
+"$cc" -Wall -Wextra -Werror -o "$scratch/host" "$root/usr/share/doc/ip6dns/examples/host.c" \
   $(pkg-config --cflags ip6dns)
 echo 'hostname = packaged.example' >"$scratch/my.conf"
 

@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <filesystem>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -155,10 +156,17 @@ void add_run(CLI::App& app, options& o) {
   add_exec(*run, o.hook);
 }
 
-std::string usage_error(const CLI::App* app, const CLI::Error& e) {
+// For a word that is taken for an option but names a file.
+std::string hint_for(const std::vector<std::string>& words) {
+  for (const std::string& word : words)
+    if (word.starts_with('-') && std::filesystem::exists(word)) return "; write -- before " + word;
+  return "";
+}
+
+std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::string& hint) {
   const auto parsed = app->get_subcommands();
   const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + ' ';
-  return report_line(std::string(e.what()) + " (dachost " + command + "--help tells the usage)") + '\n';
+  return report_line(e.what() + hint + " (dachost " + command + "--help tells the usage)") + '\n';
 }
 
 answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
@@ -191,7 +199,8 @@ void restore_terminators(options& o) {
 std::variant<options, answer> parse(int argc, const char* const* argv) {
   options o;
   CLI::App app("Reference host of the dac plug-ins", "dachost");
-  app.failure_message(usage_error);
+  const std::vector<std::string> all = words(argc, argv);
+  app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, hint_for(all)); });
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
   app.footer(footer());
   app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
@@ -201,7 +210,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
   add_command(app, o, command::info, "info", "Print the status document of each file's instance");
   try {
-    app.parse(words(argc, argv));
+    app.parse(std::vector(all));
     if (app.get_subcommands().empty()) throw CLI::RequiredError("A sub-command");
   } catch (const CLI::ParseError& e) {
     return make_answer(app, e);

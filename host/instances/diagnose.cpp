@@ -8,11 +8,12 @@
 #include <string_view>
 #include <utility>
 
+#include "host/instances/config_file.h"
+
 namespace {
 
-// Without waiting for the other end of a pipe.
 int error_of_reading(const std::string& file) {
-  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+  const int fd = open(file.c_str(), O_RDONLY | O_CLOEXEC);
   if (fd < 0) return errno;
   char first = 0;
   const int error = read(fd, &first, 1) < 0 ? errno : 0;
@@ -25,7 +26,10 @@ constexpr std::pair<std::string_view, const char*> remedies[] = {
     {"hostname contains illegal characters", R"(: none of ' " ( ) : may be in it, see ip6dns.conf(5))"}};
 
 std::string remedy(const std::string& file, const std::string& reason) {
+  if (!unreadable(file).empty()) return "";
   if (const int error = error_of_reading(file)) return std::string(": ") + std::strerror(error);
+  const std::string hidden = hidden_hostname(file);
+  if (!hidden.empty() && reason.starts_with("not config hostname")) return ": " + hidden;
   for (const auto& [begin, text] : remedies)
     if (reason.starts_with(begin)) return text;
   return "";
@@ -34,6 +38,9 @@ std::string remedy(const std::string& file, const std::string& reason) {
 }  // namespace
 
 std::string diagnose(const std::string& file, const std::string& reason) {
+  if (reason.empty())
+    return file + ": refused without a reason; the plug-in may have no room for another instance" +
+           remedy(file, reason);
   const bool is_named = reason.find(file) != std::string::npos;
   return (is_named ? "" : file + ": ") + reason + remedy(file, reason);
 }

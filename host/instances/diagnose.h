@@ -3,5 +3,6 @@
 
 #include <string>
 
-/// One line that names the file once: the plug-in's reason, followed by what helps where the host knows.
+/// One line that names the file once: the plug-in's reason, which may be empty, followed by what helps where the host
+/// knows.
 std::string diagnose(const std::string& file, const std::string& reason);

@@ -4,6 +4,8 @@
 #include <string_view>
 #include <utility>
 
+#include "host/instances/config_file.h"
+
 namespace {
 
 void never_called(void* /*param*/) {}
@@ -22,6 +24,10 @@ std::string field(const char (&text)[SIZE]) {
 }  // namespace
 
 std::unique_ptr<instance> instance::make(const plugin& p, const std::string& name, const std::string& file, sink s) {
+  if (const std::string error = unreadable(file); !error.empty()) {
+    s(message{DAC_LEVEL_FAILURE, error});
+    return nullptr;
+  }
   std::unique_ptr<instance> i(new instance(p, std::move(s)));
   i->_handle = p.create(name.c_str(), file.c_str(), on_log, i.get(), never_called, nullptr, on_data, i.get(),
                         never_called, nullptr);

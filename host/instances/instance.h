@@ -15,8 +15,8 @@ class instance {
   /// Gets what the instance reports. [any thread]
   using sink = std::function<void(report_item)>;
 
-  /// A new stopped instance, or null when the plug-in refuses the file; then its reason is the last failure that the
-  /// sink has got, if any.
+  /// A new stopped instance, or null when the file is unreadable() or the plug-in refuses it; then the reason is the
+  /// last failure that the sink has got, if any.
   static std::unique_ptr<instance> make(const plugin& p, const std::string& name, const std::string& file, sink s);
   ~instance();
   instance(const instance&) = delete;

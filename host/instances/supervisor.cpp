@@ -97,11 +97,10 @@ void supervisor::on_created(const std::vector<size_t>& files, const batch& b) {
 }
 
 void supervisor::refuse(const creation& c) {
-  const std::string why = c.reason.empty() ? "refused without a reason, as one too many is" : c.reason;
   const bool has_old = _fleet.get(c.index);
   if (!has_old) _cause = cause::refusal;
   const char* consequence = has_old ? "; the old instance goes on" : "; nothing is started";
-  _observer.on_refused(c.index, diagnose(_fleet.file(c.index), why) + consequence);
+  _observer.on_refused(c.index, diagnose(_fleet.file(c.index), c.reason) + consequence);
 }
 
 void supervisor::stop_old(const batch& b) {

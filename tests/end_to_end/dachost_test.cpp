@@ -379,30 +379,73 @@ TEST_F(dachost, check_prints_the_plugins_own_message_and_what_to_do_and_goes_on)
   const std::string good = file("good.conf", "hostname=h");
   const ending e = ask({"check", missing, path(""), unnamed, colon, good});
   EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(
-      lines(e.out),
-      (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
-             "not config hostname in " + path("") + ": Is a directory", "not config hostname in " + unnamed + name_it,
-             "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
+  EXPECT_EQ(lines(e.out),
+            (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
+                   path("") + ": not a regular file", "not config hostname in " + unnamed + name_it,
+                   "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
+}
+
+TEST_F(dachost, check_names_stray_text_in_front_of_the_host_name) {
+  const std::string hidden = file("hidden.conf", "# Pump house\nGateway 3\nhostname = a\n");
+  const std::string second = file("second.conf", "hostname = a\nGateway 3\nhostname = b\n");
+  const std::string line_2 = "line 2 hides hostname: \"Gateway 3\"; begin comments with #";
+  const ending e = ask({"check", hidden, second});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.out),
+            (texts{"not config hostname in " + hidden + ": " + line_2, second + ": ok, host name a, but " + line_2}));
+  EXPECT_EQ(ask({"run", "--once", hidden}).err,
+            "dachost: not config hostname in " + hidden + ": " + line_2 + "; nothing is started\n");
+}
+
+TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
+  const std::string conf = file("gw.conf", "hostname=h");
+  texts args = {"check", "-p", BARE_PLUGIN};
+  args.insert(args.end(), 1025, conf);
+  const ending e = dachost_does(args);
+  EXPECT_EQ(e.status, 1);
+  const texts out = lines(e.out);
+  ASSERT_EQ(out.size(), 1025U);
+  EXPECT_EQ(out[1023], conf + ": ok, host name h");
+  EXPECT_EQ(out[1024], conf + ": refused without a reason; the plug-in may have no room for another instance");
+}
+
+TEST_F(dachost, a_file_whose_name_begins_with_a_dash_goes_after_two_dashes) {
+  const auto check_there = [&](const texts& args) {
+    texts argv = {"sh", "-c", "cd \"$0\" && exec \"$@\"", path("")};
+    for (const std::string& word : command_line(DACHOST, args)) argv.push_back(word);
+    return process(argv).end();
+  };
+  for (const std::string name : {"-x.conf", "--long.conf", "-plan.conf"}) {
+    SCOPED_TRACE(name);
+    file(name, "hostname=h");
+    const ending e = check_there({"check", "--plugin", PLUGIN, name});
+    expect_usage_error(e);
+    EXPECT_NE(e.err.find("; write -- before " + name), std::string::npos) << e.err;
+    EXPECT_EQ(check_there({"check", "--plugin", PLUGIN, "--", name}).out, name + ": ok, host name h\n");
+  }
+  const ending e = check_there({"check", "-y.conf"});
+  expect_usage_error(e);
+  EXPECT_EQ(e.err.find("write --"), std::string::npos) << e.err;
 }
 
 TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
   const std::string mute = file("mute.conf", "refuse");
   const ending e = ask_fake({"check", mute});
   EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(e.out, mute + ": refused without a reason\n");
+  EXPECT_EQ(e.out, mute + ": refused without a reason; the plug-in may have no room for another instance\n");
 }
 
 TEST_F(dachost, what_is_asked_of_an_instance_is_asked_of_a_stopped_one_that_is_then_destroyed) {
   const std::string a = file("a.conf", "");
   const std::string b = file("b.conf", "");
-  for (const char* command : {"check", "tags", "info"}) {
+  for (const std::string command : {"check", "tags", "info"}) {
     SCOPED_TRACE(command);
     fs::remove(path("journal"));
     EXPECT_EQ(ask_fake({command, a, b}).status, 0);
     texts calls = journal();
     std::erase_if(calls, [](const std::string& call) { return call.starts_with("stop"); });
-    EXPECT_EQ(calls, (texts{"create a 0", "destroy a 0", "create b 1", "destroy b 1"}));
+    EXPECT_EQ(calls, command == "check" ? (texts{"create a 0", "create b 1", "destroy a 0", "destroy b 1"})
+                                        : (texts{"create a 0", "destroy a 0", "create b 1", "destroy b 1"}));
   }
 }
 
@@ -625,7 +668,9 @@ TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
   const std::string a = file("a.conf", ""), mute = file("mute.conf", "refuse");
   const ending e = ask_fake({"run", a, mute});
   EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(e.err, "dachost: " + mute + ": refused without a reason, as one too many is; nothing is started\n");
+  EXPECT_EQ(e.err,
+            "dachost: " + mute +
+                ": refused without a reason; the plug-in may have no room for another instance; nothing is started\n");
   EXPECT_EQ(journal().at(0), "create a 0");
   EXPECT_EQ(journal().back(), "destroy a 0");
 }
@@ -742,7 +787,8 @@ TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
     p.signal(SIGHUP);
     p.await_err(path("b.conf"));
   });
-  const std::string kept = ": refused without a reason, as one too many is; the old instance goes on";
+  const std::string kept =
+      ": refused without a reason; the plug-in may have no room for another instance; the old instance goes on";
   EXPECT_EQ(lines(e.err), (texts{"dachost: " + path("a.conf") + kept, "dachost: " + path("b.conf") + kept}));
   expect_gone({"a 0", "b 1"});
 }

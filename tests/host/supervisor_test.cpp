@@ -188,7 +188,8 @@ TEST_F(supervisors, every_file_refused_at_the_start_is_reported) {
   refused = {"b.conf", "c.conf"};
   make({"a.conf", "b.conf", "c.conf"});
   s->start_all();
-  const std::string why = ".conf: refused without a reason, as one too many is" + std::string(missing);
+  const std::string why =
+      ".conf: refused without a reason; the plug-in may have no room for another instance" + std::string(missing);
   EXPECT_EQ(journal, (texts{"create a of a.conf", "create b of b.conf", "create c of c.conf",
                             "refused 1 b" + why + "; nothing is started", "refused 2 c" + why + "; nothing is started",
                             "stop 0", "destroy 0"}));
@@ -234,7 +235,8 @@ TEST_F(supervisors, a_reload_needs_room_for_one_more_instance) {
                             "stop 1", "destroy 1", "start 3"}));
   room = 2;
   reload();
-  const std::string why = ".conf: refused without a reason, as one too many is" + std::string(missing);
+  const std::string why =
+      ".conf: refused without a reason; the plug-in may have no room for another instance" + std::string(missing);
   EXPECT_EQ(noted(),
             (texts{"create a of a.conf", "create b of b.conf", "refused 0 a" + why + "; the old instance goes on",
                    "refused 1 b" + why + "; the old instance goes on"}));
@@ -377,7 +379,11 @@ TEST(diagnosis, names_the_file_once_and_says_what_helps) {
   EXPECT_EQ(diagnose(file, "hostname contains illegal characters"),
             file + ": hostname contains illegal characters: none of ' \" ( ) : may be in it, see ip6dns.conf(5)");
   EXPECT_EQ(diagnose(dir.path("none"), "refused"), dir.path("none") + ": refused: No such file or directory");
-  EXPECT_EQ(diagnose(dir.path(""), "refused"), dir.path("") + ": refused: Is a directory");
+  EXPECT_EQ(diagnose(dir.path(""), dir.path("") + ": not a regular file"), dir.path("") + ": not a regular file");
+  dir.file("stray\nhostname = a\n");
+  EXPECT_EQ(diagnose(file, "not config hostname in " + file),
+            "not config hostname in " + file + ": line 1 hides hostname: \"stray\"; begin comments with #");
+  EXPECT_EQ(diagnose(file, "refused"), file + ": refused");
 }
 
 TEST(diagnosis, leaves_no_descriptor_open_and_takes_any) {

@@ -3,6 +3,7 @@
 //
 // A file's lines, each optional:
 //   refuse [TEXT]   dac_create refuses, with the text as its message if there is one
+//   hang            dac_create never returns
 //   publish TEXT    dac_start publishes the text
 //   fail TEXT       dac_start logs the text as a failure
 //   idle            dac_isrun tells that it does not run
@@ -15,6 +16,8 @@
 //   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N
 // Compiled with UNDEFINED, it needs a function that no library has.
 // Environment: FAKE_JOURNAL, a file that gets a line for every call; FAKE_ROOM, how many instances there can be.
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
@@ -74,6 +77,11 @@ bool refuses(const instance& i) {
   if (order == i.orders.end()) return false;
   if (!order->second.empty()) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, order->second.c_str(), 1, i.logparam);
   return true;
+}
+
+[[noreturn]] void hang(const instance& i) {
+  write_down("hang " + i.name);
+  for (;;) pause();
 }
 
 int enter(const instance& i) {
@@ -198,7 +206,9 @@ int dac_getversion(void) { return 7; }
 
 int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux /*aux1*/, void* /*aux1param*/,
                cbdata data, void* dataparam, cbaux /*aux2*/, void* /*aux2param*/) {
-  const int handle = enter({name, read_orders(cfgfile), log, logparam, data, dataparam});
+  const instance i = {name, read_orders(cfgfile), log, logparam, data, dataparam};
+  if (i.orders.contains("hang")) hang(i);
+  const int handle = enter(i);
   write_down(std::string("create ") + name + ' ' + std::to_string(handle));
   return handle;
 }

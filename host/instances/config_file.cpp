@@ -1,0 +1,79 @@
+#include "host/instances/config_file.h"
+
+#include <strings.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+constexpr off_t most_bytes = off_t{1} << 20;
+constexpr std::string_view hostname = "hostname";
+constexpr size_t most_shown = 60;
+
+// Where the characters of a key are in the text.
+using key = std::vector<size_t>;
+
+// The key ends with the word hostname, which follows other words.
+bool is_hidden(const std::string& text, const key& k) {
+  if (k.size() <= hostname.size()) return false;
+  const auto word = k.end() - static_cast<std::ptrdiff_t>(hostname.size());
+  std::string end;
+  std::transform(word, k.end(), std::back_inserter(end), [&](size_t at) { return text[at]; });
+  return strcasecmp(end.c_str(), hostname.data()) == 0 && word[-1] + 1 != word[0];
+}
+
+std::string shown_line(const std::string& text, size_t at) {
+  const size_t begin = text.find_last_of("\r\n", at) + 1;  // 0 in the first line
+  std::string line = text.substr(begin, text.find_first_of("\r\n", at) - begin);
+  line.erase(0, line.find_first_not_of(" \t"));
+  line.erase(line.find_last_not_of(" \t") + 1);
+  return line.size() > most_shown ? line.substr(0, most_shown) + "..." : line;
+}
+
+std::string describe(const std::string& text, size_t at) {
+  const auto number = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
+  return "line " + std::to_string(number) + " hides hostname: \"" + shown_line(text, at) + "\"; begin comments with #";
+}
+
+size_t end_of(const std::string& text, size_t at, const char* ends) {
+  return std::min(text.find_first_of(ends, at), text.size());
+}
+
+std::string find_hidden(const std::string& text) {
+  key k;
+  for (size_t at = text.starts_with("\xef\xbb\xbf") ? 3 : 0; at < text.size(); ++at) {
+    const char c = text[at];
+    if (std::string_view(" \t\r\n").find(c) != std::string_view::npos) continue;
+    if (std::string_view(";#[=").find(c) == std::string_view::npos) {
+      k.push_back(at);
+      continue;
+    }
+    if (c == '=' && is_hidden(text, k)) return describe(text, k[0]);
+    k.clear();
+    at = end_of(text, at, c == '=' ? "\n" : c == '[' ? "]\r\n" : "\r\n");
+  }
+  return "";
+}
+
+}  // namespace
+
+// Opening the file, even without blocking, would wake the writer of a FIFO and may move a device.
+std::string unreadable(const std::string& file) {
+  struct stat s {};
+  if (stat(file.c_str(), &s) != 0) return "";
+  if (!S_ISREG(s.st_mode)) return file + ": not a regular file";
+  if (s.st_size > most_bytes) return file + ": larger than 1 MiB";
+  return "";
+}
+
+// Reads as the driver does: a key has no blanks and no line feeds, and ends with an equals sign, a comment or a
+// section.
+std::string hidden_hostname(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return find_hidden(std::string(std::istreambuf_iterator<char>(in), {}));
+}

@@ -1,0 +1,76 @@
+// What the host finds out about configuration files without the plug-in.
+#include "host/instances/config_file.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include "tests/support/scratch.h"
+
+namespace {
+
+class config_file : public testing::Test {
+ protected:
+  scratch dir;
+};
+
+}  // namespace
+
+TEST_F(config_file, of_1_MiB_is_readable_and_a_larger_one_is_not) {
+  const std::string file = dir.file(std::string(1 << 20, '#'));
+  EXPECT_EQ(unreadable(file), "");
+  dir.file(std::string((1 << 20) + 1, '#'));
+  EXPECT_EQ(unreadable(file), file + ": larger than 1 MiB");
+}
+
+TEST_F(config_file, that_is_not_regular_is_unreadable) {
+  const std::string fifo = dir.path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(unreadable(fifo), fifo + ": not a regular file");
+  EXPECT_EQ(unreadable("/dev/zero"), "/dev/zero: not a regular file");
+  EXPECT_EQ(unreadable(dir.path("")), dir.path("") + ": not a regular file");
+  std::filesystem::create_symlink(fifo, dir.path("link"));
+  EXPECT_EQ(unreadable(dir.path("link")), dir.path("link") + ": not a regular file");
+}
+
+TEST_F(config_file, that_is_missing_is_left_to_the_plug_in) { EXPECT_EQ(unreadable(dir.path("none")), ""); }
+
+TEST_F(config_file, names_the_line_that_hides_the_host_name) {
+  const auto found = [this](const std::string& text) { return hidden_hostname(dir.file(text)); };
+  const std::string rest = "; begin comments with #";
+  EXPECT_EQ(found("stray\nhostname = a\n"), "line 1 hides hostname: \"stray\"" + rest);
+  EXPECT_EQ(found("# one\n\n  Pump  house\t\r\n\nother\nHostName=a"), "line 3 hides hostname: \"Pump  house\"" + rest);
+  EXPECT_EQ(found("\xef\xbb\xbfx\nhostname = a"), "line 1 hides hostname: \"\xef\xbb\xbfx\"" + rest);
+  EXPECT_EQ(found("[net] stray\nhostname=a"), "line 1 hides hostname: \"[net] stray\"" + rest);
+  EXPECT_EQ(found("my hostname = a"), "line 1 hides hostname: \"my hostname = a\"" + rest);
+  EXPECT_EQ(found("hostname = a\nstray\nhostname = b"), "line 2 hides hostname: \"stray\"" + rest);
+  EXPECT_EQ(found("a = b ; c\nstray\nhost\nname = b"), "line 2 hides hostname: \"stray\"" + rest);
+  EXPECT_EQ(found(std::string(61, 'x') + "\nhostname = a"),
+            "line 1 hides hostname: \"" + std::string(60, 'x') + "...\"" + rest);
+}
+
+TEST_F(config_file, hides_no_host_name_where_the_driver_reads_none) {
+  for (const char* text :
+       {"", "hostname = a", "\xef\xbb\xbfhostname=a", "host name = a", "stray", "stray\nport = 1\nhostname = a",
+        "stray\n# comment\nhostname = a", "stray ; comment\rhostname = a", "stray\n[section]\nhostname = a",
+        "stray\n[section\rhostname = a", "old_hostname = a", "a = stray\nhostname = a", "a = b ; stray\rhostname = c",
+        "stray\nhostname", "stray [hostname = a", "stray\nhostname : a", "stray # hostname = a"})
+    EXPECT_EQ(hidden_hostname(dir.file(text)), "") << text;
+  EXPECT_EQ(hidden_hostname(dir.path("none")), "");
+}
+
+TEST_F(config_file, check_does_not_wake_the_writer_of_a_FIFO) {
+  const std::string fifo = dir.path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const pid_t writer = fork();
+  if (writer == 0) _exit(open(fifo.c_str(), O_WRONLY) >= 0 ? 1 : 2);
+  usleep(100'000);  // a writer that is not yet waiting would hide an error, never cause one
+  unreadable(fifo);
+  usleep(100'000);
+  int status = 0;
+  EXPECT_EQ(waitpid(writer, &status, WNOHANG), 0) << "it still waits for a reader";
+  kill(writer, SIGKILL);
+  waitpid(writer, &status, 0);
+}

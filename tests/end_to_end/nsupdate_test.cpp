@@ -1,5 +1,5 @@
-// examples/nsupdate-aaaa: what it asks of nsupdate, and from end to end: from an address of the kernel's interface
-// through the plug-in, dachost and a name server to a question that is asked there.
+// examples/nsupdate-aaaa: the commands that it gives to nsupdate. Then end to end: from an address on the kernel's
+// interface through the plug-in, dachost and a name server to the answer of that server.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -18,21 +18,22 @@
 namespace {
 
 constexpr char script[] = SOURCE_DIR "/examples/nsupdate-aaaa";
+constexpr char tsig_key[] = "key \"gateway\" {\n\talgorithm hmac-sha256;\n\tsecret \"c2VjcmV0\";\n};\n";
 
-/// The script alone, with an nsupdate that writes down what it is asked.
+/// The script alone, with an nsupdate that records its input.
 class nsupdate_aaaa : public testing::Test {
  protected:
   scratch dir;
 
   nsupdate_aaaa() {
-    const std::string fake =
-        dir.file("#!/bin/sh\necho \"$@\" >'" + asked_path() + "'\ncat >>'" + asked_path() + "'\nexit ${STATUS:-0}\n",
-                 "nsupdate");
+    const std::string fake = dir.file("#!/bin/sh\necho \"$@\" >'" + asked_path() + "'\ncat >>'" + asked_path() +
+                                          "'\nprintf '%s' \"${ANSWER-}\" >&2\nexit ${STATUS:-0}\n",
+                                      "nsupdate");
     if (chmod(fake.c_str(), 0700) != 0) throw std::runtime_error(fake);
-    dir.file("key", "key");
+    dir.file(tsig_key, "key");
   }
 
-  /// Settings that suffice, and these behind them: the last one of a name counts.
+  /// With the required settings, followed by these: the last one of a name counts.
   ending run(const texts& settings) const {
     texts argv = {"env",
                   "PATH=" + dir.path("") + ":/usr/bin:/bin",
@@ -103,27 +104,28 @@ bool del(const std::string& address) { return ip("addr del " + address + " dev l
 
 // ---------------------------------------------------------------- the script
 
-TEST_F(nsupdate_aaaa, asks_for_one_update_that_deletes_and_adds) {
+TEST_F(nsupdate_aaaa, sends_one_update_that_deletes_and_adds) {
   const struct row {
     const char* label;
     texts settings;
     std::string asked;
   } rows[] = {{"one address",
                {},
-               "-v -t 20 -k " + dir.path("key") +
-                   "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\n"
-                   "update add gw.example 60 AAAA 2001:db8::1\nsend\n"},
+               "-v -t 20\nkey hmac-sha256:gateway c2VjcmV0\nserver 192.0.2.53 53\nprereq nxrrset gw.example CNAME\n"
+               "update delete gw.example AAAA\nupdate add gw.example 60 AAAA 2001:db8::1\nsend\n"},
               {"none",
                {"DAC_VALUE=null"},
-               "-v -t 20 -k " + dir.path("key") + "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\nsend\n"},
-              {"all that can be set",
+               "-v -t 20\nkey hmac-sha256:gateway c2VjcmV0\nserver 192.0.2.53 53\nprereq nxrrset gw.example CNAME\n"
+               "update delete gw.example AAAA\nsend\n"},
+              {"every setting",
                {"DAC_VALUE=2001:DB8::1,::192.0.2.1,64:ff9b::1", "NSUPDATE_NAME=other.example", "NSUPDATE_ZONE=example",
-                "NSUPDATE_PORT=5353", "NSUPDATE_TTL=300", "NSUPDATE_TIMEOUT=7", "NSUPDATE_SERVER=ns_1.example"},
-               "-v -t 7 -k " + dir.path("key") +
-                   "\nserver ns_1.example 5353\nzone example\nupdate delete other.example AAAA\n"
-                   "update add other.example 300 AAAA 2001:DB8::1\n"
-                   "update add other.example 300 AAAA ::192.0.2.1\n"
-                   "update add other.example 300 AAAA 64:ff9b::1\nsend\n"}};
+                "NSUPDATE_PORT=5353", "NSUPDATE_TTL=300", "NSUPDATE_TIMEOUT=7", "NSUPDATE_SERVER=ns_1.example",
+                "NSUPDATE_NULL=keep"},
+               "-v -t 7\nkey hmac-sha256:gateway c2VjcmV0\nserver ns_1.example 5353\nzone example\n"
+               "prereq nxrrset other.example CNAME\nupdate delete other.example AAAA\n"
+               "update add other.example 300 AAAA 2001:DB8::1\n"
+               "update add other.example 300 AAAA ::192.0.2.1\n"
+               "update add other.example 300 AAAA 64:ff9b::1\nsend\n"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     const ending e = run(r.settings);
@@ -133,11 +135,11 @@ TEST_F(nsupdate_aaaa, asks_for_one_update_that_deletes_and_adds) {
   }
 }
 
-TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
+TEST_F(nsupdate_aaaa, reports_an_unusable_setting_in_one_line) {
   const struct row {
     const char* label;
     const char* setting;
-    std::string told;
+    std::string message;
   } rows[] = {
       {"no name", "DAC_TAG=", "DAC_TAG is not set"},
       {"a name of two words", "DAC_TAG=gw example", "DAC_TAG may not be 'gw example'"},
@@ -147,10 +149,10 @@ TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
        "?'"},
       {"no value", "DAC_VALUE=", "DAC_VALUE is not set"},
       {"a word", "DAC_VALUE=none", "DAC_VALUE may not be 'none'"},
-      {"a word behind an address", "DAC_VALUE=::5,null", "DAC_VALUE may not be 'null'"},
+      {"a word after an address", "DAC_VALUE=::5,null", "DAC_VALUE may not be 'null'"},
       {"an empty address", "DAC_VALUE=::5,,::6", "DAC_VALUE may not be '::5,,::6'"},
       {"a comma at the end", "DAC_VALUE=::5,", "DAC_VALUE may not be '::5,'"},
-      {"a comma at the start", "DAC_VALUE=,::5", "DAC_VALUE may not be ',::5'"},
+      {"a comma at the beginning", "DAC_VALUE=,::5", "DAC_VALUE may not be ',::5'"},
       {"a comma alone", "DAC_VALUE=,", "DAC_VALUE may not be ','"},
       {"a blank", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
       {"a pattern", "DAC_VALUE=*", "DAC_VALUE may not be '*'"},
@@ -158,36 +160,38 @@ TEST_F(nsupdate_aaaa, refuses_in_one_line_what_it_cannot_use) {
       {"a server and more", "NSUPDATE_SERVER=a b", "NSUPDATE_SERVER may not be 'a b'"},
       {"a port by name", "NSUPDATE_PORT=domain", "NSUPDATE_PORT may not be 'domain'"},
       {"a time with a unit", "NSUPDATE_TTL=1h", "NSUPDATE_TTL may not be '1h'"},
-      {"less than no time", "NSUPDATE_TIMEOUT=-1", "NSUPDATE_TIMEOUT may not be '-1'"},
-      {"no time", "NSUPDATE_TIMEOUT=00", "NSUPDATE_TIMEOUT may not be '00'"},
+      {"a negative time", "NSUPDATE_TIMEOUT=-1", "NSUPDATE_TIMEOUT may not be '-1'"},
+      {"zero time", "NSUPDATE_TIMEOUT=00", "NSUPDATE_TIMEOUT may not be '00'"},
       {"a backslash", "NSUPDATE_SERVER=a\\nb", "NSUPDATE_SERVER may not be 'a\\nb'"},
       {"a second line", "DAC_TAG=gw\nsend", "DAC_TAG may not be 'gw?send'"},
       {"a line feed at the end", "DAC_TAG=gw\n", "DAC_TAG may not be 'gw?'"},
       {"two zones", "NSUPDATE_ZONE=a b", "NSUPDATE_ZONE may not be 'a b'"},
       {"no key", "NSUPDATE_KEY=", "NSUPDATE_KEY is not set"},
-      {"a key that is not there", "NSUPDATE_KEY=/no/key", "NSUPDATE_KEY: /no/key cannot be read"},
-      {"no nsupdate", "PATH=/no/programs", "nsupdate is missing; bind9-dnsutils has it"},
+      {"a missing key file", "NSUPDATE_KEY=/no/key", "NSUPDATE_KEY: /no/key cannot be read"},
+      {"no nsupdate", "PATH=/no/programs", "nsupdate is missing; install the package bind9-dnsutils"},
+      {"a word for null", "NSUPDATE_NULL=never", "NSUPDATE_NULL may not be 'never'"},
   };
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     const ending e = run({r.setting});
     EXPECT_EQ(e.status, 1);
     EXPECT_EQ(e.out, "");
-    EXPECT_EQ(e.err, "nsupdate-aaaa: " + r.told + '\n');
+    EXPECT_EQ(e.err, "nsupdate-aaaa: " + r.message + '\n');
     EXPECT_EQ(asked(), "");
   }
 }
 
 TEST_F(nsupdate_aaaa, empty_settings_are_as_if_not_set) {
-  const ending e = run({"NSUPDATE_PORT=", "NSUPDATE_TTL=", "NSUPDATE_ZONE=", "NSUPDATE_NAME=", "NSUPDATE_TIMEOUT="});
+  const ending e = run(
+      {"NSUPDATE_PORT=", "NSUPDATE_TTL=", "NSUPDATE_ZONE=", "NSUPDATE_NAME=", "NSUPDATE_TIMEOUT=", "NSUPDATE_NULL="});
   EXPECT_EQ(e.err, "");
   EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(asked(), "-v -t 20 -k " + dir.path("key") +
-                         "\nserver 192.0.2.53 53\nupdate delete gw.example AAAA\n"
-                         "update add gw.example 60 AAAA 2001:db8::1\nsend\n");
+  EXPECT_EQ(asked(),
+            "-v -t 20\nkey hmac-sha256:gateway c2VjcmV0\nserver 192.0.2.53 53\nprereq nxrrset gw.example CNAME\n"
+            "update delete gw.example AAAA\nupdate add gw.example 60 AAAA 2001:db8::1\nsend\n");
 }
 
-TEST_F(nsupdate_aaaa, lets_no_second_line_through) {
+TEST_F(nsupdate_aaaa, refuses_a_second_line_in_every_setting) {
   for (const char* name :
        {"DAC_TAG", "DAC_VALUE", "NSUPDATE_SERVER", "NSUPDATE_PORT", "NSUPDATE_TTL", "NSUPDATE_ZONE"}) {
     SCOPED_TRACE(name);
@@ -198,11 +202,68 @@ TEST_F(nsupdate_aaaa, lets_no_second_line_through) {
   }
 }
 
-TEST_F(nsupdate_aaaa, ends_as_nsupdate_ends) { EXPECT_EQ(run({"STATUS=2"}).status, 2); }
+TEST_F(nsupdate_aaaa, NSUPDATE_NULL_keep_sends_nothing_for_null) {
+  const ending e = run({"NSUPDATE_NULL=keep", "DAC_VALUE=null"});
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(asked(), "");
+  EXPECT_EQ(run({"NSUPDATE_NULL=delete", "DAC_VALUE=null"}).status, 0);
+  EXPECT_NE(asked().find("update delete"), std::string::npos);
+}
+
+TEST_F(nsupdate_aaaa, a_key_file_may_be_written_in_one_line_and_have_comments) {
+  for (const char* text :
+       {"key gateway { algorithm hmac-sha256; secret c2VjcmV0; };",
+        "# of gateway\n// 2026\nkey \"gateway\"{algorithm \"hmac-sha256\";secret \"c2VjcmV0\";};\n"}) {
+    SCOPED_TRACE(text);
+    dir.file(text, "key");
+    EXPECT_EQ(run({}).status, 0);
+    EXPECT_EQ(lines(asked()).at(1), "key hmac-sha256:gateway c2VjcmV0");
+  }
+}
+
+TEST_F(nsupdate_aaaa, a_file_without_exactly_one_key_sends_nothing) {
+  const std::string one = tsig_key;
+  const std::string files[] = {"",
+                               "\n",
+                               "gateway c2VjcmV0\n",
+                               "options { };\n",
+                               "# " + one,
+                               one + one,
+                               "key gateway { };\n",
+                               "key gateway { algorithm hmac-sha256; };\n",
+                               "key gateway { algorithm hmac-sha256; secret \"\"; };\n",
+                               "key gateway { algorithm hmac-sha256; secret \"c2VjcmV\"; };\n",
+                               "key gateway { algorithm hmac-sha256; secret \"c2Vj=mV0\"; };\n",
+                               "key gate way { algorithm hmac-sha256; secret \"c2VjcmV0\"; };\n"};
+  for (const std::string& text : files) {
+    SCOPED_TRACE(text);
+    dir.file(text, "key");
+    const ending e = run({});
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.err,
+              "nsupdate-aaaa: NSUPDATE_KEY: " + dir.path("key") + " must contain one key, as tsig-keygen prints it\n");
+    EXPECT_EQ(asked(), "");
+  }
+}
+
+TEST_F(nsupdate_aaaa, the_exit_status_and_the_messages_are_those_of_nsupdate) {
+  const ending e = run({"STATUS=2", "ANSWER=update failed: REFUSED\n"});
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(e.err, "update failed: REFUSED\n");
+}
+
+TEST_F(nsupdate_aaaa, a_failed_prerequisite_is_reported_as_a_CNAME) {
+  const ending e = run({"STATUS=2", "ANSWER=update failed: YXRRSET\n"});
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(
+      e.err,
+      "nsupdate-aaaa: gw.example is a CNAME; delete that record, or set NSUPDATE_NAME to the name it points to\n");
+}
 
 // ---------------------------------------------------------------- from end to end
 
-TEST(name_record, follows_the_addresses_and_vanishes_with_the_last_public_one) {
+TEST(name_record, follows_the_addresses_and_disappears_with_the_last_public_one) {
   in_a_network_of_its_own([] {
     name_server dns;
     dns.start();
@@ -230,7 +291,7 @@ TEST(name_record, follows_the_addresses_and_vanishes_with_the_last_public_one) {
   });
 }
 
-TEST(name_record, is_right_again_after_a_time_without_name_server) {
+TEST(name_record, is_updated_after_an_outage_of_the_name_server) {
   in_a_network_of_its_own([] {
     name_server dns;
     dns.start();
@@ -250,7 +311,7 @@ TEST(name_record, is_right_again_after_a_time_without_name_server) {
   });
 }
 
-TEST(name_record, stays_as_it_is_when_the_key_is_wrong) {
+TEST(name_record, does_not_change_when_the_key_is_wrong) {
   in_a_network_of_its_own([] {
     name_server dns;
     dns.start();

@@ -98,7 +98,7 @@ class wrong_host : public check {};
 
 }  // namespace
 
-TEST_P(wrong_host, is_reported_and_goes_on) {
+TEST_P(wrong_host, is_reported_and_continues) {
   const ending e = host(GetParam().name, TAME_PLUGIN);
   EXPECT_EQ(e.status, GetParam().throws ? -SIGABRT : 0) << e.err;
   const std::vector<report> found = reports(e.err);
@@ -109,7 +109,7 @@ TEST_P(wrong_host, is_reported_and_goes_on) {
   EXPECT_EQ(found[0].place.find("wrong_host") != std::string::npos, has_place) << found[0].place;
 }
 
-TEST_P(wrong_host, is_aborted_at_its_first_report_with_the_plugin_that_ships) {
+TEST_P(wrong_host, aborts_at_its_first_report_with_the_real_plugin) {
   const ending e = host(GetParam().name, "", {"DAC_CHECK_ABORT=1"});
   EXPECT_EQ(e.status, -SIGABRT) << e.err;
   EXPECT_EQ(kinds(reports(e.err)), texts{GetParam().kinds[0]}) << e.err;
@@ -118,7 +118,7 @@ TEST_P(wrong_host, is_aborted_at_its_first_report_with_the_plugin_that_ships) {
 INSTANTIATE_TEST_SUITE_P(misuse, wrong_host, testing::ValuesIn(misuses),
                          [](const auto& row) { return std::string(row.param.name); });
 
-TEST_F(check, reports_nothing_of_a_right_host) {
+TEST_F(check, reports_nothing_for_a_correct_host) {
   for (const char* plugin : {"", TAME_PLUGIN}) {
     const ending e = host("nothing", plugin, {"DAC_CHECK_ABORT=1"});
     EXPECT_EQ(e.status, 0) << plugin << e.err;
@@ -139,12 +139,12 @@ TEST_F(check, reports_go_to_standard_error_when_the_log_file_cannot_be_opened) {
   EXPECT_EQ(kinds(reports(e.err)), texts{"unknown-handle"}) << e.err;
 }
 
-TEST_F(check, only_1_makes_a_report_abort) {
+TEST_F(check, a_report_aborts_only_if_the_variable_is_1) {
   EXPECT_EQ(host("unknown_handle", "", {"DAC_CHECK_ABORT=0"}).status, 0);
   EXPECT_EQ(host("unknown_handle", "", {"DAC_CHECK_ABORT="}).status, 0);
 }
 
-TEST_F(check, a_plugin_that_cannot_be_loaded_ends_the_process_and_says_why) {
+TEST_F(check, a_plugin_that_cannot_be_loaded_is_reported_and_ends_the_process) {
   const std::string path = dir.path("none.so"), text = dir.file("text", "text.so");
   const struct {
     std::string plugin, reason;

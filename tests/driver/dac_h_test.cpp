@@ -18,7 +18,7 @@ std::string bytes_of(const dac_tagvalue& r) { return {reinterpret_cast<const cha
 
 }  // namespace
 
-TEST(dac_h, lays_the_record_out_the_same_in_c_and_in_cxx) {
+TEST(dac_h, defines_the_same_record_in_c_and_cxx) {
   dac_tagvalue c = {};
   c_record_fill(&c);
   dac_tagvalue cxx = {};
@@ -45,13 +45,13 @@ TEST(dac_h, puts_each_member_where_the_host_reads_it) {
   EXPECT_EQ(bytes, expected);
 }
 
-TEST(dac_h, makes_a_record_that_may_be_copied_byte_by_byte) {
+TEST(dac_h, defines_a_trivially_copyable_record) {
   EXPECT_TRUE(std::is_trivial_v<dac_tagvalue>);
   EXPECT_TRUE(std::is_standard_layout_v<dac_tagvalue>);
   EXPECT_EQ(alignof(dac_tagvalue), 8U);
 }
 
-TEST(dac_h, tells_the_numbers_that_the_library_gives) {
+TEST(dac_h, defines_the_numbers_that_the_library_returns) {
   const library lib;
   EXPECT_EQ(lib.getversion(), DAC_VERSION);
   EXPECT_STREQ(*lib.verson, DAC_VERSION_TEXT);
@@ -59,7 +59,7 @@ TEST(dac_h, tells_the_numbers_that_the_library_gives) {
   EXPECT_EQ(sizeof(dac_tagvalue::value), size_t{DAC_VALUE_SIZE});
 }
 
-TEST(dac_h, is_all_that_a_host_in_c_needs) {
+TEST(dac_h, suffices_for_a_host_in_c) {
   const scratch dir;
   c_host seen;
   fake_interfaces::set({"2001:db8::10"});

@@ -145,7 +145,7 @@ TEST_F(fault, of_a_thread_leaves_the_instance_stopped) {
 
 // ---------------------------------------------------------------- locks
 
-TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
+TEST_F(fault, of_a_lock_is_thrown_as_system_error_by_every_entry_point) {
   char buf[64] = "";
   size_t size = sizeof buf;
   const auto tag = [](auto... /*told*/) {};
@@ -188,7 +188,7 @@ TEST_F(fault, of_a_lock_comes_out_of_every_entry_point_as_a_system_error) {
   }
 }
 
-TEST_F(fault, of_a_lock_in_create_leaves_no_instance_that_nobody_knows) {
+TEST_F(fault, of_a_lock_in_create_leaves_no_instance_without_an_owner) {
   const holdings before;
   int handle = -1, error = 0;
   const auto call = [&] { error = error_of([&] { handle = create(); }); };
@@ -200,7 +200,7 @@ TEST_F(fault, of_a_lock_in_create_leaves_no_instance_that_nobody_knows) {
   EXPECT_EQ(known(), std::set{handle});
 }
 
-TEST_F(fault, of_a_second_lock_is_not_met_by_a_create_that_finds_the_table_full) {
+TEST_F(fault, of_a_second_lock_does_not_affect_a_create_with_a_full_table) {
   while (create() >= 0) {
   }
   fake_threads::locks().refuse(2);
@@ -215,7 +215,7 @@ TEST_F(fault, of_a_second_lock_is_not_met_by_a_create_that_finds_the_table_full)
 
 using fresh_load = plugin_fixture;
 
-TEST_F(fresh_load, that_is_refused_a_lock_in_its_first_create_holds_no_instance_0) {
+TEST_F(fresh_load, has_no_instance_0_after_its_first_create_was_refused_a_lock) {
   const std::string path = dir.file("hostname=h1\n");
   const auto create = [&] { return rec.args("drv", path.c_str()).create(lib); };
   fake_threads::locks().refuse(2);
@@ -245,7 +245,7 @@ TEST_F(fault, of_opening_the_file_refuses_the_instance_with_its_message) {
 }
 
 // The first three reads look for a byte order mark; then reading begins anew, and goes as far as it can.
-TEST_F(fault, of_reading_ends_the_file_there) {
+TEST_F(fault, of_a_read_is_the_end_of_the_file) {
   const std::string text = "hostname=abcd\nport=1\n";
   const std::string name = "abcd";
   const size_t key = text.find(name);
@@ -272,7 +272,7 @@ TEST_F(fault, of_reading_ends_the_file_there) {
 
 // ---------------------------------------------------------------- addresses
 
-TEST_F(fault, of_an_interface_list_is_complained_of_and_published_as_null) {
+TEST_F(fault, of_an_interface_list_is_logged_and_publishes_null) {
   constexpr int polls = 3;
   const std::string got = recorder::data("h1", address), none = recorder::data("h1", "null");
   const std::string failed = recorder::log("drv", 2, list_message);
@@ -288,7 +288,7 @@ TEST_F(fault, of_an_interface_list_is_complained_of_and_published_as_null) {
   EXPECT_EQ(fail_each(fake_interfaces::list_calls, call, after), polls);
 }
 
-TEST_F(fault, of_an_addresss_text_leaves_that_address_out_until_the_next_look) {
+TEST_F(fault, of_an_addresss_text_omits_that_address_until_the_next_poll) {
   const std::string a = "2001:db8::1", b = "2001:db8::2", whole = a + "," + b;
   const strings courses[] = {{b, whole}, {a, whole}, {whole, b}, {whole, a}, {whole}};
   const holdings before;
@@ -309,7 +309,7 @@ TEST_F(fault, of_an_addresss_text_leaves_that_address_out_until_the_next_look) {
 
 // What stays behind shows once there is need of another mapping: the first one of the smallest blocks holds 2048, that
 // of the pools' own bookkeeping 8191 slots.
-TEST_F(fault, leaves_nothing_behind_however_often_it_comes) {
+TEST_F(fault, leaks_nothing_after_many_repetitions) {
   constexpr int blocks = 3000, slots = 9000;
   const int stopped = create(), polling = create();
   start(polling);
@@ -446,7 +446,7 @@ class paged_life {
 
 }  // namespace
 
-TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_and_is_forgotten_by_the_next_one) {
+TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_but_not_the_next_one) {
   const paged_life life;
   fake_interfaces::reset();
   fake_clock::stepping();

@@ -82,7 +82,7 @@ TEST_F(driver, holds_each_argument_in_its_field) {
   EXPECT_EQ(field<char*>(cbaux2param_at), &aux2param);
 }
 
-TEST_F(driver, hands_log_callback_parameter_and_name_to_its_logger) {
+TEST_F(driver, passes_log_callback_parameter_and_name_to_its_logger) {
   const scratch_file file("hostname=h1\n");
   set(8, 5);
   ASSERT_TRUE(create(file.path().c_str(), "a name longer than sixteen characters"));
@@ -93,7 +93,7 @@ TEST_F(driver, hands_log_callback_parameter_and_name_to_its_logger) {
   EXPECT_EQ(*name, "a name longer than sixteen characters");
 }
 
-TEST_F(driver, is_stopped_and_has_looked_for_nothing_once_it_is_configured) {
+TEST_F(driver, is_stopped_and_has_not_polled_after_it_is_configured) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   EXPECT_EQ(bytes(reserved_at, reserved_at + reserved_size), std::string(reserved_size, '\0'));
   EXPECT_EQ(bytes(lastcheck_at, driver_size), std::string(driver_size - lastcheck_at, '\0'));
@@ -101,7 +101,7 @@ TEST_F(driver, is_stopped_and_has_looked_for_nothing_once_it_is_configured) {
   EXPECT_EQ(fake_interfaces::lists(), 0);
 }
 
-TEST_F(driver, keeps_the_worker_s_state_in_its_fields) {
+TEST_F(driver, stores_the_worker_s_state_in_its_fields) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   fake_interfaces::set({"2001:db8::10"});
   start(d);
@@ -118,14 +118,14 @@ TEST_F(driver, keeps_the_worker_s_state_in_its_fields) {
   EXPECT_EQ(bytes(stop_at, driver_size), std::string(driver_size - stop_at, '\0'));
 }
 
-TEST_F(driver, remembers_what_it_publishes_once_the_callback_has_it) {
+TEST_F(driver, stores_the_published_text_after_the_callback_returns) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   published({"2001:db8::10"});
   EXPECT_EQ(last_at_data, std::vector{""s});
   EXPECT_EQ(text(lastip6_at), "2001:db8::10");
 }
 
-TEST_F(driver, stopped_without_a_worker_changes_nothing_and_says_nothing) {
+TEST_F(driver, Stop_without_a_worker_changes_and_logs_nothing) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   const std::string before = bytes(0, driver_size);
   d.Stop();
@@ -133,14 +133,14 @@ TEST_F(driver, stopped_without_a_worker_changes_nothing_and_says_nothing) {
   EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
-TEST_F(driver, has_no_thread_any_more_when_it_says_that_it_stopped) {
+TEST_F(driver, has_joined_its_thread_before_it_logs_the_stop) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   start(d);
   stop(d);
   EXPECT_EQ(thread_at_stop, nullptr);
 }
 
-TEST_F(driver, asks_its_worker_to_end_by_a_1) {
+TEST_F(driver, Stop_sets_the_stop_flag_to_1) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   start(d);
   std::thread stopper([&] { d.Stop(); });
@@ -153,7 +153,7 @@ TEST_F(driver, asks_its_worker_to_end_by_a_1) {
   fake_clock::stepping();
 }
 
-TEST_F(driver, starts_a_worker_that_nothing_asks_to_end) {
+TEST_F(driver, Start_clears_the_stop_flag) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   set<int32_t>(stop_at, 1);
   start(d);
@@ -163,7 +163,7 @@ TEST_F(driver, starts_a_worker_that_nothing_asks_to_end) {
   EXPECT_EQ(records.size(), 1U);
 }
 
-TEST_F(driver, tells_its_progress_at_level_30) {
+TEST_F(driver, logs_its_progress_at_level_30) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   set(8, 29);
   start(d);
@@ -199,7 +199,7 @@ TEST_F(driver, a_missing_argument_is_refused_without_a_message_and_changes_nothi
   EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
-TEST_F(driver, every_argument_but_name_path_and_first_auxiliary_callback_may_be_null) {
+TEST_F(driver, only_name_path_and_first_auxiliary_callback_are_required) {
   const scratch_file file("hostname=h1\n");
   EXPECT_TRUE(
       d.Create("drv", file.path().c_str(), nullptr, nullptr, aux1, nullptr, nullptr, nullptr, nullptr, nullptr));
@@ -223,7 +223,7 @@ TEST_F(driver, name_and_path_are_copies) {
   EXPECT_EQ(text(cfgfile_at), kept);
 }
 
-TEST_F(driver, takes_the_name_before_the_path) {
+TEST_F(driver, copies_the_name_before_the_path) {
   const std::string name(80, 'n'), path(80, '/');  // which take blocks of 256, with room to grow
   const std::vector<void*> offered = pools::take(256, 2);
   pools::give({offered[1], offered[0]});  // what comes back last is handed out first
@@ -234,7 +234,7 @@ TEST_F(driver, takes_the_name_before_the_path) {
 
 // ---------------------------------------------------------------- configuration
 
-TEST_F(driver, takes_its_host_name_from_the_last_hostname_line) {
+TEST_F(driver, reads_its_host_name_from_the_last_hostname_line) {
   const struct {
     const char* label;
     std::string text, hostname;
@@ -271,7 +271,7 @@ TEST_F(driver, takes_its_host_name_from_the_last_hostname_line) {
   }
 }
 
-TEST_F(driver, without_a_host_name_it_is_refused_by_one_message) {
+TEST_F(driver, a_missing_host_name_is_refused_with_one_message) {
   const struct {
     const char* label;
     const char* text;
@@ -295,7 +295,7 @@ TEST_F(driver, without_a_host_name_it_is_refused_by_one_message) {
   }
 }
 
-TEST_F(driver, a_host_name_with_a_forbidden_character_is_refused_by_one_message) {
+TEST_F(driver, a_host_name_with_a_forbidden_character_is_refused_with_one_message) {
   const std::string names[] = {"a:b",
                                "x(1)",
                                "(",
@@ -318,7 +318,7 @@ TEST_F(driver, a_host_name_with_a_forbidden_character_is_refused_by_one_message)
   }
 }
 
-TEST_F(driver, five_characters_are_forbidden_and_no_other) {
+TEST_F(driver, exactly_five_characters_are_forbidden) {
   for (int c = 0; c <= 255; ++c) {
     const auto one_of = [c](std::string_view those) {
       return those.find(static_cast<char>(c)) != std::string_view::npos;
@@ -332,12 +332,12 @@ TEST_F(driver, five_characters_are_forbidden_and_no_other) {
   }
 }
 
-TEST_F(driver, a_good_host_name_behind_a_forbidden_one_is_good) {
+TEST_F(driver, a_valid_host_name_after_a_forbidden_one_is_accepted) {
   EXPECT_TRUE(create_from("hostname=a:b\nhostname=h1\n"));
   EXPECT_EQ(messages, std::vector<log_message>{});
 }
 
-TEST_F(driver, a_file_that_cannot_be_opened_is_refused_by_one_message) {
+TEST_F(driver, a_file_that_cannot_be_opened_is_refused_with_one_message) {
   for (const std::string path : {"/nonexistent/ip6dns.conf", "/dev/null/ip6dns.conf", "no%such%file%s"}) {
     messages.clear();
     EXPECT_FALSE(create(path.c_str()));
@@ -345,7 +345,7 @@ TEST_F(driver, a_file_that_cannot_be_opened_is_refused_by_one_message) {
   }
 }
 
-TEST_F(driver, a_directory_opens_and_holds_no_host_name) {
+TEST_F(driver, a_directory_opens_and_has_no_host_name) {
   EXPECT_FALSE(create("/"));
   EXPECT_EQ(messages, std::vector{failure("not config hostname in /")});
 }
@@ -360,7 +360,7 @@ TEST_F(driver, the_file_is_closed_before_the_message_is_written) {
   EXPECT_EQ(open_descriptors(), before);
 }
 
-TEST_F(driver, loading_changes_the_host_name_alone) {
+TEST_F(driver, loading_changes_only_the_host_name) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   const std::string front = bytes(0, hostname_at), rest = bytes(name_at, driver_size);
   const scratch_file file("hostname=another:name that is longer\nport=1\n");
@@ -370,7 +370,7 @@ TEST_F(driver, loading_changes_the_host_name_alone) {
   EXPECT_EQ(bytes(name_at, driver_size), rest);
 }
 
-TEST_F(driver, loading_succeeds_when_the_file_opens_and_fails_without_a_trace_when_not) {
+TEST_F(driver, loading_fails_without_a_change_if_the_file_does_not_open) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   const scratch_file other("port=1\n");
   const std::string before = bytes(0, driver_size);
@@ -384,7 +384,7 @@ TEST_F(driver, loading_succeeds_when_the_file_opens_and_fails_without_a_trace_wh
 
 // ---------------------------------------------------------------- end
 
-TEST_F(driver, destruction_gives_all_storage_back) {
+TEST_F(driver, destruction_releases_all_storage) {
   const scratch_file file("hostname=a-host-name-longer-than-one-small-block\n");
   const size_t before = blocks::live();
   auto one = std::make_unique<ip6dnsDriver>();
@@ -418,7 +418,7 @@ TEST_F(driver, destruction_releases_the_strings_from_the_last_to_the_first) {
   EXPECT_EQ(taken, strings);
 }
 
-TEST_F(driver, destruction_looks_at_no_worker) {
+TEST_F(driver, destruction_does_not_stop_the_worker) {
   alignas(ip6dnsDriver) char room[driver_size];
   auto* one = new (room) ip6dnsDriver;
   pools::write<int32_t>(one, running_at, 1);
@@ -450,7 +450,7 @@ void on_tagex(const char* name, int type, int flag, const char* text1, const cha
 
 }  // namespace
 
-TEST_F(driver, tells_its_one_tag_with_the_whole_host_name) {
+TEST_F(driver, reports_one_tag_with_the_full_host_name) {
   for (const std::string& hostname : {"h1"s, std::string(79, 'h'), std::string(80, 'h'), std::string(500, 'h')}) {
     ASSERT_TRUE(create_from("hostname=" + hostname + "\n"));
     tags.clear();
@@ -461,14 +461,14 @@ TEST_F(driver, tells_its_one_tag_with_the_whole_host_name) {
   }
 }
 
-TEST_F(driver, tells_a_tag_without_name_when_it_is_not_configured) {
+TEST_F(driver, reports_a_tag_without_a_name_before_it_is_configured) {
   tags.clear();
   d.GetAllTags(on_tag, nullptr);
   d.GetAllTagsEx(on_tagex, nullptr);
   EXPECT_EQ(tags, (std::vector<tag>{{"", 6, 1, "(none)", "(none)", nullptr}, {"", 6, 1, "", "ipv6 address", nullptr}}));
 }
 
-TEST_F(driver, tells_its_status_and_host_name) {
+TEST_F(driver, reports_its_status_and_host_name) {
   EXPECT_EQ(info(), R"({"status":"stop"})");
   ASSERT_TRUE(create_from("hostname=h1\n"));
   EXPECT_EQ(info(), R"({"status":"stop","host":"h1"})");
@@ -480,12 +480,12 @@ TEST_F(driver, tells_its_status_and_host_name) {
   EXPECT_TRUE(d.IsRun());
 }
 
-TEST_F(driver, is_running_also_without_a_host_name) {
+TEST_F(driver, reports_running_even_without_a_host_name) {
   set<int32_t>(running_at, 1);
   EXPECT_EQ(info(), R"({"status":"running"})");
 }
 
-TEST_F(driver, tells_no_host_when_the_last_file_left_its_name_empty) {
+TEST_F(driver, reports_no_host_if_the_last_file_left_its_name_empty) {
   EXPECT_FALSE(create_from("hostname=h1\nhostname=\n"));
   EXPECT_EQ(info(), R"({"status":"stop"})");
 }
@@ -497,7 +497,7 @@ TEST_F(driver, escapes_its_host_name) {
   EXPECT_EQ(info(), R"({"status":"stop","host":"a\"b"})");
 }
 
-TEST_F(driver, writes_its_status_when_the_size_is_at_least_the_length_and_hands_back_one_less) {
+TEST_F(driver, writes_its_status_if_the_size_is_at_least_the_length_and_returns_one_less) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   const std::string document = R"({"status":"stop","host":"h1"})";
   const size_t length = document.size();
@@ -513,7 +513,7 @@ TEST_F(driver, writes_its_status_when_the_size_is_at_least_the_length_and_hands_
   }
 }
 
-TEST_F(driver, keeps_nothing_of_a_status_report) {
+TEST_F(driver, status_reports_leave_no_storage_allocated) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   const size_t before = blocks::live();
   EXPECT_EQ(info(), R"({"status":"stop","host":"h1"})");
@@ -554,7 +554,7 @@ std::string bytes_of(const dac_tagvalue& tag) { return {reinterpret_cast<const c
 
 }  // namespace
 
-TEST(dac_tagvalue, has_1104_bytes_with_each_field_in_its_place) {
+TEST(dac_tagvalue, has_1104_bytes_and_fixed_offsets) {
   const struct {
     const char* label;
     size_t offset, size, expected_offset, expected_size;
@@ -581,7 +581,7 @@ TEST_F(driver, publishes_a_record_with_every_other_byte_zero) {
   EXPECT_EQ(bytes_of(published({"2001:db8::10", "2001:db8:1::20"})), record("h1", "2001:db8::10,2001:db8:1::20"));
 }
 
-TEST_F(driver, publishes_null_when_there_is_no_address) {
+TEST_F(driver, publishes_null_if_there_is_no_address) {
   ASSERT_TRUE(create_from("hostname=h1\n"));
   EXPECT_EQ(bytes_of(published({"::1"})), record("h1", "null"));
 }
@@ -609,7 +609,7 @@ TEST_F(driver, cuts_the_value_in_the_record_to_999_characters) {
   }
 }
 
-TEST_F(driver, publishes_an_empty_name_when_it_is_not_configured) {
+TEST_F(driver, publishes_an_empty_name_before_it_is_configured) {
   set(cbdata_at, &driver::on_data);
   set<void*>(cbdataparam_at, this);
   EXPECT_EQ(bytes_of(published({"2001:db8::1"})), record("", "2001:db8::1"));

@@ -140,7 +140,7 @@ class host {
 
 }  // namespace
 
-TEST(kernel, publishes_null_on_a_machine_with_a_loopback_address_alone) {
+TEST(kernel, publishes_null_on_a_machine_with_only_a_loopback_address) {
   in_a_network_of_its_own([] {
     EXPECT_EQ(addresses_of_the_kernel(), 1U);
     host h;
@@ -177,7 +177,7 @@ TEST(kernel, publishes_an_address_of_an_interface_that_is_down) {
   });
 }
 
-TEST(kernel, publishes_an_address_that_comes_and_its_going) {
+TEST(kernel, publishes_an_added_and_a_removed_address) {
   in_a_network_of_its_own([] {
     host h;
     EXPECT_EQ(h.publication(1), "null");
@@ -198,7 +198,7 @@ TEST(kernel, publishes_an_address_that_comes_and_its_going) {
   });
 }
 
-TEST(kernel, publishes_the_same_address_once_for_each_interface_that_has_it) {
+TEST(kernel, publishes_an_address_once_per_interface_that_has_it) {
   in_a_network_of_its_own([] {
     ASSERT_TRUE(add_interface("v0"));
     ASSERT_TRUE(add("2001:db8::10/64", "v0"));

@@ -185,7 +185,7 @@ TEST_F(load, tunes_the_c_library_before_it_maps_anything) {
   EXPECT_GT(fake_pages::made(), 0);
 }
 
-TEST_F(load, tunes_the_c_library_at_load_alone) {
+TEST_F(load, tunes_the_c_library_only_at_load) {
   {
     const library lib;
     EXPECT_EQ(create(lib), 0);
@@ -210,7 +210,7 @@ TEST_F(load, maps_its_bookkeeping_three_pools_and_the_tables_pool) {
 }
 
 // Number 1, for bookkeeping, is asked for once more when the first pool needs it.
-TEST_F(load, does_without_the_pages_that_the_system_refuses_at_first) {
+TEST_F(load, succeeds_without_the_pages_that_are_refused_at_first) {
   for (const int refused : {1, 2, 3, 4}) {
     SCOPED_TRACE(refused);
     fake_pages::reset();
@@ -222,12 +222,12 @@ TEST_F(load, does_without_the_pages_that_the_system_refuses_at_first) {
   }
 }
 
-TEST_F(load, ends_the_process_when_the_table_finds_no_memory) {
+TEST_F(load, aborts_if_the_table_gets_no_memory) {
   fake_pages::refuse(5);
   EXPECT_DEATH(const library lib, assertion);
 }
 
-TEST_F(load, builds_three_globals_without_a_block_of_the_heap) {
+TEST_F(load, constructs_three_globals_without_a_heap_block) {
   const load_record record;
   g_registrations = 0;
   fake_heap::refuse(1);  // also counts
@@ -265,7 +265,7 @@ TEST_F(load, unload_destroys_the_table_and_then_the_pools) {
   EXPECT_EQ(record->steps(table), (std::vector<step>{{"destroys the table", 0, 0}, {"destroys the pools", 0, 0}}));
 }
 
-TEST_F(load, leaves_nothing_behind_when_it_is_unloaded) {
+TEST_F(load, leaves_no_mapping_or_block_after_unload) {
   const auto before = fake_pages::live();
   {
     const library lib;
@@ -277,7 +277,7 @@ TEST_F(load, leaves_nothing_behind_when_it_is_unloaded) {
   EXPECT_EQ(fake_pages::live(), before);
 }
 
-TEST_F(load, deletes_every_instance_that_is_left_when_it_is_unloaded) {
+TEST_F(load, unload_deletes_the_remaining_instances) {
   constexpr long instances = 1024;
   const auto mappings = fake_pages::live();
   const long before = fake_heap::live();
@@ -291,7 +291,7 @@ TEST_F(load, deletes_every_instance_that_is_left_when_it_is_unloaded) {
   EXPECT_EQ(fake_pages::live(), mappings);
 }
 
-TEST_F(load, counts_handles_from_0_whenever_it_is_loaded) {
+TEST_F(load, counts_handles_from_0_after_each_load) {
   for (int i = 0; i < 3; ++i) {
     const library lib;
     EXPECT_EQ(create(lib), 0);
@@ -299,7 +299,7 @@ TEST_F(load, counts_handles_from_0_whenever_it_is_loaded) {
   }
 }
 
-TEST_F(load, is_one_library_however_often_it_is_opened) {
+TEST_F(load, opened_several_times_is_one_library) {
   const library first;
   EXPECT_EQ(create(first), 0);
   {
@@ -310,7 +310,7 @@ TEST_F(load, is_one_library_however_often_it_is_opened) {
   EXPECT_EQ(first.devicewriteobj(1), 4);
 }
 
-TEST_F(load, may_be_loaded_and_unloaded_without_end) {
+TEST_F(load, can_be_repeated_without_a_leak) {
   constexpr int times = 200;
   const auto cycle = [&] {
     const library lib;
@@ -328,7 +328,7 @@ TEST_F(load, may_be_loaded_and_unloaded_without_end) {
 
 // ---------------------------------------------------------------- memory refused
 
-TEST_F(refusal, of_memory_for_a_thread_is_a_system_error) {
+TEST_F(refusal, of_memory_for_a_thread_throws_system_error) {
   const int h = create();
   fake_heap::refuse(0);
   ASSERT_EQ(lib.start(h), 0);
@@ -358,7 +358,7 @@ TEST_F(refusal, of_memory_for_a_thread_is_a_system_error) {
 }
 
 // The error itself needs memory: two blocks for its text.
-TEST_F(refusal, of_all_memory_for_a_thread_is_bad_alloc) {
+TEST_F(refusal, of_all_memory_for_a_thread_throws_bad_alloc) {
   const int h = create();
   const long before = fake_heap::live();
   bool was_refused = false;
@@ -378,7 +378,7 @@ TEST_F(refusal, of_all_memory_for_a_thread_is_bad_alloc) {
   expect_usable(h);
 }
 
-TEST_F(refusal, of_memory_for_an_instance_registers_nothing_and_spends_a_handle) {
+TEST_F(refusal, of_memory_for_an_instance_registers_nothing_and_uses_up_a_handle) {
   const std::string path = dir.file("hostname=h1\n");
   const arguments a = rec.args("a name that needs memory of its own", path.c_str());
   ASSERT_EQ(a.create(lib), 0);  // the pools have what they need
@@ -420,7 +420,7 @@ TEST_F(refusal, of_pages_for_the_host_name_is_reported_as_a_missing_host_name) {
   EXPECT_EQ(known(), std::set<int>{});
 }
 
-TEST_F(refusal, of_pages_for_the_workers_text_leaves_it_running) {
+TEST_F(refusal, of_pages_for_the_workers_text_does_not_stop_it) {
   const int h = create();
   start(h);
   fake_clock::step();
@@ -438,7 +438,7 @@ TEST_F(refusal, of_pages_for_the_workers_text_leaves_it_running) {
   EXPECT_EQ(rec.values().back().size(), 999U);
 }
 
-TEST_F(refusal, of_pages_for_the_table_ends_the_process) {
+TEST_F(refusal, of_pages_for_the_table_aborts) {
   const auto host = [&] {
     ASSERT_EQ(chdir(dir.path("").c_str()), 0);
     dir.file("hostname=h\n", "c");

@@ -97,7 +97,7 @@ extern "C" int snprintf(char* buf, size_t size, const char* fmt, ...) noexcept {
 
 // ---------------------------------------------------------------- levels
 
-TEST_F(logger, each_level_has_the_host_level_of_the_table) {
+TEST_F(logger, each_level_maps_to_its_host_level) {
   const struct {
     int level, hostlevel;
   } rows[] = {{10, 2},  {20, 1}, {40, 3},  {999, 4},  {30, 0}, {0, 0},   {1, 0},       {9, 0},      {11, 0},  {19, 0},
@@ -113,7 +113,7 @@ TEST_F(logger, each_level_has_the_host_level_of_the_table) {
   }
 }
 
-TEST_F(logger, a_message_passes_when_its_level_is_at_most_the_threshold) {
+TEST_F(logger, a_message_passes_if_its_level_is_at_most_the_threshold) {
   const struct {
     int threshold, level;
     bool passes;
@@ -147,7 +147,7 @@ TEST_F(logger, a_dropped_message_is_not_formatted) {
   EXPECT_EQ(formatted, 3);
 }
 
-TEST_F(logger, the_threshold_is_40_until_it_is_set_and_takes_every_number) {
+TEST_F(logger, the_threshold_starts_at_40_and_accepts_every_number) {
   EXPECT_EQ(logDac().getlevel(), 40);
   EXPECT_EQ(log.getlevel(), 40);
   for (const int level : {0, 10, 999, -1, INT_MIN, INT_MAX}) {
@@ -170,7 +170,7 @@ TEST_F(logger, a_message_arrives_formatted_under_the_instance_name) {
   EXPECT_EQ(got, (messages{{"drv", 2, "load ip6dns driver config /etc/x failed", 1}, {"drv", 0, "-7%| 1.50|c", 1}}));
 }
 
-TEST_F(logger, a_tag_stands_in_brackets_right_before_the_message) {
+TEST_F(logger, a_tag_precedes_the_message_in_brackets) {
   EXPECT_EQ(push(log, 10, "drv", "x=%d", 5), 8);
   EXPECT_EQ(push(log, 10, "", "x=%d", 5), 3);
   EXPECT_EQ(push(log, 10, nullptr, "x=%d", 5), 3);
@@ -198,7 +198,7 @@ TEST_F(logger, a_message_of_30719_characters_is_the_longest) {
   }
 }
 
-TEST_F(logger, a_message_of_any_length_arrives_whole) {
+TEST_F(logger, a_message_of_any_length_arrives_complete) {
   for (int n = 1; n <= 2000; ++n) {
     const std::string text(static_cast<size_t>(n), 'm');
     got.clear();
@@ -229,7 +229,7 @@ TEST_F(logger, a_message_above_the_threshold_is_not_formatted) {
   EXPECT_EQ(seen.size(), 0U);
 }
 
-TEST_F(logger, a_tag_takes_no_room_from_the_message) {
+TEST_F(logger, a_tag_does_not_shorten_the_message) {
   const std::string text(longest, 'm');
   EXPECT_EQ(push(log, 10, "t", "%s", text.c_str()), 3 + longest);
   EXPECT_EQ(push(log, 10, "t", "%sm", text.c_str()), -1);
@@ -250,7 +250,7 @@ TEST_F(logger, a_prefix_of_more_than_80_characters_is_cut_to_80) {
   }
 }
 
-TEST_F(logger, a_message_of_30720_characters_is_refused_behind_any_prefix) {
+TEST_F(logger, a_message_of_30720_characters_is_refused_after_any_prefix) {
   const std::string text(longest + 1, 'm');
   for (const size_t tag : {1U, 78U, 79U, 500U})
     EXPECT_EQ(push(log, 10, std::string(tag, 't').c_str(), "%s", text.c_str()), -1) << tag;
@@ -278,7 +278,7 @@ TEST_F(logger, a_prefix_that_cannot_be_formatted_refuses_the_message) {
 
 // ---------------------------------------------------------------- callback
 
-TEST_F(logger, without_a_callback_every_message_is_refused_unformatted_at_every_level) {
+TEST_F(logger, without_a_callback_every_message_is_refused_unformatted) {
   int formatted = 0;
   logDac unbound;
   logDac bound;
@@ -305,7 +305,7 @@ TEST_F(logger, the_name_is_a_copy_of_any_length) {
   }
 }
 
-TEST_F(logger, what_does_nothing_does_nothing) {
+TEST_F(logger, unused_operations_do_nothing) {
   const std::string before(reinterpret_cast<const char*>(&log), sizeof log);
   EXPECT_EQ(log.open("/tmp/log"), 0);
   EXPECT_EQ(log.open(nullptr), 0);
@@ -332,7 +332,7 @@ struct watch {
 
 }  // namespace
 
-TEST(logDac, takes_no_memory_for_a_message) {
+TEST(logDac, allocates_no_memory_for_a_message) {
   const cblog compare = [](const char*, int, const char*, int, void* param) {
     auto* w = static_cast<watch*>(param);
     w->same = memory() == w->before;
@@ -346,7 +346,7 @@ TEST(logDac, takes_no_memory_for_a_message) {
   EXPECT_TRUE(w.same);
 }
 
-TEST_F(logger, messages_of_many_threads_arrive_whole) {
+TEST_F(logger, messages_of_many_threads_arrive_complete) {
   struct host {
     std::mutex mtx;
     std::map<std::string, int> texts;
@@ -390,7 +390,7 @@ TEST_F(logger, holds_its_fields_in_order) {
   EXPECT_EQ(*reinterpret_cast<const std::string*>(reinterpret_cast<const char*>(&log) + 32), "drv");
 }
 
-TEST(logDac, is_made_with_level_40_no_callback_and_an_empty_name) {
+TEST(logDac, starts_with_level_40_no_callback_and_an_empty_name) {
   const logDac log;
   EXPECT_EQ(field<int>(log, 8), 40);
   EXPECT_EQ(field<cblog>(log, 16), nullptr);
@@ -398,12 +398,12 @@ TEST(logDac, is_made_with_level_40_no_callback_and_an_empty_name) {
   EXPECT_EQ(*reinterpret_cast<const std::string*>(reinterpret_cast<const char*>(&log) + 32), "");
 }
 
-TEST(logDac, is_one_with_its_instance_and_not_copied) {
+TEST(logDac, cannot_be_copied) {
   EXPECT_FALSE(std::is_copy_constructible_v<logDac>);
   EXPECT_FALSE(std::is_copy_assignable_v<logDac>);
 }
 
-TEST(logDac, on_the_heap_is_a_block_of_the_pools_and_goes_back_there) {
+TEST(logDac, created_with_new_is_a_block_of_the_pools) {
   const size_t before = blocks::live();
   ym::ilog* log = new logDac;
   EXPECT_EQ(blocks::live(), before + 1);
@@ -412,7 +412,7 @@ TEST(logDac, on_the_heap_is_a_block_of_the_pools_and_goes_back_there) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-TEST(logDac, is_null_when_the_pools_have_no_memory) {
+TEST(logDac, created_with_new_is_null_if_the_pools_have_no_memory) {
   const blocks::exhausted none(sizeof(logDac));
   EXPECT_EQ(new logDac, nullptr);
 }
@@ -489,7 +489,7 @@ constexpr bool abstract = std::is_abstract_v<T>;
 
 }  // namespace
 
-TEST(ilog, all_operations_but_push_have_no_body) {
+TEST(ilog, all_operations_except_push_are_pure) {
   EXPECT_FALSE(abstract<all_but_push>);
   EXPECT_TRUE((abstract<with<adds, appends, tells_level, takes_level, runs, releases>>));
   EXPECT_TRUE((abstract<with<opens, appends, tells_level, takes_level, runs, releases>>));
@@ -500,14 +500,14 @@ TEST(ilog, all_operations_but_push_have_no_body) {
   EXPECT_TRUE((abstract<with<opens, adds, appends, tells_level, takes_level, runs>>));
 }
 
-TEST(ilog, push_does_nothing_and_returns_0_unless_it_is_overridden) {
+TEST(ilog, push_returns_0_by_default) {
   all_but_push log;
   int formatted = 0;
   EXPECT_EQ(push(log, 10, "t", "abc%n", &formatted), 0);
   EXPECT_EQ(formatted, 0);
 }
 
-TEST(ilog, holds_nothing_but_its_virtual_table_and_has_a_virtual_destructor) {
+TEST(ilog, has_only_a_virtual_table_and_a_virtual_destructor) {
   EXPECT_EQ(sizeof(ym::ilog), sizeof(void*));
   EXPECT_TRUE(std::has_virtual_destructor_v<ym::ilog>);
 }

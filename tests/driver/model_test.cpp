@@ -296,7 +296,7 @@ class walker {
 
 }  // namespace
 
-TEST(model, every_legal_order_of_calls_from_four_threads_does_what_the_model_says) {
+TEST(model, legal_calls_from_four_threads_match_the_model) {
   const long steps = setting("IP6DNS_STEPS", 1'000'000);
   const auto seed = static_cast<unsigned>(setting("IP6DNS_SEED", 20'240'501));
   std::cout << steps << " steps, seed " << seed << std::endl;

@@ -59,14 +59,14 @@ class plugin : public plugin_fixture {
 
 // ---------------------------------------------------------------- version, handles
 
-TEST_F(plugin, tells_its_version_as_a_number_and_as_a_text) {
+TEST_F(plugin, reports_its_version_as_a_number_and_as_a_text) {
   EXPECT_EQ(lib.getversion(), 500);
   EXPECT_STREQ(*lib.verson, "version 5.0.0.2");
 }
 
-TEST_F(plugin, exports_the_table_of_its_instances) { EXPECT_NE(lib.symbol("g_dachandls"), nullptr); }
+TEST_F(plugin, exports_its_table_of_instances) { EXPECT_NE(lib.symbol("g_dachandls"), nullptr); }
 
-TEST_F(plugin, gives_stopped_instances_handles_from_0_upwards) {
+TEST_F(plugin, creates_stopped_instances_with_handles_from_0) {
   for (int h = 0; h < 5; ++h) {
     EXPECT_EQ(create(), h);
     EXPECT_EQ(lib.isrun(h), 0);
@@ -81,7 +81,7 @@ TEST_F(plugin, does_not_reuse_a_destroyed_handle_at_once) {
   EXPECT_EQ(known(), std::set{1});
 }
 
-TEST_F(plugin, holds_1024_instances_and_refuses_one_more_without_a_word) {
+TEST_F(plugin, holds_1024_instances_and_refuses_one_more_without_a_message) {
   ASSERT_EQ(create(), 0);
   for (int h = 1; h < 1024; ++h) ASSERT_EQ(create_another(), h);
   EXPECT_EQ(create_another(), -1);
@@ -93,7 +93,7 @@ TEST_F(plugin, holds_1024_instances_and_refuses_one_more_without_a_word) {
   EXPECT_EQ(create_another(), -1);
 }
 
-TEST_F(plugin, counts_handles_to_2048_and_goes_on_at_1) {
+TEST_F(plugin, counts_handles_to_2048_and_continues_at_1) {
   ASSERT_EQ(create(), 0);
   for (int h = 1; h <= 2048; ++h) {
     lib.destroy(h - 1);
@@ -103,7 +103,7 @@ TEST_F(plugin, counts_handles_to_2048_and_goes_on_at_1) {
   EXPECT_EQ(create(), 2);
 }
 
-TEST_F(plugin, steps_over_handles_in_use_when_it_counts_from_1_again) {
+TEST_F(plugin, skips_handles_in_use_when_it_counts_from_1_again) {
   for (const int h : {0, 1, 2, 3, 4}) ASSERT_EQ(create(), h);
   lib.destroy(3);
   for (int h = 5; h <= 2048; ++h) {
@@ -114,7 +114,7 @@ TEST_F(plugin, steps_over_handles_in_use_when_it_counts_from_1_again) {
   EXPECT_EQ(create(), 5);
 }
 
-TEST_F(plugin, knows_no_handle_but_those_of_its_instances) {
+TEST_F(plugin, accepts_only_handles_of_its_instances) {
   ASSERT_EQ(create(), 0);
   ASSERT_EQ(create(), 1);
   lib.destroy(1);
@@ -144,7 +144,7 @@ TEST_F(plugin, knows_no_handle_but_those_of_its_instances) {
 
 // ---------------------------------------------------------------- refused instances
 
-TEST_F(plugin, refuses_missing_arguments_without_a_word_and_spends_a_handle) {
+TEST_F(plugin, refuses_missing_arguments_without_a_message_and_uses_up_a_handle) {
   const std::string path = dir.file("hostname=h1\n");
   const arguments good = rec.args("drv", path.c_str());
   const struct {
@@ -171,7 +171,7 @@ TEST_F(plugin, refuses_missing_arguments_without_a_word_and_spends_a_handle) {
   EXPECT_EQ(rec.journal(), strings{});
 }
 
-TEST_F(plugin, does_without_callbacks_other_than_the_fifth_argument) {
+TEST_F(plugin, requires_no_callback_except_the_fifth_argument) {
   arguments a = rec.args("drv", "");
   const std::string path = dir.file("hostname=h1\n");
   const std::string bad = dir.file("", "bad.conf");
@@ -230,13 +230,13 @@ TEST_F(plugin, names_the_file_that_it_cannot_open) {
   EXPECT_EQ(known(), std::set<int>{});
 }
 
-TEST_F(plugin, finds_no_host_name_in_a_directory) {
+TEST_F(plugin, reads_no_host_name_from_a_directory) {
   const std::string here = dir.path(".");
   EXPECT_EQ(rec.args("drv", here.c_str()).create(lib), -1);
   EXPECT_EQ(rec.journal(), strings{recorder::log("drv", 2, "not config hostname in " + here)});
 }
 
-TEST_F(plugin, delivers_a_message_of_30719_characters_and_no_longer_one) {
+TEST_F(plugin, delivers_messages_of_up_to_30719_characters) {
   const size_t around = std::strlen("load ip6dns driver config  failed");
   const std::string fits(30719 - around, 'x');
   EXPECT_EQ(rec.args("drv", fits.c_str()).create(lib), -1);
@@ -246,7 +246,7 @@ TEST_F(plugin, delivers_a_message_of_30719_characters_and_no_longer_one) {
   EXPECT_EQ(rec.journal(), strings{});
 }
 
-TEST_F(plugin, closes_the_file_and_holds_no_lock_before_it_complains) {
+TEST_F(plugin, has_closed_the_file_and_holds_no_lock_when_it_logs_a_failure) {
   const std::string path = dir.file("");
   bool was_called = false;
   rec.during_log = [&] {
@@ -296,7 +296,7 @@ TEST_F(plugin, reads_the_host_name_from_its_file) {
   EXPECT_EQ(rec.journal(), strings{});
 }
 
-TEST_F(plugin, keeps_copies_of_what_create_was_given) {
+TEST_F(plugin, copies_the_arguments_of_create) {
   std::string name = "the instance", path = dir.file("hostname=a\n");
   ASSERT_EQ(rec.args(name.c_str(), path.c_str()).create(lib), 0);
   name.assign(name.size(), '?');
@@ -318,7 +318,7 @@ TEST_F(plugin, reads_its_file_only_once) {
 
 // ---------------------------------------------------------------- life
 
-TEST_F(plugin, lives_a_whole_life_with_these_messages_and_no_others) {
+TEST_F(plugin, logs_exactly_these_messages_from_create_to_destroy) {
   const int h = create("h1");
   EXPECT_EQ(lib.isrun(h), 0);
   EXPECT_EQ(lib.stop(h), 0);
@@ -343,7 +343,7 @@ TEST_F(plugin, lives_a_whole_life_with_these_messages_and_no_others) {
   EXPECT_EQ(rec.journal(), expected);
 }
 
-TEST_F(plugin, runs_before_it_says_so_and_has_stopped_before_it_says_so) {
+TEST_F(plugin, logs_start_and_stop_after_they_happened) {
   const int h = create();
   std::vector<int> running;
   rec.during_log = [&] { running.push_back(lib.isrun(h)); };
@@ -352,7 +352,7 @@ TEST_F(plugin, runs_before_it_says_so_and_has_stopped_before_it_says_so) {
   EXPECT_EQ(running, (std::vector{1, 0}));
 }
 
-TEST_F(plugin, tells_instances_apart) {
+TEST_F(plugin, treats_instances_separately) {
   recorder other;
   ASSERT_EQ(create("first"), 0);
   ASSERT_EQ(other.args("drv2", dir.file("hostname=second\n").c_str()).create(lib), 1);
@@ -369,7 +369,7 @@ TEST_F(plugin, tells_instances_apart) {
                                       recorder::log("drv2", 0, stop_message)}));
 }
 
-TEST_F(plugin, stops_behind_the_workers_sleep_and_answers_other_calls_meanwhile) {
+TEST_F(plugin, stops_after_the_workers_sleep_and_accepts_other_calls_meanwhile) {
   const int h = create();
   start(h);
   caller stopper([&] { EXPECT_EQ(lib.stop(h), 0); });
@@ -384,7 +384,7 @@ TEST_F(plugin, stops_behind_the_workers_sleep_and_answers_other_calls_meanwhile)
   EXPECT_EQ(lib.isrun(h), 0);
 }
 
-TEST_F(plugin, starts_a_second_worker_when_it_is_started_twice) {
+TEST_F(plugin, starts_a_second_worker_if_it_is_started_twice) {
   const auto host = [&] {
     const int h = create();
     lib.start(h);
@@ -399,7 +399,7 @@ TEST_F(plugin, starts_a_second_worker_when_it_is_started_twice) {
 
 // ---------------------------------------------------------------- what the host asks
 
-TEST_F(plugin, refuses_device_writes_whatever_they_bring) {
+TEST_F(plugin, refuses_device_writes_with_any_arguments) {
   const int h = create();
   EXPECT_EQ(lib.devicewriteobj(h), 4);
   EXPECT_EQ(lib.devicewriteobj(h, nullptr, 17, "x"), 4);
@@ -430,7 +430,7 @@ TEST_F(plugin, lists_its_one_tag_on_the_callers_thread) {
   }
 }
 
-TEST_F(plugin, tells_status_and_host_name) {
+TEST_F(plugin, reports_status_and_host_name) {
   const int h = create("h1");
   EXPECT_EQ(info(h), R"({"status":"stop","host":"h1"})");
   start(h);
@@ -439,7 +439,7 @@ TEST_F(plugin, tells_status_and_host_name) {
   EXPECT_EQ(info(h), R"({"status":"stop","host":"h1"})");
 }
 
-TEST_F(plugin, writes_the_status_where_the_text_without_its_end_fits) {
+TEST_F(plugin, writes_the_status_if_the_text_without_terminator_fits) {
   const std::string doc = R"({"status":"running","host":"h1"})";
   ASSERT_EQ(doc.size(), 32U);
   const struct {
@@ -466,7 +466,7 @@ TEST_F(plugin, writes_the_status_where_the_text_without_its_end_fits) {
   }
 }
 
-TEST_F(plugin, a_size_above_INT_MAX_is_used_whole) {
+TEST_F(plugin, getinfo_accepts_a_size_above_INT_MAX) {
   const std::string doc = R"({"status":"stop","host":"h1"})";
   const int h = create("h1");
   for (const size_t room : {size_t{INT_MAX} + 1, size_t{UINT_MAX}, size_t{UINT_MAX} + 1, SIZE_MAX / 2 + 1, SIZE_MAX}) {
@@ -502,14 +502,14 @@ TEST_F(plugin, escapes_the_host_name_in_the_status) {
   }
 }
 
-TEST_F(plugin, tells_a_host_name_whole_that_outgrows_its_first_room) {
+TEST_F(plugin, reports_the_full_text_of_a_long_host_name) {
   const std::string name(1000, 'n');
   EXPECT_EQ(info(create(name)), R"({"status":"stop","host":")" + name + "\"}");
 }
 
 // ---------------------------------------------------------------- threads
 
-TEST_F(plugin, may_be_called_back_into_from_its_callbacks) {
+TEST_F(plugin, can_be_called_from_its_callbacks) {
   const int h = create();
   strings seen;
   const auto ask = [&] { seen.push_back(info(h) + std::to_string(lib.isrun(h)) + hostname(h)); };
@@ -521,7 +521,7 @@ TEST_F(plugin, may_be_called_back_into_from_its_callbacks) {
   EXPECT_EQ(seen, (strings{running, running, stopped}));
 }
 
-TEST_F(plugin, a_tag_callback_may_call_every_entry_point) {
+TEST_F(plugin, a_tag_callback_can_call_every_entry_point) {
   const int h = create("h1");
   int calls = 0;
   std::function<void()> inside = [&] {
@@ -607,7 +607,7 @@ TEST_F(plugin, no_entry_point_waits_while_another_threads_create_reads_its_file)
   fake_clock::stepping();
 }
 
-TEST_F(plugin, may_be_called_from_several_threads_at_once) {
+TEST_F(plugin, can_be_called_from_several_threads_at_once) {
   constexpr int rounds = 40;
   fake_clock::free_run();
   const auto host = [&](const std::string& name) {

@@ -124,7 +124,7 @@ TEST_F(publicip6, each_public_address_is_appended_as_text_and_no_other_one) {
   }
 }
 
-TEST_F(publicip6, asks_for_an_address_s_text_with_room_for_48_characters) {
+TEST_F(publicip6, passes_room_for_48_characters_to_inet_ntop) {
   EXPECT_EQ(found({"2001:db8::10"}), "2001:db8::10");
   EXPECT_EQ(fake_interfaces::text_room(), 48U);
 }
@@ -149,7 +149,7 @@ TEST_F(publicip6, ipv4_mapped_with_a_bit_in_any_of_its_first_ten_bytes_is_public
   }
 }
 
-TEST_F(publicip6, every_first_byte_but_those_of_local_and_multicast_is_public) {
+TEST_F(publicip6, every_first_byte_except_local_and_multicast_is_public) {
   for (int first = 0; first <= 0xff; ++first) {
     for (int second = 0; second <= 0xff; ++second) {
       bytes a{static_cast<unsigned char>(first), static_cast<unsigned char>(second), 0x12};
@@ -168,18 +168,18 @@ TEST_F(publicip6, every_single_last_byte_above_1_is_ipv4_compatible) {
 
 // ---------------------------------------------------------------- the walk
 
-TEST_F(publicip6, without_interfaces_nothing_is_appended_and_nothing_given_back) {
+TEST_F(publicip6, without_interfaces_nothing_is_appended_and_no_list_is_freed) {
   EXPECT_EQ(found({}), "");
   EXPECT_EQ(found({}, "kept"), "kept");
   EXPECT_EQ(fake_interfaces::lists(), 1);
 }
 
-TEST_F(publicip6, addresses_stand_in_the_order_of_the_interfaces_with_bare_commas) {
+TEST_F(publicip6, addresses_are_in_the_order_of_the_interfaces_separated_by_commas) {
   EXPECT_EQ(found({"2001:db8::10", "2001:db8:1::20"}), "2001:db8::10,2001:db8:1::20");
   EXPECT_EQ(found({"fd00::2", "::", "2001:db8::1", "fc00::1"}), "fd00::2,::,2001:db8::1,fc00::1");
 }
 
-TEST_F(publicip6, what_is_not_public_leaves_no_comma) {
+TEST_F(publicip6, an_address_that_is_not_public_adds_no_comma) {
   EXPECT_EQ(found({"::1", "fe80::1"}), "");
   EXPECT_EQ(found({"fec0::1", "fd00::1"}), "fd00::1");
   EXPECT_EQ(found({"::1", "2001:db8::1", "fe80::1", "ff02::1", "2001:db8::2", "::ffff:192.0.2.1"}),
@@ -196,12 +196,12 @@ TEST_F(publicip6, entries_of_another_family_and_without_address_are_skipped) {
   EXPECT_EQ(found({"none", "ipv4", "2001:db8::1", "none", "2001:db8::2", "ipv4"}), "2001:db8::1,2001:db8::2");
 }
 
-TEST_F(publicip6, text_that_stands_there_already_is_kept_with_a_comma_behind) {
+TEST_F(publicip6, existing_text_is_preserved_and_followed_by_a_comma) {
   EXPECT_EQ(found({"2001:db8::1"}, "null"), "null,2001:db8::1");
   EXPECT_EQ(found({"2001:db8::1", "::"}, ","), ",,2001:db8::1,::");
 }
 
-TEST_F(publicip6, a_second_look_appends_to_the_first) {
+TEST_F(publicip6, a_second_call_appends_to_the_first) {
   fake_interfaces::set({"2001:db8::1"});
   ym::string_<> text;
   EXPECT_EQ(getPublicIp6(text), 0);
@@ -210,7 +210,7 @@ TEST_F(publicip6, a_second_look_appends_to_the_first) {
   EXPECT_EQ(fake_interfaces::lists(), 2);
 }
 
-TEST_F(publicip6, one_list_is_taken_and_given_back_once) {
+TEST_F(publicip6, one_list_is_requested_and_freed_once) {
   for (const std::vector<std::string>& addresses :
        {std::vector<std::string>{"none"}, {"::1"}, {"2001:db8::1", "2001:db8::2"}, {"ipv4", "fe80::1"}}) {
     found(addresses);
@@ -232,7 +232,7 @@ TEST_F(publicip6, many_addresses_are_all_reported) {
 
 // ---------------------------------------------------------------- failures
 
-TEST_F(publicip6, a_list_that_cannot_be_had_passes_its_result_on_and_appends_nothing) {
+TEST_F(publicip6, a_failed_list_returns_its_result_and_appends_nothing) {
   for (const int result : {-1, -7}) {
     for (const char* before : {"", "kept"}) {
       fake_interfaces::reset();
@@ -248,7 +248,7 @@ TEST_F(publicip6, a_list_that_cannot_be_had_passes_its_result_on_and_appends_not
   }
 }
 
-TEST_F(publicip6, an_address_that_has_no_text_is_skipped) {
+TEST_F(publicip6, an_address_without_text_is_skipped) {
   fake_interfaces::set({"2001:db8::1", "2001:db8::2", "2001:db8::3"});
   for (const auto& [refused, text] :
        {std::pair{"2001:db8::1", "2001:db8::2,2001:db8::3"}, std::pair{"2001:db8::2", "2001:db8::1,2001:db8::3"},
@@ -272,7 +272,7 @@ TEST_F(publicip6, the_address_buffer_is_zeroed_for_every_entry) {
   }
 }
 
-TEST_F(publicip6, an_empty_text_appends_nothing_but_the_comma) {
+TEST_F(publicip6, an_empty_text_appends_only_the_comma) {
   fake_interfaces::set({"2001:db8::1", "2001:db8::2"});
   fake_interfaces::set_text_of("2001:db8::2", "");
   ym::string_<> out;
@@ -281,7 +281,7 @@ TEST_F(publicip6, an_empty_text_appends_nothing_but_the_comma) {
 }
 
 // Appending no characters to an empty string would release its block.
-TEST_F(publicip6, an_empty_text_leaves_an_empty_string_its_block) {
+TEST_F(publicip6, an_empty_text_does_not_release_the_block_of_an_empty_string) {
   fake_interfaces::set({"2001:db8::1"});
   fake_interfaces::set_text_of("2001:db8::1", "");
   ym::string_<> out(100);
@@ -292,7 +292,7 @@ TEST_F(publicip6, an_empty_text_leaves_an_empty_string_its_block) {
 }
 
 // The comma and the address are separate appends: each keeps the text as it is if it gets no storage.
-TEST_F(publicip6, an_address_without_storage_leaves_its_comma_and_the_walk_goes_on) {
+TEST_F(publicip6, an_address_without_storage_leaves_its_comma_and_later_addresses_follow) {
   const blocks::exhausted no64(64);
   EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}), "::,");
   EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}, "x"), "x,,::,");
@@ -338,12 +338,12 @@ TEST_F(publicip6, the_comma_and_the_address_grow_the_text_one_after_the_other) {
   }
 }
 
-TEST_F(publicip6, without_any_storage_nothing_is_appended_and_the_list_given_back) {
+TEST_F(publicip6, without_storage_nothing_is_appended_and_the_list_is_freed) {
   const blocks::exhausted no16(16), no64(64);
   EXPECT_EQ(found({"::", "2001:db8::10"}), "");
 }
 
-TEST_F(publicip6, threads_look_at_the_same_time_into_strings_of_their_own) {
+TEST_F(publicip6, threads_can_fill_separate_strings_at_the_same_time) {
   fake_interfaces::set({"2001:db8::1", "::1", "2001:db8::2"});
   std::vector<std::string> texts(8);
   in_threads(texts.size(), [&](size_t me) {

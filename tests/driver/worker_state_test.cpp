@@ -140,7 +140,7 @@ TEST_F(worker_state, the_callback_receives_a_pointer_to_the_record_inside_the_in
   stop(d);
 }
 
-TEST_F(worker_state, the_records_time_is_that_of_its_round_and_not_of_the_callbacks_end) {
+TEST_F(worker_state, the_records_time_is_the_start_of_its_round) {
   during_data = [] { fake_clock::advance(7); };
   start(d);
   EXPECT_EQ(field<dac_tagvalue>(tag_at).time, 10 * now);

@@ -61,7 +61,7 @@ class worker : public plugin_fixture {
 
 // ---------------------------------------------------------------- rounds
 
-TEST_F(worker, sleeps_a_tenth_of_a_second_before_it_first_looks) {
+TEST_F(worker, sleeps_a_tenth_of_a_second_before_its_first_poll) {
   start(create());
   EXPECT_EQ(fake_clock::last_request().tv_sec, 0);
   EXPECT_EQ(fake_clock::last_request().tv_nsec, 100'000'000);
@@ -74,7 +74,7 @@ TEST_F(worker, sleeps_a_tenth_of_a_second_before_it_first_looks) {
   EXPECT_EQ(rec.values(), strings{address});
 }
 
-TEST_F(worker, sleeps_the_same_in_every_round_whether_it_looks_or_not) {
+TEST_F(worker, sleeps_the_same_in_rounds_with_and_without_a_poll) {
   start_and_poll();
   const int before = fake_clock::sleeps();
   for (const int64_t at : {t0, t0 + 1, t0 + 10, t0 + 130}) {
@@ -85,7 +85,7 @@ TEST_F(worker, sleeps_the_same_in_every_round_whether_it_looks_or_not) {
   EXPECT_EQ(fake_clock::sleeps(), before + 4);
 }
 
-TEST_F(worker, looks_again_when_the_clock_is_10_seconds_away_in_either_direction) {
+TEST_F(worker, polls_again_when_the_clock_is_10_seconds_away_in_either_direction) {
   const struct {
     const char* label;
     int64_t by;
@@ -106,7 +106,7 @@ TEST_F(worker, looks_again_when_the_clock_is_10_seconds_away_in_either_direction
   }
 }
 
-TEST_F(worker, counts_the_10_seconds_from_its_latest_look) {
+TEST_F(worker, counts_the_10_seconds_from_its_latest_poll) {
   start_and_poll();
   for (int s = 1; s <= 35; ++s) {
     round_at(t0 + s);
@@ -120,7 +120,7 @@ TEST_F(worker, counts_the_10_seconds_from_its_latest_look) {
   EXPECT_EQ(fake_interfaces::lists(), 6);
 }
 
-TEST_F(worker, first_looks_at_second_10_on_a_clock_that_starts_in_1970) {
+TEST_F(worker, first_polls_at_second_10_of_a_clock_that_starts_in_1970) {
   fake_clock::set(0);
   start(create());
   round_at(0);
@@ -130,7 +130,7 @@ TEST_F(worker, first_looks_at_second_10_on_a_clock_that_starts_in_1970) {
   EXPECT_EQ(rec.values(), strings{address});
 }
 
-TEST_F(worker, gives_every_interface_list_back) {
+TEST_F(worker, frees_every_interface_list) {
   start_and_poll();
   for (int s = 10; s <= 50; s += 10) round_at(t0 + s);
   EXPECT_EQ(fake_interfaces::frees(), 6);
@@ -139,7 +139,7 @@ TEST_F(worker, gives_every_interface_list_back) {
 
 // ---------------------------------------------------------------- publications
 
-TEST_F(worker, publishes_a_changed_text_at_the_next_look) {
+TEST_F(worker, publishes_a_changed_text_at_the_next_poll) {
   start_and_poll();
   fake_interfaces::set({"2001:db8::20"});
   round_at(t0 + 9);
@@ -198,7 +198,7 @@ TEST_F(worker, counts_the_120_seconds_from_its_latest_publication) {
   EXPECT_EQ(rec.values(), (strings{address, "2001:db8::20", "2001:db8::20"}));
 }
 
-TEST_F(worker, publishes_null_without_a_word_when_there_is_no_public_address) {
+TEST_F(worker, publishes_null_without_a_message_if_there_is_no_public_address) {
   fake_interfaces::set({"::1", "fe80::1", "fec0::1", "ff02::1", "::ffff:192.0.2.1", "::192.0.2.1", "ipv4", "none"});
   start(h = create("h1"));
   fake_clock::step();
@@ -206,14 +206,14 @@ TEST_F(worker, publishes_null_without_a_word_when_there_is_no_public_address) {
             (strings{recorder::log("drv", 0, "start wrk_process success."), recorder::data("h1", "null")}));
 }
 
-TEST_F(worker, publishes_what_is_public_in_the_systems_order) {
+TEST_F(worker, publishes_public_addresses_in_the_systems_order) {
   fake_interfaces::set({"::1", "2001:db8::20", "fe80::1", "fd00::5", "none", "::", "2001:db8::10", "fe7f::1"});
   start(create());
   fake_clock::step();
   EXPECT_EQ(rec.values(), strings{"2001:db8::20,fd00::5,::,2001:db8::10,fe7f::1"});
 }
 
-TEST_F(worker, takes_the_loss_of_the_address_and_its_return_for_changes) {
+TEST_F(worker, publishes_the_loss_of_the_address_and_its_return_as_changes) {
   fake_interfaces::set({});
   start(create());
   fake_clock::step();
@@ -248,7 +248,7 @@ TEST_F(worker, logs_every_failed_list_and_publishes_null) {
   EXPECT_EQ(rec.journal(), expected);
 }
 
-TEST_F(worker, takes_a_failed_list_and_an_empty_one_for_the_same) {
+TEST_F(worker, treats_a_failed_list_like_an_empty_one) {
   fake_interfaces::fail(-1);
   start(create());
   fake_clock::step();
@@ -258,7 +258,7 @@ TEST_F(worker, takes_a_failed_list_and_an_empty_one_for_the_same) {
   EXPECT_EQ(rec.values(), strings{"null"});
 }
 
-TEST_F(worker, publishes_a_change_that_lies_beyond_the_records_room) {
+TEST_F(worker, publishes_a_change_beyond_the_end_of_the_record) {
   strings addresses = addresses_of_999_characters();
   addresses.emplace_back("2001:db8::1");
   fake_interfaces::set(addresses);
@@ -271,7 +271,7 @@ TEST_F(worker, publishes_a_change_that_lies_beyond_the_records_room) {
   EXPECT_EQ(rec.values(), (strings{cut, cut}));
 }
 
-TEST_F(worker, looks_and_complains_without_a_data_callback_too) {
+TEST_F(worker, polls_and_logs_failures_even_without_a_data_callback) {
   arguments a = rec.args("drv", "");
   const std::string path = dir.file("hostname=h1\n");
   a.cfgfile = path.c_str();
@@ -342,7 +342,7 @@ TEST_F(worker, fills_the_record_byte_for_byte) {
   }
 }
 
-TEST_F(worker, shows_time_0_in_every_record_and_nothing_of_the_one_before) {
+TEST_F(worker, delivers_time_0_and_no_bytes_of_the_previous_record) {
   fake_interfaces::set({"2001:db8:1111:2222:3333:4444:5555:6666"});
   start(create("h1"));
   fake_clock::step();
@@ -360,7 +360,7 @@ TEST_F(worker, shows_time_0_in_every_record_and_nothing_of_the_one_before) {
   EXPECT_EQ(publications[0].record.time, 0);
 }
 
-TEST_F(worker, hands_the_record_over_on_its_own_thread) {
+TEST_F(worker, delivers_the_record_on_its_thread) {
   start_and_poll();
   round_at(t0 + 120);
   const auto publications = rec.publications();
@@ -371,7 +371,7 @@ TEST_F(worker, hands_the_record_over_on_its_own_thread) {
 
 // ---------------------------------------------------------------- stop and start again
 
-TEST_F(worker, remembers_its_latest_look_from_one_start_to_the_next) {
+TEST_F(worker, retains_its_latest_poll_from_one_start_to_the_next) {
   start_and_poll();
   stop(h);
   fake_interfaces::set({"2001:db8::20"});
@@ -384,7 +384,7 @@ TEST_F(worker, remembers_its_latest_look_from_one_start_to_the_next) {
   EXPECT_EQ(rec.values(), (strings{address, "2001:db8::20"}));
 }
 
-TEST_F(worker, remembers_what_it_published_and_when_from_one_start_to_the_next) {
+TEST_F(worker, retains_its_latest_publication_from_one_start_to_the_next) {
   start_and_poll();
   stop(h);
   fake_clock::set(t0 + 100);
@@ -398,7 +398,7 @@ TEST_F(worker, remembers_what_it_published_and_when_from_one_start_to_the_next) 
   EXPECT_EQ(rec.values(), (strings{address, address}));
 }
 
-TEST_F(worker, publishes_at_its_first_look_in_every_new_instance) {
+TEST_F(worker, publishes_at_its_first_poll_in_every_new_instance) {
   start_and_poll();
   stop(h);
   lib.destroy(h);
@@ -408,7 +408,7 @@ TEST_F(worker, publishes_at_its_first_look_in_every_new_instance) {
   EXPECT_EQ(rec.values(), (strings{address, address}));
 }
 
-TEST_F(worker, gives_the_memory_of_its_start_back_at_its_end) {
+TEST_F(worker, releases_the_memory_of_its_start_at_its_end) {
   const std::string path = dir.file("hostname=h1\n");
   arguments a = rec.args("drv", path.c_str());
   a.log = nullptr;  // neither callback: they keep what they are told
@@ -424,7 +424,7 @@ TEST_F(worker, gives_the_memory_of_its_start_back_at_its_end) {
   EXPECT_EQ(fake_heap::live(), before);
 }
 
-TEST_F(worker, ends_behind_a_slow_data_callback) {
+TEST_F(worker, stop_waits_for_a_slow_data_callback) {
   std::mutex mtx;
   std::condition_variable changed;
   bool is_inside = false, may_go = false;

@@ -116,7 +116,7 @@ TEST_F(size_class, maps_a_small_first_chunk_and_later_ones_in_full) {
 
 // ---------------------------------------------------------------- large block
 
-TEST_F(large_block, has_its_length_and_zero_before_it) {
+TEST_F(large_block, has_its_length_and_a_zero_before_the_user_area) {
   void* p = take(5000000);
   EXPECT_EQ(pools::large_header_of(p).length, 5001216U);
   EXPECT_EQ(pools::large_header_of(p).zero, 0U);
@@ -270,7 +270,7 @@ size_t some_size(std::mt19937& random) {
   return 4194305;
 }
 
-TEST_F(threads, free_blocks_of_other_threads) {
+TEST_F(threads, can_free_blocks_of_other_threads) {
   std::array<std::atomic<void*>, 256> market{};
   std::atomic<int> torn = 0;
   const auto retire = [&](void* p) {

@@ -54,7 +54,7 @@ TEST_F(bookkeeping, construction_takes_a_slot_for_each_pool_and_then_one_for_its
   }
 }
 
-TEST_F(bookkeeping, destruction_walks_the_classes_upwards_and_each_pool_s_chunks_before_the_pool) {
+TEST_F(bookkeeping, destruction_deletes_the_classes_in_ascending_order_and_chunks_before_their_pool) {
   list order;
   for (int i = 0; i < classes; ++i) {
     const auto size = pools::read<pools::pool>(pools::all().pool[i]).block_size;
@@ -69,7 +69,7 @@ TEST_F(bookkeeping, destruction_walks_the_classes_upwards_and_each_pool_s_chunks
 
 // ---------------------------------------------------------------- the self heap's chunks
 
-TEST_F(bookkeeping, the_third_chunk_of_the_self_heap_moves_to_the_front_when_it_served_and_has_room) {
+TEST_F(bookkeeping, the_third_chunk_of_the_self_heap_moves_to_the_front_after_it_serves_if_it_has_room) {
   std::vector<std::vector<void*>> by_chunk;  // from the oldest chunk to the newest, all of them full
   for (int i = 0; i < 3; ++i) {
     by_chunk.push_back({ym::memheap_::operator new(56)});
@@ -86,7 +86,7 @@ TEST_F(bookkeeping, the_third_chunk_of_the_self_heap_moves_to_the_front_when_it_
 
 // ---------------------------------------------------------------- what a mapping asks for
 
-TEST_F(bookkeeping, the_page_size_is_asked_for_at_every_chunk_mapping) {
+TEST_F(bookkeeping, every_chunk_mapping_queries_the_page_size) {
   // Blocks of 655360, six in each chunk, and of 16384, 128 in each chunk but the first.
   for (const auto& [size, blocks] : {std::pair<size_t, size_t>{655360, 6}, {16384, 128}}) {
     SCOPED_TRACE(size);
@@ -100,7 +100,7 @@ TEST_F(bookkeeping, the_page_size_is_asked_for_at_every_chunk_mapping) {
   fake_pages::page_size(4096);
 }
 
-TEST_F(bookkeeping, the_page_size_is_asked_for_at_every_chunk_of_the_self_heap) {
+TEST_F(bookkeeping, every_self_heap_mapping_queries_the_page_size) {
   for (const long page : {4096L, 1048576L, 65536L, 2097152L}) {
     SCOPED_TRACE(page);
     fake_pages::page_size(page);
@@ -136,7 +136,7 @@ TEST_F(bookkeeping, sizes_near_2_to_the_64_wrap_around) {
   }
 }
 
-TEST_F(bookkeeping, a_size_that_wraps_around_is_granted_what_its_mapping_holds) {
+TEST_F(bookkeeping, a_size_that_wraps_around_gets_the_size_of_its_mapping) {
   size_t granted = 0;
   void* p = get_ym_allocator()->malloc_(SIZE_MAX, &granted);
   EXPECT_EQ(granted, 4096U - 16U);

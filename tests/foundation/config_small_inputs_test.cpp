@@ -180,7 +180,7 @@ TEST(config_small_inputs, The_comment_character_that_is_not_chosen_is_an_ordinar
   judge_all("configuration texts of up to 4 symbols, more symbols, comment character '#'", more_symbols, 4, '#');
 }
 
-TEST(config_small_inputs, A_comment_character_that_is_no_byte_begins_no_comment) {
+TEST(config_small_inputs, A_comment_character_outside_0_to_255_begins_no_comment) {
   for (const int commentchar : {-1, 256 + ';', 256 + '#', -256})
     judge_all("configuration texts of up to 4 symbols, comment character outside 0 to 255", more_symbols, 4,
               commentchar);

@@ -96,7 +96,7 @@ TEST(json_small_inputs, A_length_shorter_than_the_text_cuts_it) {
 }
 
 // A search for special bytes may take several at a time: two bytes at each place of a text of each length.
-TEST(json_small_inputs, Special_bytes_are_found_at_each_place_of_a_longer_value) {
+TEST(json_small_inputs, Special_bytes_are_found_at_each_position_of_a_longer_value) {
   uint64_t judged = 0;
   std::string value;
   for (size_t length = 2; length <= 40; ++length) {

@@ -36,7 +36,7 @@ uint64_t chunk_length(const size_classes::row& row, size_t blocks, long page) {
 
 // ---------------------------------------------------------------- pages
 
-TEST_F(pages, are_private_anonymous_memory_to_read_and_write) {
+TEST_F(pages, are_private_anonymous_and_readable_and_writable) {
   const auto protection = [](const void* p) {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
@@ -74,7 +74,7 @@ TEST_F(pages, are_mapped_in_whole_numbers_for_every_class_and_page_size) {
   }
 }
 
-TEST_F(pages, make_chunks_of_these_lengths) {
+TEST_F(pages, round_chunks_up_to_these_lengths) {
   const struct row {
     long page;
     uint32_t size;
@@ -96,7 +96,7 @@ TEST_F(pages, make_chunks_of_these_lengths) {
   }
 }
 
-TEST_F(pages, leave_the_self_heap_at_half_a_mib_whatever_their_size) {
+TEST_F(pages, of_any_size_give_the_self_heap_half_a_mib) {
   for (const long page : page_sizes) {
     rebuild(page);
     EXPECT_EQ(read<slots>(self().chunks).length, 524288U) << page;
@@ -111,7 +111,7 @@ TEST_F(pages, round_the_self_heaps_chunk_up_and_fill_it_with_slots) {
   EXPECT_EQ(self().free, c.count - 33U);
 }
 
-TEST_F(pages, are_asked_for_their_size_at_every_mapping) {
+TEST_F(pages, have_their_size_queried_at_every_mapping) {
   void* a = take(4194305);
   fake_pages::page_size(65536);
   void* b = take(4194305);

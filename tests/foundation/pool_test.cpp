@@ -52,7 +52,7 @@ TEST_F(layout, describes_a_chunk_at_its_offsets) {
   EXPECT_EQ(read<chunk>(c[0]).bump, 1U);
 }
 
-TEST_F(layout, puts_block_i_after_its_header_at_i_times_the_block_size_plus_8) {
+TEST_F(layout, places_header_i_at_i_times_the_block_size_plus_8) {
   for (const size_classes::row& row : size_classes::all) {
     SCOPED_TRACE(row.size);
     const auto blocks = take(row.size, row.first);
@@ -69,7 +69,7 @@ TEST_F(layout, puts_block_i_after_its_header_at_i_times_the_block_size_plus_8) {
   }
 }
 
-TEST_F(layout, keeps_the_header_of_a_freed_block) {
+TEST_F(layout, preserves_the_header_of_a_freed_block) {
   void* p = take(96);
   const char* c = pools::header_of(p);
   ym_free(p);
@@ -126,7 +126,7 @@ TEST_F(pool, serves_from_its_first_chunk_before_later_ones) {
   EXPECT_EQ(take(pools::pair_class.size), b[1][0]);
 }
 
-TEST_F(pool, moves_the_chunk_that_served_next_to_the_first_while_it_has_room) {
+TEST_F(pool, moves_the_chunk_that_served_after_the_first_while_it_has_room) {
   const auto b = pools::fill_chunks(pools::pair_class, 4);
   const pools::list c = pools::made_order(b);
   give(b[1]);
@@ -166,7 +166,7 @@ TEST_F(pool, stores_the_granted_size_with_old_and_new_chunks) {
   }
 }
 
-TEST_F(pool, of_one_size_serves_by_itself) {
+TEST_F(pool, of_one_size_works_without_the_allocator) {
   auto* p = reinterpret_cast<ym::blk_alloctor<ym::spinlock>*>(const_cast<char*>(pools::pool_at(800)));
   size_t got = 0;
   void* b = p->malloc_(&got);
@@ -182,7 +182,7 @@ TEST_F(pool, ignores_a_null_block) {
   EXPECT_EQ(snapshot(), before);
 }
 
-TEST_F(pool, accepts_blocks_through_either_function) {
+TEST_F(pool, frees_blocks_through_either_function) {
   const auto b = take(640, 2);
   get_ym_allocator()->free_(b[0]);
   ym_free(b[1]);
@@ -199,17 +199,17 @@ const char* const out_of_step =
 // Makes the pool count a free block that it does not have.
 void claim_free(size_t size) { pools::write(pools::pool_at(size), &pools::pool::free, 1); }
 
-TEST_F(pool, ends_the_process_when_it_counts_a_free_block_without_a_chunk) {
+TEST_F(pool, aborts_if_it_counts_a_free_block_without_a_chunk) {
   EXPECT_EXIT((claim_free(128), take(128)), testing::KilledBySignal(SIGABRT), out_of_step);
 }
 
-TEST_F(pool, ends_the_process_when_it_counts_a_free_block_that_no_chunk_has) {
+TEST_F(pool, aborts_if_it_counts_a_free_block_that_no_chunk_has) {
   pools::fill_chunks(pools::pair_class, 2);
   EXPECT_EXIT((claim_free(pools::pair_class.size), take(pools::pair_class.size)), testing::KilledBySignal(SIGABRT),
               out_of_step);
 }
 
-TEST_F(pool, notices_counts_that_disagree_with_its_chunks) {
+TEST_F(pool, is_invalid_if_its_counts_disagree_with_its_chunks) {
   const auto b = pools::fill_chunks(pools::pair_class, 3);
   ym_free(b[0][0]);
   const char* p = pools::pool_at(pools::pair_class.size);
@@ -225,7 +225,7 @@ TEST_F(pool, notices_counts_that_disagree_with_its_chunks) {
   EXPECT_TRUE(pools::is_noticed<chunk>(c[1], [](auto& s) { s.owner += 8; }));
 }
 
-TEST_F(pool, notices_lists_that_run_in_circles) {
+TEST_F(pool, is_invalid_if_a_list_has_a_cycle) {
   const auto b = pools::fill_chunks(pools::pair_class, 3);
   ym_free(b[0][0]);
   const pools::list c = chunks_of(pools::pair_class.size);
@@ -260,13 +260,13 @@ TEST_F(pool, returns_null_and_changes_nothing_when_its_chunk_is_refused) {
   }
 }
 
-TEST_F(pool, returns_null_for_a_refused_chunk_without_a_granted_size_too) {
+TEST_F(pool, returns_null_for_a_refused_chunk_even_without_a_granted_size) {
   fake_pages::refuse(1);
   EXPECT_EQ(take(128), nullptr);
   EXPECT_NE(take(128), nullptr);
 }
 
-TEST_F(pool, ends_the_process_when_its_descriptor_is_refused) {
+TEST_F(pool, crashes_if_its_descriptor_is_refused) {
   pools::take_slots(0);
   fake_pages::refuse(1);
   EXPECT_DEATH(take(128), "");
@@ -339,13 +339,13 @@ TEST_F(sweep, reads_no_released_descriptor) {
   EXPECT_EQ(chunks_of(pools::pair_class.size), pools::made_order({b[0], b[2], b[1]}));
 }
 
-TEST_F(sweep, keeps_the_chunk_that_holds_all_that_is_free) {
+TEST_F(sweep, retains_the_chunk_that_holds_all_free_blocks) {
   const auto b = pools::fill_chunks(pools::pair_class, 5);
   give(b[2]);
   EXPECT_EQ(counts_of(pools::pair_class.size), (counts{5, 2}));
 }
 
-TEST_F(sweep, waits_until_a_chunk_becomes_empty_and_then_takes_every_empty_one) {
+TEST_F(sweep, starts_when_a_chunk_becomes_empty_and_unmaps_every_empty_one) {
   const auto b = pools::fill_chunks(pools::pair_class, 5);
   give(b[1]);  // the reserve
   EXPECT_EQ(free_one(b[3][0]), (counts{5, 3}));
@@ -368,7 +368,7 @@ TEST_F(sweep, is_not_started_by_the_first_chunk) {
   EXPECT_EQ(chunks_of(pools::pair_class.size)[0], pools::header_of(b[0][0]));
 }
 
-TEST_F(sweep, keeps_the_first_chunk_though_it_is_empty) {
+TEST_F(sweep, retains_the_first_chunk_even_if_it_is_empty) {
   const auto b = pools::fill_chunks(pools::pair_class, 4);
   give(b[0]);
   give(b[1]);
@@ -376,7 +376,7 @@ TEST_F(sweep, keeps_the_first_chunk_though_it_is_empty) {
   EXPECT_EQ(chunks_of(pools::pair_class.size), pools::made_order({b[0], b[3], b[2]}));
 }
 
-TEST_F(sweep, counts_exactly_though_the_first_chunk_is_small) {
+TEST_F(sweep, counts_exactly_with_a_smaller_first_chunk) {
   const auto b = pools::fill_chunks(size_classes::all[0], 5);
   const counts forward[] = {{5, 2048}, {4, 2048}, {3, 2048}, {3, 67584}, {3, 133120}};
   for (size_t i = 0; i < 5; ++i) {
@@ -386,7 +386,7 @@ TEST_F(sweep, counts_exactly_though_the_first_chunk_is_small) {
   }
 }
 
-TEST_F(sweep, keeps_a_reserve_though_the_first_chunk_is_small) {
+TEST_F(sweep, retains_a_reserve_with_a_smaller_first_chunk) {
   const auto b = pools::fill_chunks(size_classes::all[0], 5);
   const counts backward[] = {{5, 65536}, {3, 0}, {3, 65536}, {3, 131072}, {3, 133120}};
   for (size_t i = 0; i < 5; ++i) {

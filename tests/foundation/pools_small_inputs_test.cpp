@@ -369,7 +369,7 @@ TEST_F(pools_small_inputs, Chunks_with_one_block_each_are_released_as_by_the_mod
 }
 
 // The first chunk holds 16 blocks, the others 32.
-TEST_F(pools_small_inputs, A_smaller_first_chunk_is_kept_as_by_the_model) {
+TEST_F(pools_small_inputs, A_smaller_first_chunk_is_retained_as_by_the_model) {
   std::vector<size_t> given;
   const std::vector<size_t> last = {0, 16, 48, 80, 81};
   for (size_t i = 0; i < 112; ++i)
@@ -377,7 +377,7 @@ TEST_F(pools_small_inputs, A_smaller_first_chunk_is_kept_as_by_the_model) {
   judge({"sequences of up to 4 requests, a smaller first chunk", {65536}, 4, prepared(65536, 112, given), last}).all();
 }
 
-TEST_F(pools_small_inputs, A_chunk_in_reserve_is_kept_as_by_the_model) {
+TEST_F(pools_small_inputs, A_reserve_chunk_is_retained_as_by_the_model) {
   judge({"sequences of up to 5 requests, four chunks, the last one in reserve",
          {mebibyte},
          5,

@@ -46,7 +46,7 @@ struct does_not_fit : ym::memheap_ {
   char bytes[57] = {};
 };
 
-TEST_F(self_heap, is_where_objects_of_its_classes_are_made_and_deleted) {
+TEST_F(self_heap, holds_the_objects_of_its_classes) {
   static_assert(std::is_empty_v<ym::memheap_>);
   static_assert(std::is_base_of_v<ym::memheap_, blk_chunk>);
   static_assert(std::is_base_of_v<ym::memheap_, ym::blk_alloctor<ym::spinlock>>);
@@ -83,7 +83,7 @@ TEST_F(self_heap, reuses_the_last_freed_slot_first) {
   EXPECT_EQ(read<slots>(self().chunks).bump, 35U);
 }
 
-TEST_F(self_heap, ignores_null_and_addresses_that_are_no_slots) {
+TEST_F(self_heap, ignores_null_and_addresses_that_are_not_slots) {
   char* c = const_cast<char*>(self().chunks);
   char local[64] = {};
   void* foreign[] = {nullptr, local, c, c + sizeof(slots) - 1, c + sizeof(slots) + size_t{8191} * 64, c - 1};
@@ -108,7 +108,7 @@ TEST_F(self_heap, maps_a_second_chunk_in_front_when_8191_slots_are_taken) {
   EXPECT_EQ(self().free, 8190U);
 }
 
-TEST_F(self_heap, takes_back_the_first_and_the_last_slot_of_a_chunk) {
+TEST_F(self_heap, frees_the_first_and_the_last_slot_of_a_chunk) {
   const pools::full_heap h;
   const char* c = self().chunks;
   ASSERT_EQ(h.newer.front(), pools::slot_at(c, 0));
@@ -119,7 +119,7 @@ TEST_F(self_heap, takes_back_the_first_and_the_last_slot_of_a_chunk) {
   EXPECT_EQ(read<slots>(c).free, 2U);
 }
 
-TEST_F(self_heap, moves_the_chunk_that_served_to_the_front_when_it_has_room_left) {
+TEST_F(self_heap, moves_the_chunk_that_served_to_the_front_if_it_has_room_left) {
   const pools::full_heap h;
   const pools::list c = pools::heap_chunks();
   ym::memheap_::operator delete(h.older[0]);
@@ -137,14 +137,14 @@ TEST_F(self_heap, leaves_the_chunk_that_served_its_last_slot_in_place) {
   EXPECT_EQ(self().free, 0U);
 }
 
-TEST_F(self_heap, keeps_its_first_chunk_when_that_becomes_empty) {
+TEST_F(self_heap, retains_its_first_chunk_when_it_becomes_empty) {
   const pools::full_heap h;
   pools::give_slots(h.newer);
   EXPECT_EQ(pools::heap_chunks().size(), 2U);
   EXPECT_EQ(self().free, 8191U);
 }
 
-TEST_F(self_heap, unmaps_a_later_chunk_when_that_becomes_empty) {
+TEST_F(self_heap, unmaps_a_later_chunk_when_it_becomes_empty) {
   const pools::full_heap h;
   const pools::list c = pools::heap_chunks();
   ym::memheap_::operator delete(h.older[0]);
@@ -188,7 +188,7 @@ TEST_F(self_heap, unmaps_a_chunk_by_the_length_it_was_mapped_with) {
   EXPECT_EQ(pools::live().count(mapping), 0U);
 }
 
-TEST_F(self_heap, returns_null_when_its_count_promises_a_slot_that_no_chunk_has) {
+TEST_F(self_heap, returns_null_if_it_counts_a_free_slot_that_no_chunk_has) {
   pools::take_slots(0);
   pools::write(pools::at(0), &pools::heap::free, 1);
   EXPECT_EQ(ym::memheap_::operator new(56), nullptr);
@@ -196,7 +196,7 @@ TEST_F(self_heap, returns_null_when_its_count_promises_a_slot_that_no_chunk_has)
   pools::write(pools::at(0), &pools::heap::free, 0);
 }
 
-TEST_F(self_heap, notices_counts_that_disagree_with_its_chunks) {
+TEST_F(self_heap, is_invalid_if_its_counts_disagree_with_its_chunks) {
   const char* c = self().chunks;
   EXPECT_TRUE(pools::is_noticed<pools::heap>(pools::at(0), [](auto& s) { ++s.free; }));
   EXPECT_TRUE(pools::is_noticed<slots>(c, [](auto& s) { ++s.free; }));

@@ -44,7 +44,7 @@ TEST_F(spin_lock, is_held_for_the_guards_scope) {
   EXPECT_EQ(l.unlocked, 1);
 }
 
-TEST_F(spin_lock, is_not_taken_through_a_null_pointer) {
+TEST_F(spin_lock, is_not_acquired_through_a_null_pointer) {
   fake_locks::recording recording;
   { const ym::guard<ym::spinlock> hold(nullptr); }
   const auto events = recording.stop();
@@ -81,7 +81,7 @@ TEST_F(spin_lock, excludes_other_threads) {
   EXPECT_EQ(plain, 40000);
 }
 
-TEST_F(spin_lock, and_its_guard_are_not_copied) {
+TEST_F(spin_lock, and_its_guard_cannot_be_copied) {
   EXPECT_FALSE(std::is_copy_constructible_v<ym::spinlock>);
   EXPECT_FALSE(std::is_copy_assignable_v<ym::spinlock>);
   EXPECT_FALSE(std::is_copy_constructible_v<ym::guard<ym::spinlock>>);
@@ -107,13 +107,13 @@ std::vector<std::string> locks_of(size_t size, STEP step) {
 }
 using calls = std::vector<std::string>;
 
-TEST_F(spin_lock, of_the_pool_alone_is_held_for_a_block_and_its_return) {
+TEST_F(spin_lock, of_the_pool_alone_is_held_during_malloc_and_free) {
   void* p = nullptr;
   EXPECT_EQ(locks_of(16, [&] { p = take(16); }), (calls{"pool+0", "pool-0"}));
   EXPECT_EQ(locks_of(16, [&] { ym_free(p); }), (calls{"pool+0", "pool-0"}));
 }
 
-TEST_F(spin_lock, of_the_pool_is_held_while_a_chunk_is_mapped_and_the_self_heaps_only_within) {
+TEST_F(spin_lock, of_the_pool_encloses_that_of_the_self_heap_while_a_chunk_is_mapped) {
   void* p = nullptr;
   EXPECT_EQ(locks_of(128, [&] { p = take(128); }), (calls{"pool+0", "heap+0", "heap-0", "pool-1"}));
   ym_free(p);
@@ -131,13 +131,13 @@ TEST_F(spin_lock, is_not_needed_for_large_blocks) {
   EXPECT_EQ(locks_of(16, [] { ym_free(take(4194305)); }), calls{});
 }
 
-TEST_F(spin_lock, of_the_self_heap_is_held_for_a_slot_and_its_return) {
+TEST_F(spin_lock, of_the_self_heap_is_held_while_a_slot_is_allocated_or_freed) {
   void* p = nullptr;
   EXPECT_EQ(locks_of(16, [&] { p = ym::memheap_::operator new(8); }), (calls{"heap+0", "heap-0"}));
   EXPECT_EQ(locks_of(16, [&] { ym::memheap_::operator delete(p); }), (calls{"heap+0", "heap-0"}));
 }
 
-TEST_F(spin_lock, of_the_self_heap_is_taken_before_the_size_is_checked) {
+TEST_F(spin_lock, of_the_self_heap_is_acquired_before_the_size_is_checked) {
   for (const size_t n : {size_t{56}, size_t{57}, SIZE_MAX}) {
     void* p = nullptr;
     EXPECT_EQ(locks_of(16, [&] { p = ym::memheap_::operator new(n); }), (calls{"heap+0", "heap-0"})) << n;

@@ -49,7 +49,7 @@ using destruction = pools::fresh;
 
 // ---------------------------------------------------------------- startup
 
-TEST_F(startup, tunes_the_c_library_heap_first_to_one_arena_then_to_thresholds_of_one_mib) {
+TEST_F(startup, limits_the_c_library_heap_to_one_arena_then_sets_thresholds_of_one_mib) {
   ASSERT_EQ(tuned, 3U);
   EXPECT_EQ(tunings[0], std::pair(-8, 1));
   EXPECT_EQ(tunings[1], std::pair(-3, 1048576));
@@ -58,7 +58,7 @@ TEST_F(startup, tunes_the_c_library_heap_first_to_one_arena_then_to_thresholds_o
   static_assert(std::is_trivially_destructible_v<ym_glibc_noarena>);
 }
 
-TEST_F(startup, returns_the_parts_of_the_one_object) {
+TEST_F(startup, getters_return_the_parts_of_the_one_object) {
   EXPECT_EQ(static_cast<void*>(get_ym_alloctor_self()), static_cast<void*>(&g_ym_allocator));
   EXPECT_EQ(reinterpret_cast<const char*>(get_ym_allocator()), pools::at(offsetof(pools::object, allocator)));
   EXPECT_EQ(sizeof(ym_allocator_), 368U);
@@ -108,7 +108,7 @@ TEST_F(startup, describes_every_pool_at_its_offsets) {
   }
 }
 
-TEST_F(startup, makes_ready_chunks_without_taking_a_block_of_them) {
+TEST_F(startup, prepares_chunks_without_allocating_a_block) {
   for (size_t i = 0; i < 3; ++i) {
     SCOPED_TRACE(size_classes::all[i].size);
     const auto c = read<chunk>(pool_of(size_classes::all[i].size).head);
@@ -174,7 +174,7 @@ TEST_F(startup, releases_pool_and_descriptor_and_lock_of_an_omitted_class) {
   }
 }
 
-TEST_F(startup, ends_the_process_when_every_mapping_is_refused) {
+TEST_F(startup, crashes_if_every_mapping_is_refused) {
   const auto build = [] {
     g_ym_allocator.~ym_allocator_();
     fake_pages::refuse_all();
@@ -194,7 +194,7 @@ TEST_F(destruction, releases_every_mapping) {
   new (&g_ym_allocator) ym_allocator_;
 }
 
-TEST_F(destruction, empties_the_class_table_and_keeps_its_count) {
+TEST_F(destruction, clears_the_class_table_but_not_its_count) {
   g_ym_allocator.~ym_allocator_();
   const pools::table t = pools::all();
   EXPECT_EQ(t.classes, 30);
@@ -212,7 +212,7 @@ TEST_F(destruction, of_the_pools_returns_their_bookkeeping_to_the_self_heap) {
   new (get_ym_allocator()) ym::allocator;
 }
 
-TEST_F(destruction, of_the_pools_leaves_nothing_in_them_but_the_chain_of_free_slots) {
+TEST_F(destruction, of_the_pools_leaves_only_the_chain_of_free_slots) {
   for (const size_classes::row& row : size_classes::all) take(row.size);
   const pools::table before = pools::all();
   get_ym_allocator()->~allocator();
@@ -237,7 +237,7 @@ TEST_F(destruction, of_a_pool_reads_no_released_descriptor) {
   new (get_ym_allocator()) ym::allocator;
 }
 
-TEST_F(destruction, of_the_pools_may_come_before_that_of_the_whole) {
+TEST_F(destruction, of_the_pools_can_precede_that_of_the_whole) {
   get_ym_allocator()->~allocator();
   g_ym_allocator.~ym_allocator_();
   EXPECT_TRUE(pools::live().empty());
@@ -254,7 +254,7 @@ TEST_F(destruction, leaves_large_blocks_alone) {
   ::munmap(pools::mapping_of(p), 4198400);
 }
 
-TEST_F(destruction, releases_every_mapping_when_a_class_is_missing) {
+TEST_F(destruction, releases_every_mapping_even_if_a_class_is_missing) {
   rebuild(4096, 2);
   g_ym_allocator.~ym_allocator_();
   EXPECT_TRUE(pools::live().empty());

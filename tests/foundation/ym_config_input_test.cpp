@@ -57,7 +57,7 @@ calls scan_pipe(std::string_view bytes) {
 
 // ---------------------------------------------------------------- comment characters
 
-TEST(config_input, a_comment_character_begins_a_comment_whatever_else_it_means) {
+TEST(config_input, a_comment_character_begins_a_comment_even_if_it_has_another_meaning) {
   const struct {
     const char* label;
     int commentchar;
@@ -86,7 +86,7 @@ TEST(config_input, a_comment_character_begins_a_comment_whatever_else_it_means) 
   }
 }
 
-TEST(config_input, a_comment_character_that_is_no_byte_begins_no_comment) {
+TEST(config_input, a_comment_character_outside_0_to_255_begins_no_comment) {
   const calls expected = {{"s", "", ""}, {"s", ";a", "1#2;3"}, {"s", "#\xFF", "4\xFF"}};
   for (const int commentchar : {256, 256 + ';', 256 + '#', 0x10000 + ';', -1, ';' - 256, '#' - 256, -2147483647 - 1}) {
     SCOPED_TRACE(commentchar);
@@ -102,6 +102,6 @@ TEST(config_input, a_pipe_without_a_byte_order_mark_loses_its_first_three_bytes)
   EXPECT_EQ(scan_pipe("a=1\nb=2\n"), (calls{{"", "b", "2"}}));
 }
 
-TEST(config_input, a_pipe_with_a_byte_order_mark_is_read_whole) {
+TEST(config_input, a_pipe_with_a_byte_order_mark_is_read_completely) {
   EXPECT_EQ(scan_pipe("\xEF\xBB\xBFhostname=h1\n"), (calls{{"", "hostname", "h1"}}));
 }

@@ -122,7 +122,7 @@ TEST(config_cases, each_makes_the_expected_calls) {
   }
 }
 
-TEST(config_cases, each_makes_the_expected_calls_from_memory_too) {
+TEST(config_cases, each_makes_the_expected_calls_from_memory) {
   for (const config_case& c : config_cases()) EXPECT_EQ(scan_text(input_of(c), c.commentchar), calls_of(c)) << c.name;
 }
 
@@ -152,7 +152,7 @@ TEST(config, a_null_stream_is_refused_without_a_call) {
   EXPECT_EQ(calls, 0);
 }
 
-TEST(config, a_stream_that_is_not_open_is_at_its_end) {
+TEST(config, a_stream_that_is_not_open_is_empty) {
   ym::rstream_file in;
   EXPECT_EQ(scan(in), "");
   EXPECT_FALSE(in.is_open());
@@ -172,7 +172,7 @@ TEST(config, a_second_scan_starts_over_at_the_first_byte) {
   EXPECT_EQ(scan(in), first);
 }
 
-TEST(config, a_byte_order_mark_is_skipped_once_and_read_as_key_when_the_scan_starts_over) {
+TEST(config, a_second_scan_reads_the_byte_order_mark_as_part_of_the_key) {
   memory_stream in(
       "\xEF\xBB\xBF"
       "a=1\n");
@@ -183,7 +183,7 @@ TEST(config, a_byte_order_mark_is_skipped_once_and_read_as_key_when_the_scan_sta
                            "1"));
 }
 
-TEST(config, a_scan_that_finds_a_byte_order_mark_where_the_stream_stands_goes_on_from_there) {
+TEST(config, a_scan_that_finds_a_byte_order_mark_continues_after_it) {
   memory_stream in(
       "a=1\n\xEF\xBB\xBF"
       "b=2\n");
@@ -193,7 +193,7 @@ TEST(config, a_scan_that_finds_a_byte_order_mark_where_the_stream_stands_goes_on
 
 // ---------------------------------------------------------------- callback
 
-TEST(config, the_callback_ends_the_scan_with_success_at_every_kind_of_call) {
+TEST(config, the_callback_can_end_the_scan_at_every_kind_of_call) {
   const std::string bytes = "a=1\n[s]\nb=2\nc=3\n";
   const std::string all[] = {call("", "a", "1"), call("s", "", ""), call("s", "b", "2"), call("s", "c", "3")};
   std::string until;
@@ -204,7 +204,7 @@ TEST(config, the_callback_ends_the_scan_with_success_at_every_kind_of_call) {
   }
 }
 
-TEST(config, every_result_but_0_ends_the_scan) {
+TEST(config, every_result_except_0_ends_the_scan) {
   for (const int result : {1, 2, -1, 256, INT32_MIN}) {
     SCOPED_TRACE(result);
     int calls = 0;
@@ -215,7 +215,7 @@ TEST(config, every_result_but_0_ends_the_scan) {
   }
 }
 
-TEST(config, a_scan_that_is_ended_leaves_the_stream_behind_the_last_byte_read) {
+TEST(config, an_ended_scan_leaves_the_stream_after_the_last_byte_read) {
   const struct {
     const char* label;
     const char* bytes;
@@ -233,7 +233,7 @@ TEST(config, a_scan_that_is_ended_leaves_the_stream_behind_the_last_byte_read) {
   }
 }
 
-TEST(config, a_callback_without_a_target_raises_when_it_is_to_be_called_and_not_before) {
+TEST(config, an_empty_callback_throws_at_its_first_call) {
   const size_t before = blocks::live();
   for (const char* bytes : {"a=1\n", "[s]\n"}) {
     memory_stream in(bytes);
@@ -244,7 +244,7 @@ TEST(config, a_callback_without_a_target_raises_when_it_is_to_be_called_and_not_
   EXPECT_EQ(blocks::live(), before);
 }
 
-TEST(config, what_the_callback_throws_passes_through) {
+TEST(config, scan_passes_on_what_the_callback_throws) {
   memory_stream in("a=1\n");
   const auto fail = [](const text&, const text&, const text&) -> int { throw std::runtime_error("callback"); };
   EXPECT_THROW(config().scan(&in, fail, 0), std::runtime_error);
@@ -269,7 +269,7 @@ TEST(config, one_scanner_scans_a_second_stream_during_a_call) {
   EXPECT_EQ(calls, inner_calls + "outer \"s\"\"\"\"\"\n" + inner_calls + "outer \"s\"\"a\"\"1\"\n");
 }
 
-TEST(config, threads_scan_streams_of_their_own_side_by_side) {
+TEST(config, threads_scan_separate_streams_at_the_same_time) {
   const config_case& example = find_case("example");
   const scratch_file file(input_of(example));
   std::vector<std::string> calls(4);
@@ -282,7 +282,7 @@ TEST(config, threads_scan_streams_of_their_own_side_by_side) {
 
 // ---------------------------------------------------------------- memory
 
-TEST(config, all_storage_is_given_back_however_the_scan_ends) {
+TEST(config, scan_releases_all_storage) {
   const size_t before = blocks::live();
   const std::string bytes = "[a section longer than one block]\na key = a value longer than one block\n[unterminated";
   for (const int last : {0, 1, 2}) {
@@ -292,13 +292,13 @@ TEST(config, all_storage_is_given_back_however_the_scan_ends) {
   }
 }
 
-TEST(config, bytes_for_which_there_is_no_storage_are_dropped_and_the_scan_goes_on) {
+TEST(config, the_scan_drops_bytes_that_get_no_storage_and_continues) {
   const blocks::exhausted none(32);
   EXPECT_EQ(scan_text("[sectionname]\nlonghostname = longvalue # c\nab=cd\n"),
             call("section", "", "") + call("section", "longhos", "longval") + call("section", "ab", "cd"));
 }
 
-TEST(config, without_any_storage_every_call_is_made_with_empty_strings) {
+TEST(config, without_storage_every_call_gets_empty_strings) {
   const blocks::exhausted none(16);
   EXPECT_EQ(scan_text("[s]\na=1\n=2\n"), call("", "", "") + call("", "", "") + call("", "", ""));
 }
@@ -331,7 +331,7 @@ TEST(rstream_file, reads_each_byte_as_a_number_from_0_to_255) {
   EXPECT_EQ(in.get(), -1);
 }
 
-TEST(rstream_file, rewinds_to_the_first_byte_also_from_the_end) {
+TEST(rstream_file, rewinds_to_the_first_byte_even_from_the_end) {
   const scratch_file file("ab");
   ym::rstream_file in;
   ASSERT_TRUE(in.open(file.path().c_str()));
@@ -344,7 +344,7 @@ TEST(rstream_file, rewinds_to_the_first_byte_also_from_the_end) {
   EXPECT_EQ(in.get(), 'a');
 }
 
-TEST(rstream_file, rewinding_what_is_not_open_does_nothing) {
+TEST(rstream_file, rewinding_a_closed_stream_does_nothing) {
   ym::rstream_file in;
   in.rewind();
   EXPECT_FALSE(in.is_open());
@@ -362,7 +362,7 @@ TEST(rstream_file, an_empty_and_a_null_path_open_nothing) {
   EXPECT_EQ(opened, std::vector<std::string>{});
 }
 
-TEST(rstream_file, a_missing_file_leaves_the_stream_not_open) {
+TEST(rstream_file, a_missing_file_does_not_open) {
   ym::rstream_file in;
   EXPECT_FALSE(in.open("/nonexistent/ip6dns.conf"));
   EXPECT_FALSE(in.is_open());
@@ -377,12 +377,12 @@ TEST(rstream_file, a_directory_opens_and_is_at_its_end) {
   EXPECT_EQ(scan(in), "");
 }
 
-TEST(rstream_file, is_not_copied_for_its_file_is_closed_once) {
+TEST(rstream_file, cannot_be_copied) {
   EXPECT_FALSE(std::is_copy_constructible_v<ym::rstream_file>);
   EXPECT_FALSE(std::is_copy_assignable_v<ym::rstream_file>);
 }
 
-TEST(rstream_file, gives_its_file_back_when_it_is_destroyed) {
+TEST(rstream_file, closes_its_file_when_it_is_destroyed) {
   const scratch_file file("ab");
   const long before = open_descriptors();
   {
@@ -403,7 +403,7 @@ TEST(rstream_file, opening_another_closes_the_first) {
   EXPECT_EQ(in.get(), 'b');
 }
 
-TEST(rstream_file, a_failed_opening_closes_the_first_too) {
+TEST(rstream_file, a_failed_opening_closes_the_first) {
   const scratch_file file("a");
   const long before = open_descriptors();
   for (const char* path : {"", "/nonexistent/ip6dns.conf"}) {

@@ -164,7 +164,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
 
 // ---------------------------------------------------------------- what lies where
 
-TEST_F(handle, a_new_table_holds_its_fields_in_order_and_nothing_else) {
+TEST_F(handle, a_new_table_has_its_fields_in_order) {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
   EXPECT_EQ(sizeof table, count_at + 8);
   EXPECT_EQ(lastid(), -1);
@@ -174,7 +174,7 @@ TEST_F(handle, a_new_table_holds_its_fields_in_order_and_nothing_else) {
   EXPECT_EQ(count(), 0U);
 }
 
-TEST_F(handle, the_fields_lie_where_others_read_them) {
+TEST_F(handle, the_fields_have_fixed_offsets) {
 #ifdef __aarch64__
   EXPECT_EQ(buckets_at, 56U);
   EXPECT_EQ(sizeof table, 80U);
@@ -184,7 +184,7 @@ TEST_F(handle, the_fields_lie_where_others_read_them) {
 #endif
 }
 
-TEST_F(handle, buckets_come_from_the_pools_and_start_empty_whatever_their_block_held) {
+TEST_F(handle, buckets_come_from_the_pools_and_start_empty_in_a_reused_block) {
   soil(8192);
   const size_t before = blocks::live();
   const probes other;
@@ -193,7 +193,7 @@ TEST_F(handle, buckets_come_from_the_pools_and_start_empty_whatever_their_block_
   for (int i = 0; i < bucket_count; ++i) ASSERT_TRUE(chain(&other, i).empty()) << i;
 }
 
-TEST_F(handle, an_entry_is_one_block_of_the_pools_and_the_object_is_none) {
+TEST_F(handle, an_entry_is_a_block_of_the_pools_and_its_object_is_not) {
   const size_t before = blocks::live();
   ASSERT_EQ(table.create(), 0);
   EXPECT_EQ(blocks::live(), before + 1);
@@ -203,7 +203,7 @@ TEST_F(handle, an_entry_is_one_block_of_the_pools_and_the_object_is_none) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-TEST_F(handle, an_entry_holds_handle_object_and_four_zero_words_whatever_its_block_held) {
+TEST_F(handle, an_entry_has_handle_object_and_four_zero_words_in_a_reused_block) {
   soil(sizeof(entry));
   ASSERT_EQ(table.create(), 0);
   const std::vector<entry> found = chain(&table, 0);
@@ -214,7 +214,7 @@ TEST_F(handle, an_entry_holds_handle_object_and_four_zero_words_whatever_its_blo
   for (const uintptr_t word : found[0].words) EXPECT_EQ(word, 0U);
 }
 
-TEST_F(handle, every_handle_lies_in_the_bucket_of_21_times_itself) {
+TEST_F(handle, handle_h_is_in_bucket_21_times_h) {
   for (int h = 0; h <= last_handle; ++h) {
     ASSERT_EQ(table.create(), h);
     ASSERT_EQ(ids(chain(&table, bucket_of(h))), std::vector<int>{h});
@@ -223,7 +223,7 @@ TEST_F(handle, every_handle_lies_in_the_bucket_of_21_times_itself) {
   }
 }
 
-TEST_F(handle, handles_1024_apart_share_a_bucket_the_newest_in_front) {
+TEST_F(handle, handles_1024_apart_share_a_bucket_newest_first) {
   for (const int h : {0, 5, 1024, 1029, 2048}) {
     pass(h - 1);
     ASSERT_EQ(table.create(), h);
@@ -232,7 +232,7 @@ TEST_F(handle, handles_1024_apart_share_a_bucket_the_newest_in_front) {
   EXPECT_EQ(ids(chain(&table, bucket_of(5))), (std::vector<int>{1029, 5}));
 }
 
-TEST_F(handle, an_entry_leaves_its_chain_from_the_front_the_middle_and_the_end) {
+TEST_F(handle, an_entry_is_removed_from_the_front_the_middle_and_the_end_of_its_chain) {
   std::vector<int> order = {0, 1024, 2048};
   do {
     SCOPED_TRACE(testing::PrintToString(order));
@@ -261,7 +261,7 @@ TEST_F(handle, the_first_handle_is_0_and_they_count_upwards) {
   EXPECT_EQ(probe::made, 4);
 }
 
-TEST_F(handle, a_deleted_handle_is_not_given_out_again_at_once) {
+TEST_F(handle, a_deleted_handle_is_not_reused_at_once) {
   create(3);
   EXPECT_EQ(table.del(1), 0);
   EXPECT_EQ(table.del(2), 0);
@@ -269,7 +269,7 @@ TEST_F(handle, a_deleted_handle_is_not_given_out_again_at_once) {
   EXPECT_EQ(table.create(), 4);
 }
 
-TEST_F(handle, after_2048_comes_1) {
+TEST_F(handle, handle_1_follows_2048) {
   pass(2047);
   EXPECT_EQ(table.create(), 2048);
   EXPECT_EQ(lastid(), 2048);
@@ -277,7 +277,7 @@ TEST_F(handle, after_2048_comes_1) {
   EXPECT_EQ(lastid(), 1);
 }
 
-TEST_F(handle, handle_0_is_given_out_once_and_never_again) {
+TEST_F(handle, handle_0_is_used_once) {
   pass(0);
   for (int i = 0; i < 2 * last_handle; ++i) {
     const int h = table.create();
@@ -286,7 +286,7 @@ TEST_F(handle, handle_0_is_given_out_once_and_never_again) {
   }
 }
 
-TEST_F(handle, with_1_to_5_in_use_6_comes_after_2048) {
+TEST_F(handle, with_1_to_5_in_use_6_follows_2048) {
   pass(0);
   ASSERT_EQ(create(5), (std::vector<int>{1, 2, 3, 4, 5}));
   pass(2048);
@@ -295,7 +295,7 @@ TEST_F(handle, with_1_to_5_in_use_6_comes_after_2048) {
   EXPECT_EQ(table.create(), 7);
 }
 
-TEST_F(handle, handles_in_use_are_stepped_over_in_the_middle_too) {
+TEST_F(handle, handles_in_use_are_skipped_in_the_middle) {
   create(3);
   pass(2048);
   ASSERT_EQ(table.create(), 3);
@@ -305,7 +305,7 @@ TEST_F(handle, handles_in_use_are_stepped_over_in_the_middle_too) {
   EXPECT_EQ(table.create(), 4);
 }
 
-TEST_F(handle, stepping_over_handles_in_use_goes_on_at_1_behind_2048) {
+TEST_F(handle, skipping_handles_in_use_continues_at_1_after_2048) {
   pass(2046);
   ASSERT_EQ(create(3), (std::vector<int>{2047, 2048, 1}));
   pass(2046);
@@ -313,7 +313,7 @@ TEST_F(handle, stepping_over_handles_in_use_goes_on_at_1_behind_2048) {
   EXPECT_EQ(lastid(), 2);
 }
 
-TEST_F(handle, handle_0_in_use_does_not_disturb_the_count_after_2048) {
+TEST_F(handle, handle_0_in_use_does_not_affect_the_count_after_2048) {
   ASSERT_EQ(table.create(), 0);
   pass(2048);
   EXPECT_EQ(table.create(), 1);
@@ -332,7 +332,7 @@ TEST_F(handle, object_1025_is_refused_and_changes_nothing) {
   EXPECT_FALSE(is_locked(&table));
 }
 
-TEST_F(handle, a_full_table_takes_one_more_for_each_that_is_deleted) {
+TEST_F(handle, a_full_table_accepts_one_object_for_each_deleted_one) {
   create(1024);
   EXPECT_EQ(table.create(), -1);
   EXPECT_EQ(table.del(500), 0);
@@ -352,7 +352,7 @@ TEST_F(handle, a_table_full_of_the_lowest_handles_finds_the_one_that_is_free) {
 
 // ---------------------------------------------------------------- get and del
 
-TEST_F(handle, each_handle_leads_to_an_object_of_its_own) {
+TEST_F(handle, each_handle_has_a_separate_object) {
   create(3);
   EXPECT_NE(table.get(0), nullptr);
   EXPECT_EQ(table.get(0), table.get(0));
@@ -360,7 +360,7 @@ TEST_F(handle, each_handle_leads_to_an_object_of_its_own) {
   EXPECT_NE(table.get(1), table.get(2));
 }
 
-TEST_F(handle, an_empty_table_knows_no_handle) {
+TEST_F(handle, an_empty_table_finds_no_handle) {
   for (const int h : {0, 1, -1, 1024, 2048, 5000, INT_MIN, INT_MAX}) {
     EXPECT_EQ(table.get(h), nullptr) << h;
     EXPECT_EQ(table.del(h), -1) << h;
@@ -368,7 +368,7 @@ TEST_F(handle, an_empty_table_knows_no_handle) {
   EXPECT_EQ(count(), 0U);
 }
 
-TEST_F(handle, an_unknown_handle_is_null_and_deletes_nothing_also_where_it_shares_a_bucket) {
+TEST_F(handle, an_unknown_handle_is_null_and_deletes_nothing_even_in_a_shared_bucket) {
   create(2);
   for (const int h : {2, -1, 1024, 1025, 2048, 2049, 5000, -1024, INT_MIN, INT_MAX}) {
     EXPECT_EQ(table.get(h), nullptr) << h;
@@ -378,7 +378,7 @@ TEST_F(handle, an_unknown_handle_is_null_and_deletes_nothing_also_where_it_share
   EXPECT_TRUE(probe::gone.empty());
 }
 
-TEST_F(handle, deleting_destroys_the_object_once_and_forgets_the_handle) {
+TEST_F(handle, deleting_destroys_the_object_once_and_removes_the_handle) {
   create(3);
   const probe* p = table.get(1);
   EXPECT_EQ(table.del(1), 0);
@@ -391,7 +391,7 @@ TEST_F(handle, deleting_destroys_the_object_once_and_forgets_the_handle) {
   EXPECT_EQ(lastid(), 2);
 }
 
-TEST_F(handle, a_table_without_buckets_or_count_knows_no_handle) {
+TEST_F(handle, a_table_without_buckets_or_count_finds_no_handle) {
   ASSERT_EQ(table.create(), 0);
   const auto* buckets = field<const char*>(&table, buckets_at);
   pools::write<const char*>(&table, buckets_at, nullptr);
@@ -417,7 +417,7 @@ TEST_F(handle, deleting_an_entry_without_object_removes_the_entry) {
   delete p;
 }
 
-TEST_F(handle, is_invalid_when_count_object_or_handle_are_out_of_step) {
+TEST_F(handle, is_invalid_if_count_object_or_handle_disagree) {
   ASSERT_EQ(table.create(), 0);
   const char* e = *field<const char* const*>(&table, buckets_at);
   const auto broken = [&](const void* at, size_t offset, auto value) {
@@ -436,7 +436,7 @@ TEST_F(handle, is_invalid_when_count_object_or_handle_are_out_of_step) {
 
 // ---------------------------------------------------------------- lock
 
-TEST_F(handle, objects_are_made_and_destroyed_under_the_lock) {
+TEST_F(handle, objects_are_created_and_destroyed_under_the_lock) {
   std::vector<bool> held;
   probe::at_birth = probe::at_death = [&] { held.push_back(is_locked(&table)); };
   ASSERT_EQ(table.create(), 0);
@@ -464,7 +464,7 @@ TEST_F(handle, del_destroys_the_object_while_its_entry_is_still_linked_and_count
   EXPECT_EQ(count(), 1U);
 }
 
-TEST_F(handle, every_operation_locks_once_also_when_it_finds_nothing) {
+TEST_F(handle, every_operation_locks_once_even_if_it_finds_nothing) {
   watched = mutex_of(&table);
   const std::function<void()> operations[] = {
       [&] { table.get(0); }, [&] { table.del(0); },  [&] { table.create(); }, [&] { table.get(0); },
@@ -477,7 +477,7 @@ TEST_F(handle, every_operation_locks_once_also_when_it_finds_nothing) {
   }
 }
 
-TEST_F(handle, what_others_do_while_a_call_waits_for_the_lock_counts) {
+TEST_F(handle, a_call_that_waited_for_the_lock_sees_the_changes_of_others) {
   create(3);
   watched = mutex_of(&table);
   meanwhile = [&] { EXPECT_EQ(table.del(1), 0); };
@@ -490,7 +490,7 @@ TEST_F(handle, what_others_do_while_a_call_waits_for_the_lock_counts) {
   EXPECT_EQ(count(), 1024U);
 }
 
-TEST_F(handle, a_refused_lock_is_a_system_error_and_changes_nothing) {
+TEST_F(handle, a_refused_lock_throws_system_error_and_changes_nothing) {
   create(2);
   for (const int error : {EINVAL, EAGAIN}) {
     refuse(error);
@@ -505,7 +505,7 @@ TEST_F(handle, a_refused_lock_is_a_system_error_and_changes_nothing) {
   EXPECT_TRUE(probe::gone.empty());
 }
 
-TEST_F(handle, an_object_that_throws_at_birth_is_not_registered_and_uses_up_its_handle) {
+TEST_F(handle, an_object_whose_constructor_throws_is_not_registered_and_uses_up_its_handle) {
   ASSERT_EQ(table.create(), 0);
   const size_t before = blocks::live();
   probe::at_birth = [] { throw std::runtime_error("birth"); };
@@ -526,7 +526,7 @@ constexpr char assertion[] =
     "com/ymlib3/ym_alloctor:597: void\\* ym::blk_alloctor<LOCK>::malloc_\\(size_t\\*\\) "
     "\\[with LOCK = ym::spinlock; size_t = long unsigned int\\]: Assertion `pret != nullptr' failed\\.";
 
-TEST_F(handle_death, an_entry_that_cannot_be_had_ends_the_process_by_the_assertion) {
+TEST_F(handle_death, an_entry_that_cannot_be_allocated_aborts_with_the_assertion) {
   EXPECT_DEATH(
       {
         const blocks::exhausted none(sizeof(entry));
@@ -535,7 +535,7 @@ TEST_F(handle_death, an_entry_that_cannot_be_had_ends_the_process_by_the_asserti
       assertion);
 }
 
-TEST_F(handle_death, buckets_that_cannot_be_had_end_the_process_by_the_assertion) {
+TEST_F(handle_death, buckets_that_cannot_be_allocated_abort_with_the_assertion) {
   EXPECT_DEATH(
       {
         const blocks::exhausted none(8192);
@@ -588,7 +588,7 @@ TEST_F(handle, destruction_destroys_each_object_once_in_bucket_order) {
   EXPECT_EQ(probe::gone, objects);
 }
 
-TEST_F(handle, destruction_gives_all_memory_back_once_every_object_is_gone) {
+TEST_F(handle, destruction_releases_all_memory_after_the_last_object) {
   const size_t before = blocks::live();
   mortal t;
   for (int i = 0; i < 100; ++i) ASSERT_EQ(t->create(), i);
@@ -600,7 +600,7 @@ TEST_F(handle, destruction_gives_all_memory_back_once_every_object_is_gone) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-TEST_F(handle, destruction_leaves_no_pointer_to_an_object_that_is_gone) {
+TEST_F(handle, destruction_leaves_no_pointer_to_a_destroyed_object) {
   mortal t;
   for (int i = 0; i < 3; ++i) ASSERT_EQ(t->create(), i);
   std::vector<bool> left;
@@ -612,7 +612,7 @@ TEST_F(handle, destruction_leaves_no_pointer_to_an_object_that_is_gone) {
   EXPECT_EQ(left, (std::vector<bool>{false, false, true}));  // the last one is being destroyed just now
 }
 
-TEST_F(handle, destruction_takes_no_lock) {
+TEST_F(handle, destruction_acquires_no_lock) {
   mortal t;
   ASSERT_EQ(t->create(), 0);
   watched = mutex_of(t.get());
@@ -631,7 +631,7 @@ TEST_F(handle, destruction_leaves_the_table_without_buckets) {
   EXPECT_EQ(field<const void*>(t.get(), buckets_at), nullptr);
 }
 
-TEST_F(handle, destruction_of_an_empty_table_gives_its_buckets_back) {
+TEST_F(handle, destruction_of_an_empty_table_releases_its_buckets) {
   const size_t before = blocks::live();
   mortal t;
   t.destroy();
@@ -653,7 +653,7 @@ struct counted {
 
 }  // namespace
 
-TEST(handle_threads, eight_threads_make_find_and_delete_objects_of_their_own) {
+TEST(handle_threads, eight_threads_create_find_and_delete_separate_objects) {
   ym::handle<counted> table;
   std::vector<int> failed(8);
   in_threads(8, [&](size_t me) {
@@ -669,7 +669,7 @@ TEST(handle_threads, eight_threads_make_find_and_delete_objects_of_their_own) {
   EXPECT_TRUE(table.is_valid());
 }
 
-TEST(handle_threads, eight_threads_fill_a_table_to_the_last_place_with_distinct_handles) {
+TEST(handle_threads, eight_threads_fill_a_table_with_distinct_handles) {
   ym::handle<counted> table;
   std::vector<std::vector<int>> made(8);
   in_threads(8, [&](size_t me) {

@@ -111,7 +111,7 @@ TYPED_TEST(json_into, a_string_writes_the_eight_escapes) {
   }
 }
 
-TYPED_TEST(json_into, a_string_passes_every_other_byte_through) {
+TYPED_TEST(json_into, a_string_writes_every_other_byte_unchanged) {
   for (int i = 0; i < 256; ++i) {
     const auto c = static_cast<char>(i);
     if (escape_of(c)) continue;
@@ -176,7 +176,7 @@ TYPED_TEST(json_into, a_string_writes_members) {
   }
 }
 
-TYPED_TEST(json_into, a_string_leaves_out_a_member_without_value) {
+TYPED_TEST(json_into, a_string_omits_a_member_without_a_value) {
   TypeParam out;
   int count = 4;
   ym::js::out_jstring(count, "key", nullptr, 5, out);
@@ -185,7 +185,7 @@ TYPED_TEST(json_into, a_string_leaves_out_a_member_without_value) {
   EXPECT_EQ(count, 4);
 }
 
-TYPED_TEST(json_into, a_string_joins_members_by_bare_commas) {
+TYPED_TEST(json_into, a_string_joins_members_with_commas_and_no_spaces) {
   TypeParam out;
   int count = 0;
   out.push_back('{');
@@ -198,7 +198,7 @@ TYPED_TEST(json_into, a_string_joins_members_by_bare_commas) {
   EXPECT_EQ(count, 3);
 }
 
-TYPED_TEST(json_into, a_string_writes_all_of_a_long_value) {
+TYPED_TEST(json_into, a_string_writes_a_long_value_completely) {
   std::string value(100000, 'v');
   for (const char last : {'v', '/'}) {
     value.back() = last;
@@ -215,7 +215,7 @@ TYPED_TEST(json_into, a_string_writes_all_of_a_long_value) {
   for (volatile char& c : room) c = byte;
 }
 
-TEST_F(json, judges_a_value_by_its_bytes_whatever_lay_on_the_stack) {
+TEST_F(json, result_does_not_depend_on_earlier_stack_contents) {
   for (const char byte : {'\0', '\x01', '\xff'}) {
     for (const size_t n : {size_t{15}, size_t{16}, size_t{17}, size_t{40}}) {
       SCOPED_TRACE(n);
@@ -249,7 +249,7 @@ TEST_F(json, copies_a_value_without_escapes_in_one_piece) {
   }
 }
 
-TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
+TEST_F(json, finds_an_escape_at_every_position_of_a_value) {
   for (const size_t n : std::initializer_list<size_t>{1, 2, 7, 15, 16, 17, 31, 32, 33, 48, 50}) {
     for (size_t at = 0; at < n; ++at) {
       for (const escape_row& r : escape_rows) {
@@ -261,13 +261,13 @@ TEST_F(json, finds_an_escape_at_every_place_of_a_value) {
   }
 }
 
-TEST_F(json, escapes_a_value_that_is_one_such_character_again_and_again) {
+TEST_F(json, escapes_a_value_that_repeats_one_special_character) {
   for (const size_t n : std::initializer_list<size_t>{1, 15, 16, 17, 32, 50})
     for (const escape_row& r : escape_rows)
       EXPECT_EQ(pieces_of(std::string(n, r.c)).size(), 2 * n) << r.label << " " << n;
 }
 
-TEST_F(json, takes_no_other_byte_for_an_escape_at_any_place_of_a_value) {
+TEST_F(json, escapes_no_other_byte_at_any_position_of_a_value) {
   for (const size_t n : std::initializer_list<size_t>{1, 15, 17, 33}) {
     for (size_t at = 0; at < n; ++at) {
       for (int c = at == 0 ? 1 : 0; c < 256; ++c) {
@@ -280,7 +280,7 @@ TEST_F(json, takes_no_other_byte_for_an_escape_at_any_place_of_a_value) {
   }
 }
 
-TEST_F(json, looks_at_no_byte_beyond_the_length) {
+TEST_F(json, reads_no_byte_beyond_the_length) {
   const std::string around = "/" + std::string(40, 'v') + "/";
   for (size_t n = 1; n <= 40; ++n) {
     EXPECT_EQ(pieces_of(std::string_view(around).substr(1, n)).size(), 1U) << n;
@@ -313,7 +313,7 @@ TEST_F(json, reads_a_value_that_ends_where_memory_ends) {
   }
 }
 
-TEST_F(json, makes_room_for_key_and_separator_in_one_step) {
+TEST_F(json, reserves_room_for_key_and_separator_in_one_step) {
   roomy out;
   int count = 1;
   ym::js::out_jstring(count, "key", "value", 5, out);
@@ -323,7 +323,7 @@ TEST_F(json, makes_room_for_key_and_separator_in_one_step) {
 
 // ---------------------------------------------------------------- refused memory
 
-TEST_F(json, drops_what_there_is_no_memory_for) {
+TEST_F(json, drops_text_that_gets_no_memory) {
   // Blocks of up to 64 bytes are to be had, anything larger is not.
   const std::string v(200, 'v');
   const std::string k(200, 'k');
@@ -351,7 +351,7 @@ TEST_F(json, drops_what_there_is_no_memory_for) {
   }
 }
 
-TEST_F(json, drops_a_closing_quotation_mark_that_there_is_no_memory_for) {
+TEST_F(json, drops_a_closing_quotation_mark_that_gets_no_memory) {
   std::string before(30, 'x');
   ym::string_<> out;
   for (const char c : before) out.push_back(c);  // 55 characters fit from here
@@ -362,7 +362,7 @@ TEST_F(json, drops_a_closing_quotation_mark_that_there_is_no_memory_for) {
   EXPECT_EQ(count, 1);
 }
 
-TEST_F(json, writes_on_when_there_is_no_memory_for_the_first_characters) {
+TEST_F(json, continues_if_the_first_characters_get_no_memory) {
   const auto all = pools::take(16, 2048);
   ym::string_<> out;
   int count = 1;
@@ -373,7 +373,7 @@ TEST_F(json, writes_on_when_there_is_no_memory_for_the_first_characters) {
   pools::give(all);
 }
 
-TEST_F(json, lacks_no_more_than_the_value_when_one_mapping_is_refused) {
+TEST_F(json, loses_only_the_value_if_one_mapping_is_refused) {
   const std::string key(100, 'k'), value(1000, 'v');
   const std::string before = "\"" + key + "\":\"";
   const std::string texts[] = {before + value + "\"", before + value + "\"", before + "\""};

@@ -99,7 +99,7 @@ TEST_F(string, has_no_block_until_something_is_written) {
   EXPECT_EQ(snapshot(), before);
 }
 
-TEST_F(string, of_an_initial_capacity_takes_its_block_at_once) {
+TEST_F(string, of_an_initial_capacity_allocates_its_block_at_once) {
   const struct row {
     size_t n, block;
     uint32_t capacity;
@@ -141,7 +141,7 @@ TEST_F(string, of_more_than_the_largest_capacity_has_no_block) {
   }
 }
 
-TEST_F(string, of_an_initial_capacity_that_is_not_to_be_had_has_no_block) {
+TEST_F(string, of_an_initial_capacity_that_cannot_be_allocated_has_no_block) {
   for (const size_t n : {size_t{256}, size_t{5000000}, limit}) {
     SCOPED_TRACE(n);
     const snapshot before;
@@ -154,14 +154,14 @@ TEST_F(string, of_an_initial_capacity_that_is_not_to_be_had_has_no_block) {
   }
 }
 
-TEST_F(string, writes_on_after_its_initial_capacity_was_refused) {
+TEST_F(string, can_be_written_after_its_initial_capacity_was_refused) {
   fake_pages::refuse(1);
   text s(256);
   add(s, "abc");
   EXPECT_STREQ(s.c_str(), "abc");
 }
 
-TEST_F(string, gives_its_block_back_at_the_end) {
+TEST_F(string, releases_its_block_when_it_is_destroyed) {
   const uint32_t before = pools::pool_of(32).free;
   {
     text s;
@@ -178,7 +178,7 @@ TEST_F(string, gives_its_block_back_at_the_end) {
 
 // ---------------------------------------------------------------- growth
 
-TEST_F(string, filled_by_characters_grows_like_this) {
+TEST_F(string, filled_by_characters_grows_in_these_steps) {
   const struct row {
     uint32_t from;  // the character that moves it there
     size_t block;
@@ -240,7 +240,7 @@ TEST_F(string, grows_to_twice_the_need_up_to_15999_and_by_half_from_there) {
   }
 }
 
-TEST_F(string, reckons_with_all_it_will_hold_when_it_grows) {
+TEST_F(string, grows_for_its_whole_new_text) {
   text s;
   add(s, std::string(15990, 'a'));
   add(s, std::string(16760, 'b'));
@@ -250,7 +250,7 @@ TEST_F(string, reckons_with_all_it_will_hold_when_it_grows) {
   EXPECT_EQ(head(s), (header{49144, 32760}));
 }
 
-TEST_F(string, fills_its_block_but_for_one_byte_without_moving) {
+TEST_F(string, fills_all_of_its_block_except_one_byte_without_moving) {
   text s(256);
   const char* p = raw(s);
   add(s, std::string(375, 'a'));
@@ -262,7 +262,7 @@ TEST_F(string, fills_its_block_but_for_one_byte_without_moving) {
   EXPECT_EQ(head(s), (header{792, 376}));
 }
 
-TEST_F(string, carries_the_whole_old_block_over_when_it_moves) {
+TEST_F(string, copies_the_whole_old_block_when_it_moves) {
   text s(256);
   std::memset(raw(s), 'o', 376);
   set_head(s, {376, 3});
@@ -272,7 +272,7 @@ TEST_F(string, carries_the_whole_old_block_over_when_it_moves) {
   EXPECT_EQ(pools::pool_of(384).free, 85U) << "the old block is back";
 }
 
-TEST_F(string, carries_bytes_behind_its_characters_over_too) {
+TEST_F(string, copies_the_bytes_after_its_characters_when_it_moves) {
   modest s(256, 4, 3);
   std::memset(raw(s), 'o', 376);
   add(s, std::string(200, 'n'));
@@ -296,7 +296,7 @@ TEST_F(string, moves_from_pool_to_mapping_and_from_mapping_to_mapping) {
 
 // ---------------------------------------------------------------- growth in place
 
-TEST_F(string, growing_in_its_block_records_what_was_asked_for) {
+TEST_F(string, growing_in_place_records_the_requested_size) {
   modest s(256, 8, 7);
   const char* p = raw(s);
   s.push_back('x');
@@ -306,7 +306,7 @@ TEST_F(string, growing_in_its_block_records_what_was_asked_for) {
   EXPECT_EQ(held(s), "mmmmmmmx");
 }
 
-TEST_F(string, keeps_its_block_as_long_as_the_aligned_request_fits) {
+TEST_F(string, stays_in_its_block_while_the_aligned_request_fits) {
   const struct row {
     const char* label;
     size_t room;
@@ -335,7 +335,7 @@ TEST_F(string, keeps_its_block_as_long_as_the_aligned_request_fits) {
   }
 }
 
-TEST_F(string, needs_no_memory_to_grow_in_its_block) {
+TEST_F(string, needs_no_memory_to_grow_in_place) {
   modest s(5000000, 8, 7);
   fake_pages::refuse_all();
   add(s, std::string(1000000, 'n'));
@@ -381,7 +381,7 @@ TEST_F(string, grows_by_one_character_up_to_the_largest_capacity_and_no_further)
   EXPECT_EQ(raw(s)[last_needed], 0);
 }
 
-TEST_F(string, reckons_in_more_than_32_bits) {
+TEST_F(string, computes_sizes_in_64_bits) {
   text s(limit);
   set_head(s, {0xFFFFFFE8, 0xFFFFFFE0});
   for (const size_t n : {size_t{8}, size_t{0x20}, size_t{0x21}, size_t{0xFFFFFFFF}}) {
@@ -395,7 +395,7 @@ TEST_F(string, reckons_in_more_than_32_bits) {
   EXPECT_EQ(head(s), (header{0xFFFFFFE8, 0xFFFFFFE7}));
 }
 
-TEST_F(string, keeps_its_text_when_old_and_new_size_add_up_to_a_whole_64_bit_round) {
+TEST_F(string, is_unchanged_if_old_and_new_size_wrap_around_64_bits) {
   text s;
   add(s, "abc");
   const portrait before(s);
@@ -405,7 +405,7 @@ TEST_F(string, keeps_its_text_when_old_and_new_size_add_up_to_a_whole_64_bit_rou
 
 // ---------------------------------------------------------------- nothing appended, cleared
 
-TEST_F(string, appending_nothing_to_a_string_without_block_leaves_it_so) {
+TEST_F(string, appending_nothing_to_a_string_without_a_block_allocates_none) {
   const snapshot before;
   text s;
   s.append("abc", 0);
@@ -414,7 +414,7 @@ TEST_F(string, appending_nothing_to_a_string_without_block_leaves_it_so) {
   EXPECT_EQ(snapshot(), before);
 }
 
-TEST_F(string, appending_nothing_to_an_empty_string_gives_its_block_back) {
+TEST_F(string, appending_nothing_to_an_empty_string_releases_its_block) {
   text s(256);
   s.append("abc", 0);
   EXPECT_EQ(raw(s), nullptr);
@@ -425,7 +425,7 @@ TEST_F(string, appending_nothing_to_an_empty_string_gives_its_block_back) {
   EXPECT_STREQ(s.c_str(), "on");
 }
 
-TEST_F(string, appending_nothing_to_a_cleared_string_gives_its_block_back) {
+TEST_F(string, appending_nothing_to_a_cleared_string_releases_its_block) {
   text s;
   add(s, "abc");
   s.clear();
@@ -444,7 +444,7 @@ TEST_F(string, appending_nothing_to_a_filled_string_changes_nothing) {
   }
 }
 
-TEST_F(string, cleared_keeps_its_block_and_the_bytes_in_it) {
+TEST_F(string, clear_retains_the_block_and_its_bytes) {
   text s;
   add(s, "abcdefgh");
   const char* p = raw(s);
@@ -457,7 +457,7 @@ TEST_F(string, cleared_keeps_its_block_and_the_bytes_in_it) {
   EXPECT_EQ(std::string(p + 1, 7), "bcdefgh");
 }
 
-TEST_F(string, cleared_without_block_stays_without) {
+TEST_F(string, clear_without_a_block_allocates_none) {
   text s;
   s.clear();
   EXPECT_EQ(raw(s), nullptr);
@@ -484,7 +484,7 @@ void soil_block() {
   std::memset(raw(s), 'x', 8);
 }
 
-TEST_F(string, is_terminated_only_when_asked_for_its_text) {
+TEST_F(string, is_terminated_only_by_c_str) {
   soil_block();
   text s;
   add(s, "abc");
@@ -497,7 +497,7 @@ TEST_F(string, is_terminated_only_when_asked_for_its_text) {
   EXPECT_EQ(std::string(raw(s), 8), "abcdxxxx");
 }
 
-TEST_F(string, is_terminated_in_a_block_that_is_full) {
+TEST_F(string, is_terminated_even_in_a_full_block) {
   soil_block();
   text s;
   for (const char c : {'1', '2', '3', '4', '5', '6', '7'}) s.push_back(c);
@@ -505,7 +505,7 @@ TEST_F(string, is_terminated_in_a_block_that_is_full) {
   EXPECT_STREQ(s.c_str(), "1234567");
 }
 
-TEST_F(string, returns_its_characters_as_text) {
+TEST_F(string, c_str_returns_the_characters) {
   text s;
   add(s, "abc");
   EXPECT_EQ(s.c_str(), raw(s));
@@ -517,7 +517,7 @@ void protect(const text& s, int protection) {
   ASSERT_EQ(::mprotect(mapping, pools::read<uint64_t>(mapping), protection), 0);
 }
 
-TEST_F(string, writes_no_terminator_where_there_is_a_zero_already) {
+TEST_F(string, writes_no_terminator_over_an_existing_zero) {
   text s(5000000);
   add(s, "abc");
   protect(s, PROT_READ);
@@ -525,7 +525,7 @@ TEST_F(string, writes_no_terminator_where_there_is_a_zero_already) {
   protect(s, PROT_READ | PROT_WRITE);
 }
 
-TEST_F(string, writes_the_terminator_though_it_is_constant) {
+TEST_F(string, writes_the_terminator_even_into_a_const_string) {
   text s(5000000);
   std::memset(raw(s), 'x', 100);
   add(s, "abc");
@@ -537,7 +537,7 @@ TEST_F(string, writes_the_terminator_though_it_is_constant) {
 
 // ---------------------------------------------------------------- bytes
 
-TEST_F(string, keeps_every_byte_as_it_is) {
+TEST_F(string, stores_every_byte_unchanged) {
   std::string model;
   for (int c = 0; c < 256; ++c) model.push_back(static_cast<char>(c));
   text appended, pushed;
@@ -548,7 +548,7 @@ TEST_F(string, keeps_every_byte_as_it_is) {
   EXPECT_EQ(appended.size(), 256U);
 }
 
-TEST_F(string, appends_and_assigns_texts_of_every_length_whole_and_nothing_beyond_them) {
+TEST_F(string, appends_and_assigns_texts_of_every_length_exactly) {
   const std::string all = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
   for (size_t n = 1; n <= 40; ++n) {
     SCOPED_TRACE(n);
@@ -564,7 +564,7 @@ TEST_F(string, appends_and_assigns_texts_of_every_length_whole_and_nothing_beyon
   }
 }
 
-TEST_F(string, takes_over_a_part_of_its_own_text_of_every_length) {
+TEST_F(string, appends_and_assigns_parts_of_its_own_text_of_every_length) {
   const std::string alphabet = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
   for (size_t n = 1; n <= alphabet.size(); ++n) {
     const std::string all = alphabet.substr(0, n);
@@ -608,7 +608,7 @@ TEST_F(string, appends_its_own_terminator_when_it_must_move) {
   EXPECT_TRUE(held(s) == before + std::string(1, '\0'));
 }
 
-TEST_F(string, doubles_itself_through_every_kind_of_block) {
+TEST_F(string, can_append_itself_in_every_kind_of_block) {
   text s;
   std::string model = "ab";
   add(s, model);
@@ -632,7 +632,7 @@ TEST_F(string, assigned_from_text_holds_that_text) {
   EXPECT_EQ(&(s = "third"), &s);
 }
 
-TEST_F(string, assigned_from_text_keeps_its_block_and_capacity_as_long_as_one_byte_stays_free) {
+TEST_F(string, assigned_from_text_reuses_its_block_while_one_byte_stays_free) {
   for (const uint32_t n : {1U, 2U, 374U, 375U}) {
     SCOPED_TRACE(n);
     text s(256);
@@ -646,7 +646,7 @@ TEST_F(string, assigned_from_text_keeps_its_block_and_capacity_as_long_as_one_by
   EXPECT_EQ(head(s), (header{792, 376}));
 }
 
-TEST_F(string, assigned_from_no_text_or_empty_text_is_empty_and_keeps_its_block) {
+TEST_F(string, assigned_from_null_or_empty_text_is_empty_and_retains_its_block) {
   for (const char* t : {static_cast<const char*>(nullptr), ""}) {
     text s, none;
     s = "abc";
@@ -659,7 +659,7 @@ TEST_F(string, assigned_from_no_text_or_empty_text_is_empty_and_keeps_its_block)
   }
 }
 
-TEST_F(string, assigned_from_its_own_text_keeps_it) {
+TEST_F(string, assigned_from_its_own_text_is_unchanged) {
   text s;
   s = "0123456789";
   s = s.c_str();
@@ -668,7 +668,7 @@ TEST_F(string, assigned_from_its_own_text_keeps_it) {
   EXPECT_STREQ(s.c_str(), "456789");
 }
 
-TEST_F(string, assigned_from_a_string_holds_its_characters_zeros_too) {
+TEST_F(string, assigned_from_a_string_holds_its_characters_including_zeros) {
   text from, to;
   add(from, std::string_view("a\0b", 3));
   to = from;
@@ -697,7 +697,7 @@ TEST_F(string, assigned_from_a_string_grows_when_it_must) {
   EXPECT_EQ(pools::pool_of(16).free, 2048U);
 }
 
-TEST_F(string, assigned_from_an_empty_string_is_empty_and_keeps_its_block) {
+TEST_F(string, assigned_from_an_empty_string_is_empty_and_retains_its_block) {
   const text without, with(256);
   for (const text* from : {&without, &with}) {
     text s, none;
@@ -709,7 +709,7 @@ TEST_F(string, assigned_from_an_empty_string_is_empty_and_keeps_its_block) {
   }
 }
 
-TEST_F(string, assigned_to_itself_keeps_its_characters) {
+TEST_F(string, assigned_to_itself_is_unchanged) {
   text s, none;
   s = "abc";
   const text& same = s;
@@ -720,7 +720,7 @@ TEST_F(string, assigned_to_itself_keeps_its_characters) {
   EXPECT_EQ(raw(none), nullptr);
 }
 
-TEST_F(string, copied_is_a_string_of_its_own) {
+TEST_F(string, copied_is_independent_of_the_original) {
   text s;
   add(s, std::string_view("a\0b", 3));
   const text copy(s);
@@ -775,7 +775,7 @@ TEST_F(string, equals_a_string_of_the_same_text) {
   }
 }
 
-TEST_F(string, without_block_equals_an_empty_one_with_block) {
+TEST_F(string, without_a_block_equals_an_empty_one_with_a_block) {
   const text without, with(256);
   EXPECT_TRUE(without == with);
   EXPECT_TRUE(with == without);
@@ -783,7 +783,7 @@ TEST_F(string, without_block_equals_an_empty_one_with_block) {
 
 // ---------------------------------------------------------------- room and length set by hand
 
-TEST_F(string, truncated_drops_what_is_behind) {
+TEST_F(string, truncate_drops_the_characters_after_the_new_end) {
   const struct row {
     size_t n;
     const char* left;
@@ -801,7 +801,7 @@ TEST_F(string, truncated_drops_what_is_behind) {
   }
 }
 
-TEST_F(string, reserving_grows_by_the_same_rule_and_keeps_the_text) {
+TEST_F(string, reserving_grows_by_the_same_rule_and_preserves_the_text) {
   text s, none;
   none.reserve(0);
   EXPECT_EQ(raw(none), nullptr);
@@ -830,7 +830,7 @@ TEST_F(string, reserving_too_much_changes_nothing) {
 
 // ---------------------------------------------------------------- refused memory
 
-TEST_F(string, keeps_its_text_when_there_is_no_memory_to_grow) {
+TEST_F(string, is_unchanged_if_there_is_no_memory_to_grow) {
   const struct row {
     const char* label;
     size_t size, n;
@@ -856,7 +856,7 @@ TEST_F(string, keeps_its_text_when_there_is_no_memory_to_grow) {
   }
 }
 
-TEST_F(string, drops_a_character_when_there_is_no_memory_for_it) {
+TEST_F(string, drops_a_character_that_gets_no_memory) {
   text s;
   for (int i = 0; i < 55; ++i) s.push_back('a');
   const portrait before(s);
@@ -867,7 +867,7 @@ TEST_F(string, drops_a_character_when_there_is_no_memory_for_it) {
   EXPECT_EQ(held(s), std::string(55, 'a') + 'c');
 }
 
-TEST_F(string, without_block_stays_so_when_there_is_no_memory) {
+TEST_F(string, without_a_block_has_none_after_a_refused_allocation) {
   const auto all = pools::take(16, 2048);
   text s;
   fake_pages::refuse_all();
@@ -881,7 +881,7 @@ TEST_F(string, without_block_stays_so_when_there_is_no_memory) {
   pools::give(all);
 }
 
-TEST_F(string, is_empty_when_there_is_no_memory_for_what_it_is_assigned) {
+TEST_F(string, is_empty_if_an_assigned_text_gets_no_memory) {
   text s;
   s = "abc";
   fake_pages::refuse_all();
@@ -889,7 +889,7 @@ TEST_F(string, is_empty_when_there_is_no_memory_for_what_it_is_assigned) {
   EXPECT_EQ(head(s), (header{8, 0}));
 }
 
-TEST_F(string, is_empty_when_there_is_no_memory_for_the_string_it_is_assigned) {
+TEST_F(string, is_empty_if_an_assigned_string_gets_no_memory) {
   text s, other;
   s = "abc";
   other = std::string(100, 'x').c_str();
@@ -917,7 +917,7 @@ std::string written(text& s, int* dropped) {
   return model;
 }
 
-TEST_F(string, lacks_the_one_piece_for_which_memory_was_refused) {
+TEST_F(string, lacks_only_the_part_that_got_no_memory) {
   int dropped = 0;
   {
     text s;
@@ -969,7 +969,7 @@ void step(std::mt19937& random, text& s, std::string& model) {
   }
 }
 
-TEST_F(string, behaves_like_the_standard_string_through_any_writes) {
+TEST_F(string, behaves_like_the_standard_string_in_random_writes) {
   std::mt19937 random(1);
   text s;
   std::string model;

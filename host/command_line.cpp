@@ -117,10 +117,11 @@ void add_ends(CLI::App* c, options& o) {
 
 std::string check_program(const std::string& text) { return text.empty() ? "a program name is empty" : ""; }
 
-constexpr std::pair<std::string_view, address_filter> filters[] = {
-    {"all", address_filter::all}, {"global", address_filter::global}, {"stable", address_filter::stable}};
+constexpr std::pair<std::string_view, address_filter::kind> filters[] = {{"all", address_filter::kind::all},
+                                                                         {"global", address_filter::kind::global},
+                                                                         {"stable", address_filter::kind::stable}};
 
-std::optional<address_filter> filter_named(const std::string& text) {
+std::optional<address_filter::kind> filter_named(const std::string& text) {
   for (const auto& [name, which] : filters)
     if (name == text) return which;
   return std::nullopt;
@@ -130,16 +131,46 @@ std::string check_filter(const std::string& text) {
   return filter_named(text) ? "" : "'" + text + "' is none of all, global, stable";
 }
 
+std::string check_interface(const std::string& text) {
+  return text.empty() || text == "!" ? "an interface name is empty" : "";
+}
+
+void add_interface(address_filter& f, const std::string& text) {
+  const bool is_excluded = text.starts_with('!');
+  (is_excluded ? f.excluded : f.interfaces).push_back(text.substr(is_excluded ? 1 : 0));
+}
+
+void check_contradictions(const address_filter& f) {
+  for (const std::string& name : f.interfaces)
+    if (std::find(f.excluded.begin(), f.excluded.end(), name) != f.excluded.end())
+      throw CLI::ValidationError("--interface", "'" + name + "' is both wanted and excluded");
+}
+
+void add_filter(CLI::App& run, address_filter& f) {
+  run.add_option_function<std::string>(
+         "--pick", [&f](const std::string& text) { f.which = *filter_named(text); },
+         "Which addresses the program gets: all, global or stable")
+      ->type_name("WHICH")
+      ->check(check_filter)
+      ->needs("--exec");
+  run.add_option_function<std::vector<std::string>>(
+         "--interface",
+         [&f](const std::vector<std::string>& all) {
+           for (const std::string& text : all) add_interface(f, text);
+           check_contradictions(f);
+         },
+         "Addresses of this interface only; !NAME: not of this one; repeatable")
+      ->type_name("NAME")
+      ->allow_extra_args(false)
+      ->check(check_interface)
+      ->needs("--exec");
+}
+
 void add_exec(CLI::App& run, hook_options& e) {
   CLI::Option* exec = run.add_option("--exec", e.program, "Start this program for every value")
                           ->type_name("PROGRAM")
                           ->check(check_program);
-  run.add_option_function<std::string>(
-         "--pick", [&e](const std::string& text) { e.addresses = *filter_named(text); },
-         "Which addresses the program gets: all, global or stable")
-      ->type_name("WHICH")
-      ->check(check_filter)
-      ->needs(exec);
+  add_filter(run, e.addresses);
   run.add_option_function<std::string>(
          "--exec-timeout", [&e](const std::string& text) { e.timeout = *seconds(text); },
          "Stop a program that runs longer, 30 without this option")

@@ -1,25 +1,48 @@
-// Which of the published addresses a hook gets.
+// The machine's IPv6 addresses, and which of them a program gets.
 #pragma once
 
-#include <set>
+#include <netinet/in.h>
+
 #include <string>
+#include <vector>
 
 #include "host/interface.h"
 
-enum class address_filter { all, global, stable };
+/// An address of an interface, as the kernel lists it.
+struct kernel_address {
+  std::string text;
+  in6_addr address;
+  std::string interface_name;
+  unsigned char scope;  // RT_SCOPE_*
+  unsigned flags;       // IFA_F_*
+};
 
-/// What the kernel knows about this machine's addresses.
 class address_list : public interface {
  public:
-  /// The addresses that at least one interface has neither as temporary nor as deprecated. Throws std::system_error.
-  virtual std::set<std::string> stable() = 0;
+  /// All addresses of all interfaces in the kernel's order. Throws std::system_error.
+  virtual std::vector<kernel_address> all() = 0;
 };
 
 class kernel_address_list : public address_list {
  public:
-  std::set<std::string> stable() override;
+  std::vector<kernel_address> all() override;
 };
 
-/// What the filter leaves of a published value, in its form: addresses separated by commas, or "null". Throws what
-/// address_list::stable() throws.
-std::string filtered(address_filter f, const std::string& value, address_list& kernel);
+struct address_filter {
+  enum class kind { all, global, stable };
+  kind which = kind::all;
+  std::vector<std::string> interfaces = {};  // the addresses of these only; empty: of all
+  std::vector<std::string> excluded = {};    // no addresses of these interfaces
+
+  /// The published text is the choice: nothing is filtered.
+  bool uses_published_value() const { return which == kind::all && interfaces.empty() && excluded.empty(); }
+};
+
+/// The addresses that pass the filter on at least one interface, each once, in the kernel's order.
+std::vector<kernel_address> choose(const address_filter& f, const std::vector<kernel_address>& list);
+
+/// The addresses in the form of a published value: separated by commas, or "null".
+std::string value_of(const std::vector<kernel_address>& addresses);
+
+/// What a program gets for a published value. Throws what address_list::all() throws.
+std::string filtered(const address_filter& f, const std::string& published, address_list& kernel);

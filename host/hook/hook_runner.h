@@ -14,7 +14,7 @@
 struct hook_options {
   std::string program;  // empty: none
   std::chrono::nanoseconds timeout = std::chrono::seconds(30);
-  address_filter addresses = address_filter::all;
+  address_filter addresses = {};
   bool dry_run = false;
   bool once = false;  // do not retry
 };

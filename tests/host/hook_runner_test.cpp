@@ -41,9 +41,9 @@ class scripted_launcher : public launcher {
 class scripted_addresses : public address_list {
  public:
   bool fails = false;
-  std::set<std::string> stable() override {
+  std::vector<kernel_address> all() override {
     if (fails) throw std::system_error(EAGAIN, std::generic_category(), "netlink");
-    return {"2001:db8::1"};
+    return {{"2001:db8::1", {{{0x20, 0x01, 0x0d, 0xb8}}}, "eth0", 0, 0}};
   }
 };
 
@@ -110,7 +110,7 @@ TEST_F(hooks, nothing_is_started_without_a_program) {
 TEST_F(hooks, defaults_are_thirty_seconds_and_all_addresses) {
   const hook_options o;
   EXPECT_EQ(o.timeout, 30s);
-  EXPECT_EQ(o.addresses, address_filter::all);
+  EXPECT_TRUE(o.addresses.uses_published_value());
   EXPECT_FALSE(o.dry_run);
   EXPECT_FALSE(o.once);
 }
@@ -451,7 +451,7 @@ TEST_F(hooks, a_dry_run_prints_what_would_be_started) {
 
 TEST_F(hooks, a_dry_run_after_a_failure_leaves_nothing_pending) {
   options.dry_run = true;
-  options.addresses = address_filter::stable;
+  options.addresses.which = address_filter::kind::stable;
   make();
   addresses.fails = true;
   submit("2001:db8::1,2001:db8::2");

@@ -577,7 +577,7 @@ class simulated_launcher : public launcher {
 
 class no_addresses : public address_list {
  public:
-  std::set<std::string> stable() override { return {}; }
+  std::vector<kernel_address> all() override { return {}; }
 };
 
 class simulated_plugin {

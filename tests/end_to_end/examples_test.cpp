@@ -20,7 +20,7 @@ constexpr struct {
     {"comments.conf", "pump-house.example"},
     {"sections.conf", "Gateway-7.Example"},
     {"overrides.conf", "site-12.example"},
-    {"name-with-blanks.conf",
+    {"name-with-spaces.conf",
      "Pumpwerk S\xc3\xbc"
      "d, Tor 3"},
     {"crlf.conf", "office-pc.example"},
@@ -34,7 +34,7 @@ constexpr struct {
 } refused[] = {
     {"refused/quotes.conf", "hostname contains illegal characters in "},
     {"refused/stray-text.conf", "not config hostname in "},
-    {"refused/taken-back.conf", "not config hostname in "},
+    {"refused/empty-name.conf", "not config hostname in "},
 };
 
 const fs::path drop_in = "nsupdate.conf";  // of the systemd unit

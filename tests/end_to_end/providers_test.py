@@ -1,0 +1,251 @@
+#!/usr/bin/python3
+"""examples/webhook with an HTTP server, and examples/lexicon-aaaa: the real lexicon with its provider ddns and BIND, and
+a lexicon on PATH that records its arguments."""
+
+import glob
+import http.server
+import json
+import os
+import subprocess
+import sys
+import tempfile
+import threading
+import unittest
+
+source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
+sys.path.insert(0, os.path.join(source, "tests/support"))
+sys.dont_write_bytecode = True
+from name_servers import ZONE, Bind, enter_network  # noqa: E402
+
+DAC = {"DAC_INSTANCE": "gateway", "DAC_TAG": "gateway.example.org", "DAC_TIME": "2026-11-22T10:00:00.000Z"}
+
+
+class Example(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.folder = folder.name
+
+    def file(self, name, text, mode=0o600):
+        path = os.path.join(self.folder, name)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(path, mode)
+        return path
+
+    def run_example(self, name, **settings):
+        environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": self.folder, **DAC, **settings}
+        ended = subprocess.run([os.path.join(source, "examples", name)], env=environment, cwd=self.folder,
+                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)  # fmt: skip
+        return ended.returncode, ended.stdout
+
+
+class Handler(http.server.BaseHTTPRequestHandler):
+    def do_POST(self):
+        body = self.rfile.read(int(self.headers["Content-Length"]))
+        self.server.requests.append((self.path, dict(self.headers), json.loads(body)))
+        self.server.command_lines.append(command_lines())
+        self.server.release.wait()
+        self.send_response(self.server.status)
+        self.send_header("Location", "/elsewhere")
+        self.send_header("Content-Length", "2")
+        self.end_headers()
+        try:
+            self.wfile.write(b"ok")
+        except BrokenPipeError:
+            pass  # the client has given up
+
+    def log_message(self, *unused):
+        pass
+
+
+def command_lines():
+    text = b""
+    for path in glob.glob("/proc/[0-9]*/cmdline"):
+        try:
+            with open(path, "rb") as file:
+                text += file.read() + b"\n"
+        except OSError:
+            pass  # the process has ended
+    return text
+
+
+class Webhook(Example):
+    def setUp(self):
+        super().setUp()
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        self.server.requests, self.server.command_lines, self.server.status = [], [], 200
+        self.server.release = threading.Event()
+        self.server.release.set()
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        self.addCleanup(self.server.server_close)
+        self.addCleanup(self.server.shutdown)
+        self.addCleanup(self.server.release.set)
+        self.url = f"http://127.0.0.1:{self.server.server_port}/update?secret=in-the-url"
+
+    def post(self, **settings):
+        return self.run_example("webhook", **({"WEBHOOK_URL": self.url, "DAC_VALUE": "2001:db8::10"} | settings))
+
+    def test_posts_one_JSON_object(self):
+        for value, addresses in (("2001:db8::10,2001:db8::20", ["2001:db8::10", "2001:db8::20"]), ("null", [])):
+            self.assertEqual(self.post(DAC_VALUE=value), (0, ""))
+            path, headers, body = self.server.requests.pop()
+            self.assertEqual(path, "/update?secret=in-the-url")
+            self.assertEqual(headers["Content-Type"], "application/json")
+            self.assertNotIn("Authorization", headers)
+            self.assertEqual(body, {"instance": "gateway", "tag": "gateway.example.org",
+                                    "time": "2026-11-22T10:00:00.000Z", "addresses": addresses})  # fmt: skip
+
+    def test_any_name_is_valid_JSON(self):
+        names = {"DAC_TAG": "Pumpwerk Süd \\ 3\x01", "DAC_INSTANCE": 'a"b\n@c'}
+        self.assertEqual(self.post(**names), (0, ""))
+        body = self.server.requests.pop()[2]
+        self.assertEqual((body["tag"], body["instance"]), (names["DAC_TAG"], names["DAC_INSTANCE"]))
+
+    def test_the_token_comes_from_a_file_and_is_on_no_command_line(self):
+        token = self.file("token", "s3cret-T0ken\n")
+        self.assertEqual(self.post(WEBHOOK_TOKEN_FILE=token), (0, ""))
+        self.assertEqual(self.server.requests.pop()[1]["Authorization"], "Bearer s3cret-T0ken")
+        lines = self.server.command_lines.pop()
+        self.assertIn(b"curl", lines)
+        self.assertNotIn(b"s3cret-T0ken", lines)
+        self.assertNotIn(b"in-the-url", lines)
+
+    def test_only_the_statuses_from_200_to_299_are_success(self):
+        for status in (200, 201, 204, 299):
+            self.server.status = status
+            self.assertEqual(self.post(), (0, ""))
+        for status in (301, 307, 401, 404, 500, 503):
+            self.server.status = status
+            self.assertEqual(self.post(), (1, f"webhook: the server answers with status {status}\n"))
+        self.assertEqual(len(self.server.requests), 10)
+
+    def test_a_server_that_is_away_is_a_failure(self):
+        status, message = self.post(WEBHOOK_URL="http://127.0.0.1:1/")
+        self.assertEqual(status, 7)
+        self.assertRegex(message, "(?i)^curl: .*connect")
+
+    def test_a_silent_server_is_a_failure_after_the_timeout(self):
+        self.server.release.clear()
+        status, message = self.post(WEBHOOK_TIMEOUT="1")
+        self.assertEqual(status, 28)
+        self.assertRegex(message, "^curl: .*timed out")
+
+    def test_an_unusable_setting_is_reported_in_one_line(self):
+        empty, two, quote = self.file("empty", ""), self.file("two", "a\nb\n"), self.file("quote", 'a"b\n')
+        rows = [
+            ({"DAC_VALUE": ""}, "DAC_VALUE is not set"),
+            ({"WEBHOOK_URL": ""}, "WEBHOOK_URL is not set"),
+            ({"WEBHOOK_URL": "file:///etc/passwd"}, "WEBHOOK_URL must begin with https:// or http://"),
+            ({"WEBHOOK_URL": self.url + '"\noutput = "x'}, "WEBHOOK_URL contains characters that a URL may not contain"),
+            ({"WEBHOOK_URL": self.url + '"x'}, "WEBHOOK_URL contains characters that a URL may not contain"),
+            ({"WEBHOOK_TIMEOUT": "0"}, "WEBHOOK_TIMEOUT may not be '0'"),
+            ({"WEBHOOK_TIMEOUT": "1m"}, "WEBHOOK_TIMEOUT may not be '1m'"),
+            ({"WEBHOOK_TOKEN_FILE": "/no/file"}, "WEBHOOK_TOKEN_FILE: /no/file cannot be read"),
+            ({"WEBHOOK_TOKEN_FILE": empty}, f"WEBHOOK_TOKEN_FILE: {empty} must contain one token"),
+            ({"WEBHOOK_TOKEN_FILE": two}, f"WEBHOOK_TOKEN_FILE: {two} must contain one token"),
+            ({"WEBHOOK_TOKEN_FILE": quote}, f"WEBHOOK_TOKEN_FILE: {quote} must contain one token"),
+        ]
+        for settings, message in rows:
+            with self.subTest(settings):
+                self.assertEqual(self.post(**settings), (1, f"webhook: {message}\n"))
+        self.assertEqual(self.server.requests, [])
+
+
+class Lexicon(Example):
+    """With the real lexicon: its provider ddns sends updates to BIND."""
+
+    def setUp(self):
+        super().setUp()
+        secret = "c2VjcmV0c2VjcmV0c2VjcmV0c2VjcmV0"
+        conf = f'key gateway {{ algorithm hmac-sha256; secret "{secret}"; }};\nzone "example.org" {{ type primary;'
+        conf += ' file "example.org.zone"; update-policy { grant gateway name gateway.example.org. AAAA; }; };'
+        self.server = Bind(self.folder + "/bind", conf, zone="example.org", records=ZONE)
+        self.addCleanup(self.server.stop)
+        self.file("lexicon_ddns.yml", f"auth_token: hmac-sha256:gateway:{secret}\nddns_server: {self.server.address}\n")
+
+    def update(self, value, **settings):
+        defaults = {"LEX_PROVIDER": "ddns", "LEX_DOMAIN": "example.org", "LEX_CONFIG_DIR": self.folder}
+        return self.run_example("lexicon-aaaa", DAC_VALUE=value, **(defaults | settings))
+
+    def test_creates_replaces_and_deletes(self):
+        for value in ("2001:db8::10", "2001:db8::10,2001:db8::20", "2001:db8:2::30", "null"):
+            self.assertEqual(self.update(value), (0, ""))
+            wanted = [] if value == "null" else value.split(",")
+            self.assertEqual(self.server.dig("gateway.example.org", "AAAA"), wanted)
+        self.assertEqual(self.server.dig("ns.example.org", "AAAA"), ["2001:db8::53"])
+
+    def test_changes_nothing_when_the_records_are_right(self):
+        self.assertEqual(self.update("2001:db8::10"), (0, ""))
+        self.assertEqual(self.server.serial(), 2)
+        self.assertEqual(self.update("2001:db8::10"), (0, ""))
+        self.assertEqual(self.update("null", LEX_NULL="keep"), (0, ""))
+        self.assertEqual(self.server.serial(), 2)
+
+    def test_a_refused_update_is_a_failure(self):
+        message = "lexicon-aaaa: ns.example.org does not have the addresses 2001:db8::1 after the update\n"
+        self.assertEqual(self.update("2001:db8::1", LEX_NAME="ns.example.org"), (1, message))
+        self.assertEqual(self.server.dig("ns.example.org", "AAAA"), ["2001:db8::53"])
+
+    def test_an_error_of_lexicon_is_reported_in_one_line(self):
+        self.file("lexicon_ddns.yml", "ddns_server: 127.0.0.1\n")
+        status, message = self.update("2001:db8::1")
+        self.assertEqual(status, 1)
+        self.assertRegex(message, r"^lexicon-aaaa: lexicon list gateway\.example\.org: \w*Error: .*\n$")
+
+
+class LexiconArguments(Example):
+    """With a program named lexicon that records its arguments and prints the text in the file `list`."""
+
+    def setUp(self):
+        super().setUp()
+        script = '#!/bin/sh\nfor a; do printf "%s " "$a"; done >>"$HOME/calls"\necho >>"$HOME/calls"\ncat "$HOME/list"\n'
+        self.file("lexicon", script, mode=0o700)
+
+    def update(self, listed, **settings):
+        self.file("list", listed)
+        self.file("calls", "")
+        defaults = {"LEX_PROVIDER": "gandi", "LEX_DOMAIN": "example.org", "DAC_VALUE": "2001:db8::10",
+                    "PATH": self.folder + ":/usr/bin:/bin"}  # fmt: skip
+        ended = self.run_example("lexicon-aaaa", **(defaults | settings))
+        with open(self.folder + "/calls", encoding="utf-8") as file:
+            return *ended, file.read().splitlines()
+
+    def test_creates_before_it_deletes(self):
+        listed = '[{"type": "AAAA", "content": "2001:DB8:0::9"}, {"type": "A", "content": "192.0.2.1"}]\n'
+        status, _, calls = self.update(listed, LEX_CONFIG_DIR="/etc/lexicon", LEX_TTL="300", LEX_NAME="gw.example.org.")
+        tail = "example.org AAAA --name gw.example.org --output JSON "
+        self.assertEqual(calls[1:3], [f"--config-dir /etc/lexicon gandi create {tail}--content 2001:db8::10 --ttl 300 ",
+                                      f"--config-dir /etc/lexicon gandi delete {tail}--content 2001:DB8:0::9 "])  # fmt: skip
+        self.assertEqual(status, 1)
+
+    def test_addresses_are_compared_as_numbers(self):
+        status, message, calls = self.update('[{"type": "AAAA", "content": "2001:0DB8:0::10"}]')
+        self.assertEqual((status, message), (0, ""))
+        self.assertEqual(calls, ["gandi list example.org AAAA --name gateway.example.org --output JSON "])
+
+    def test_an_unusable_setting_is_reported_in_one_line(self):
+        rows = [
+            ({"DAC_VALUE": ""}, "DAC_VALUE is not set"),
+            ({"DAC_VALUE": "2001:db8::1,"}, "DAC_VALUE: expected addresses or null, got '2001:db8::1,'"),
+            ({"DAC_TAG": ""}, "DAC_TAG is not set"),
+            ({"LEX_PROVIDER": ""}, "LEX_PROVIDER is not set"),
+            ({"LEX_DOMAIN": ""}, "LEX_DOMAIN is not set"),
+            ({"LEX_NULL": "never"}, "LEX_NULL: expected delete or keep, got 'never'"),
+            ({"PATH": "/no/programs"}, "lexicon is missing; install the package lexicon"),
+        ]
+        for settings, message in rows:
+            with self.subTest(settings):
+                self.assertEqual(self.update("[]", **settings), (1, f"lexicon-aaaa: {message}\n", []))
+
+    def test_unexpected_output_is_a_failure(self):
+        for listed in ("", "no JSON\n", "[1]\n", '[{"type": "AAAA"}]\n', '[{"type": "AAAA", "content": "x"}]\n'):
+            with self.subTest(listed):
+                status, message, calls = self.update(listed)
+                self.assertEqual((status, len(calls)), (1, 1))
+                self.assertRegex(message, "^lexicon-aaaa: lexicon list gateway.example.org: unexpected output: .*\n$")
+
+
+if __name__ == "__main__":
+    enter_network()
+    unittest.main()

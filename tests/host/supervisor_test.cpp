@@ -360,6 +360,18 @@ TEST_F(supervisors, stop_gives_up_on_a_reload_too) {
   EXPECT_EQ(loop.held_work(), 1U) << "nothing more is asked of a plug-in that does not return";
 }
 
+TEST_F(supervisors, a_reload_that_returns_after_stop_gave_up_starts_nothing) {
+  start();
+  loop.holds_work = true;
+  loop.signal(SIGHUP);
+  loop.signal(SIGHUP);
+  EXPECT_FALSE(s->stop());
+  loop.holds_work = false;
+  loop.release_work();
+  loop.pass(0s);
+  EXPECT_EQ(noted(), (texts{"create a of a.conf", "create b of b.conf", "stop 2", "destroy 2", "stop 3", "destroy 3"}));
+}
+
 TEST(instance_name, is_the_stem_or_the_path_or_has_a_number) {
   EXPECT_EQ(instance_names({"etc/a.conf", "b", "c/"}), (texts{"a", "b", "c/"}));
   EXPECT_EQ(instance_names({"x/a.conf", "y/a.conf", "b.conf"}), (texts{"x/a.conf", "y/a.conf", "b"}));

@@ -17,65 +17,66 @@ namespace {
 // ---------------------------------------------------------------- help
 
 constexpr char status_of_a_run[] = R"(
-Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
-was refused, the plug-in or a thread could not be had, nobody takes the output,
-or with --once a program failed or did not get its value; 2 for wrong usage.)";
+Exit status: 0 on success, also after SIGINT or SIGTERM; 1 if a file was refused,
+the plug-in could not be loaded, a thread could not be created, the output could
+not be written, or with --once a program failed or did not get its value; 2 for
+wrong usage.)";
 
 constexpr char status_of_a_table[] = R"(
-Exit status: 0 when all went well, also after SIGINT and SIGTERM; 1 when a file
-was refused, the plug-in or a thread could not be had, or nobody takes the
-output; 2 for wrong usage.)";
+Exit status: 0 on success, also after SIGINT or SIGTERM; 1 if a file was refused,
+the plug-in could not be loaded, a thread could not be created, or the output
+could not be written; 2 for wrong usage.)";
 
-constexpr char status_of_a_question[] = R"(
-Exit status: 0 when all went well; 1 when a file was refused, the plug-in could
-not be loaded, or nobody takes the output; 2 for wrong usage.)";
+constexpr char status_of_a_query[] = R"(
+Exit status: 0 on success; 1 if a file was refused, the plug-in could not be
+loaded, or the output could not be written; 2 for wrong usage.)";
 
 std::string footer_of(command what) {
   switch (what) {
     case command::run:
       return std::string(R"(Examples:
-  dachost run --once gateway.conf           what this machine publishes, then end
-  dachost run --json gateway.conf           one JSON object a line, for programs
+  dachost run --once gateway.conf           prints what this machine publishes
+  dachost run --json gateway.conf           prints one JSON object per line
   dachost run --exec ./update gateway.conf  starts ./update for every value
 )") + status_of_a_run;
     case command::top:
       return std::string(R"(Keys: q ends; arrows, PgUp, PgDn, Home and End scroll.
 
 Examples:
-  dachost top /etc/ip6dns/*.conf            on the screen, drawn once a second
-  dachost top --once gateway.conf           one table, then end
-  dachost top *.conf >>tables               a table a second into a file
+  dachost top /etc/ip6dns/*.conf            updates the screen every second
+  dachost top --once gateway.conf           prints one table
+  dachost top *.conf >>tables               appends one table per second
 )") + status_of_a_table;
     case command::check:
       return std::string(R"(Example:
-  dachost check /etc/ip6dns/*.conf          one line a file: ok, or what is wrong
-)") + status_of_a_question;
+  dachost check /etc/ip6dns/*.conf          prints one line per file: ok or the error
+)") + status_of_a_query;
     case command::tags:
       return std::string(R"(Example:
-  dachost tags gateway.conf | cut -f 2      the host name that the file gives
-)") + status_of_a_question;
+  dachost tags gateway.conf | cut -f 2      prints the host name in the file
+)") + status_of_a_query;
     case command::info:
       break;
   }
   return std::string(R"(Example:
   dachost info gateway.conf                 {"status":"stop","host":"gateway.example"}
-)") + status_of_a_question;
+)") + status_of_a_query;
 }
 
 std::string footer() {
   return R"(Examples:
-  dachost check gateway.conf                does the file do?
-  dachost run gateway.conf                  every value as it arrives
-  dachost run --help                        the options of a sub-command
+  dachost check gateway.conf                validates a configuration file
+  dachost run gateway.conf                  prints every value as it arrives
+  dachost run --help                        lists the options of a sub-command
 
-Exit status: 0 when all went well, 1 when not, 2 for wrong usage. The manual is
+Exit status: 0 on success, 1 on failure, 2 for wrong usage. The manual is
 dachost(1).)";
 }
 
 // ---------------------------------------------------------------- options
 
 constexpr int wrong_usage = 2;
-constexpr double most_seconds = 1e9;  // what nanoseconds can hold, with room to add it to the clock
+constexpr double most_seconds = 1e9;  // fits nanoseconds, also when added to the clock
 
 std::optional<std::chrono::nanoseconds> seconds(const std::string& text) {
   double s = 0;
@@ -93,10 +94,10 @@ std::string check_file(const std::string& text) { return text.empty() ? "a file 
 
 CLI::App* add_command(CLI::App& app, options& o, command what, const std::string& name, const std::string& text) {
   CLI::App* c = app.add_subcommand(name, text);
-  c->add_option("-p,--plugin", o.plugin, "The plug-in; without it libip6dns.so is looked for, see dachost(1)")
+  c->add_option("-p,--plugin", o.plugin, "The plug-in; by default dachost searches for libip6dns.so, see dachost(1)")
       ->type_name("FILE")
       ->check(check_file);
-  c->add_option("CONFIG", o.files, "Configuration files, an instance for each")
+  c->add_option("CONFIG", o.files, "Configuration files, one instance per file")
       ->type_name("FILE")
       ->required()
       ->check(check_file);
@@ -107,9 +108,9 @@ CLI::App* add_command(CLI::App& app, options& o, command what, const std::string
 
 void add_ends(CLI::App* c, options& o) {
   CLI::Option* once =
-      c->add_flag("--once", o.once, "End when every instance has published once")->disable_flag_override();
+      c->add_flag("--once", o.once, "Exit when every instance has published once")->disable_flag_override();
   c->add_option_function<std::string>(
-       "--for", [&o](const std::string& text) { o.time = seconds(text); }, "End after that many seconds")
+       "--for", [&o](const std::string& text) { o.time = seconds(text); }, "Exit after that many seconds")
       ->type_name("SECONDS")
       ->check(check_seconds)
       ->excludes(once);
@@ -173,7 +174,7 @@ void add_exec(CLI::App& run, hook_options& e) {
   add_filter(run, e.addresses);
   run.add_option_function<std::string>(
          "--exec-timeout", [&e](const std::string& text) { e.timeout = *seconds(text); },
-         "Stop a program that runs longer, 30 without this option")
+         "Stop a program that runs longer (default: 30)")
       ->type_name("SECONDS")
       ->check(check_seconds)
       ->needs(exec);
@@ -182,7 +183,7 @@ void add_exec(CLI::App& run, hook_options& e) {
 
 void add_run(CLI::App& app, options& o) {
   CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
-  run->add_flag("--json", o.json, "Print JSON objects, one a line")->disable_flag_override();
+  run->add_flag("--json", o.json, "Print JSON, one object per line")->disable_flag_override();
   add_ends(run, o);
   add_exec(*run, o.hook);
 }
@@ -197,7 +198,7 @@ std::string hint_for(const std::vector<std::string>& words) {
 std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::string& hint) {
   const auto parsed = app->get_subcommands();
   const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + ' ';
-  return report_line(e.what() + hint + " (dachost " + command + "--help tells the usage)") + '\n';
+  return report_line(e.what() + hint + " (dachost " + command + "--help shows the usage)") + '\n';
 }
 
 answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
@@ -234,10 +235,10 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, hint_for(all)); });
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
   app.footer(footer());
-  app.require_subcommand(0, 1);  // none is looked for below, so that an unknown word is named and not missed
+  app.require_subcommand(0, 1);  // a missing one is reported below; reported here, it would hide an unknown word
   add_run(app, o);
   add_ends(add_command(app, o, command::top, "top", "Run an instance for each file and show them in a table"), o);
-  add_command(app, o, command::check, "check", "Tell whether the plug-in takes each file");
+  add_command(app, o, command::check, "check", "Check whether the plug-in accepts each file");
   add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
   add_command(app, o, command::info, "info", "Print the status document of each file's instance");
   try {

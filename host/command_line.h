@@ -13,7 +13,7 @@ enum class command { run, top, check, tags, info };
 
 struct options {
   command what = command::run;
-  std::string plugin;  // empty: to be found
+  std::string plugin;  // empty: find_plugin()
   std::vector<std::string> files;
   bool json = false;
   bool once = false;

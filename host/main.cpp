@@ -31,7 +31,7 @@ int unblocked(int fd) {
 }
 
 // ETIME: drain() gave up on the reader.
-const char* reason_of(int error) { return error == ETIME ? "nobody has read it to its end" : std::strerror(error); }
+const char* reason_of(int error) { return error == ETIME ? "timed out waiting for the reader" : std::strerror(error); }
 
 int carry_out(event_loop& l, const options& o, output& out, output& err) {
   const plugin p = load_plugin(o.plugin);

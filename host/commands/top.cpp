@@ -122,7 +122,7 @@ void watcher::open_terminal() {
   try {
     _terminal = std::make_unique<terminal>(_loop, _out, [this] { show(); });
   } catch (const std::exception& e) {
-    report(_err, std::string(e.what()) + "; tables follow one below the other");
+    report(_err, std::string(e.what()) + "; tables are printed one after another");
   }
 }
 

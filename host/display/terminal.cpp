@@ -35,10 +35,10 @@ std::string description() {
 
 void examine_terminal() {
   const std::string text = description();
-  if (text.empty()) throw std::runtime_error("TERM names no terminal that is known here");
+  if (text.empty()) throw std::runtime_error("TERM names an unknown terminal");
   // Who moves the cursor as ECMA-48 says understands the rest of what is written here.
   if (text.find("\x1b[%i%p1%d;%p2%dH") == std::string::npos)
-    throw std::runtime_error("the terminal that TERM names has no cursor to move");
+    throw std::runtime_error("the terminal named by TERM cannot move its cursor");
 }
 
 // The bytes of the first key; 0 when it is not complete.
@@ -68,7 +68,7 @@ action action_of(std::string_view key) {
 terminal::terminal(event_loop& l, output& out, std::function<void()> redraw)
     : _loop(l), _out(out), _redraw(std::move(redraw)) {
   examine_terminal();
-  if (tcgetattr(STDIN_FILENO, &_settings) != 0) throw std::runtime_error("the terminal has no settings");
+  if (tcgetattr(STDIN_FILENO, &_settings) != 0) throw std::runtime_error("cannot read the settings of the terminal");
 }
 
 terminal::~terminal() {

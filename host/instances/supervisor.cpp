@@ -99,7 +99,7 @@ void supervisor::on_created(const std::vector<size_t>& files, const batch& b) {
 void supervisor::refuse(const creation& c) {
   const bool has_old = _fleet.get(c.index);
   if (!has_old) _cause = cause::refusal;
-  const char* consequence = has_old ? "; the old instance goes on" : "; nothing is started";
+  const char* consequence = has_old ? "; the old instance continues" : "; nothing is started";
   _observer.on_refused(c.index, diagnose(_fleet.file(c.index), c.reason) + consequence);
 }
 

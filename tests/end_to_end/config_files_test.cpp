@@ -51,7 +51,7 @@ TEST_F(config_files, that_become_FIFOs_keep_the_old_instance_and_leave_dachost_a
     process p = start({command, "-p", PLUGIN, file});
     p.await_out("before");
     replace(p, fifo());
-    p.await_err(file + ": not a regular file; the old instance goes on\n");
+    p.await_err(file + ": not a regular file; the old instance continues\n");
     dir.file("hostname=after", "next.conf");
     replace(p, dir.path("next.conf"));
     p.await_out("after");

@@ -288,13 +288,13 @@ TEST_F(dachost, help_of_each_sub_command_has_an_example_and_the_exit_statuses) {
   for (const std::string command : {"run", "top", "check", "tags", "info"}) {
     const ending e = dachost_does({command, "--help"});
     EXPECT_NE(e.out.find("\n  dachost " + command + ' '), std::string::npos) << e.out;
-    EXPECT_NE(e.out.find("\nExit status: 0 when"), std::string::npos) << e.out;
+    EXPECT_NE(e.out.find("\nExit status: 0 on success"), std::string::npos) << e.out;
   }
 }
 
 TEST_F(dachost, what_is_wrong_with_a_sub_commands_usage_points_to_its_own_help) {
-  EXPECT_TRUE(dachost_does({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help tells the usage)\n"));
-  EXPECT_TRUE(dachost_does({"publish"}).err.ends_with("(dachost --help tells the usage)\n"));
+  EXPECT_TRUE(dachost_does({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help shows the usage)\n"));
+  EXPECT_TRUE(dachost_does({"publish"}).err.ends_with("(dachost --help shows the usage)\n"));
 }
 
 // ---------------------------------------------------------------- the library
@@ -754,7 +754,7 @@ TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
   const ending e = rewrite("hostname=a:b", [](process& p) { p.await_err("\n"); });
   const std::string conf = path("gw.conf");
   EXPECT_EQ(e.err,
-            "dachost: hostname contains illegal characters in " + conf + spell_it + "; the old instance goes on\n");
+            "dachost: hostname contains illegal characters in " + conf + spell_it + "; the old instance continues\n");
   EXPECT_EQ(told(e.out, "tag"), texts{tag_line("gw", "before")});
   EXPECT_EQ(told(e.out, "message"), started_and_stopped("gw"));
 }
@@ -765,7 +765,7 @@ TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
     p.signal(SIGHUP);
     ASSERT_TRUE(await_journal("start a 2"));
   });
-  EXPECT_EQ(e.err, "dachost: " + path("b.conf") + ": for a reason; the old instance goes on\n");
+  EXPECT_EQ(e.err, "dachost: " + path("b.conf") + ": for a reason; the old instance continues\n");
   EXPECT_EQ(calls_of("create"), (texts{"create a 0", "create b 1", "create a 2", "create b -1"}));
   EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2"}));
   EXPECT_EQ(calls_of("stop").at(0), "stop a 0") << "b is left alone";
@@ -788,7 +788,7 @@ TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
     p.await_err(path("b.conf"));
   });
   const std::string kept =
-      ": refused without a reason; the plug-in may have no room for another instance; the old instance goes on";
+      ": refused without a reason; the plug-in may have no room for another instance; the old instance continues";
   EXPECT_EQ(lines(e.err), (texts{"dachost: " + path("a.conf") + kept, "dachost: " + path("b.conf") + kept}));
   expect_gone({"a 0", "b 1"});
 }
@@ -831,7 +831,7 @@ TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
     p.signal(SIGTERM);
     EXPECT_EQ(p.end_unread(), 1);
     expect_gone({"gw 0"});
-    EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
+    EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
   }
 }
 

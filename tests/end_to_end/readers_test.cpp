@@ -124,7 +124,7 @@ TEST_F(readers, that_are_slow_after_a_stop_signal_get_the_beginning) {
   EXPECT_EQ(p.end_unread(), 1);
   while (s.read_some(out, 4096)) continue;
   expect_beginning_of_flood(out, 4000);
-  EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
+  EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
 }
 
 TEST_F(readers, of_a_non_blocking_socket_get_every_line) {

@@ -126,7 +126,7 @@ TEST_F(reload, of_a_file_that_vanished_keeps_the_instance_and_takes_it_when_it_i
   p.await_out("\tvalue\tbefore\t");
   std::filesystem::remove(file);
   p.signal(SIGHUP);
-  p.await_err("No such file or directory; the old instance goes on\n");
+  p.await_err("No such file or directory; the old instance continues\n");
   dir.file("hostname=after", "gw.conf");
   p.signal(SIGHUP);
   p.await_out("\tvalue\tafter\t");

@@ -188,7 +188,7 @@ TEST_F(top, sighup_reads_the_files_again_and_counts_from_the_start) {
   const texts err = lines(e.err);
   ASSERT_EQ(err.size(), 2U) << e.err;
   EXPECT_TRUE(err[0].ends_with(" gw: of the old one")) << err[0];
-  EXPECT_EQ(err[1], "dachost: other.conf: for a reason; the old instance goes on");
+  EXPECT_EQ(err[1], "dachost: other.conf: for a reason; the old instance continues");
 }
 
 TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
@@ -224,7 +224,7 @@ TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
   p.signal(SIGTERM);
   EXPECT_EQ(p.end_unread(), 1);
   EXPECT_TRUE(is_gone("i10 0"));
-  EXPECT_EQ(p.end().err, "dachost: standard output: nobody has read it to its end\n");
+  EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
 }
 
 // ---------------------------------------------------------------- on a screen
@@ -428,7 +428,7 @@ TEST_F(top_screen, sighup_shows_the_reason_of_every_refused_file_until_a_key_is_
   ASSERT_EQ(kill(host(), SIGHUP), 0);
   const auto shows_all = [&](const texts& all) {
     return std::all_of(names.begin(), names.end(), [&](const std::string& n) {
-      return joined(all).find("dachost: " + n + ".conf: for reason " + n + "; the old instance goes on") !=
+      return joined(all).find("dachost: " + n + ".conf: for reason " + n + "; the old instance continues") !=
              std::string::npos;
     });
   };
@@ -459,7 +459,7 @@ TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {
   open(t, "gw.conf", "2001:db8::10");
   dir.file("refuse for a reason", "gw.conf");
   ASSERT_EQ(kill(host(), SIGHUP), 0);
-  const texts all = t.await("dachost: gw.conf: for a reason; the old instance goes on");
+  const texts all = t.await("dachost: gw.conf: for a reason; the old instance continues");
   EXPECT_NE(all.at(2).find("2001:db8::10"), std::string::npos);
 }
 
@@ -468,15 +468,15 @@ TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not
   const struct row {
     const char* setting;
     const char* reason;
-  } rows[] = {{"export TERM=no-such-terminal", "TERM names no terminal that is known here"},
-              {"unset TERM", "TERM names no terminal that is known here"},
-              {"export TERM=dumb", "the terminal that TERM names has no cursor to move"}};
+  } rows[] = {{"export TERM=no-such-terminal", "TERM names an unknown terminal"},
+              {"unset TERM", "TERM names an unknown terminal"},
+              {"export TERM=dumb", "the terminal named by TERM cannot move its cursor"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.setting);
     terminal t(dir.path(""), 120, 30);
     t.type(std::string("clear; ") + r.setting);
     t.press("Enter");
-    open(t, "gw.conf", std::string(r.reason) + "; tables follow one below the other");
+    open(t, "gw.conf", std::string(r.reason) + "; tables are printed one after another");
     t.await([](const texts& all) { return joined(all).find("null\n\ndachost top") != std::string::npos; });
     t.press("C-c");
     expect_restored(t);

@@ -209,7 +209,7 @@ TEST_F(supervisors, a_file_refused_on_a_reload_keeps_its_old_instance) {
   reports["a.conf"] = {"failure bad"};
   reload();
   EXPECT_EQ(noted(), (texts{"create a of a.conf", "create b of b.conf",
-                            "refused 0 a.conf: bad" + std::string(missing) + "; the old instance goes on",
+                            "refused 0 a.conf: bad" + std::string(missing) + "; the old instance continues",
                             "message 0 " + std::to_string(DAC_LEVEL_FAILURE) + " bad", "stop 1",
                             "tag 1 b.conf 3 1 one two", "stop 1", "destroy 1", "start 2"}));
   EXPECT_FALSE(s->is_to_stop());
@@ -238,8 +238,8 @@ TEST_F(supervisors, a_reload_needs_room_for_one_more_instance) {
   const std::string why =
       ".conf: refused without a reason; the plug-in may have no room for another instance" + std::string(missing);
   EXPECT_EQ(noted(),
-            (texts{"create a of a.conf", "create b of b.conf", "refused 0 a" + why + "; the old instance goes on",
-                   "refused 1 b" + why + "; the old instance goes on"}));
+            (texts{"create a of a.conf", "create b of b.conf", "refused 0 a" + why + "; the old instance continues",
+                   "refused 1 b" + why + "; the old instance continues"}));
 }
 
 TEST_F(supervisors, a_reason_is_no_lack_of_room) {
@@ -247,7 +247,7 @@ TEST_F(supervisors, a_reason_is_no_lack_of_room) {
   refused = {"b.conf"};
   reports["b.conf"] = {"failure bad"};
   reload();
-  EXPECT_EQ(noted()[2], "refused 1 b.conf: bad" + std::string(missing) + "; the old instance goes on");
+  EXPECT_EQ(noted()[2], "refused 1 b.conf: bad" + std::string(missing) + "; the old instance continues");
 }
 
 TEST_F(supervisors, SIGHUP_during_a_reload_causes_one_more) {

@@ -27,6 +27,6 @@ namespace {
 TEST(find_plugin, without_a_known_place_does_not_search_the_working_directory) {
   const scratch dir;
   for (const char* place : {"bin", "lib/dac"}) std::filesystem::create_directories(dir.path(place));
-  for (const char* place : {"", "bin/", "lib/dac/"}) dir.file("no library", std::string(place) + "libip6dns.so");
+  for (const char* place : {"", "lib/dac/"}) dir.file("no library", std::string(place) + "libip6dns.so");
   EXPECT_EXIT(search_without_proc(dir.path("bin")), testing::ExitedWithCode(0), "");
 }

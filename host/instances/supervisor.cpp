@@ -52,7 +52,7 @@ void supervisor::start_all() {
 
 void supervisor::load() {
   _state = state::loading;
-  _loop.run_beside([this, files = std::exchange(_to_load, {})]() -> event_loop::task {
+  _loop.run_in_background([this, files = std::exchange(_to_load, {})]() -> event_loop::task {
     return [this, files, made = create(files)] { on_created(files, made); };
   });
 }
@@ -108,7 +108,7 @@ void supervisor::stop_old(const batch& b) {
   for (const creation& c : *b)
     if (instance* i = _fleet.get(c.index)) old.push_back(i);
   if (old.empty()) return start_new(b);
-  _loop.run_beside([this, b, old]() -> event_loop::task {
+  _loop.run_in_background([this, b, old]() -> event_loop::task {
     _loop.parallel_for(old.size(), [&](size_t k) { old[k]->stop(); });
     return [this, b] { start_new(b); };
   });
@@ -118,7 +118,7 @@ void supervisor::start_new(const batch& b) {
   for (creation& c : *b) c.made = _fleet.replace(c.index, std::move(c.made));
   for (const creation& c : *b)
     for (const tag& t : _fleet.get(c.index)->tags()) _observer.on_tag(c.index, t);
-  _loop.run_beside([this, b]() -> event_loop::task {
+  _loop.run_in_background([this, b]() -> event_loop::task {
     for (creation& c : *b) c.made = nullptr;
     return [this, failure = start(b)] {
       if (!failure.empty()) _cause = cause::failure;
@@ -158,7 +158,7 @@ bool supervisor::stop() {
 }
 
 void supervisor::stop_fleet() {
-  _loop.run_beside([this]() -> event_loop::task {
+  _loop.run_in_background([this]() -> event_loop::task {
     _loop.parallel_for(_fleet.size(), [this](size_t i) {
       if (instance* running = _fleet.get(i)) running->stop();
     });
@@ -169,7 +169,7 @@ void supervisor::stop_fleet() {
 void supervisor::destroy_fleet() {
   const batch all = std::make_shared<std::vector<creation>>();
   for (size_t i = 0; i < _fleet.size(); ++i) all->push_back({i, _fleet.replace(i, nullptr), {}, ""});
-  _loop.run_beside([this, all]() -> event_loop::task {
+  _loop.run_in_background([this, all]() -> event_loop::task {
     all->clear();
     return [this] { _state = state::stopped; };
   });

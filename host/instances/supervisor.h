@@ -21,7 +21,7 @@ class fleet_observer : public interface {
   virtual void on_refused(size_t i, const std::string& what) = 0;
 };
 
-/// Calls into the plug-in that may block run beside the loop, so that they never delay a signal.
+/// Calls into the plug-in that may block run in the background, so that they never delay a signal.
 class supervisor {
  public:
   /// Answers SIGHUP, SIGINT, SIGQUIT and SIGTERM from now on.

@@ -58,7 +58,7 @@ bool is_ignored(int sig) {
 // meant for the foreground.
 bool is_left_ignored(int sig) { return (sig == SIGINT || sig == SIGQUIT || sig == SIGTSTP) && is_ignored(sig); }
 
-// Threads beside the loop, and those that the plug-in starts there, leave signals to the loop.
+// Background threads, and those that the plug-in starts in them, leave signals to the loop.
 class all_signals_blocked {
  public:
   all_signals_blocked() {
@@ -98,7 +98,7 @@ class asio_loop final : public event_loop {
 
   void post(task t) override { asio::post(_io, std::move(t)); }
 
-  void run_beside(std::function<task()> work) override {
+  void run_in_background(std::function<task()> work) override {
     const all_signals_blocked here;
     const auto thread = std::make_shared<std::thread>();
     try {

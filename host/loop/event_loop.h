@@ -36,7 +36,7 @@ class event_loop : public interface {
   virtual void post(task t) = 0;
   /// Calls `work`, which may block and must not throw, on a separate thread, and posts the task that it returns. Where
   /// the system refuses a thread, calls it before returning.
-  virtual void run_beside(std::function<task()> work) = 0;
+  virtual void run_in_background(std::function<task()> work) = 0;
 
   /// Calls work(0) to work(n - 1), up to 512 of them at once, and returns when all have returned. Fewer at once when
   /// the system refuses threads. [any thread]

@@ -32,7 +32,7 @@ std::string joined(const texts& parts, const std::string& separator) {
 std::string tabbed(const texts& fields) { return joined(fields, "\t"); }
 
 /// The lines of a run whose third field is `what`, without the time, sorted.
-texts told(const std::string& out, const std::string& what) {
+texts lines_of(const std::string& out, const std::string& what) {
   texts found;
   for (const std::string& line : lines(out)) {
     const size_t instance = line.find('\t') + 1;
@@ -63,7 +63,7 @@ std::string own_addresses() {
   return all.empty() ? "null" : joined(all, ",");
 }
 
-/// Lines of a run, as told() has them.
+/// Lines of a run, as lines_of() has them.
 std::string tag_line(const std::string& instance, const std::string& tag) {
   return tabbed({instance, "tag", tag, "6", "1", "", "ipv6 address"});
 }
@@ -350,7 +350,7 @@ TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
     fs::copy(PLUGIN, path(r.place) + "/libip6dns.so");
     const ending e = process(command_line(path("bin/dachost"), {"run", "--for", "0.001", conf}), s).end();
     EXPECT_EQ(e.status, 0) << e.err;
-    EXPECT_EQ(told(e.out, "version"), texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", r.loaded})});
+    EXPECT_EQ(lines_of(e.out, "version"), texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", r.loaded})});
   }
 }
 
@@ -462,8 +462,8 @@ TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
     EXPECT_EQ(e.out, "++: ok, host name h\n");
   }
   const ending e = check_there({"run", "-p", PLUGIN, "--once", "++", "--dry-run", "--exec", "++"});
-  EXPECT_EQ(told(e.out, "value"), texts{value_line("++", "h")}) << e.err;
-  EXPECT_TRUE(told(e.out, "exec").at(0).starts_with("++\texec\t++\tDAC_INSTANCE=++\t")) << e.out;
+  EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("++", "h")}) << e.err;
+  EXPECT_TRUE(lines_of(e.out, "exec").at(0).starts_with("++\texec\t++\tDAC_INSTANCE=++\t")) << e.out;
 }
 
 TEST_F(dachost, a_file_with_two_brackets_is_one_file_when_it_has_a_directory) {
@@ -485,8 +485,8 @@ TEST_F(dachost, control_characters_of_two_bytes_are_printed_as_their_codes) {
   const std::string printed = "\\xc2\\x80\\xc2\\x9b1m\\xc2\\x9f\xc2\xa0\xc3\x9b";
   EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name " + printed + '\n');
   const ending e = ask({"run", "--once", conf});
-  EXPECT_EQ(told(e.out, "tag"), texts{tag_line("h", printed)});
-  EXPECT_EQ(told(e.out, "value"), texts{value_line("h", printed)});
+  EXPECT_EQ(lines_of(e.out, "tag"), texts{tag_line("h", printed)});
+  EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("h", printed)});
   EXPECT_EQ(e.out.find('\x9b'), e.out.find("\xc3\x9b") + 1) << "that of another character";
 }
 
@@ -567,14 +567,14 @@ TEST_F(dachost, once_waits_for_the_value_of_every_instance) {
   }
   const ending e = ask(args);
   EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(told(e.out, "value"), expected);
+  EXPECT_EQ(lines_of(e.out, "value"), expected);
 }
 
 TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
   const std::string conf = file("gw.conf", "hostname=h");
   const ending early = ask({"run", "--for", "0.001", conf});
   EXPECT_EQ(early.status, 0);
-  EXPECT_EQ(told(early.out, "message"), started_and_stopped("gw"));
+  EXPECT_EQ(lines_of(early.out, "message"), started_and_stopped("gw"));
   process p = start({"run", "--for", "1e9", conf});
   p.await_out(value_line("gw", "h"));
   terminate(p);
@@ -600,7 +600,7 @@ TEST_F(dachost, json_is_one_object_a_line_and_messages_go_elsewhere) {
              {"text1", ""},
              {"text2", "ipv6 address"}},
             {{"event", "value"}, {"instance", "gw"}, {"tag", "gw.example"}, {"type", 6}, {"value", own_addresses()}}}));
-  EXPECT_EQ(told(e.err, "message"), started_and_stopped("gw"));
+  EXPECT_EQ(lines_of(e.err, "message"), started_and_stopped("gw"));
 }
 
 TEST_F(dachost, bytes_that_are_no_text_become_replacement_characters_in_json) {
@@ -629,7 +629,7 @@ TEST_F(dachost, texts_that_fill_their_fields_are_printed_up_to_the_last_byte) {
   const std::string name(80, 'n'), first(1000, 'a'), second(1000, 'b');
   const ending text = ask_fake({"run", "--once", conf});
   EXPECT_EQ(text.status, 0);
-  EXPECT_EQ(told(text.out, "value"),
+  EXPECT_EQ(lines_of(text.out, "value"),
             (texts{tabbed({"odd", "value", name, first}), tabbed({"odd", "value", name, second})}));
   const texts objects = lines(ask_fake({"run", "--once", "--json", conf}).out);
   EXPECT_EQ(json::parse(objects.at(2))["value"], first);
@@ -656,12 +656,12 @@ TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
   EXPECT_EQ(text.status, 1);
   EXPECT_EQ(text.err, told_why);
   EXPECT_EQ(lines(text.out).size(), 2U) << text.out;
-  EXPECT_EQ(told(text.out, "failure"), failure);
+  EXPECT_EQ(lines_of(text.out, "failure"), failure);
   const ending objects = ask({"run", "--json", a, bad});
   EXPECT_EQ(objects.status, 1);
   EXPECT_EQ(lines(objects.out).size(), 1U) << objects.out;
   EXPECT_TRUE(objects.err.starts_with(told_why)) << objects.err;
-  EXPECT_EQ(told(objects.err.substr(told_why.size()), "failure"), failure);
+  EXPECT_EQ(lines_of(objects.err.substr(told_why.size()), "failure"), failure);
 }
 
 TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
@@ -745,9 +745,9 @@ TEST_F(dachost, instances_are_stopped_side_by_side) {
 TEST_F(dachost, sighup_reads_the_files_again) {
   const ending e = rewrite("hostname=after", [](process& p) { p.await_out("\tvalue\tafter\t"); });
   EXPECT_EQ(e.err, "");
-  EXPECT_EQ(told(e.out, "value"), (texts{value_line("gw", "after"), value_line("gw", "before")}));
-  EXPECT_EQ(told(e.out, "tag"), (texts{tag_line("gw", "after"), tag_line("gw", "before")}));
-  EXPECT_EQ(told(e.out, "message").size(), 4U);
+  EXPECT_EQ(lines_of(e.out, "value"), (texts{value_line("gw", "after"), value_line("gw", "before")}));
+  EXPECT_EQ(lines_of(e.out, "tag"), (texts{tag_line("gw", "after"), tag_line("gw", "before")}));
+  EXPECT_EQ(lines_of(e.out, "message").size(), 4U);
 }
 
 TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
@@ -755,8 +755,8 @@ TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
   const std::string conf = path("gw.conf");
   EXPECT_EQ(e.err,
             "dachost: hostname contains illegal characters in " + conf + spell_it + "; the old instance continues\n");
-  EXPECT_EQ(told(e.out, "tag"), texts{tag_line("gw", "before")});
-  EXPECT_EQ(told(e.out, "message"), started_and_stopped("gw"));
+  EXPECT_EQ(lines_of(e.out, "tag"), texts{tag_line("gw", "before")});
+  EXPECT_EQ(lines_of(e.out, "message"), started_and_stopped("gw"));
 }
 
 TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {

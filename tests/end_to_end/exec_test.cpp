@@ -23,7 +23,7 @@ using nlohmann::json;
 namespace {
 
 /// The rest of the lines of a run whose third field is `what`: the fields behind it.
-std::vector<texts> told(const std::string& out, const std::string& what) {
+std::vector<texts> lines_of(const std::string& out, const std::string& what) {
   std::vector<texts> found;
   for (const std::string& line : lines(out)) {
     texts fields = split(line, '\t');
@@ -266,7 +266,7 @@ TEST_F(exec, fails_once_with_a_line_and_a_status_where_once_is_asked_for) {
     const ending e = run({"--once", "--exec", program(r.body), publish("a")});
     EXPECT_EQ(e.status, 1);
     EXPECT_EQ(e.err, complaint(std::string(r.told) + "; not tried again"));
-    EXPECT_EQ(told(e.out, "value"), (std::vector<texts>{{"gw", "a"}}));
+    EXPECT_EQ(lines_of(e.out, "value"), (std::vector<texts>{{"gw", "a"}}));
   }
 }
 
@@ -425,7 +425,7 @@ TEST_F(exec, is_only_shown_in_a_dry_run) {
   const ending e = run({"--once", "--dry-run", "--exec", program("echo ran >did"), publish("a")});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
-  const std::vector<texts> shown = told(e.out, "exec");
+  const std::vector<texts> shown = lines_of(e.out, "exec");
   ASSERT_EQ(shown.size(), 1U);
   EXPECT_EQ(texts(shown[0].begin(), shown[0].end() - 1),
             (texts{dir.path("prog"), "DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a"}));
@@ -463,7 +463,7 @@ TEST_F(exec, gets_the_published_value_if_all_addresses_are_picked) {
     const ending e = run({"--once", "--pick", "all", "--exec", program("echo $DAC_VALUE >did"), publish(r.published)});
     EXPECT_EQ(e.err, "");
     EXPECT_EQ(did(), r.expected + '\n');
-    EXPECT_EQ(told(e.out, "value"), (std::vector<texts>{{"gw", r.published}}));
+    EXPECT_EQ(lines_of(e.out, "value"), (std::vector<texts>{{"gw", r.published}}));
   }
 }
 
@@ -483,7 +483,7 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
     const ending e =
         start({"--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), conf}, PLUGIN).end();
     EXPECT_EQ(e.err, "");
-    texts published = split(told(e.out, "value").at(0).at(1), ',');
+    texts published = split(lines_of(e.out, "value").at(0).at(1), ',');
     EXPECT_EQ(published.size(), 8U) << "including the temporary one";
     texts picked = split(did().substr(0, did().find('\n')), ',');
     std::sort(picked.begin(), picked.end());

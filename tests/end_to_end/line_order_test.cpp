@@ -88,7 +88,7 @@ TEST_F(line_order, of_each_of_many_instances_is_kept_and_no_line_is_lost_or_doub
     p.await_out("\tvalue\ti" + std::to_string(i) + '\t' + std::to_string(values - 1) + '\n');
   std::map<std::string, texts> published;
   texts expected;
-  for (const std::string& line : told(terminate(p).out, "value"))
+  for (const std::string& line : lines_of(terminate(p).out, "value"))
     published[split(line, '\t').at(0)].push_back(split(line, '\t').back());
   for (int v = 0; v < values; ++v) expected.push_back(std::to_string(v));
   ASSERT_EQ(published.size(), static_cast<size_t>(instances));
@@ -111,7 +111,7 @@ TEST_F(line_order, in_json_is_kept_on_each_of_the_two_outputs) {
   for (const std::string& line : lines(e.out))
     if (const auto event = nlohmann::json::parse(line); event["event"] == "value")
       seen_values.push_back(event["value"]);
-  for (const std::string& line : told(e.err, "failure")) seen_failures.push_back(split(line, '\t').back());
+  for (const std::string& line : lines_of(e.err, "failure")) seen_failures.push_back(split(line, '\t').back());
   EXPECT_EQ(seen_values, values);
   EXPECT_EQ(seen_failures, failures);
 }

@@ -70,7 +70,7 @@ TEST_F(readers, of_standard_error_that_are_late_get_every_line_in_order) {
   EXPECT_TRUE(p.is_running()) << "the rest waits for its reader";
   const ending e = p.end();
   EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(told(e.err, "message").size(), 4000U);
+  EXPECT_EQ(lines_of(e.err, "message").size(), 4000U);
   expect_beginning_of_flood(e.err, 4000);
 }
 
@@ -135,8 +135,8 @@ TEST_F(readers, of_a_non_blocking_socket_get_every_line) {
   std::string out;
   for (size_t size = 1; s.read_some(out, size);) size = size % 5000 + 611;
   EXPECT_EQ(p.end_unread(), 0);
-  EXPECT_EQ(told(out, "message").size(), 4000U);
-  EXPECT_EQ(told(out, "value"), texts{"gw\tvalue\tgw\t" + std::string(900, 'v')});
+  EXPECT_EQ(lines_of(out, "message").size(), 4000U);
+  EXPECT_EQ(lines_of(out, "value"), texts{"gw\tvalue\tgw\t" + std::string(900, 'v')});
   expect_beginning_of_flood(out, 4000);
 }
 
@@ -162,7 +162,7 @@ TEST_F(readers, that_come_back_after_a_pause_get_lines_in_order) {
   }
   gw.say("publish end");
   p.await_out("\tend\n");
-  const texts all = told(terminate(p).out, "message");
+  const texts all = lines_of(terminate(p).out, "message");
   ASSERT_EQ(all.size(), 9000U);
   for (size_t n = 0; n < all.size(); ++n)
     EXPECT_EQ(all[n], "gw\tmessage\tmessage " + std::to_string(n % 3000 + 1) + " of 3000");

@@ -59,7 +59,7 @@ TEST_F(reload, many_times_in_a_row_ends_with_the_newest_file) {
     p.signal(SIGHUP);
   }
   p.await_out("\t200\n");
-  const texts values = told(terminate(p).out, "value");
+  const texts values = lines_of(terminate(p).out, "value");
   EXPECT_EQ(values.back(), "gw\tvalue\tgw\t200");
   expect_all_gone();
 }
@@ -103,7 +103,7 @@ TEST_F(reload, of_500_instances_stops_them_at_the_same_time) {
   p.signal(SIGHUP);
   p.await_out("\ti599\tnew\n");
   const ending e = terminate(p);
-  EXPECT_EQ(told(e.out, "value").size(), 1000U);
+  EXPECT_EQ(lines_of(e.out, "value").size(), 1000U);
   expect_all_gone();
 }
 
@@ -148,7 +148,7 @@ TEST_F(command_line, once_waits_for_a_mute_instance) {
   mute.say("publish b");
   const ending e = p.end();
   EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(told(e.out, "value"), (texts{"a\tvalue\ta\ta", "mute\tvalue\tmute\tb"}));
+  EXPECT_EQ(lines_of(e.out, "value"), (texts{"a\tvalue\ta\ta", "mute\tvalue\tmute\tb"}));
 }
 
 TEST_F(command_line, for_a_second_and_a_half_is_not_shorter) {
@@ -168,8 +168,8 @@ TEST_F(command_line, a_file_given_three_times_has_three_instances) {
   const std::string prog = program("echo \"$DAC_INSTANCE\" >>did");
   const ending e = run({"--once", "--exec", prog, file, file, file}).end();
   EXPECT_EQ(e.status, 0);
-  EXPECT_EQ(told(e.out, "value"), (texts{file + "\tvalue\t" + file + "\ta", file + "#2\tvalue\t" + file + "#2\ta",
-                                         file + "#3\tvalue\t" + file + "#3\ta"}));
+  EXPECT_EQ(lines_of(e.out, "value"), (texts{file + "\tvalue\t" + file + "\ta", file + "#2\tvalue\t" + file + "#2\ta",
+                                             file + "#3\tvalue\t" + file + "#3\ta"}));
   texts got = lines(did());
   std::sort(got.begin(), got.end());
   EXPECT_EQ(got, (texts{file, file + "#2", file + "#3"}));
@@ -179,7 +179,7 @@ TEST_F(command_line, names_with_equals_signs_tabs_and_escapes_are_whole_in_a_dry
   const std::string name = "a=b\tc\x1b[1m d", file = conf("publish v=w", name);
   const std::string shown = "a=b\\x09c\\x1b[1m d";
   const ending text = run({"--once", "--dry-run", "--exec", "p=q\tr", file}).end();
-  const texts commands = told(text.out, "exec");
+  const texts commands = lines_of(text.out, "exec");
   ASSERT_EQ(commands.size(), 1U);
   const texts fields = split(commands[0], '\t');
   EXPECT_EQ(texts(fields.begin(), fields.end() - 1),

@@ -237,7 +237,7 @@ TEST_F(event_loops, a_handler_may_end_its_own_timer) {
 TEST_F(event_loops, work_runs_on_another_thread_and_its_task_in_the_loop) {
   const std::thread::id here = std::this_thread::get_id();
   pipe_ends gate;
-  loop->run_beside([&]() -> event_loop::task {
+  loop->run_in_background([&]() -> event_loop::task {
     EXPECT_NE(std::this_thread::get_id(), here);
     for (const int sig : {SIGINT, SIGTERM, SIGHUP, SIGUSR1, SIGALRM}) EXPECT_TRUE(is_blocked(sig)) << sig;
     char byte = 0;
@@ -257,7 +257,7 @@ TEST_F(event_loops, work_runs_on_another_thread_and_its_task_in_the_loop) {
 
 TEST_F(event_loops, work_runs_at_once_when_there_is_no_thread) {
   threads_left = 0;
-  loop->run_beside([this]() -> event_loop::task {
+  loop->run_in_background([this]() -> event_loop::task {
     seen.push_back(1);
     return see(2);
   });
@@ -712,7 +712,7 @@ TEST_F(event_loops_death, suspend_stops_the_process_and_keeps_the_handler) {
 TEST_F(event_loops_death, exit_ends_the_process_though_work_runs) {
   EXPECT_EXIT(
       {
-        loop->run_beside([]() -> event_loop::task {
+        loop->run_in_background([]() -> event_loop::task {
           pause();
           return [] {};
         });

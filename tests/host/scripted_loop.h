@@ -33,10 +33,10 @@ class scripted_loop : public event_loop {
   std::map<int, sink> sinks;
   std::vector<watch_state> watches;
   bool is_restored = false;
-  int unwatchable = -1;     // a descriptor
-  bool holds_work = false;  // work beside the loop does not run
-  bool is_beside = false;   // work beside the loop is running
-  int works = 0;            // that have run
+  int unwatchable = -1;           // a descriptor
+  bool holds_work = false;        // background work does not run
+  bool is_in_background = false;  // background work is running
+  int works = 0;                  // that have run
 
   size_t timers() const { return _timers.size(); }
   size_t awaited() const { return _children.size(); }
@@ -66,7 +66,7 @@ class scripted_loop : public event_loop {
         if (const auto live = s.handler.lock()) (*live)(sig), is_handled = true;
     return is_handled;
   }
-  /// Lets the work run that waits beside the loop. Its task is posted.
+  /// Runs the background work that was held. Its task is posted.
   void release_work() {
     for (const auto& w : std::exchange(_work, {})) post([this, w] { run_work(w); });
   }
@@ -88,7 +88,7 @@ class scripted_loop : public event_loop {
     }
   }
   void post(task t) override { _posted.push_back(std::move(t)); }
-  void run_beside(std::function<task()> work) override {
+  void run_in_background(std::function<task()> work) override {
     _work.push_back(std::move(work));
     if (!holds_work) release_work();
   }
@@ -153,9 +153,9 @@ class scripted_loop : public event_loop {
 
   void run_work(const std::function<task()>& w) {
     ++works;
-    is_beside = true;
+    is_in_background = true;
     task then = w();
-    is_beside = false;
+    is_in_background = false;
     post(std::move(then));
   }
   bool run_posted() {

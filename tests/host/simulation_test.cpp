@@ -175,7 +175,7 @@ class world {
   size_t room = 0;  // for instances
   size_t creations = 0;
   size_t readings = 1;        // of all files, as far as they are asked for
-  time_point work_started{};  // of the work that runs beside the loop
+  time_point work_started{};  // of the background work
   size_t chaos = 0;           // steps left until the world calms down
   bool may_hang = false;
   bool hangs = false;
@@ -253,8 +253,8 @@ std::vector<event_loop::task> world::possible() {
         timers.erase(id);
         (*handler)();
       });
-  for (const auto& [id, beside] : works)
-    if (beside.ready <= now)
+  for (const auto& [id, pending] : works)
+    if (pending.ready <= now)
       all.push_back([this, id = id] {
         const work w = std::move(works.at(id));
         works.erase(id);
@@ -499,7 +499,7 @@ class simulated_loop : public event_loop {
     while (!condition()) _world.step();
   }
   void post(task t) override { _world.queue.push_back({std::move(t), _world.reporting}); }
-  void run_beside(std::function<task()> run) override {
+  void run_in_background(std::function<task()> run) override {
     _world.expect(_world.works.empty(), "two calls into the plug-in at once");
     _world.works[++_world.next_id] = {_world.now, _world.now + _world.duration_of_a_call(), std::move(run)};
   }
@@ -687,7 +687,7 @@ void check_end(const world& w, const output& out, bool is_exit) {
   for (const posted& p : w.queue) w.expect(p.what.line.empty(), "a report is not passed on");
 }
 
-// What runs beside the loop ends with the process.
+// Background work ends with the process.
 class process_end {
  public:
   explicit process_end(world& w) : _world(w) {}
@@ -725,7 +725,7 @@ void run_one(world& w) {
   check_end(w, out, is_exit);
 }
 
-std::string told(const world& w, unsigned seed, const std::string& what) {
+std::string report(const world& w, unsigned seed, const std::string& what) {
   std::string text = what + "\nreplay with IP6DNS_SEED=" + std::to_string(seed) +
                      " IP6DNS_STEPS=1; the last steps of " + std::to_string(w.steps) + ":\n";
   for (const std::string& line : w.history) text += line + '\n';
@@ -749,9 +749,9 @@ TEST(simulation, keeps_every_promise_whatever_happens) {
     try {
       run_one(w);
     } catch (const violation& v) {
-      FAIL() << told(w, seed, v.what());
+      FAIL() << report(w, seed, v.what());
     } catch (const std::exception& e) {
-      FAIL() << told(w, seed, std::string("exception: ") + e.what());
+      FAIL() << report(w, seed, std::string("exception: ") + e.what());
     }
     done += w.steps;
   }

@@ -48,19 +48,19 @@ class supervisors : public testing::Test, public fleet_observer {
     };
     p.destroy = [this](int handle) {
       note("destroy " + std::to_string(handle));
-      EXPECT_TRUE(loop.is_beside || !drivers.at(handle).was_started);
+      EXPECT_TRUE(loop.is_in_background || !drivers.at(handle).was_started);
       drivers.erase(handle);
     };
     p.start = [this](int handle) {
       note("start " + std::to_string(handle));
-      EXPECT_TRUE(loop.is_beside);
+      EXPECT_TRUE(loop.is_in_background);
       drivers.at(handle).was_started = true;
       if (drivers.at(handle).file == not_started) throw std::system_error(EAGAIN, std::generic_category());
       return 0;
     };
     p.stop = [this](int handle) {
       note("stop " + std::to_string(handle));
-      EXPECT_TRUE(loop.is_beside || !drivers.at(handle).was_started);
+      EXPECT_TRUE(loop.is_in_background || !drivers.at(handle).was_started);
       return 0;
     };
     p.isrun = [](int) { return 1; };
@@ -71,11 +71,11 @@ class supervisors : public testing::Test, public fleet_observer {
     p.getinfo = [](int, char*, size_t*) { return 0; };
   }
 
-  ~supervisors() override { loop.is_beside = true; }  // the end of the process may wait
+  ~supervisors() override { loop.is_in_background = true; }  // the end of the process may wait
 
   int create(const std::string& name, const driver& d) {
     note("create " + name + " of " + d.file);
-    EXPECT_TRUE(loop.is_beside);
+    EXPECT_TRUE(loop.is_in_background);
     for (const std::string& r : reports[d.file])
       d.log("", r.starts_with("failure ") ? DAC_LEVEL_FAILURE : DAC_LEVEL_OTHER, r.substr(8).c_str(), 1, d.logparam);
     if (refused.contains(d.file) || drivers.size() >= room) return -1;

@@ -144,7 +144,7 @@ class dachost_fixture : public testing::Test {
   }
 
   /// The lines of a run whose third field is `what`, in their order, without the time.
-  static texts told(const std::string& out, const std::string& what) {
+  static texts lines_of(const std::string& out, const std::string& what) {
     texts found;
     for (const std::string& line : lines(out)) {
       const texts fields = split(line, '\t');

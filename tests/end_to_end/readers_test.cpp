@@ -1,6 +1,7 @@
 // Readers of dachost's output that are late, slow, or leave.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -13,10 +14,15 @@ namespace {
 /// Both ends of a socket; what is written at one is read at the other.
 class socket_pair {
  public:
-  socket_pair() {
-    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, _fds) != 0) throw std::runtime_error("socketpair");
-    const int small = 4096;
-    setsockopt(_fds[1], SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+  enum class kind { local, tcp };
+
+  /// Local ones take all or nothing of 4096 bytes. TCP takes parts.
+  explicit socket_pair(kind k = kind::local) {
+    if (k == kind::tcp)
+      connect_tcp();
+    else if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, _fds) != 0)
+      throw std::runtime_error("socketpair");
+    set_buffer(_fds[1], SO_SNDBUF, k == kind::tcp ? 1 : 4096);
     fcntl(_fds[1], F_SETFL, O_NONBLOCK);
   }
   ~socket_pair() {
@@ -41,6 +47,22 @@ class socket_pair {
   }
 
  private:
+  static void set_buffer(int fd, int which, int size) { setsockopt(fd, SOL_SOCKET, which, &size, sizeof size); }
+  void connect_tcp() {
+    sockaddr_in local = {};
+    local.sin_family = AF_INET;
+    local.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t size = sizeof local;
+    auto* address = reinterpret_cast<sockaddr*>(&local);
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    _fds[1] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    set_buffer(listener, SO_RCVBUF, 4096);
+    if (bind(listener, address, size) != 0 || listen(listener, 1) != 0 || getsockname(listener, address, &size) != 0 ||
+        connect(_fds[1], address, size) != 0 || (_fds[0] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+      throw std::runtime_error("TCP");
+    close(listener);
+  }
+
   int _fds[2] = {-1, -1};
 };
 
@@ -66,7 +88,7 @@ class readers : public dachost_fixture {
 TEST_F(readers, of_standard_error_that_are_late_get_every_line_in_order) {
   process p = run({"--json", "--for", "0.001", conf("flood 4000")});
   await_journal("destroy gw 0");
-  std::this_thread::sleep_for(300ms);
+  std::this_thread::sleep_for(1500ms);  // longer than a reader has after a signal
   EXPECT_TRUE(p.is_running()) << "the rest waits for its reader";
   const ending e = p.end();
   EXPECT_EQ(e.status, 0);
@@ -74,15 +96,18 @@ TEST_F(readers, of_standard_error_that_are_late_get_every_line_in_order) {
   expect_beginning_of_flood(e.err, 4000);
 }
 
-TEST_F(readers, of_standard_error_that_read_nothing_keep_nothing_from_being_published) {
+TEST_F(readers, of_standard_error_that_read_nothing_do_not_delay_values) {
   const remote_control gw(dir.path("fifo"));
-  process p = run({"--json", conf(gw.order())});
+  const std::string unread = dir.path("unread");
+  ASSERT_EQ(mkfifo(unread.c_str(), 0600), 0);
+  const int fd = open(unread.c_str(), O_RDWR | O_CLOEXEC);
+  process p = run({"--json", conf(gw.order())}, {"sh", "-c", "exec \"$@\" 2>'" + unread + '\'', "sh"});
   gw.say("flood 4000");
   gw.say("publish a");
-  // Both outputs are read here: the value is there before the rest of the messages.
   p.await_out("\"value\":\"a\"");
   p.signal(SIGTERM);
-  p.end();
+  EXPECT_EQ(p.end().status, 0);
+  close(fd);
 }
 
 TEST_F(readers, that_leave_during_the_last_flush_are_reported) {
@@ -127,8 +152,8 @@ TEST_F(readers, that_are_slow_after_a_stop_signal_get_the_beginning) {
   EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
 }
 
-TEST_F(readers, of_a_non_blocking_socket_get_every_line) {
-  socket_pair s;
+TEST_F(readers, of_a_non_blocking_socket_that_takes_parts_of_lines_get_every_line) {
+  socket_pair s(socket_pair::kind::tcp);
   process p =
       run({"--for", "0.001", conf("flood 4000\npublish " + std::string(900, 'v'))}, {}, {.out_fd = s.writing()});
   s.close_writing();

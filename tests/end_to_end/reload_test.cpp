@@ -122,11 +122,16 @@ TEST_F(reload, keeps_a_program_running_and_its_value) {
 
 TEST_F(reload, of_a_file_that_vanished_keeps_the_instance_and_takes_it_when_it_is_back) {
   const std::string file = dir.file("hostname=before", "gw.conf");
-  process p = start({"run", "-p", PLUGIN, file});
+  process p = start({"run", "-p", PLUGIN, file}, {"sh", "-c", "exec \"$@\" 2>&1", "sh"});
   p.await_out("\tvalue\tbefore\t");
   std::filesystem::remove(file);
   p.signal(SIGHUP);
-  p.await_err("No such file or directory; the old instance continues\n");
+  p.await_out("No such file or directory; the old instance continues\n");
+  std::filesystem::create_directory(file);
+  p.signal(SIGHUP);
+  p.await_out("not a regular file; the old instance continues\n");
+  EXPECT_EQ(p.out().find("stop wrk_process"), std::string::npos) << "it still runs";
+  std::filesystem::remove(file);
   dir.file("hostname=after", "gw.conf");
   p.signal(SIGHUP);
   p.await_out("\tvalue\tafter\t");

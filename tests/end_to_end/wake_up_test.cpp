@@ -96,13 +96,14 @@ TEST_F(wake_up, a_refusal_is_reported_at_once) {
   terminate(p);
 }
 
-// Each piece is more than a pipe holds.
+// The messages are more than a pipe holds, and no new line makes dachost try again once the reader reads.
 TEST_F(wake_up, a_reader_that_reads_again_gets_the_rest_at_once) {
   const remote_control gw(dir.path("fifo"));
   process p = run({conf(gw.order())});
   thirty_times([&](const std::string& n) {
     gw.say("flood 2000");
     gw.say("publish end" + n);
+    std::this_thread::sleep_for(100ms);
     p.await_out("\tend" + n + '\n');
   });
   terminate(p);
@@ -114,6 +115,7 @@ TEST_F(wake_up, a_reader_of_standard_error_that_reads_again_gets_the_rest_at_onc
   thirty_times([&](const std::string& n) {
     gw.say("flood 2000");
     gw.say("fail end" + n);
+    std::this_thread::sleep_for(100ms);
     p.await_err("\tend" + n + '\n');
   });
   terminate(p);

@@ -47,8 +47,9 @@ TEST_F(config_file, names_the_line_that_hides_the_host_name) {
   EXPECT_EQ(found("my hostname = a"), "line 1 hides hostname: \"my hostname = a\"" + rest);
   EXPECT_EQ(found("hostname = a\nstray\nhostname = b"), "line 2 hides hostname: \"stray\"" + rest);
   EXPECT_EQ(found("a = b ; c\nstray\nhost\nname = b"), "line 2 hides hostname: \"stray\"" + rest);
-  EXPECT_EQ(found(std::string(61, 'x') + "\nhostname = a"),
-            "line 1 hides hostname: \"" + std::string(60, 'x') + "...\"" + rest);
+  const std::string longest = 'b' + std::string(59, 'x');
+  EXPECT_EQ(found(longest + "\nhostname = a"), "line 1 hides hostname: \"" + longest + '"' + rest);
+  EXPECT_EQ(found(longest + "y\nhostname = a"), "line 1 hides hostname: \"" + longest + "...\"" + rest);
 }
 
 TEST_F(config_file, hides_no_host_name_where_the_driver_reads_none) {

@@ -209,14 +209,14 @@ answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
   return {status == 0 ? 0 : wrong_usage, text};
 }
 
-// CLI11 takes this word for the end of a sub-command. The file with this name is passed to it by another path.
+// CLI11 treats this word as the end of a sub-command, so a file with this name is passed under another path.
 constexpr char terminator[] = "++";
 constexpr char its_path[] = "././++";
 
 std::vector<std::string> words(int argc, const char* const* argv) {
   std::vector<std::string> all(argv + 1, argv + std::max(argc, 1));
   std::replace(all.begin(), all.end(), std::string(terminator), std::string(its_path));
-  std::reverse(all.begin(), all.end());  // as CLI11 wants them
+  std::reverse(all.begin(), all.end());  // CLI11 expects them in this order
   return all;
 }
 

@@ -21,7 +21,7 @@ struct options {
   hook_options hook;
 };
 
-/// The reply to a command line that names nothing to run: help, version, or the error in it.
+/// The reply when there is nothing to run: help, version or a usage error.
 struct answer {
   int status;  // 0, or 2 for wrong usage
   std::string text;

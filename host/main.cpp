@@ -81,7 +81,7 @@ int serve(event_loop& l, int argc, char** argv) {
   return status;
 }
 
-// Without an event loop, or without memory: straight to standard error.
+// Writes directly to standard error: there is no event loop, or no memory.
 int fail(const char* what) {
   for (const char* part : {"dachost: ", what, "\n"}) [[maybe_unused]]
     const ssize_t ignored = write(STDERR_FILENO, part, std::strlen(part));

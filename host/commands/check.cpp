@@ -1,4 +1,4 @@
-// check, tags and info: create an instance of each file, print what it says, destroy it.
+// check, tags and info: create an instance for each file, print what it reports, and destroy it.
 #include <functional>
 #include <memory>
 #include <utility>
@@ -39,7 +39,7 @@ int for_each_instance(const plugin& p, const std::vector<std::string>& files, co
 }  // namespace
 
 int check(const plugin& p, const std::vector<std::string>& files, output& out) {
-  std::vector<std::unique_ptr<instance>> all;  // at the same time, as run has them: the plug-in may not hold so many
+  std::vector<std::unique_ptr<instance>> all;  // all at once, as in run: the plug-in limits their number
   const auto print = [&](const std::string& file, std::unique_ptr<instance> i) {
     const std::string hidden = hidden_hostname(file);
     for (const tag& t : i->tags())

@@ -16,5 +16,6 @@ int check(const plugin& p, const std::vector<std::string>& files, output& out);
 int tags(const plugin& p, const std::vector<std::string>& files, output& out, output& err);
 int info(const plugin& p, const std::vector<std::string>& files, output& out, output& err);
 
-/// The end of run and top, once the instances are stopped, or not: writes what waits. The exit status.
+/// Ends run and top: reports failures, writes the pending output, and returns the exit status. `is_stopped` is the
+/// result of supervisor::stop().
 int finish(event_loop& l, const supervisor& s, bool is_stopped, output& out, output& err);

@@ -1,4 +1,4 @@
-// run: prints what the instances report, and hands their values to a hook.
+// run: prints what the instances report, and passes their values to a hook.
 #include <algorithm>
 #include <memory>
 
@@ -70,7 +70,7 @@ void runner::on_tag(size_t i, const tag& t) {
                    {{"tag", t.name}, {"type", t.type}, {"flag", t.flag}, {"text1", t.text1}, {"text2", t.text2}}});
 }
 
-// A record has room for the beginning of a long name only, which is another name.
+// A record holds only the beginning of a long name; the hook gets the whole name.
 void runner::on(const event& e, const value& v) {
   _printer->print({e.time, name(e.index), "value", {{"tag", v.tag}, {"type", v.type, false}, {"value", v.text}}});
   _has_published[e.index] = true;

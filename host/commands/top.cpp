@@ -58,7 +58,7 @@ class watcher : fleet_observer {
   output& _err;
   std::vector<state> _states;
   supervisor _supervisor;
-  std::unique_ptr<terminal> _terminal;  // null: tables follow each other
+  std::unique_ptr<terminal> _terminal;  // null: tables are printed one after another
   event_loop::handle _next_table;
   bool _is_started = false;
   size_t _tables = 0;  // printed
@@ -93,7 +93,7 @@ void watcher::on(const event& e, const value& v) {
   if (++s.published == 1 && _is_started && has_published()) show();
 }
 
-// The reason for which a file was refused has been reported with the file.
+// on_refused() has already reported why a file was refused.
 void watcher::on(const event& e, const message& m) {
   if (m.level != DAC_LEVEL_FAILURE) return;
   state& s = _states[e.index];
@@ -148,7 +148,7 @@ void watcher::show() {
     print(head(all), all);
 }
 
-// A reader that does not keep up gets fewer tables.
+// A slow reader gets fewer tables.
 void watcher::print(const std::string& head, const std::vector<row>& rows) {
   if (!_out.is_empty()) return;
   if (_tables++ > 0) _out.line("");
@@ -178,7 +178,7 @@ std::vector<row> watcher::rows() const {
   return all;
 }
 
-// A clock that was set back makes nothing younger than new.
+// 0 if the clock was set back.
 std::optional<std::chrono::seconds> watcher::age(const std::optional<wall_clock::time_point>& t) const {
   if (!t) return std::nullopt;
   return std::max(std::chrono::floor<std::chrono::seconds>(_loop.wall_time() - *t), std::chrono::seconds(0));

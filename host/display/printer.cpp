@@ -34,7 +34,7 @@ class text_printer : public printer {
 
 using json = nlohmann::ordered_json;
 
-// Host names and paths are bytes; those that are no UTF-8 become U+FFFD, as JSON has no way to say them.
+// Host names and paths are bytes; those that are not UTF-8 become U+FFFD, because JSON cannot represent them.
 std::string one_line(const json& object) {
   return printable_json(object.dump(-1, ' ', false, json::error_handler_t::replace));
 }
@@ -65,7 +65,7 @@ class json_printer : public printer {
 
 std::unique_ptr<printer> make_text_printer(output& out) { return std::make_unique<text_printer>(out); }
 
-// Written as a JSON string, the text loses the bytes that are no UTF-8; read back, it is the document again.
+// Encodes the text as a JSON string, which replaces bytes that are not UTF-8, and decodes it again.
 std::string json_line(const std::string& document) {
   const std::string text = json(document).dump(-1, ' ', false, json::error_handler_t::replace);
   return printable_json(json::parse(text).get<std::string>());

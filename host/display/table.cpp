@@ -10,11 +10,11 @@ namespace {
 
 struct glyph {
   std::string text;
-  size_t bytes;  // that it stands for
+  size_t bytes;  // of the text that it shows
   size_t columns;
 };
 
-// What is no character, or none that the terminal can show, is one question mark a byte.
+// Bytes that are not a character, or not one that the terminal can show, become one question mark each.
 glyph first_glyph(std::string_view text) {
   wchar_t c = 0;
   std::mbstate_t state{};

@@ -8,7 +8,7 @@
 #include <string_view>
 #include <vector>
 
-/// One instance as it stands.
+/// The current state of one instance.
 struct row {
   std::string instance;
   int handle = -1;
@@ -22,9 +22,9 @@ struct row {
 
 constexpr size_t unlimited = SIZE_MAX;
 
-/// The text as the locale's terminal can show it, cut to `width` columns; where something is cut off, '>' is the last.
+/// The text as the locale's terminal can show it, cut to `width` columns; a text that was cut ends with '>'.
 std::string fitted(std::string_view text, size_t width);
 
-/// The heading and a line for each row, columns one below the other, none wider than `width`. Value and host name come
-/// last: they are what gets long.
+/// The heading and a line for each row with aligned columns, none wider than `width`. Value and host name come last
+/// because they are the longest.
 std::vector<std::string> table(const std::vector<row>& rows, size_t width = unlimited);

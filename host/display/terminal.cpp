@@ -36,12 +36,12 @@ std::string description() {
 void examine_terminal() {
   const std::string text = description();
   if (text.empty()) throw std::runtime_error("TERM names an unknown terminal");
-  // Who moves the cursor as ECMA-48 says understands the rest of what is written here.
+  // A terminal that moves the cursor as in ECMA-48 understands the other sequences that are written here.
   if (text.find("\x1b[%i%p1%d;%p2%dH") == std::string::npos)
     throw std::runtime_error("the terminal named by TERM cannot move its cursor");
 }
 
-// The bytes of the first key; 0 when it is not complete.
+// The size of the first key in bytes; 0 if it is incomplete.
 size_t key_size(std::string_view input) {
   if (input.size() < 2 || input[0] != '\x1b' || (input[1] != '[' && input[1] != 'O')) return 1;
   for (size_t n = 2; n < input.size(); ++n)
@@ -138,7 +138,7 @@ void terminal::note(size_t i, const std::string& line) {
   _notes.emplace_back(i, line);
 }
 
-// Notes take half of the body at most; of more, the newest are shown.
+// Notes take at most half of the body; if there are more, the newest are shown.
 std::vector<std::string> terminal::bottom() const {
   if (_notes.empty()) return {usage()};
   std::vector<std::string> lines;

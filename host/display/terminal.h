@@ -13,12 +13,12 @@
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 
-/// Takes the terminal that standard input and output are when it is first shown, and restores it when destroyed. Writes
-/// through `out` alone, so that a terminal that is stopped never blocks the host.
+/// Takes the terminal on standard input and output when it is first shown, and restores it when destroyed. Writes
+/// through `out` only, so that a stopped terminal never blocks the host.
 class terminal {
  public:
-  /// Calls `redraw` when the screen is to be shown again. Throws std::runtime_error, which says why, when the terminal
-  /// cannot be used. A terminal that goes away becomes a failure of `out`.
+  /// Calls `redraw` when the screen must be drawn again. Throws std::runtime_error with the reason if the terminal
+  /// cannot be used. `out` fails when the terminal disappears.
   terminal(event_loop& l, output& out, std::function<void()> redraw);
   ~terminal();
   terminal(const terminal&) = delete;
@@ -26,9 +26,9 @@ class terminal {
 
   /// Shows the rows below the head line. Does nothing while the terminal still takes an earlier screen.
   void show(const std::string& head, const std::vector<row>& rows);
-  /// One line about file i, where something went wrong, shown until a key is pressed. Each file has one at most.
+  /// Shows a line about an error of file i until a key is pressed. Each file has at most one.
   void note(size_t i, const std::string& line);
-  /// The user has asked for the end.
+  /// The user has pressed q.
   bool is_closed() const { return _is_closed; }
 
  private:

@@ -6,10 +6,10 @@
 #include <string>
 #include <string_view>
 
-/// The text with every control character written as \xNN: one line stays one line, and a terminal stays as it is.
+/// The text with every control character written as \xNN, so that it is one line and cannot change a terminal.
 std::string printable(std::string_view text);
 
-/// A JSON document of one line with every control character as an escape, which strings alone may contain.
+/// A JSON document of one line with every control character written as an escape. Only its strings may contain any.
 std::string printable_json(std::string_view document);
 
 /// The fields in printable form, separated by tabs.

@@ -29,6 +29,7 @@ class fleet {
   std::vector<slot> _slots;
 };
 
-/// For each file its stem; files that share a stem have their paths as names instead, and a name that is still taken
-/// gets "#2", "#3" ... appended.
+/// Returns the stem of each file. Files that share a stem get their paths instead, and a name that is already taken
+/// gets
+/// "#2", "#3" ... appended.
 std::vector<std::string> instance_names(const std::vector<std::string>& files);

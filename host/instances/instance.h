@@ -9,7 +9,7 @@
 #include "host/event.h"
 #include "host/instances/plugin.h"
 
-/// Stops and destroys itself. The plug-in must outlive it.
+/// Its destructor stops and destroys the driver instance. The plug-in must outlive it.
 class instance {
  public:
   /// Gets what the instance reports. [any thread]

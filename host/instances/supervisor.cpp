@@ -37,7 +37,7 @@ supervisor::supervisor(event_loop& l, const plugin& p, const std::vector<std::st
 
 void supervisor::answer(int sig) {
   if (sig != SIGHUP) {
-    _cause = std::max(_cause, cause::signal);  // no signal makes up for a refused file
+    _cause = std::max(_cause, cause::signal);  // a refusal counts more
     return;
   }
   _to_load = all_of(_fleet.size());
@@ -57,8 +57,8 @@ void supervisor::load() {
   });
 }
 
-// A plug-in without room for one more refuses without a reason. Old and new instances exist at the same time, so
-// on a reload those that are made replace theirs first and leave their room to the rest.
+// A plug-in that is full refuses without a reason. Old and new instances exist at the same time, so a reload first
+// replaces the instances that it could create, which makes room for the others.
 supervisor::batch supervisor::create(const std::vector<size_t>& files) {
   auto b = std::make_shared<std::vector<creation>>();
   bool has_made = false;
@@ -73,7 +73,7 @@ supervisor::batch supervisor::create(const std::vector<size_t>& files) {
 
 supervisor::creation supervisor::create(size_t i) {
   creation c{i, nullptr, {}, ""};
-  // What it reports now is dispatched after the refusal, if it is refused; later reports go straight to the loop.
+  // Reports during the creation are dispatched after a refusal; later ones are posted directly.
   const auto early = std::make_shared<std::vector<event>*>(&c.reports);
   c.made = instance::make(_plugin, _fleet.name(i), _fleet.file(i), [this, i, early](report_item what) {
     const event e{_loop.wall_time(), i, std::move(what)};
@@ -128,7 +128,8 @@ void supervisor::start_new(const batch& b) {
   });
 }
 
-// The reason for the first one that cannot be started, or "". The plug-in's exception may not outlive the plug-in.
+// The reason for the first one that cannot be started, or "". A text, because the plug-in's exception must not outlive
+// the plug-in.
 std::string supervisor::start(const batch& b) const {
   size_t i = 0;
   try {

@@ -17,21 +17,21 @@ class fleet_observer : public interface {
   /// What an instance reported in a callback.
   virtual void on(const event& e, const value& v) = 0;
   virtual void on(const event& e, const message& m) = 0;
-  /// File i was refused: why, and what follows.
+  /// File i was refused: the reason and the consequence.
   virtual void on_refused(size_t i, const std::string& what) = 0;
 };
 
 /// Calls into the plug-in that may block run in the background, so that they never delay a signal.
 class supervisor {
  public:
-  /// Answers SIGHUP, SIGINT, SIGQUIT and SIGTERM from now on.
+  /// Handles SIGHUP, SIGINT, SIGQUIT and SIGTERM until it is destroyed.
   supervisor(event_loop& l, const plugin& p, const std::vector<std::string>& files, fleet_observer& o);
 
   const fleet& instances() const { return _fleet; }
 
   /// Starts an instance for each file. Returns when they run, or when is_to_stop().
   void start_all();
-  /// A signal has said so, a file was refused at the start, or an instance could not be started.
+  /// True after a stop signal, after a file was refused at the start, or if an instance could not be started.
   bool is_to_stop() const { return _cause != cause::none; }
   /// Stops and destroys all instances. False when the plug-in does not return within 30 seconds; then only
   /// event_loop::exit() can end the process.
@@ -42,7 +42,7 @@ class supervisor {
   const std::string& failure() const { return _failure; }
 
  private:
-  // An instance for file `index`, or null when it was refused, and what it reported meanwhile.
+  // The new instance of file `index`, or null if the file was refused, and what was reported during the creation.
   struct creation {
     size_t index;
     std::unique_ptr<instance> made;

@@ -166,7 +166,7 @@ class asio_loop final : public event_loop {
       if (!is_left_ignored(sig)) set->add(sig);
     auto added = std::make_unique<owner<signal_handler>>(std::move(f), [set] {
       set->clear();
-      set->cancel();  // otherwise the wait that is under way would keep the set
+      set->cancel();  // otherwise the pending wait would own the set
     });
     await_signal(set, added->handler);
     return added;
@@ -196,8 +196,8 @@ class asio_loop final : public event_loop {
  private:
   asio::io_context _io;
   asio::executor_work_guard<asio::io_context::executor_type> _work;
-  // Asio makes every descriptor that it waits for non-blocking, which all processes would notice that share the
-  // standard streams. So it waits for one epoll set, and the set holds the descriptors.
+  // Asio sets O_NONBLOCK on every descriptor that it waits for, which would affect all processes that share the
+  // standard streams. So it waits for one epoll set, which holds the descriptors.
   asio::posix::stream_descriptor _descriptors;
   std::map<uint64_t, std::weak_ptr<task>> _watches;
   uint64_t _last_watch = 0;
@@ -231,7 +231,7 @@ class asio_loop final : public event_loop {
       if (int status = 0; reap(pid, status)) call(handler, status);
   }
 
-  // Until the child is reaped, its id and its group's cannot name another process: the time to kill the group.
+  // Kills the group before it reaps the child: until then the ids cannot belong to other processes.
   static bool reap(pid_t pid, int& status) {
     siginfo_t ended{};
     if (waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOHANG | WNOWAIT) != 0 || ended.si_pid == 0)

@@ -34,7 +34,7 @@ class event_loop : public interface {
 
   /// Calls the task in the loop, after the tasks that were posted before. [any thread]
   virtual void post(task t) = 0;
-  /// Calls `work`, which may block and must not throw, on a separate thread, and posts the task that it returns. Where
+  /// Calls `work`, which may block and must not throw, on a separate thread, and posts the task that it returns. If
   /// the system refuses a thread, calls it before returning.
   virtual void run_in_background(std::function<task()> work) = 0;
 

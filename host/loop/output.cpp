@@ -43,7 +43,7 @@ void output::flush() {
 void output::wait_for_room() {
   if (_sent >= _waiting.size() / 2) forget_sent();
   if (_watched != event_loop::readiness::writable) watch(event_loop::readiness::writable);
-  if (!_watch) fail(EAGAIN);  // no call would follow
+  if (!_watch) fail(EAGAIN);  // no handler would be called
 }
 
 void output::forget_sent() {
@@ -51,7 +51,7 @@ void output::forget_sent() {
   _sent = 0;
 }
 
-// Without bytes that wait, a call means that the reader has gone.
+// If no bytes are pending, the call means that the reader has closed its end.
 void output::watch(event_loop::readiness r) {
   _watched = r;
   _watch = nullptr;

@@ -1,4 +1,4 @@
-// Lines on their way to a descriptor.
+// A queue of lines for a descriptor.
 #pragma once
 
 #include <functional>
@@ -7,8 +7,8 @@
 
 #include "host/loop/event_loop.h"
 
-/// Writes each line as soon as the descriptor takes it. A reader that does not read makes lines wait here and never
-/// makes the caller wait. After a failure lines are dropped.
+/// Writes each line as soon as the descriptor takes it. Until then the line waits here; the caller never waits. After a
+/// failure lines are dropped.
 class output {
  public:
   output(event_loop& l, int fd);
@@ -21,7 +21,7 @@ class output {
 
   /// The errno of the first failure, or 0.
   int error() const { return _error; }
-  /// Drops what waits, and every line to come.
+  /// Drops the pending lines and all later ones.
   void fail(int error);
 
  private:

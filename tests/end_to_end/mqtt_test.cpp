@@ -261,6 +261,42 @@ TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
   });
 }
 
+TEST_F(mqtt, broker_that_closes_without_an_answer_to_MQTT_5_gets_MQTT_3) {
+  in_a_network_of_its_own([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    process old_broker({"python3", "-c", R"(
+import socket, threading
+def pump(source, sink):
+    while data := source.recv(65536):
+        sink.sendall(data)
+    sink.close()
+server = socket.create_server(("127.0.0.1", 1885))
+print("listening", flush=True)
+while True:
+    client, _ = server.accept()
+    connect = client.recv(65536)
+    if connect[8] == 5:
+        client.close()
+        continue
+    real = socket.create_connection(("127.0.0.1", 1883))
+    real.sendall(connect)
+    threading.Thread(target=pump, args=(client, real), daemon=True).start()
+    threading.Thread(target=pump, args=(real, client), daemon=True).start()
+)"});
+    old_broker.await_out("listening");
+    subscriber s;
+    const auto p = publisher({"-p", "1885"});
+    s.await_status("online");
+    add(1);
+    s.await_value(1);
+    EXPECT_EQ(stop(*p), "");
+    old_broker.signal(SIGKILL);
+    old_broker.end_unread();
+  });
+}
+
 TEST_F(mqtt, wrong_password_is_reported_once) {
   in_a_network_of_its_own([this] {
     certify();

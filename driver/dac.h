@@ -5,7 +5,7 @@
  *
  *   dac_create -> dac_start -> ... record after record arrives at the data callback ... -> dac_stop -> dac_destroy
  *
- * Tags behind each function:
+ * Tags after each function:
  *   [any thread]        may be called from every thread, at the same time as any other function
  *   [instance stopped]  no worker runs on the instance, and no other call on it is in flight
  *   [worker thread]     called by the instance's own thread: return soon, dac_stop waits meanwhile; do not call
@@ -74,7 +74,7 @@ DAC_ASSERT(sizeof(dac_tagvalue) == 1104);
 typedef void (*cblog)(const char* name, int hostlevel, const char* text, int flag, void* param);
 
 /* `count` records (always 1), valid during the call. Unique-local (fd00::...), temporary and deprecated addresses are
- * among the values: the interface list does not tell them apart. [worker thread] */
+ * among the values: the interface list does not distinguish them. [worker thread] */
 typedef void (*cbdata)(const dac_tagvalue* records, int count, void* param);
 
 /* Never called. */

@@ -98,7 +98,7 @@ bool ip6dnsDriver::checkHostname() {
 void ip6dnsDriver::Start() {
   _stop = 0;
   // compat: the times of the last poll and publication stay, so a restarted worker continues their intervals.
-  // compat: replaces an existing thread object without joining it; its worker keeps running.
+  // compat: replaces an existing thread object without joining it; its worker continues to run.
   _thread = new std::thread([this] { wrk_process(); });
 }
 

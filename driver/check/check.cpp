@@ -86,7 +86,7 @@ void report(const misuse& m, const char* entry, int handle, const void* place) {
 }
 
 // The host gets a copy of the records, which becomes unreadable when the callback returns. A later use is reported;
-// then the copy reads as `poison`, so that the host goes on. The latest 1024 are watched.
+// then the copy reads as `poison`, so that the host continues. The latest 1024 are watched.
 struct loan {
   std::atomic<bool> taken;
   relaxed<int> handle;
@@ -191,7 +191,7 @@ bool is_inside_callback_of(const instance* i) {
   return f;
 }
 
-// A host cannot go on without its plug-in, and nothing here can make its dlopen fail.
+// A host cannot continue without its plug-in, and nothing here can make its dlopen fail.
 [[noreturn]] void give_up(const char* reason) {
   std::fprintf(stderr, "dac-check: %s; set DAC_CHECK_PLUGIN to the plug-in\n", reason);
   std::_Exit(127);
@@ -385,7 +385,7 @@ int dac_getinfo(int handle, char* buf, size_t* size) {
   const size_t offered = size ? *size : 0;
   const int result = real.getinfo(handle, buf, size);
   const size_t length = size ? *size + 1 : 0, last = c.on ? c.on->last_length.exchange(length) : 0;
-  if (result == 0 && c.on && offered > 1 && offered <= length)  // 0 and 1 ask for the length alone
+  if (result == 0 && c.on && offered > 1 && offered <= length)  // 0 and 1 only query the length
     c.add(offered == last || offered + 1 == last ? size_as_length : small_buffer);
   return result;
 }

@@ -1,5 +1,5 @@
-/* A plug-in that survives every misuse, so that a wrong host can go on after the report. Its device write checks that
- * the further arguments arrive: ten pairs of a long and a double, n and n + 0.5. */
+/* A plug-in that survives every misuse, so that a wrong host can continue after the report. Its device write checks
+ * that the further arguments arrive: ten pairs of a long and a double, n and n + 0.5. */
 #include <pthread.h>
 #include <stdarg.h>
 #include <stdatomic.h>

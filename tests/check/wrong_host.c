@@ -143,7 +143,7 @@ static void nothing(void) {
   expect(isrun(h) == 1, "the worker runs");
   expect(copy.len == strlen(copy.value), "the copy has a length");
   expect(getalltags(h, count_tag, &tags) == 0 && getalltagsex(h, count_tagex, &tags) == 0 && tags == 2, "two tags");
-  expect(getinfo(h, text, &size) == 0 && text[0] == 0, "the first call asks for the size");
+  expect(getinfo(h, text, &size) == 0 && text[0] == 0, "the first call queries the size");
   size = length = size + 2;
   expect(getinfo(h, exact, &size) == 0 && strlen(exact) == length - 1, "the second fits");
   size = sizeof text;

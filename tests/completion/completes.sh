@@ -1,5 +1,5 @@
 #!/bin/bash
-# What bash offers behind the words of a dachost command line.
+# What bash offers after the words of a dachost command line.
 set -eu
 # shellcheck disable=SC1091 # checked on its own
 . "$(dirname "$0")/../../host/completion/dachost"
@@ -12,7 +12,7 @@ cd "$scratch"
 bad=0
 sorted() { tr '|' '\n' <<<"$1" | LC_ALL=C sort; }
 
-# offers EXPECTED WORD...: for the last word, which the cursor stands behind. In any order: bash sorts what it shows.
+# offers EXPECTED WORD...: for the last word, with the cursor after it. In any order: bash sorts what it shows.
 offers() {
   local expected=$1
   shift

@@ -35,8 +35,8 @@ done | sort >counts
 }
 
 if [ "$option" = --refresh ]; then
-  { grep -v "^$compiler$tab" "$baseline" || true; } >kept
-  { cat kept; sed "s/^/$compiler$tab/" counts; } >"$baseline"
+  { grep -v "^$compiler$tab" "$baseline" || true; } >others
+  { cat others; sed "s/^/$compiler$tab/" counts; } >"$baseline"
   cat counts
   exit
 fi

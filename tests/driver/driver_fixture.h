@@ -54,7 +54,7 @@ class driver_fixture : public testing::Test {
   std::function<void()> during_data;      // called by the data callback
   std::vector<std::string> last_at_data;  // what _lastip6 held when the data callback was called
   std::vector<long> open_during_log;
-  const void* thread_at_stop = this;  // what _thread held when the stop was told
+  const void* thread_at_stop = this;  // value of _thread when the stop was logged
   char logparam = 0, aux1param = 0, aux2param = 0;
 
   driver_fixture() {
@@ -98,7 +98,7 @@ class driver_fixture : public testing::Test {
   void set(size_t offset, T value) {
     pools::write(&d, offset, value);
   }
-  /// The characters of the string at `offset`, as many as its header tells.
+  /// The characters of the string at `offset`, as many as its header states.
   std::string text(size_t offset) const {
     const auto* p = field<const char*>(offset);
     return p ? std::string(p, pools::read<uint32_t>(p - 4)) : "";
@@ -107,7 +107,7 @@ class driver_fixture : public testing::Test {
     return {reinterpret_cast<const char*>(&d) + from, reinterpret_cast<const char*>(&d) + to};
   }
 
-  /// Starts the worker and lets it poll once.
+  /// Starts the worker and waits for one poll.
   static void start(ip6dnsDriver& one) {
     one.Start();
     fake_clock::await_sleepers(1);

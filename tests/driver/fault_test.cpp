@@ -1,5 +1,5 @@
-// Each thing that the system can refuse the built library, refused at its first occurrence, its second and so on until
-// there is none left: the call's result, nothing lost, and the next call as if nothing had been.
+// Each kind of request that the system can refuse, refused at its first occurrence, its second and so on. Checks the
+// result of the call, that nothing leaks, and that the next call works as usual.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -33,7 +33,7 @@ constexpr char start_message[] = "start wrk_process success.";
 constexpr char stop_message[] = "stop wrk_process success.";
 constexpr char list_message[] = "get ipv6 address failed.";
 
-/// What the process holds beside the pools' pages, which they keep for the next request.
+/// What the process holds, except the pools' pages, which stay mapped for the next request.
 struct holdings {
   long blocks = fake_heap::live();
   int files = fake_files::open();
@@ -54,7 +54,7 @@ class fault : public plugin_fixture {
 
   int create() { return rec.args("drv", path.c_str()).create(lib); }
 
-  /// An instance's whole life, without fault.
+  /// An instance from create to destroy, without a fault.
   void live_once() {
     fake_clock::advance(1000);
     const int h = create();
@@ -69,8 +69,8 @@ class fault : public plugin_fixture {
     rec.clear();
   }
 
-  /// An instance's whole life with so many looks at the interfaces.
-  void look(int times) {
+  /// An instance from create to destroy, with this many polls.
+  void live_with_polls(int times) {
     fake_clock::advance(1000);
     const int h = create();
     start(h);
@@ -80,7 +80,7 @@ class fault : public plugin_fixture {
     lib.destroy(h);
   }
 
-  /// Nothing is lost, `h` (-1 for none) is the only instance, and another one can live its life.
+  /// Expects that nothing leaked, that `h` (-1 for none) is the only instance, and that another one works.
   void expect_unharmed(const holdings& before, int h = -1) {
     rec.clear();
     EXPECT_EQ(holdings(), before);
@@ -96,7 +96,7 @@ strings with_start_and_stop(strings course) {
   return course;
 }
 
-/// The error of a call that ends with std::system_error, 0 of one that returns.
+/// The code of the std::system_error that the call throws, or 0 if it returns.
 int error_of(const std::function<void()>& call) {
   try {
     call();
@@ -106,7 +106,7 @@ int error_of(const std::function<void()>& call) {
   }
 }
 
-/// Whether `part` comes of `whole` by leaving characters out.
+/// Whether `part` is `whole` with some characters omitted.
 bool is_left_of(const std::string& part, const std::string& whole) {
   size_t at = 0;
   for (const char c : part) {
@@ -148,7 +148,7 @@ TEST_F(fault, of_a_thread_leaves_the_instance_stopped) {
 TEST_F(fault, of_a_lock_is_thrown_as_system_error_by_every_entry_point) {
   char buf[64] = "";
   size_t size = sizeof buf;
-  const auto tag = [](auto... /*told*/) {};
+  const auto tag = [](auto... /*tag*/) {};
   const struct {
     const char* label;
     std::function<void(int)> call;
@@ -210,7 +210,7 @@ TEST_F(fault, of_a_second_lock_does_not_affect_a_create_with_a_full_table) {
   fake_threads::locks().refuse(0);
   EXPECT_EQ(error, 0);
   EXPECT_EQ(handle, -1);
-  EXPECT_EQ(locks, 1) << "nothing is looked for";
+  EXPECT_EQ(locks, 1) << "no lookup";
 }
 
 using fresh_load = plugin_fixture;
@@ -244,7 +244,7 @@ TEST_F(fault, of_opening_the_file_refuses_the_instance_with_its_message) {
   expect_unharmed(before);
 }
 
-// The first three reads look for a byte order mark; then reading begins anew, and goes as far as it can.
+// The first three reads search for a byte order mark. Then the scan starts again and reads until the failure.
 TEST_F(fault, of_a_read_is_the_end_of_the_file) {
   const std::string text = "hostname=abcd\nport=1\n";
   const std::string name = "abcd";
@@ -277,10 +277,10 @@ TEST_F(fault, of_an_interface_list_is_logged_and_publishes_null) {
   const std::string got = recorder::data("h1", address), none = recorder::data("h1", "null");
   const std::string failed = recorder::log("drv", 2, list_message);
   const strings courses[polls + 1] = {
-      {failed, none, got}, {got, failed, none, got}, {got, failed, none}, {got},  // the last one without fault
+      {failed, none, got}, {got, failed, none, got}, {got, failed, none}, {got},  // the last one without a fault
   };
   const holdings before;
-  const auto call = [&] { look(polls); };
+  const auto call = [&] { live_with_polls(polls); };
   const auto after = [&](int i, bool /*was_met*/) {
     EXPECT_EQ(rec.journal(), with_start_and_stop(courses[i - 1])) << i;
     expect_unharmed(before);
@@ -294,7 +294,7 @@ TEST_F(fault, of_an_addresss_text_omits_that_address_until_the_next_poll) {
   const holdings before;
   const auto call = [&] {
     fake_interfaces::set({a, b});
-    look(2);
+    live_with_polls(2);
     fake_interfaces::set({address});
   };
   const auto after = [&](int i, bool /*was_met*/) {
@@ -307,8 +307,8 @@ TEST_F(fault, of_an_addresss_text_omits_that_address_until_the_next_poll) {
 
 // ---------------------------------------------------------------- many of them
 
-// What stays behind shows once there is need of another mapping: the first one of the smallest blocks holds 2048, that
-// of the pools' own bookkeeping 8191 slots.
+// A leak shows when it needs another mapping: the first chunk of the smallest class has 2048 blocks, the self heap's
+// first chunk 8191 slots.
 TEST_F(fault, leaks_nothing_after_many_repetitions) {
   constexpr int blocks = 3000, slots = 9000;
   const int stopped = create(), polling = create();
@@ -365,7 +365,7 @@ TEST_F(fault, leaks_nothing_after_many_repetitions) {
 
 namespace {
 
-/// One load of the library and a life in it that needs pages of many classes.
+/// One load of the library and one instance, which needs pages of many classes.
 class paged_life {
  public:
   static constexpr size_t name_length = 3000;
@@ -384,7 +384,7 @@ class paged_life {
     for (const std::string& a : addresses) value += (value.empty() ? "" : ",") + a;
   }
 
-  /// What came of it.
+  /// The outcome.
   struct seen {
     int handle = -1;
     std::string name, info, value;
@@ -410,7 +410,7 @@ class paged_life {
     EXPECT_EQ(s.messages, (strings{start_message, stop_message}));
   }
 
-  /// What cannot be stored is dropped, and nothing else goes wrong.
+  /// Expects that text without storage is dropped and that nothing else fails.
   void expect_left(const seen& s) const {
     if (s.handle < 0) {
       const strings refused = {"load ip6dns driver config  failed", "not config hostname in " + path};
@@ -453,7 +453,7 @@ TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_but_not_the_next_one
   fake_clock::set(1'700'000'000);
   life.live(library());
   fake_interfaces::reset();
-  SCOPED_TRACE("");  // its room, before blocks are counted
+  SCOPED_TRACE("");  // allocates before blocks are counted
   const auto mappings = fake_pages::live();
   const holdings before;
   auto lib = std::make_unique<library>();
@@ -475,6 +475,6 @@ TEST(fault_of_pages, shortens_texts_or_refuses_the_instance_but_not_the_next_one
   };
   const int faults = fail_each(fake_pages::mappings, call, after);
   EXPECT_GE(faults, 8) << "a class each for path, key, name, document and addresses, several as they grow";
-  EXPECT_GT(refused, 0) << "of a path or a name that could not be kept at all";
+  EXPECT_GT(refused, 0) << "of a path or a name that could not be stored";
   EXPECT_GT(shortened, 0);
 }

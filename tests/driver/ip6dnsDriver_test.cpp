@@ -1,4 +1,4 @@
-// One instance by itself: what it takes from the host and from its file, what it tells, and where its fields lie.
+// One instance without the entry points: its arguments, its file, what it reports, and the layout of its fields.
 #include "driver/ip6dnsDriver.h"
 
 #include <gtest/gtest.h>
@@ -36,7 +36,7 @@ constexpr size_t reserved_size = 260;
 
 }  // namespace
 
-// ---------------------------------------------------------------- what lies where
+// ---------------------------------------------------------------- layout
 
 TEST_F(driver, has_1560_bytes_and_no_virtual_functions) {
   EXPECT_EQ(sizeof d, driver_size);
@@ -216,17 +216,17 @@ TEST_F(driver, name_and_path_are_copies) {
   const scratch_file file("hostname=h1\n");
   std::string name = "drv", path = file.path();
   ASSERT_TRUE(create(path.c_str(), name.c_str()));
-  const std::string kept = path;
+  const std::string copy = path;
   name.assign(name.size(), 'x');
   path.assign(path.size(), 'x');
   EXPECT_EQ(text(name_at), "drv");
-  EXPECT_EQ(text(cfgfile_at), kept);
+  EXPECT_EQ(text(cfgfile_at), copy);
 }
 
 TEST_F(driver, copies_the_name_before_the_path) {
-  const std::string name(80, 'n'), path(80, '/');  // which take blocks of 256, with room to grow
+  const std::string name(80, 'n'), path(80, '/');  // they take blocks of 256, with room to grow
   const std::vector<void*> offered = pools::take(256, 2);
-  pools::give({offered[1], offered[0]});  // what comes back last is handed out first
+  pools::give({offered[1], offered[0]});  // the last freed block is reused first
   d.Create(name.c_str(), (path + "none").c_str(), nullptr, nullptr, aux1, nullptr, nullptr, nullptr, nullptr, nullptr);
   EXPECT_EQ(field<char*>(name_at) - 8, offered[0]);
   EXPECT_EQ(field<char*>(cfgfile_at) - 8, offered[1]);
@@ -240,23 +240,23 @@ TEST_F(driver, reads_its_host_name_from_the_last_hostname_line) {
     std::string text, hostname;
   } rows[] = {
       {"alone", "hostname=myhost", "myhost"},
-      {"with blanks and a comment", " hostname = my-host   ; the name\n", "my-host"},
+      {"with spaces and a comment", " hostname = my-host   ; the name\n", "my-host"},
       {"in mixed case", "HostName=MyHost\n", "MyHost"},
       {"in capitals", "HOSTNAME=MYHOST\n", "MYHOST"},
-      {"with blanks in the key", "host name=h1\n", "h1"},
+      {"with spaces in the key", "host name=h1\n", "h1"},
       {"in a section", "[main]\nport=80\nhostname=h1\n", "h1"},
       {"in front of sections", "hostname=h1\n[main]\n[other]\nport=1\n", "h1"},
       {"twice", "hostname=first-and-longer\nhostname=h2\n", "h2"},
       {"in two sections", "[a]\nhostname=h1\n[b]\nHOSTNAME=second-and-longer\n", "second-and-longer"},
       {"empty and then not", "hostname=\nhostname=h1\n", "h1"},
       {"among other keys", "interval=5\nhostname=h1\nport=80\nhost=h2\nname=h3\n", "h1"},
-      {"beside longer and shorter keys", "hostname=h1\nhostnames=h2\nhostnam=h3\nxhostname=h4\nhostname2=h5\n", "h1"},
-      {"beside a key that goes on behind a zero byte", "hostname=h1\nhostname\0=h2\nhost\0ame=h3\n"s, "h1"},
-      {"beside an empty key", "hostname=h1\n=h2\n", "h1"},
-      {"beside comments", "hostname=h1\n#hostname=h2\n;hostname=h3\n", "h1"},
-      {"behind a byte order mark", "\xEF\xBB\xBFhostname=h1\n", "h1"},
+      {"with longer and shorter keys", "hostname=h1\nhostnames=h2\nhostnam=h3\nxhostname=h4\nhostname2=h5\n", "h1"},
+      {"with a key that continues after a zero byte", "hostname=h1\nhostname\0=h2\nhost\0ame=h3\n"s, "h1"},
+      {"with an empty key", "hostname=h1\n=h2\n", "h1"},
+      {"with comments", "hostname=h1\n#hostname=h2\n;hostname=h3\n", "h1"},
+      {"after a byte order mark", "\xEF\xBB\xBFhostname=h1\n", "h1"},
       {"with both line ends", "port=1\r\nhostname=h1\r\nx=y\r\n", "h1"},
-      {"with blanks inside", "hostname = my host\tname \n", "my host\tname"},
+      {"with spaces inside", "hostname = my host\tname \n", "my host\tname"},
       {"with dots and dashes", "hostname=a.b-c_d\n", "a.b-c_d"},
       {"with bytes above 127", "hostname=h\xc3\xb6st\xff\n", "h\xc3\xb6st\xff"},
       {"with a zero byte inside", "hostname=a\0b\n"s, "a\0b"s},
@@ -280,10 +280,10 @@ TEST_F(driver, a_missing_host_name_is_refused_with_one_message) {
               {"other keys", "interval=5\nport=80\nhostnames=h1\n"},
               {"no value", "hostname\n"},
               {"empty value", "hostname=\n"},
-              {"blank value", "hostname = \t \n"},
+              {"value of spaces", "hostname = \t \n"},
               {"commented value", "hostname=;h1\n"},
               {"commented line", "#hostname=h1\n"},
-              {"empty value behind a good one", "hostname=h1\nhostname=\n"},
+              {"empty value after a valid one", "hostname=h1\nhostname=\n"},
               {"stray text in front of the key", "stray\nhostname=h1\n"}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
@@ -395,7 +395,7 @@ TEST_F(driver, destruction_releases_all_storage) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-// A pool hands out first what came back last, and all five strings lie in blocks of one size.
+// A pool reuses the last freed block first, and all five strings are in blocks of one size.
 TEST_F(driver, destruction_releases_the_strings_from_the_last_to_the_first) {
   const std::string address = "2001:1db8:1111:2222:3333:4444:5555:6666", same(address.size(), 'x');
   const size_t n = address.size();
@@ -422,7 +422,7 @@ TEST_F(driver, destruction_does_not_stop_the_worker) {
   alignas(ip6dnsDriver) char room[driver_size];
   auto* one = new (room) ip6dnsDriver;
   pools::write<int32_t>(one, running_at, 1);
-  pools::write<uintptr_t>(one, thread_at, 1);  // no thread object lies there
+  pools::write<uintptr_t>(one, thread_at, 1);  // not a thread object
   one->~ip6dnsDriver();
   SUCCEED();
 }

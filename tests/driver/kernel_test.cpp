@@ -1,5 +1,5 @@
-// The built library on the kernel's own interfaces: each test runs in a network namespace of its own, where nothing
-// but the loopback interface exists and the test may give it addresses.
+// The built library on the kernel's interfaces. Each test runs in a separate network namespace, where only the loopback
+// interface exists and the test may add addresses.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
@@ -25,7 +25,7 @@ std::atomic<time_t> seconds_ahead = 0;  // of the real clock
 
 }  // namespace
 
-// The worker looks every 10 seconds: the tests cannot wait for that. It sleeps for real.
+// The tests move the clock instead of waiting 10 seconds for a poll. Sleeps are real.
 extern "C" time_t time(time_t* out) noexcept {
   timespec now;
   clock_gettime(CLOCK_REALTIME, &now);
@@ -36,7 +36,7 @@ extern "C" time_t time(time_t* out) noexcept {
 
 namespace {
 
-// ---------------------------------------------------------------- a network of our own
+// ---------------------------------------------------------------- the network
 
 bool add(const std::string& address, const std::string& interface = "lo") {
   return ip("addr add " + address + " dev " + interface + " nodad");
@@ -45,14 +45,14 @@ bool del(const std::string& address) { return ip("addr del " + address + " dev l
 // A second interface, down.
 bool add_interface(const std::string& name) { return ip("link add " + name + " type veth"); }
 
-// ---------------------------------------------------------------- what is to be published
+// ---------------------------------------------------------------- the expected value
 
 std::string text_of(const in6_addr& a) {
   char text[INET6_ADDRSTRLEN];
   return inet_ntop(AF_INET6, &a, text, sizeof text);
 }
 
-// A judgement of its own, on the 32 digits that the kernel prints.
+// An independent predicate on the 32 digits that the kernel prints.
 bool is_public(const std::string& digits) {
   const std::string zeros(32, '0');
   const bool is_local = digits.starts_with("fe") && digits[2] >= '8';
@@ -129,8 +129,8 @@ class host {
     await([&] { return rec.values().size() >= n; }, "nothing published");
     return rec.values().at(n - 1);
   }
-  /// Lets the worker look once more, now.
-  static void look() { seconds_ahead += 10; }
+  /// Causes a poll in the next round.
+  static void poll() { seconds_ahead += 10; }
 
  private:
   scratch _dir;
@@ -141,7 +141,7 @@ class host {
 }  // namespace
 
 TEST(kernel, publishes_null_on_a_machine_with_only_a_loopback_address) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     EXPECT_EQ(addresses_of_the_kernel(), 1U);
     host h;
     EXPECT_EQ(h.publication(1), "null");
@@ -149,7 +149,7 @@ TEST(kernel, publishes_null_on_a_machine_with_only_a_loopback_address) {
 }
 
 TEST(kernel, publishes_the_public_addresses_that_the_kernel_lists) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     const strings addresses = {"2001:db8::10/64",  "2001:db8:1::20/64", "fec0::1/64",    "::192.0.2.1/128",
                                "::0.0.0.2/128",    "fd00::5/64",        "fc00::6/64",    "::ffff:192.0.2.1/128",
                                "fe80::7/64",       "febf::8/64",        "fe00::1/64",    "fe7f::1/64",
@@ -169,7 +169,7 @@ TEST(kernel, publishes_the_public_addresses_that_the_kernel_lists) {
 }
 
 TEST(kernel, publishes_an_address_of_an_interface_that_is_down) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     ASSERT_TRUE(add_interface("v0"));
     ASSERT_TRUE(add("2001:db8::10/64", "v0"));
     host h;
@@ -178,28 +178,28 @@ TEST(kernel, publishes_an_address_of_an_interface_that_is_down) {
 }
 
 TEST(kernel, publishes_an_added_and_a_removed_address) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     host h;
     EXPECT_EQ(h.publication(1), "null");
     ASSERT_TRUE(add("2001:db8::10/64"));
-    host::look();
+    host::poll();
     EXPECT_EQ(h.publication(2), "2001:db8::10");
     ASSERT_TRUE(add("fd00::5/64"));
-    host::look();
+    host::poll();
     const strings both = split(h.publication(3));
     EXPECT_EQ(both, in_list_order({"2001:db8::10", "fd00::5"}));
     ASSERT_TRUE(del("2001:db8::10/64"));
-    host::look();
+    host::poll();
     EXPECT_EQ(h.publication(4), "fd00::5");
     ASSERT_TRUE(del("fd00::5/64"));
-    host::look();
+    host::poll();
     EXPECT_EQ(h.publication(5), "null");
     EXPECT_EQ(h.rec.messages(), strings{"start wrk_process success."});
   });
 }
 
 TEST(kernel, publishes_an_address_once_per_interface_that_has_it) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     ASSERT_TRUE(add_interface("v0"));
     ASSERT_TRUE(add("2001:db8::10/64", "v0"));
     ASSERT_TRUE(add("2001:db8::10/64"));

@@ -1,4 +1,4 @@
-// Loading and unloading the built library, and what it does when the system refuses it memory.
+// Loading and unloading the built library, and refused memory.
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <malloc.h>
@@ -37,7 +37,7 @@ struct tuning {
 
 std::vector<tuning>& tunings() {
   static std::vector<tuning> list;
-  list.reserve(100);  // once and for all: the tests count blocks
+  list.reserve(100);  // once: the tests count blocks
   return list;
 }
 
@@ -92,7 +92,7 @@ class load_record {
   static inline load_record* current = nullptr;
 };
 
-// A destructor that the library registers, and what runs in its place.
+// A destructor that the library registers, and its replacement.
 struct registered {
   void (*destroy)(void*);
   void* object;
@@ -139,7 +139,7 @@ size_t lines_of_maps() {
   return n;
 }
 
-// Without the plug-in; the fixtures below have it.
+// Does not load the plug-in; the fixtures below do.
 class load : public testing::Test {
  protected:
   recorder rec;
@@ -161,7 +161,7 @@ class refusal : public plugin_fixture {
     fake_heap::refuse(0);
   }
 
-  /// The instance starts, publishes and stops like any other.
+  /// Expects that the instance starts, publishes and stops as usual.
   void expect_usable(int h) {
     rec.clear();
     start(h);
@@ -209,14 +209,14 @@ TEST_F(load, maps_its_bookkeeping_three_pools_and_the_tables_pool) {
   EXPECT_EQ(fake_pages::last_length(), whole_pages(16 * (8192 + word)));
 }
 
-// Number 1, for bookkeeping, is asked for once more when the first pool needs it.
+// Mapping 1, for bookkeeping, is requested again when the first pool needs it.
 TEST_F(load, succeeds_without_the_pages_that_are_refused_at_first) {
   for (const int refused : {1, 2, 3, 4}) {
     SCOPED_TRACE(refused);
     fake_pages::reset();
     fake_pages::refuse(refused);
     const library lib;
-    EXPECT_GE(fake_pages::mappings.seen(), refused) << "met while it loads";
+    EXPECT_GE(fake_pages::mappings.seen(), refused) << "refused during load";
     EXPECT_EQ(create(lib), 0);
     EXPECT_EQ(create(lib), 1);
   }
@@ -323,7 +323,7 @@ TEST_F(load, can_be_repeated_without_a_leak) {
   for (int i = 0; i < times; ++i) cycle();
   EXPECT_EQ(fake_heap::live(), blocks);
   EXPECT_EQ(fake_pages::live(), before);
-  EXPECT_LT(lines_of_maps(), lines + times / 2) << "not one mapping more each time";
+  EXPECT_LT(lines_of_maps(), lines + times / 2) << "less than one mapping more each time";
 }
 
 // ---------------------------------------------------------------- memory refused
@@ -380,8 +380,8 @@ TEST_F(refusal, of_all_memory_for_a_thread_throws_bad_alloc) {
 
 TEST_F(refusal, of_memory_for_an_instance_registers_nothing_and_uses_up_a_handle) {
   const std::string path = dir.file("hostname=h1\n");
-  const arguments a = rec.args("a name that needs memory of its own", path.c_str());
-  ASSERT_EQ(a.create(lib), 0);  // the pools have what they need
+  const arguments a = rec.args("a name too long for the string object", path.c_str());
+  ASSERT_EQ(a.create(lib), 0);  // afterwards the pools need no new memory
   lib.destroy(0);
   fake_heap::refuse(0);
   ASSERT_EQ(a.create(lib), 1);
@@ -443,14 +443,14 @@ TEST_F(refusal, of_pages_for_the_table_aborts) {
     ASSERT_EQ(chdir(dir.path("").c_str()), 0);
     dir.file("hostname=h\n", "c");
     fake_pages::refuse_all();
-    const arguments a = rec.args("n", "c");  // all of it short, so that the table alone asks for the larger blocks
+    const arguments a = rec.args("n", "c");  // short, so that only the table requests larger blocks
     while (a.create(lib) >= 0) {
     }
   };
   EXPECT_DEATH(host(), assertion);
 }
 
-// compat: no entry point tests for the system's own sign of failure.
+// compat: no entry point checks for MAP_FAILED.
 TEST_F(refusal, MAP_FAILED_is_treated_as_an_address_by_every_entry_point_that_needs_pages) {
   const int h = create();
   const std::string long_path = dir.file("hostname=h1\n", std::string(200, 'p'));

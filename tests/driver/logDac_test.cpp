@@ -27,7 +27,7 @@ namespace {
 
 thread_local bool refuse_snprintf = false;
 
-// The limit of each vsnprintf, while it points somewhere.
+// Records the limit of each vsnprintf unless null.
 thread_local std::vector<size_t>* limits = nullptr;
 
 constexpr int longest = 30719;  // characters of a message
@@ -61,7 +61,7 @@ class logger : public testing::Test {
   }
 };
 
-/// The same with each way to log, all of which a message without a tag goes alike.
+/// The same through each function that logs. They treat a message without a tag alike.
 const struct {
   const char* label;
   int (*log)(logDac& log, int level, const char* text);
@@ -76,7 +76,7 @@ const struct {
 
 }  // namespace
 
-// The prefix is written by it.
+// Writes the prefix.
 extern "C" int vsnprintf(char* buf, size_t size, const char* fmt, va_list args) noexcept {
   static auto* real = reinterpret_cast<decltype(&vsnprintf)>(dlsym(RTLD_NEXT, "vsnprintf"));
   if (limits) limits->push_back(size);
@@ -371,7 +371,7 @@ TEST_F(logger, messages_of_many_threads_arrive_complete) {
   }
 }
 
-// ---------------------------------------------------------------- what lies where
+// ---------------------------------------------------------------- layout
 
 namespace {
 
@@ -444,7 +444,7 @@ F* at(const ym::ilog* log, slot s) {
   return n;
 }
 
-// One operation of the interface each, so that all but one can be put together.
+// One operation of the interface each, so that a class can have all but one.
 template <class BASE>
 struct opens : BASE {
   int open(const char* /*path*/) override { return 102; }
@@ -458,7 +458,7 @@ struct appends : BASE {
   int append(int level, const char* /*fmt*/, ...) override { return 104 + level; }
 };
 template <class BASE>
-struct tells_level : BASE {
+struct reports_level : BASE {
   int getlevel() override { return 106; }
 };
 template <class BASE>
@@ -482,7 +482,7 @@ struct with : ym::ilog {};
 template <template <class> class FIRST, template <class> class... REST>
 struct with<FIRST, REST...> : FIRST<with<REST...>> {};
 
-using all_but_push = with<opens, adds, appends, tells_level, takes_level, runs, releases>;
+using all_but_push = with<opens, adds, appends, reports_level, takes_level, runs, releases>;
 
 template <class T>
 constexpr bool abstract = std::is_abstract_v<T>;
@@ -491,13 +491,13 @@ constexpr bool abstract = std::is_abstract_v<T>;
 
 TEST(ilog, all_operations_except_push_are_pure) {
   EXPECT_FALSE(abstract<all_but_push>);
-  EXPECT_TRUE((abstract<with<adds, appends, tells_level, takes_level, runs, releases>>));
-  EXPECT_TRUE((abstract<with<opens, appends, tells_level, takes_level, runs, releases>>));
-  EXPECT_TRUE((abstract<with<opens, adds, tells_level, takes_level, runs, releases>>));
+  EXPECT_TRUE((abstract<with<adds, appends, reports_level, takes_level, runs, releases>>));
+  EXPECT_TRUE((abstract<with<opens, appends, reports_level, takes_level, runs, releases>>));
+  EXPECT_TRUE((abstract<with<opens, adds, reports_level, takes_level, runs, releases>>));
   EXPECT_TRUE((abstract<with<opens, adds, appends, takes_level, runs, releases>>));
-  EXPECT_TRUE((abstract<with<opens, adds, appends, tells_level, runs, releases>>));
-  EXPECT_TRUE((abstract<with<opens, adds, appends, tells_level, takes_level, releases>>));
-  EXPECT_TRUE((abstract<with<opens, adds, appends, tells_level, takes_level, runs>>));
+  EXPECT_TRUE((abstract<with<opens, adds, appends, reports_level, runs, releases>>));
+  EXPECT_TRUE((abstract<with<opens, adds, appends, reports_level, takes_level, releases>>));
+  EXPECT_TRUE((abstract<with<opens, adds, appends, reports_level, takes_level, runs>>));
 }
 
 TEST(ilog, push_returns_0_by_default) {

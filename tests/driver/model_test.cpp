@@ -1,6 +1,6 @@
-// The life cycle against a small model: threads drive the entry points in every legal order, a million steps in all,
-// and each result, message and record must be one that the model allows. IP6DNS_STEPS and IP6DNS_SEED in the
-// environment change length and course; the seed is printed.
+// The life cycle compared with a small model: four threads make a million random legal calls, and the model must allow
+// each result, message and record. The environment variables IP6DNS_STEPS and IP6DNS_SEED set the number of calls and
+// the seed, which is printed.
 #include <gtest/gtest.h>
 #include <sched.h>
 
@@ -29,7 +29,7 @@ constexpr int64_t stopped_clock = 1'700'000'000;
 
 }  // namespace
 
-// Time stands still, so an instance publishes once in its life at most, and rounds follow each other at once.
+// The clock is stopped, so an instance publishes at most once, and rounds follow each other at once.
 extern "C" time_t time(time_t* out) noexcept {
   if (out) *out = stopped_clock;
   return stopped_clock;
@@ -75,7 +75,7 @@ struct seen {
   }
 };
 
-/// One instance as the model knows it.
+/// The model of one instance.
 struct instance {
   int handle = -1;
   bool runs = false;
@@ -83,8 +83,7 @@ struct instance {
   std::unique_ptr<seen> host = std::make_unique<seen>();
 };
 
-/// Handles that any thread may ask about. Who asks holds the list, so an instance taken off it is asked no more and
-/// may be destroyed.
+/// Handles that any thread may query. A query locks the list, so an instance that is removed from it may be destroyed.
 class open_list {
  public:
   void add(int h) {
@@ -95,7 +94,7 @@ class open_list {
     const std::unique_lock hold(_mtx);
     std::erase(_handles, h);
   }
-  /// Calls `question` with number `i` of them, counted round; with none when the list is empty.
+  /// Calls `question` with handle `i` modulo their number; not at all if the list is empty.
   template <class QUESTION>
   void ask(size_t i, QUESTION question) {
     const std::shared_lock hold(_mtx);
@@ -107,26 +106,26 @@ class open_list {
   std::vector<int> _handles;
 };
 
-/// What all threads share: the library, files, which handles are taken, and which may be asked about.
+/// Shared by all threads: the library, files, which handles are in use, and which may be queried.
 struct world {
   library lib;
   scratch dir;
   std::string good = dir.file("hostname = h1\n", "good.conf"), bad = dir.file("port = 1\n", "bad.conf");
   std::array<std::atomic<bool>, max_handle + 1> taken{};
   open_list open;
-  std::atomic<long> records = 0;  // of all instances that are gone
-  std::atomic<long> others = 0;   // questions about instances of another thread
+  std::atomic<long> records = 0;  // of all destroyed instances
+  std::atomic<long> others = 0;   // queries about instances of another thread
   std::latch each_has_one{threads};
 };
 
-/// One thread's walk.
+/// One thread.
 class walker {
  public:
   walker(world& w, unsigned seed) : _w(w), _random(seed) {}
 
   void walk(long steps) {
     create();
-    _w.each_has_one.arrive_and_wait();  // so that whoever is first has others' instances to ask about
+    _w.each_has_one.arrive_and_wait();  // so that the first thread finds instances of others
     for (; steps > 0 && !testing::Test::HasFailure(); --steps) step();
     if (_own.empty()) create();
     if (!testing::Test::HasFailure()) see_one_publish(_own.front());
@@ -167,7 +166,7 @@ class walker {
     x.handle = create("model", _w.good, *x.host, on_aux);
     ASSERT_GE(x.handle, 0);
     ASSERT_LE(x.handle, max_handle);
-    ASSERT_FALSE(_w.taken[static_cast<size_t>(x.handle)].exchange(true)) << "handle " << x.handle << " given out twice";
+    ASSERT_FALSE(_w.taken[static_cast<size_t>(x.handle)].exchange(true)) << "handle " << x.handle << " returned twice";
     _w.open.add(x.handle);
     _own.push_back(std::move(x));
   }
@@ -221,7 +220,7 @@ class walker {
     ASSERT_LE(x.host->records, x.stopped > 0 ? 1 : 0);
   }
 
-  /// An instance publishes once it has run for long enough, whatever it was before; then it says that it runs.
+  /// A running instance publishes once and then reports that it runs.
   void see_one_publish(instance& x) {
     if (!x.runs) start(x);
     try {
@@ -232,7 +231,7 @@ class walker {
     }
   }
 
-  /// Whatever is found, the instance goes: the walk ends when none is left.
+  /// Always removes the instance: the walk ends when none is left.
   void destroy(size_t i) {
     const instance& x = _own[i];
     EXPECT_EQ(x.host->strange, 0);
@@ -244,7 +243,7 @@ class walker {
     _own.pop_back();
   }
 
-  /// A worker that has said that it started runs until it is stopped; one that has not may run already.
+  /// A worker that has logged its start runs until it is stopped. One that has not may run already.
   void ask(const instance& x) {
     const bool has_begun = x.host->starts > x.stopped;
     ASSERT_EQ(_w.lib.devicewriteobj(x.handle), DAC_WRITE_REFUSED);

@@ -41,10 +41,10 @@ void on_tagex(const char* name, int type, int flag, const char* text1, const cha
 
 class plugin : public plugin_fixture {
  protected:
-  /// One more instance from the file of the one before.
+  /// Another instance from the file of the previous one.
   int create_another() { return rec.args("drv", dir.path("ip6dns.conf").c_str()).create(lib); }
 
-  // The host name as the tag list gives it, whole.
+  // The full host name, from the tag list.
   std::string hostname(int h) const {
     strings names;
     const auto callback = [](const char* name, int, int, void* param) {
@@ -89,7 +89,7 @@ TEST_F(plugin, holds_1024_instances_and_refuses_one_more_without_a_message) {
   EXPECT_EQ(create_from(""), -1);
   EXPECT_EQ(rec.journal(), strings{});
   lib.destroy(5);
-  EXPECT_EQ(create(), 1024) << "a refusal by a full table takes no handle number";
+  EXPECT_EQ(create(), 1024) << "a refusal by a full table uses up no handle number";
   EXPECT_EQ(create_another(), -1);
 }
 
@@ -118,7 +118,7 @@ TEST_F(plugin, accepts_only_handles_of_its_instances) {
   ASSERT_EQ(create(), 0);
   ASSERT_EQ(create(), 1);
   lib.destroy(1);
-  // 1024 and 2048 are kept where 0 is.
+  // 1024 and 2048 are in the bucket of 0.
   for (const int h : {1, 2, 1024, 2048, 2049, 12345, -1, -1024, INT_MAX, INT_MIN}) {
     SCOPED_TRACE(h);
     strings tags;
@@ -199,15 +199,15 @@ TEST_F(plugin, refuses_a_bad_configuration_with_one_message) {
       {"a shorter key", "hostnam=a\n", "not config hostname in ", ""},
       {"empty key", "=a\n", "not config hostname in ", ""},
       {"empty value", "hostname=\n", "not config hostname in ", ""},
-      {"blank value", "hostname= \t \n", "not config hostname in ", ""},
-      {"empty value behind a good one", "hostname=a\nhostname=\n", "not config hostname in ", ""},
+      {"value of spaces", "hostname= \t \n", "not config hostname in ", ""},
+      {"empty value after a valid one", "hostname=a\nhostname=\n", "not config hostname in ", ""},
       {"apostrophe", "hostname=a'b\n", "hostname contains illegal characters in ", ""},
       {"quotation mark", "hostname=\"a\"\n", "hostname contains illegal characters in ", ""},
       {"opening parenthesis", "hostname=(a\n", "hostname contains illegal characters in ", ""},
       {"closing parenthesis", "hostname=a)\n", "hostname contains illegal characters in ", ""},
       {"both parentheses", "hostname=x(1)\n", "hostname contains illegal characters in ", ""},
       {"colon", "hostname=a:b\n", "hostname contains illegal characters in ", ""},
-      {"colon behind a zero byte", nullptr, "hostname contains illegal characters in ", ""},
+      {"colon after a zero byte", nullptr, "hostname contains illegal characters in ", ""},
   };
   int spent = 0;
   for (const auto& row : rows) {
@@ -255,7 +255,7 @@ TEST_F(plugin, has_closed_the_file_and_holds_no_lock_when_it_logs_a_failure) {
       std::error_code gone;
       EXPECT_NE(std::filesystem::read_symlink(fd, gone), path);
     }
-    EXPECT_TRUE(is_known(0)) << "removed behind the message";
+    EXPECT_TRUE(is_known(0)) << "removed after the message";
   };
   EXPECT_EQ(rec.args("drv", path.c_str()).create(lib), -1);
   EXPECT_TRUE(was_called);
@@ -276,13 +276,13 @@ TEST_F(plugin, reads_the_host_name_from_its_file) {
       {"byte order mark", "\xEF\xBB\xBFhostname=myhost\n", "myhost"},
       {"mixed case key", "HostName=myhost\n", "myhost"},
       {"upper case key", "HOSTNAME=MyHost\n", "MyHost"},
-      {"blanks and a comment", "\t hostname = my-host   ; the name\n", "my-host"},
+      {"spaces and a comment", "\t hostname = my-host   ; the name\n", "my-host"},
       {"the last one wins", "hostname=a\nport=1\nHostname=b\n", "b"},
-      {"a good one behind an empty one", "hostname=\nhostname=b\n", "b"},
+      {"a valid one after an empty one", "hostname=\nhostname=b\n", "b"},
       {"in a section", "[main]\nhostname=a\n[other]\nport=80\n", "a"},
       {"other keys", "interval=5\nhostname=a\nport=80\n", "a"},
       {"dots, minus, underscore", "hostname=a.b-c_d\n", "a.b-c_d"},
-      {"a blank inside", "hostname=my host\n", "my host"},
+      {"a space inside", "hostname=my host\n", "my host"},
       {"bytes above 127", "hostname=h\xC3\xA4us\xFF\n", "h\xC3\xA4us\xFF"},
       {"other marks", "hostname=a[b]=c/d\\e,f!\n", "a[b]=c/d\\e,f!"},
       {"300 characters", "hostname=" + std::string(300, 'n') + "\n", std::string(300, 'n')},
@@ -392,7 +392,7 @@ TEST_F(plugin, starts_a_second_worker_if_it_is_started_twice) {
     lib.start(h);
     fake_clock::await_sleepers(2);
     const bool both = rec.messages() == strings{start_message, start_message} && lib.isrun(h) == 1;
-    _exit(both ? 0 : 1);  // nobody can join the first worker any more
+    _exit(both ? 0 : 1);  // no thread can join the first worker any more
   };
   EXPECT_EXIT(host(), testing::ExitedWithCode(0), "");
 }
@@ -579,7 +579,7 @@ TEST_F(plugin, no_entry_point_waits_while_another_threads_create_reads_its_file)
   std::atomic<bool> done = false;
   int slow = -1;
   std::unique_ptr<caller> reader, others;  // joined after the pipe is closed
-  // The mark keeps the scanner from seeking.
+  // With the mark, the scanner does not seek.
   named_pipe pipe(dir.path("pipe"), "\xEF\xBB\xBFhostname=slow\n");
   reader = std::make_unique<caller>([&] { slow = rec.args("drv", dir.path("pipe").c_str()).create(lib); });
   ASSERT_TRUE(reader->waits());

@@ -17,13 +17,13 @@ namespace {
 
 using bytes = std::array<unsigned char, 16>;
 
-/// An interface list of the test's own, and the text that a look at it gives.
+/// A fake interface list, and the text that getPublicIp6 appends for it.
 class publicip6 : public testing::Test {
  protected:
   publicip6() { fake_interfaces::reset(); }
   ~publicip6() override { fake_interfaces::reset(); }
 
-  /// What is appended to `out` for these addresses; fails unless the result is 0 and the list was given back.
+  /// What is appended to `out` for these addresses; fails unless the result is 0 and the list was freed.
   static std::string found(const std::vector<std::string>& addresses, const char* out = "") {
     fake_interfaces::reset();
     fake_interfaces::set(addresses);
@@ -57,36 +57,35 @@ const struct row {
     {"IPv4-compatible, fourth to last byte alone", "::1.0.0.0", none},
     {"IPv4-compatible, top bit set", "::128.0.0.0", none},
     {"last of IPv4-compatible", "::255.255.255.255", none},
-    {"behind IPv4-compatible", "::1:0:0", "::1:0:0"},
+    {"after IPv4-compatible", "::1:0:0", "::1:0:0"},
     {"last word 1, but not loopback", "::1:0:1", "::1:0:1"},
-    {"in front of IPv4-mapped", "::fffe:ffff:ffff", "::fffe:ffff:ffff"},
+    {"before IPv4-mapped", "::fffe:ffff:ffff", "::fffe:ffff:ffff"},
     {"first of IPv4-mapped", "::ffff:0:0", none},
     {"IPv4-mapped loopback", "::ffff:0:1", none},
     {"IPv4-mapped", "::ffff:192.0.2.1", none},
     {"last of IPv4-mapped", "::ffff:255.255.255.255", none},
-    {"behind IPv4-mapped", "::1:0:0:0", "::1:0:0:0"},
-    {"IPv4-mapped but for the ninth byte", "::100:ffff:c000:201", "::100:ffff:c000:201"},
-    {"IPv4-mapped but for the tenth byte", "::1:ffff:c000:201", "::1:ffff:c000:201"},
-    {"IPv4-mapped but for the first byte", "100::ffff:c000:201", "100::ffff:c000:201"},
-    {"IPv4-mapped but for the eleventh byte", "::ff:c000:201", "::ff:c000:201"},
-    {"IPv4-mapped but for the twelfth byte", "::ff00:c000:201", "::ff00:c000:201"},
+    {"after IPv4-mapped", "::1:0:0:0", "::1:0:0:0"},
+    {"IPv4-mapped except for the ninth byte", "::100:ffff:c000:201", "::100:ffff:c000:201"},
+    {"IPv4-mapped except for the tenth byte", "::1:ffff:c000:201", "::1:ffff:c000:201"},
+    {"IPv4-mapped except for the first byte", "100::ffff:c000:201", "100::ffff:c000:201"},
+    {"IPv4-mapped except for the eleventh byte", "::ff:c000:201", "::ff:c000:201"},
+    {"IPv4-mapped except for the twelfth byte", "::ff00:c000:201", "::ff00:c000:201"},
     {"IPv4-translated", "::ffff:0:192.0.2.1", "::ffff:0:c000:201"},
     {"NAT64", "64:ff9b::192.0.2.1", "64:ff9b::c000:201"},
-    {"loopback but for the first byte", "100::1", "100::1"},
+    {"loopback except for the first byte", "100::1", "100::1"},
     {"global", "2001:db8::10", "2001:db8::10"},
     {"global without zeros", "2001:db8:1:2:3:4:5:6", "2001:db8:1:2:3:4:5:6"},
     {"global in capitals", "2001:DB8::ABCD", "2001:db8::abcd"},
     {"longest text", "2001:1db8:1111:2222:3333:4444:5555:6666", "2001:1db8:1111:2222:3333:4444:5555:6666"},
     {"6to4", "2002:c000:201::", "2002:c000:201::"},
-    {"far in front of unique-local", "fb00::", "fb00::"},
-    {"in front of unique-local", "fbff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "fbff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+    {"long before unique-local", "fb00::", "fb00::"},
+    {"before unique-local", "fbff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "fbff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
     {"first of unique-local", "fc00::", "fc00::"},
     {"unique-local", "fd00::1", "fd00::1"},
     {"last of unique-local", "fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "fdff:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
-    {"behind unique-local", "fe00::", "fe00::"},
-    {"in front of link-local", "fe7f::", "fe7f::"},
-    {"last in front of link-local", "fe7f:ffff:ffff:ffff:ffff:ffff:ffff:ffff",
-     "fe7f:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
+    {"after unique-local", "fe00::", "fe00::"},
+    {"before link-local", "fe7f::", "fe7f::"},
+    {"last before link-local", "fe7f:ffff:ffff:ffff:ffff:ffff:ffff:ffff", "fe7f:ffff:ffff:ffff:ffff:ffff:ffff:ffff"},
     {"first of link-local", "fe80::", none},
     {"link-local", "fe80::1", none},
     {"link-local, second byte c", "fe8c::1", none},
@@ -170,7 +169,7 @@ TEST_F(publicip6, every_single_last_byte_above_1_is_ipv4_compatible) {
 
 TEST_F(publicip6, without_interfaces_nothing_is_appended_and_no_list_is_freed) {
   EXPECT_EQ(found({}), "");
-  EXPECT_EQ(found({}, "kept"), "kept");
+  EXPECT_EQ(found({}, "text"), "text");
   EXPECT_EQ(fake_interfaces::lists(), 1);
 }
 
@@ -234,7 +233,7 @@ TEST_F(publicip6, many_addresses_are_all_reported) {
 
 TEST_F(publicip6, a_failed_list_returns_its_result_and_appends_nothing) {
   for (const int result : {-1, -7}) {
-    for (const char* before : {"", "kept"}) {
+    for (const char* before : {"", "text"}) {
       fake_interfaces::reset();
       fake_interfaces::set({"2001:db8::1"});
       fake_interfaces::fail(result);
@@ -291,7 +290,7 @@ TEST_F(publicip6, an_empty_text_does_not_release_the_block_of_an_empty_string) {
   EXPECT_EQ(blocks::live(), before);
 }
 
-// The comma and the address are separate appends: each keeps the text as it is if it gets no storage.
+// The comma and the address are separate appends. Each leaves the text unchanged if it gets no storage.
 TEST_F(publicip6, an_address_without_storage_leaves_its_comma_and_later_addresses_follow) {
   const blocks::exhausted no64(64);
   EXPECT_EQ(found({"2001:db8::10", "::", "2001:db8::20"}), "::,");

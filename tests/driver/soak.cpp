@@ -1,10 +1,10 @@
-// Load and soak: 1024 instances started and stopped in waves by four threads, on the real kernel's addresses, while
-// addresses come and go and the clock jumps. Every record that is due must arrive, byte for byte, and no other may.
+// Load and soak: four threads start and stop 1024 instances in waves on the kernel's addresses, while addresses change
+// and the clock jumps. Every record that is due must arrive, byte for byte, and no other.
 //
-//   soak SECONDS [LOADS]     run in a network namespace of its own (scripts/soak does that): it changes lo's addresses
+//   soak SECONDS [LOADS]     run it in a separate network namespace (scripts/soak does): it changes lo's addresses
 //
-// What is due is known without looking into the plug-in: time, getifaddrs and nanosleep stand in for the C library's,
-// so this program sees on each worker's thread what the worker learns, and at its next sleep what came of it.
+// The program replaces time, getifaddrs and nanosleep. On each worker's thread it sees what the worker gets and so
+// knows what is due; at the next sleep it checks what was published.
 #include <arpa/inet.h>
 #include <dlfcn.h>
 #include <ifaddrs.h>
@@ -48,10 +48,10 @@ constexpr int instances = 1024, crew = 4, most_addresses = 10'000, phases = 4;
 constexpr int shortest_stir = 10;  // seconds that leave time for the greatest number of addresses
 
 std::atomic<int64_t> clock_now = 1'700'000'000;
-std::atomic<int> looking = 0;  // threads inside getifaddrs
+std::atomic<int> polling = 0;  // threads inside getifaddrs
 std::atomic<long> checked = 0, lost = 0, wrong = 0, surplus = 0, polls = 0;
 std::atomic<long> repeated = 0;   // records of a text that had not changed
-std::atomic<int> most_found = 0;  // addresses that one look found
+std::atomic<int> most_found = 0;  // addresses that one poll found
 
 void raise(std::atomic<int>& most, int n) {
   for (int old = most; n > old && !most.compare_exchange_weak(old, n);) {
@@ -74,7 +74,7 @@ struct instance {
 };
 
 thread_local instance* me = nullptr;  // set by the worker's start message
-thread_local int64_t my_now = 0;      // what time() told this thread last: the worker decides by that
+thread_local int64_t my_now = 0;      // what time() last returned on this thread: the worker decides by it
 
 /// The C library's own classes of addresses, unlike the plug-in's bytes.
 bool is_published(const in6_addr& a) {
@@ -97,7 +97,7 @@ std::string expected_text(const ifaddrs* list) {
   return text.empty() ? "null" : text;
 }
 
-/// Ten seconds after the latest look, whichever way the clock went, the next one is due.
+/// The next poll is due when the clock is ten seconds away from the latest one, in either direction.
 void expect_poll(instance& x) { x.is_poll_due = std::abs(my_now - x.last_polled) >= 10; }
 
 void learn(instance& x, std::string text) {
@@ -159,9 +159,9 @@ extern "C" time_t time(time_t* out) noexcept {
 
 extern "C" int getifaddrs(ifaddrs** list) noexcept {
   static auto* real = reinterpret_cast<int (*)(ifaddrs**)>(dlsym(RTLD_NEXT, "getifaddrs"));
-  ++looking;
+  ++polling;
   const int result = real(list);
-  --looking;
+  --polling;
   if (me) learn(*me, result == 0 ? expected_text(*list) : "null");
   return result;
 }
@@ -269,7 +269,7 @@ class hand {
     }
   }
 
-  /// Nobody stops an instance before `all` of the crew have started theirs, so that for once all of them run.
+  /// No thread stops an instance before `all` threads have started theirs, so that all instances run once.
   void work(std::barrier<>& all) {
     start_all();
     all.arrive_and_wait();
@@ -283,7 +283,7 @@ class hand {
     }
   }
 
-  /// Stops and destroys all, side by side as a host would: each stop waits for a worker that sleeps.
+  /// Stops and destroys all, in parallel like a host: each stop waits for a sleeping worker.
   void finish() {
     constexpr int at_once = 32;
     std::atomic<int> next = 0;
@@ -355,9 +355,9 @@ struct usage {
   long descriptors = 0, threads = 0, mappings = 0;
 };
 
-/// What the pools keep at most when no block is in use, by length: of each class the first chunk and two later ones,
-/// and the mapping for bookkeeping. A block that stays behind at every turn needs more before long.
-std::map<size_t, long> most_kept() {
+/// The mappings that the pools hold at most when no block is in use, by length: the first chunk and two later ones of
+/// each class, and the self heap's. A leak of one block per round soon needs more.
+std::map<size_t, long> most_mapped() {
   std::map<size_t, long> most = {{size_classes::whole_pages(524288), 1}};
   for (const size_classes::row& c : size_classes::all) {
     most[size_classes::whole_pages((c.size + 8) * c.first)] += 1;
@@ -378,7 +378,7 @@ long entries(const char* directory) {
 }
 
 usage measure() {
-  malloc_trim(0);  // what this program's own texts have left in the C library's heap
+  malloc_trim(0);  // releases what this program's texts have left in the C library's heap
   usage u;
   std::ifstream status("/proc/self/status");
   for (std::string line; std::getline(status, line);)
@@ -386,7 +386,7 @@ usage measure() {
       u.resident_kb = std::stol(line.substr(6));
     else if (line.starts_with("VmHWM:"))
       u.highest_kb = std::stol(line.substr(6));
-  std::map<size_t, long> room = most_kept();
+  std::map<size_t, long> room = most_mapped();
   for (const auto& [at, length] : fake_pages::live()) {
     if (--room[length] < 0) ++u.chunks_too_many;
     u.pools_kb += static_cast<long>(length / 1024);
@@ -407,17 +407,17 @@ void print(const char* what, const usage& u) {
 
 // ---------------------------------------------------------------- the two phases
 
-/// Until no worker reads the interface list, 20 seconds at most: others may just have started.
-void let_settle() {
-  for (int i = 0; i < 2000 && (looking != 0 || i < 20); ++i) pause(10);
+/// Waits until no worker reads the interface list, at most 20 seconds: others may just have started.
+void settle() {
+  for (int i = 0; i < 2000 && (polling != 0 || i < 20); ++i) pause(10);
 }
 
-/// The greatest number of addresses, met by the instances that start within three seconds; the first time until one of
-/// them has found them all, half a minute at most. While they are added one by one nobody starts and the clock stands
-/// still: the C library reads a list again that changed under its hands, and threads that do so leave no time for that.
+/// Adds the greatest number of addresses for the instances that start within three seconds, the first time until one of
+/// them has found them all, at most half a minute. While addresses are added, no instance starts and the clock is
+/// stopped: the C library reads a list again if it changed meanwhile, and many threads that do so slow the adding.
 void peak(addresses& lo) {
   held = true;
-  let_settle();
+  settle();
   lo.set(most_addresses);
   held = false;
   pause(3000);
@@ -427,8 +427,8 @@ void peak(addresses& lo) {
 
 long jumps = 0;
 
-/// Lets addresses and clock change for `seconds`; the greatest number of addresses comes once, in the middle, unless
-/// these are fewer than shortest_stir.
+/// Changes addresses and clock for `seconds`. Adds the greatest number of addresses once, in the middle, unless the
+/// time is shorter than shortest_stir.
 void stir(addresses& lo, int seconds) {
   std::mt19937 random(1);
   const auto begin = std::chrono::steady_clock::now();
@@ -443,10 +443,10 @@ void stir(addresses& lo, int seconds) {
                    second, running.load(), lo.count(), polls.load(), checked.load(), lost.load(), wrong.load());
       shown = second;
     }
-    // In every second quarter no address changes, so that workers look again and find what they have published.
+    // In every second quarter no address changes, so that workers poll unchanged addresses.
     const bool quiet = second * 4 / seconds % 2 == 1;
     if (!peaked && seconds >= shortest_stir && second >= seconds / 2) {
-      clock_now += 120;  // what has not changed is due again
+      clock_now += 120;  // unchanged values are due again
       peak(lo);
       peaked = true;
     } else if (!quiet && below(20) == 0) {
@@ -456,19 +456,19 @@ void stir(addresses& lo, int seconds) {
     const bool jump = below(40) == 0;
     jumps += jump ? 1 : 0;
     clock_now += jump ? ways[static_cast<size_t>(below(ways.size()))] : below(quiet ? 2 : 5) == 0 ? 1 : 0;
-    pause(50);  // the clock goes about four times as fast as the machine's, when it is quiet ten times
+    pause(50);  // the clock runs about four times as fast as the machine's, in quiet quarters ten times
   }
 }
 
 // ---------------------------------------------------------------- the verdict
 
-/// Whether all that was required was so. Tells what was not.
+/// Whether all requirements hold. Prints those that do not.
 class verdict {
  public:
   void require(bool so, const char* what) {
     if (so) return;
     _good = false;
-    std::printf("not so: %s\n", what);
+    std::printf("failed: %s\n", what);
   }
   bool is_good() const { return _good; }
 
@@ -476,17 +476,18 @@ class verdict {
   bool _good = true;
 };
 
-/// Descriptors and threads as at the beginning; after the last phase no more memory than after the first, apart from
-/// what the pools may keep and what the C library keeps of stacks and heaps that come and go.
+/// Requires the descriptors and threads of the beginning, and after the last phase no more memory than after the first,
+/// except what the pools and the C library may cache.
 void require_flat(verdict& v, const std::vector<usage>& stopped) {
   constexpr long stray_kb = 8192, stray_mappings = 32;
   const usage &begin = stopped.front(), &first = stopped.at(1), &last = stopped.back();
-  const auto beside_pools = [](const usage& u) { return u.resident_kb - u.pools_resident_kb; };
+  const auto outside_pools = [](const usage& u) { return u.resident_kb - u.pools_resident_kb; };
   v.require(last.descriptors == begin.descriptors, "descriptors as at the beginning");
   v.require(last.threads == begin.threads, "threads as at the beginning");
-  v.require(last.chunks_too_many == 0, "the pools keep three chunks of a class at most");
-  v.require(beside_pools(last) <= beside_pools(first) + stray_kb, "resident memory beside the pools' as at first");
-  v.require(last.mappings <= first.mappings + stray_mappings, "mappings as at first");
+  v.require(last.chunks_too_many == 0, "the pools hold at most three chunks of a class");
+  v.require(outside_pools(last) <= outside_pools(first) + stray_kb,
+            "resident memory outside the pools as after the first phase");
+  v.require(last.mappings <= first.mappings + stray_mappings, "mappings as after the first phase");
 }
 
 bool soak(int seconds) {
@@ -511,7 +512,7 @@ bool soak(int seconds) {
       for (hand& h : hands) h.finish();
       return measure();
     };
-    stopped.push_back(round(5));  // after which stacks and heaps have their size
+    stopped.push_back(round(5));  // afterwards stacks and heaps have their size
     for (int i = 0; i < phases; ++i) stopped.push_back(round(seconds / phases));
   }
   std::fputc('\n', stderr);
@@ -523,11 +524,11 @@ bool soak(int seconds) {
   for (size_t i = 0; i < stopped.size(); ++i)
     print(i == 0 ? "all stopped, warmed up" : ("all stopped, phase " + std::to_string(i)).c_str(), stopped[i]);
   verdict v;
-  v.require(lost == 0, "no record and no look is lost");
+  v.require(lost == 0, "no record and no poll is lost");
   v.require(wrong == 0, "each record is right, byte for byte");
-  v.require(surplus == 0, "each record and each look was due");
-  v.require(checked >= instances && repeated > 0, "there are records to check, of texts that had not changed too");
-  v.require(polls > checked, "there are looks that find nothing to publish");
+  v.require(surplus == 0, "each record and each poll was due");
+  v.require(checked >= instances && repeated > 0, "there are records to check, some of unchanged texts");
+  v.require(polls > checked, "some polls find nothing to publish");
   v.require(most_running == instances && starts > instances, "all instances run at a time, and start again");
   v.require(most_found == most_addresses, "the greatest number of addresses is found");
   v.require(lo.changes() > 2 * most_addresses && jumps > 0, "addresses and clock change");
@@ -535,7 +536,7 @@ bool soak(int seconds) {
   return v.is_good();
 }
 
-/// Loads, uses and unloads the library; instances left registered go with it.
+/// Loads, uses and unloads the library, which deletes the remaining instances.
 bool reload(int times) {
   const scratch dir;
   const std::string file = dir.file("hostname = h1\n");

@@ -1,4 +1,4 @@
-// The worker of the built library on a clock that the test turns: when it looks for addresses, when it publishes, and
+// The worker of the built library on a fake clock: when it polls, when it publishes, and
 // the record, byte for byte.
 #include <gtest/gtest.h>
 
@@ -89,7 +89,7 @@ TEST_F(worker, polls_again_when_the_clock_is_10_seconds_away_in_either_direction
   const struct {
     const char* label;
     int64_t by;
-    int looks;
+    int polls;
   } rows[] = {
       {"no time at all", 0, 0},     {"9 seconds later", 9, 0},    {"10 seconds later", 10, 1},
       {"a minute later", 60, 1},    {"9 seconds earlier", -9, 0}, {"10 earlier", -10, 1},
@@ -98,11 +98,11 @@ TEST_F(worker, polls_again_when_the_clock_is_10_seconds_away_in_either_direction
   start_and_poll();
   for (const auto& row : rows) {
     SCOPED_TRACE(row.label);
-    round_at(t0 + 1'000);  // far from t0: a look of its own, from which the next one counts
+    round_at(t0 + 1'000);  // far from t0: a separate poll, from which the next one counts
     round_at(t0);
     const int before = fake_interfaces::lists();
     round_at(t0 + row.by);
-    EXPECT_EQ(fake_interfaces::lists(), before + row.looks);
+    EXPECT_EQ(fake_interfaces::lists(), before + row.polls);
   }
 }
 
@@ -172,9 +172,9 @@ TEST_F(worker, publishes_an_unchanged_text_when_the_clock_is_120_seconds_away_in
     round_at(t0 + 1'000'000);
     round_at(t0);
     const size_t before = rec.values().size();
-    const int looks = fake_interfaces::lists();
+    const int polls = fake_interfaces::lists();
     round_at(t0 + row.by);
-    EXPECT_EQ(fake_interfaces::lists(), looks + 1);
+    EXPECT_EQ(fake_interfaces::lists(), polls + 1);
     EXPECT_EQ(rec.values().size(), before + row.publications);
   }
 }
@@ -411,7 +411,7 @@ TEST_F(worker, publishes_at_its_first_poll_in_every_new_instance) {
 TEST_F(worker, releases_the_memory_of_its_start_at_its_end) {
   const std::string path = dir.file("hostname=h1\n");
   arguments a = rec.args("drv", path.c_str());
-  a.log = nullptr;  // neither callback: they keep what they are told
+  a.log = nullptr;  // no callbacks: they would allocate
   a.data = nullptr;
   h = a.create(lib);
   const long before = fake_heap::live();

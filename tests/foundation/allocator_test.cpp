@@ -194,7 +194,7 @@ TEST_F(large_block, is_the_address_16_when_its_mapping_is_refused) {
 
 // ---------------------------------------------------------------- allocator
 
-// Blocks over several chunks, sizes and both kinds of mapping; what is refused is asked for once more.
+// Blocks over several chunks, sizes and both kinds of mapping; each refused request is repeated.
 int run_with_refusals(std::vector<void*>& blocks) {
   int refused = 0;
   for (const size_t n : std::initializer_list<size_t>{128, 1048576, 128, 1048576, 4194305, 1048576, 20000, 4194305,
@@ -238,7 +238,7 @@ TEST_F(allocator, loses_nothing_when_any_one_mapping_is_refused) {
 
 // ---------------------------------------------------------------- threads
 
-// A block that knows what it holds: size and seed in front, a pattern of the seed from there to the end.
+// A block with known contents: size and seed at the start, then a pattern that depends on the seed.
 struct stamp {
   size_t n;
   uint64_t seed;
@@ -262,7 +262,7 @@ bool intact(const void* p) {
          std::all_of(from, from + n, [&](char c) { return c == static_cast<char>(s.seed); });
 }
 
-// Sizes of every kind: mostly small, some of the middle classes, now and then a large block.
+// Mostly small sizes, some of the middle classes, and a few large blocks.
 size_t some_size(std::mt19937& random) {
   const auto dice = random() % 1000;
   if (dice < 900) return 17 + random() % 1400;
@@ -297,10 +297,10 @@ TEST_F(threads, can_free_blocks_of_other_threads) {
 
 TEST_F(threads, count_large_blocks_without_loss) {
   constexpr size_t each = 100;
-  std::array<std::vector<void*>, 8> kept;
-  in_threads(kept.size(), [&](size_t id) { kept.at(id) = take(4194305, each); });
-  EXPECT_EQ(pools::all().large, kept.size() * each);
-  in_threads(kept.size(), [&](size_t id) { give(kept.at(id)); });
+  std::array<std::vector<void*>, 8> live;
+  in_threads(live.size(), [&](size_t id) { live.at(id) = take(4194305, each); });
+  EXPECT_EQ(pools::all().large, live.size() * each);
+  in_threads(live.size(), [&](size_t id) { give(live.at(id)); });
   EXPECT_EQ(pools::all().large, 0U);
 }
 

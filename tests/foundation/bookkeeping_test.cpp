@@ -1,5 +1,5 @@
 // The allocator's bookkeeping in order: which slot each pool and descriptor takes, in which order they return, which
-// chunk of the self heap comes first, and what each mapping asks the system for.
+// chunk of the self heap comes first, and the arguments of each mapping.
 #include <gtest/gtest.h>
 
 #include <cstddef>
@@ -24,7 +24,7 @@ constexpr int ready_classes = 3;  // get their first chunk at construction
 /// Slot `i` of the self heap's first chunk.
 const char* slot(int i) { return pools::self().chunks + 56 + 64 * ptrdiff_t{i}; }
 
-/// The self heap's free slots in the order in which it hands them out.
+/// The self heap's free slots in the order in which it reuses them.
 list freed_slots() {
   list slots;
   const char* p = pools::read<pools::slots>(pools::self().chunks).freed;
@@ -32,7 +32,7 @@ list freed_slots() {
   return slots;
 }
 
-/// Takes blocks of the class of `size` until its pool has `chunks` chunks; the newest one's descriptor.
+/// Takes blocks of the class of `size` until its pool has `chunks` chunks. Returns the newest chunk's descriptor.
 pools::chunk newest_of(size_t size, int32_t chunks) {
   while (pools::pool_of(size).chunks < chunks) pools::take(size);
   const list all = pools::chunks_of(size);
@@ -84,7 +84,7 @@ TEST_F(bookkeeping, the_third_chunk_of_the_self_heap_moves_to_the_front_after_it
   EXPECT_EQ(pools::heap_chunks(), (list{c[2], c[0], c[1]}));
 }
 
-// ---------------------------------------------------------------- what a mapping asks for
+// ---------------------------------------------------------------- arguments of a mapping
 
 TEST_F(bookkeeping, every_chunk_mapping_queries_the_page_size) {
   // Blocks of 655360, six in each chunk, and of 16384, 128 in each chunk but the first.

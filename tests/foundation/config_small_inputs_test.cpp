@@ -26,8 +26,8 @@ using namespace std::string_view_literals;
 
 using text = ym::string_<>;
 
-// Each byte that a state treats in its own way, and one more of three classes that an implementation may split: of the
-// ordinary bytes (0xff could be taken for the end of input), of the blanks, and of the bytes that begin a comment.
+// Each byte that a state treats in its own way, and one more of three classes that an implementation may split: the
+// ordinary bytes (0xff could be treated as the end of input), the spaces, and the bytes that begin a comment.
 constexpr auto all_symbols = "a=[];# \t\n\r\0\xff"sv;
 
 // One byte of each class, if both ';' and '#' begin comments. A zero byte is ordinary except at the end of a value.

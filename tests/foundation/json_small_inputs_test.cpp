@@ -21,7 +21,7 @@ using namespace std::string_view_literals;
 
 using text = ym::string_<>;
 
-// The eight bytes of the table, and of the others: a zero, which leaves a member out if it is the first byte; a control
+// The eight bytes of the table, and of the others: a zero, which omits the member if it is the first byte; a control
 // byte between two of the table; a letter; a byte that is negative as a char.
 constexpr auto symbols = "\b\t\n\f\r\"/\\\0\va\xe9"sv;
 
@@ -29,7 +29,7 @@ bool same(const text& actual, std::string_view expected) {
   return actual.size() == expected.size() && std::memcmp(actual.c_str(), expected.data(), expected.size()) == 0;
 }
 
-/// Keeps every call apart: '1' before a character, the length in brackets before a run.
+/// Records every call separately: '1' before a character, the length in brackets before a run.
 struct recorder {
   std::string calls;
   void push_back(char c) { calls += {'1', c}; }

@@ -40,11 +40,11 @@ TEST_F(pages, are_private_anonymous_and_readable_and_writable) {
   const auto protection = [](const void* p) {
     std::ifstream maps("/proc/self/maps");
     for (std::string line; std::getline(maps, line);) {
-      const size_t dash = line.find('-'), blank = line.find(' ');
+      const size_t dash = line.find('-'), space = line.find(' ');
       const auto from = std::stoull(line.substr(0, dash), nullptr, 16);
-      const auto to = std::stoull(line.substr(dash + 1, blank), nullptr, 16);
+      const auto to = std::stoull(line.substr(dash + 1, space), nullptr, 16);
       const auto at = reinterpret_cast<uintptr_t>(p);
-      if (from <= at && at < to) return line.substr(blank + 1, 20);
+      if (from <= at && at < to) return line.substr(space + 1, 20);
     }
     return std::string();
   };
@@ -52,7 +52,7 @@ TEST_F(pages, are_private_anonymous_and_readable_and_writable) {
   void* large = take(4194305);
   EXPECT_EQ(protection(block), "rw-p 00000000 00:00 ");
   EXPECT_EQ(protection(large), "rw-p 00000000 00:00 ");
-  EXPECT_EQ(fake_pages::last_descriptor(), -1) << "as other systems want it";
+  EXPECT_EQ(fake_pages::last_descriptor(), -1) << "some systems require it";
   EXPECT_EQ(fake_pages::last_offset(), 0);
   ym_free(block);
   ym_free(large);
@@ -123,7 +123,7 @@ TEST_F(pages, have_their_size_queried_at_every_mapping) {
 
 // ---------------------------------------------------------------- mapping
 
-// kept: the system's own sign of failure is not looked for.
+// compat: no code checks for MAP_FAILED.
 TEST_F(mapping, MAP_FAILED_is_treated_as_an_address) { EXPECT_DEATH(take(size_t{1} << 62), ""); }
 
 }  // namespace

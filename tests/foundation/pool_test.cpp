@@ -189,7 +189,7 @@ TEST_F(pool, frees_blocks_through_either_function) {
   EXPECT_EQ(pool_of(640).free, 51U);
 }
 
-// What a hosting process's monitoring looks for.
+// The text that monitoring matches.
 const char* const out_of_step =
     "com/ymlib3/ym_alloctor:597: "
     "void\\* ym::blk_alloctor<LOCK>::malloc_\\(size_t\\*\\) "
@@ -235,7 +235,7 @@ TEST_F(pool, is_invalid_if_a_list_has_a_cycle) {
   pools::write(b[0][0], 0, b[0][0]);
   EXPECT_FALSE(pools::is_valid());
   pools::write(b[0][0], 0, nullptr);
-  ym_free(b[0][1]);  // a circle is no longer than the chunk has blocks, or it is one
+  ym_free(b[0][1]);  // is_valid() must detect a cycle as short as the number of blocks
   pools::write(b[0][1], 0, b[0][1]);
   EXPECT_FALSE(pools::is_valid());
   pools::write(b[0][1], 0, b[0][0]);
@@ -292,7 +292,7 @@ void PrintTo(const counts& c, std::ostream* out) { *out << c.chunks << " chunks,
 
 counts counts_of(size_t size) { return {pool_of(size).chunks, pool_of(size).free}; }
 
-// Frees one block and tells what the pool of pairs has then.
+// Frees one block and returns the counts of the pool of pairs.
 counts free_one(void* p) {
   ym_free(p);
   return counts_of(pools::pair_class.size);
@@ -330,8 +330,8 @@ TEST_F(sweep, reads_no_released_descriptor) {
   const auto last = take(pools::pair_class.size, 2);
   const auto newer = pools::take_slots(0);
   pools::give_slots({older[0], older[1]});
-  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
-  pools::give_slots(newer);                             // and the other holds the descriptor alone
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // now the older chunk comes first
+  pools::give_slots(newer);                             // and the other holds only the descriptor
   ASSERT_EQ(pools::heap_chunks().size(), 2U);
   ym_free(b[0][0]);
   give(last);

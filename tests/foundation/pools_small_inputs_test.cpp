@@ -47,9 +47,9 @@ std::string text_of(const program& p) {
   return s;
 }
 
-// ---------------------------------------------------------------- product and model, side by side
+// ---------------------------------------------------------------- product and model
 
-/// The product's mappings, and those that somebody else has made.
+/// The product's mappings, and those of the rest of the process.
 std::map<void*, size_t> foreign_mappings;
 
 /// An allocator built for one program, and its model. The model gets the addresses of the product's mappings.
@@ -91,14 +91,14 @@ class both {
 
   size_t slots() const { return _slots.size(); }
 
-  /// Mappings asked for since construction began.
-  int asked() const { return _model.asked(); }
+  /// Mappings requested since construction began.
+  int requested() const { return _model.requested(); }
 
   /// What differs; empty if nothing does.
   const std::string& compare() {
     compare_self_heap();
     compare_pools();
-    check(fake_pages::made() == _model.asked(), "number of mappings asked for");
+    check(fake_pages::made() == _model.requested(), "number of requested mappings");
     std::map<word, word> live;
     for (const auto& [at, length] : fake_pages::live())
       if (!foreign_mappings.contains(at)) live[address(at)] = length;
@@ -240,7 +240,7 @@ class both {
     check(!at, "chunk list of a pool");
   }
 
-  // The constructor of the model asks for mappings, so what serves them comes first.
+  // Declared before the model, whose constructor requests mappings.
   std::string _difference;
   int _passed_on = 0;  // mappings of the product that the model has
   word _invented = 1;
@@ -302,16 +302,16 @@ class judge {
     for (int refused = 1; _agrees && refused <= mappings; ++refused) run(p, refused);
   }
 
-  /// Returns the number of mappings that the last part, `p`, asks for.
+  /// Returns the number of mappings that the last part, `p`, requests.
   int run(const program& p, int refused) {
     ++_judged;
     both pair(_s.page);
     for (const op& o : _s.before) pair.run(o);
-    const int before = pair.asked();
+    const int before = pair.requested();
     fake_pages::refuse(refused);
     for (const op& o : p) pair.run(o);
     const std::string& difference = pair.compare();
-    if (difference.empty()) return pair.asked() - before;
+    if (difference.empty()) return pair.requested() - before;
     _agrees = false;
     ADD_FAILURE() << _s.group << ": " << difference << " after " << text_of(p) << "mapping " << refused << " refused";
     return 0;

@@ -88,8 +88,8 @@ TEST_F(spin_lock, and_its_guard_cannot_be_copied) {
   EXPECT_FALSE(std::is_copy_assignable_v<ym::guard<ym::spinlock>>);
 }
 
-// What a step does to the locks of the class of `size` and of the self heap: "pool+1" takes the pool's lock while one
-// mapping more is alive than before the step.
+// The lock operations of a step, for the class of `size` and the self heap: "pool+1" locks the pool while one mapping
+// more is alive than before the step.
 template <class STEP>
 std::vector<std::string> locks_of(size_t size, STEP step) {
   const size_t before = fake_pages::live().size();
@@ -151,12 +151,12 @@ TEST_F(spin_lock, of_the_self_heap_is_held_while_its_chunk_is_mapped_and_unmappe
   EXPECT_EQ(locks_of(16, [&] { p = ym::memheap_::operator new(56); }), (calls{"heap+0", "heap-1"}));
   const auto newer = pools::take_slots(0);
   pools::give_slots({older[0], older[1]});
-  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // now the older chunk comes first
   pools::give_slots(newer);
   EXPECT_EQ(locks_of(16, [&] { ym::memheap_::operator delete(p); }), (calls{"heap+0", "heap--1"}));
 }
 
-// The bookkeeping of the self heap and of the pool of `size`, as it lies in memory.
+// The bookkeeping of the self heap and of the pool of `size`, read from raw memory.
 std::string bookkeeping(size_t size) {
   std::string all(pools::at(0), sizeof(pools::heap));
   for (const char* c : pools::heap_chunks()) all.append(c, sizeof(slots));

@@ -229,8 +229,8 @@ TEST_F(destruction, of_a_pool_reads_no_released_descriptor) {
   take(128);
   const auto newer = pools::take_slots(0);
   pools::give_slots({older[0], older[1]});
-  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // from here on the older chunk comes first
-  pools::give_slots(newer);                             // and the other holds the descriptor alone
+  ASSERT_EQ(ym::memheap_::operator new(56), older[1]);  // now the older chunk comes first
+  pools::give_slots(newer);                             // and the other holds only the descriptor
   ASSERT_EQ(pools::heap_chunks().size(), 2U);
   get_ym_allocator()->~allocator();
   EXPECT_EQ(pools::heap_chunks().size(), 1U);

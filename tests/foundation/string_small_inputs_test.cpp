@@ -46,7 +46,7 @@ constexpr op assign_self{kind::assign_self};
 constexpr op construct_null{kind::construct};
 constexpr op copy{kind::copy};
 
-/// What is appended. An operation takes its bytes from another place than the one before it.
+/// What is appended. Each operation takes its bytes from another position than the previous one.
 const std::string& source() {
   static const std::string bytes = [] {
     std::string s;
@@ -57,7 +57,7 @@ const std::string& source() {
 }
 const char* bytes_for(size_t step) { return source().data() + step * 5; }
 
-// ---------------------------------------------------------------- what lies in memory
+// ---------------------------------------------------------------- memory
 
 template <class T>
 T read(const char* p) {
@@ -74,7 +74,7 @@ const char* characters(const text& s) {
 uint32_t capacity(const char* p) { return read<uint32_t>(p - 8); }
 uint32_t size(const char* p) { return read<uint32_t>(p - 4); }
 
-/// The usable size of the block: the size of its class, or of a mapping less the 16 bytes in front.
+/// The usable size of the block: the size of its class, or of a mapping minus its 16-byte header.
 uint64_t usable(const char* p) {
   const char* const block = p - 8;
   const char* const chunk = read<const char*>(block - 8);
@@ -194,7 +194,7 @@ void apply(string_model::text<const grants&>& model, const op& o, const char* p)
       model.assign(source().substr(0, o.n));
       return;
     case kind::assign_self:
-      return;  // keeps everything
+      return;  // changes nothing
     case kind::construct:
       o.has_capacity ? model.construct(o.n) : model.construct();
       return;
@@ -216,7 +216,7 @@ class tail {
     _length = std::min<size_t>(usable(p) - 8, sizeof _bytes);
     std::memcpy(_bytes, p, _length);
   }
-  bool is_kept_by(const text& s) const {
+  bool is_unchanged_in(const text& s) const {
     const char* const p = characters(s);
     if (!p || size(p) >= _length) return true;
     return std::memcmp(p + size(p), _bytes + size(p), _length - size(p)) == 0;
@@ -256,9 +256,10 @@ class judge {
     const kind last = _ops[s.back()].what;
     const tail before(*actual);
     run(actual, model, s.back(), s.size() - 1);
-    const bool stale_bytes_are_kept = last == kind::construct || last == kind::copy || before.is_kept_by(*actual);
-    if (!stale_bytes_are_kept) ADD_FAILURE() << "bytes after the text have changed";
-    return stale_bytes_are_kept && same(actual, model);
+    const bool stale_bytes_are_unchanged =
+        last == kind::construct || last == kind::copy || before.is_unchanged_in(*actual);
+    if (!stale_bytes_are_unchanged) ADD_FAILURE() << "bytes after the text have changed";
+    return stale_bytes_are_unchanged && same(actual, model);
   }
 
   void run(subject& actual, string_model::text<const grants&>& model, size_t o, size_t step) const {

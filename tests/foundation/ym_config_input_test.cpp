@@ -1,4 +1,4 @@
-// The scanner on unusual input: comment characters that have another meaning or are no byte at all, and a pipe.
+// The scanner on unusual input: comment characters that have another meaning or are outside 0 to 255, and a pipe.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -68,16 +68,16 @@ TEST(config_input, a_comment_character_begins_a_comment_even_if_it_has_another_m
       {"equals sign ends no section", '=', "[s=t]\n", {{"s=t", "", ""}}},
       {"opening bracket: no section", '[', "[s]\na=1\nb=2[3]\n", {{"", "a", "1"}, {"", "b", "2"}}},
       {"opening bracket empties the key", '[', "a[s]\nb=1\n", {{"", "b", "1"}}},
-      {"blank in front of the key", ' ', " a=1\nb=2\n", {{"", "b", "2"}}},
-      {"blank in the key", ' ', "a b=1\nc=2\n", {{"", "c", "2"}}},
-      {"blank ends a value", ' ', "a=1 2\n", {{"", "a", "1"}}},
-      {"blank in front of a value ends it", ' ', "a= 1\nb=\t2\n", {{"", "a", ""}, {"", "b", "2"}}},
+      {"space before the key", ' ', " a=1\nb=2\n", {{"", "b", "2"}}},
+      {"space in the key", ' ', "a b=1\nc=2\n", {{"", "c", "2"}}},
+      {"space ends a value", ' ', "a=1 2\n", {{"", "a", "1"}}},
+      {"space before a value ends it", ' ', "a= 1\nb=\t2\n", {{"", "a", ""}, {"", "b", "2"}}},
       {"tab ends a value", '\t', "a= 1\t2\nb\tc=3\n", {{"", "a", "1"}}},
       {"line feed after a value", '\n', "a=1\nb=2\n", {{"", "a", "1"}, {"", "b", "2"}}},
       {"line feed without a value skips the next line", '\n', "a\nb=1\nc=2\n", {{"", "c", "2"}}},
       {"line feed after a section skips the next line", '\n', "[s]\na=1\nb=2\n", {{"s", "", ""}, {"s", "b", "2"}}},
       {"carriage return without a value skips up to the next line end", '\r', "a\rb=1\rc=2\n", {{"", "c", "2"}}},
-      {"carriage return ends a value, its line goes on", '\r', "a=1\rb=2\nc=3\n", {{"", "a", "1"}, {"", "c", "3"}}},
+      {"carriage return ends a value, its line continues", '\r', "a=1\rb=2\nc=3\n", {{"", "a", "1"}, {"", "c", "3"}}},
       {"byte above 127", 0xA7, "a=1\xA7x\n\xA7y=2\nb=3;4\n", {{"", "a", "1"}, {"", "b", "3;4"}}},
   };
   for (const auto& row : rows) {
@@ -96,7 +96,7 @@ TEST(config_input, a_comment_character_outside_0_to_255_begins_no_comment) {
 
 // ---------------------------------------------------------------- pipes
 
-// The three bytes that are read in search of the mark are gone, since a pipe does not seek.
+// A pipe is not seekable, so the three bytes that are compared with the mark are lost.
 TEST(config_input, a_pipe_without_a_byte_order_mark_loses_its_first_three_bytes) {
   EXPECT_EQ(scan_pipe("hostname=h1\nport=80\n"), (calls{{"", "tname", "h1"}, {"", "port", "80"}}));
   EXPECT_EQ(scan_pipe("a=1\nb=2\n"), (calls{{"", "b", "2"}}));

@@ -55,7 +55,8 @@ std::string call(std::string_view section, std::string_view key, std::string_vie
   return quoted(section) + " " + quoted(key) + " " + quoted(value) + "\n";
 }
 
-/// Scans `in` until call number `last` (0: to the end) and tells the calls; fails unless the scan reports success.
+/// Scans `in` until call number `last` (0: to the end) and returns the calls as text. Fails unless the scan returns
+/// true.
 template <class STREAM>
 std::string scan(STREAM& in, int commentchar = 0, int last = 0) {
   std::string calls;
@@ -425,7 +426,7 @@ TEST(rstream_file, stays_open_after_a_scan) {
   EXPECT_EQ(in.get(), 'a');
 }
 
-// A pipe that holds some bytes and then fails to give more: its reader must not wait, its writer stays.
+// A pipe with some bytes, after which reading fails: the reader does not block, and the writer stays open.
 TEST(rstream_file, a_read_error_is_the_end_of_input) {
   const scratch dir;
   const std::string path = dir.path("fifo");
@@ -435,7 +436,7 @@ TEST(rstream_file, a_read_error_is_the_end_of_input) {
       "\xEF\xBB\xBF"
       "a=1\nb=2 # c\nstray";
   ASSERT_EQ(::write(writer, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
-  const int reader = ::dup(writer);  // the number that the stream's own descriptor gets
+  const int reader = ::dup(writer);  // the number of the stream's descriptor
   ::close(reader);
   ym::rstream_file in;
   ASSERT_TRUE(in.open(path.c_str()));

@@ -1,4 +1,4 @@
-// The table of objects behind handles: which handle comes next, what lies where, what survives a refusal.
+// The handle table: which handle comes next, the layout, and refused requests.
 #include "com/ymlib3/ym_handle"
 
 #include <dlfcn.h>
@@ -25,10 +25,10 @@ namespace {
 
 std::atomic<const void*> watched;  // a mutex,
 std::atomic<int> locked;           // how often it was locked,
-std::atomic<int> refusal;          // and what locking it yields if not 0
-std::function<void()> meanwhile;   // what others do to the table while one call waits for it
+std::atomic<int> refusal;          // and the result of locking it if not 0
+std::function<void()> meanwhile;   // changes to the table while a call waits for the mutex
 
-/// What the tables own here. As large as an entry, so that a block of the pools for it would show.
+/// The objects in the tables. As large as an entry, so that a test detects an object that is allocated from the pools.
 struct probe {
   static inline int made;
   static inline std::vector<const probe*> gone;
@@ -49,7 +49,7 @@ struct probe {
 
 using probes = ym::handle<probe>;
 
-// Where the fields lie: last id, mutex, buckets, bucket count, count.
+// Offsets of the fields: last id, mutex, buckets, bucket count, count.
 constexpr size_t lastid_at = 0;
 constexpr size_t mutex_at = 8;
 constexpr size_t buckets_at = mutex_at + sizeof(pthread_mutex_t);
@@ -75,7 +75,7 @@ pthread_mutex_t* mutex_of(void* table) {
   return reinterpret_cast<pthread_mutex_t*>(static_cast<char*>(table) + mutex_at);
 }
 
-/// Whether somebody holds the table's lock.
+/// Whether a thread holds the table's lock.
 bool is_locked(void* table) {
   if (pthread_mutex_trylock(mutex_of(table)) != 0) return true;
   pthread_mutex_unlock(mutex_of(table));
@@ -105,7 +105,7 @@ void soil(size_t n) {
   ym_free(p);
 }
 
-/// The system error that `operation` throws, 0 when it throws none.
+/// The code of the system error that `operation` throws, or 0.
 int error_of(const std::function<void()>& operation) {
   try {
     operation();
@@ -139,11 +139,11 @@ class handle : public testing::Test {
     for (int& h : made) h = table.create();
     return made;
   }
-  /// Makes and deletes objects until `id` is the handle most recently given out.
+  /// Makes and deletes objects until `id` is the latest handle.
   void pass(int id) {
     while (lastid() != id) ASSERT_EQ(table.del(table.create()), 0);
   }
-  /// Lets the table's lock be refused from now on.
+  /// Makes the table's lock fail until the end of the test.
   void refuse(int error) {
     watched = mutex_of(&table);
     refusal = error;
@@ -162,7 +162,7 @@ extern "C" int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
   return real(mutex);
 }
 
-// ---------------------------------------------------------------- what lies where
+// ---------------------------------------------------------------- layout
 
 TEST_F(handle, a_new_table_has_its_fields_in_order) {
   const pthread_mutex_t fresh = PTHREAD_MUTEX_INITIALIZER;
@@ -555,7 +555,7 @@ class mortal {
   void* get() { return _room; }
   void destroy() {
     (*this)->~handle();
-    asm volatile("" : : "r"(_room) : "memory");  // what lies here is still read
+    asm volatile("" : : "r"(_room) : "memory");  // this memory is still read
   }
 
   mortal() { new (_room) probes; }
@@ -578,7 +578,7 @@ TEST_F(handle, destruction_destroys_each_object_once_in_bucket_order) {
     else
       ASSERT_EQ(t->del(h), 0);
   }
-  std::reverse(expected.begin(), expected.end());  // the newest is in front of its bucket
+  std::reverse(expected.begin(), expected.end());  // the newest comes first in its bucket
   std::stable_sort(expected.begin(), expected.end(), [](auto a, auto b) { return a.first < b.first; });
   std::vector<const probe*> objects(expected.size());
   std::transform(expected.begin(), expected.end(), objects.begin(), [](auto e) { return e.second; });

@@ -1,5 +1,5 @@
-// The JSON output functions with every string type they promise to work with: the system's own, the standard one, and
-// one that can do nothing but append.
+// The JSON output functions with every string type that they support: ym::string_, std::string, and one that can only
+// append.
 #include "com/ymlib3/ym_json"
 
 #include <gtest/gtest.h>
@@ -21,7 +21,7 @@ namespace {
 
 using namespace std::string_literals;
 
-// Appends and nothing else; keeps each piece, so that a test sees in how many steps a text arrived.
+// Can only append. Stores each piece, so that a test can check in how many steps a text was appended.
 struct bare {
   std::vector<std::string> pieces;
   void push_back(char c) { pieces.emplace_back(1, c); }
@@ -46,7 +46,7 @@ struct chaining : bare {
   }
 };
 
-// Can make room too, and tells in which order it was asked to.
+// Can reserve as well, and records the order of the calls.
 struct roomy : bare {
   void reserve(size_t n) { pieces.push_back("room for " + std::to_string(n)); }
   size_t size() const {
@@ -81,7 +81,7 @@ const char* escape_of(char c) {
   return nullptr;
 }
 
-// The value as it must stand in the document.
+// The value as it must appear in the document.
 std::string escaped(std::string_view value) {
   std::string all;
   for (const char c : value) {
@@ -157,7 +157,7 @@ const struct member_row {
     {"zero byte before an escape", 0, "key", "a\0/"s, 3, "\"key\":\"a\0\\/\""s, 1},
     {"control characters", 0, "key", "\x01\x07\x0b\x0e\x1f\x7f", 6, "\"key\":\"\x01\x07\x0b\x0e\x1f\x7f\"", 1},
     {"UTF-8", 0, "key", "\xc3\xa4\xe2\x82\xac\xff", 6, "\"key\":\"\xc3\xa4\xe2\x82\xac\xff\"", 1},
-    {"UTF-8 beside an escape", 0, "key", "\xc3\xa4/\xff", 4, "\"key\":\"\xc3\xa4\\/\xff\"", 1},
+    {"UTF-8 next to an escape", 0, "key", "\xc3\xa4/\xff", 4, "\"key\":\"\xc3\xa4\\/\xff\"", 1},
     {"no key", 0, nullptr, "value", 5, R"("":"value")", 1},
     {"empty key", 2, "", "value", 5, R"(,"":"value")", 3},
     {"key left unescaped", 0, "k\"e/y\t", "value", 5, "\"k\"e/y\t\":\"value\"", 1},
@@ -209,7 +209,7 @@ TYPED_TEST(json_into, a_string_writes_a_long_value_completely) {
   }
 }
 
-// Leaves `byte` where the next call has its variables.
+// Fills the stack that the next call uses with `byte`.
 [[gnu::noinline]] void soil_stack(char byte) {
   volatile char room[1024];
   for (volatile char& c : room) c = byte;
@@ -229,7 +229,7 @@ TEST_F(json, result_does_not_depend_on_earlier_stack_contents) {
   }
 }
 
-// The pieces in which a value arrives, without what stands around it.
+// The pieces in which a value is appended, without key and quotation marks.
 std::vector<std::string> pieces_of(std::string_view value) {
   bare out;
   int count = 0;
@@ -288,7 +288,7 @@ TEST_F(json, reads_no_byte_beyond_the_length) {
   }
 }
 
-// Room that ends where nothing may be read.
+// Memory followed by an unreadable page.
 struct room_before_none {
   static constexpr size_t length = 65536;  // whole pages on every machine
   char* const begin = static_cast<char*>(std::aligned_alloc(length, 2 * length));
@@ -324,7 +324,7 @@ TEST_F(json, reserves_room_for_key_and_separator_in_one_step) {
 // ---------------------------------------------------------------- refused memory
 
 TEST_F(json, drops_text_that_gets_no_memory) {
-  // Blocks of up to 64 bytes are to be had, anything larger is not.
+  // Only blocks of up to 64 bytes can be allocated.
   const std::string v(200, 'v');
   const std::string k(200, 'k');
   const struct row {
@@ -377,7 +377,7 @@ TEST_F(json, loses_only_the_value_if_one_mapping_is_refused) {
   const std::string key(100, 'k'), value(1000, 'v');
   const std::string before = "\"" + key + "\":\"";
   const std::string texts[] = {before + value + "\"", before + value + "\"", before + "\""};
-  for (int i = 0; i < 3; ++i) {  // none, the room for the key (asked for again with the key), the room for the value
+  for (int i = 0; i < 3; ++i) {  // none, the room for the key (requested again with the key), the room for the value
     SCOPED_TRACE(i);
     pools::rebuild();
     fake_pages::refuse(i);

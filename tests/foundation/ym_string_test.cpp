@@ -1,5 +1,5 @@
-// The string from below: its one pointer, the header in front of the characters and the block around both are read from
-// raw memory, since c_str() would write into it.
+// The string's representation: the pointer, the header before the characters and the block are read from raw memory,
+// because c_str() would write into it.
 #include "com/ymlib3/ym_string"
 
 #include <gtest/gtest.h>
@@ -58,14 +58,14 @@ size_t block(const text& s) {
 
 void add(text& s, std::string_view more) { s.append(more.data(), more.size()); }
 
-// Appends more than there is to read; the compiler must not know how much, nor how little there is.
+// Appends more characters than exist. The compiler must know neither length, or it warns.
 void claim(text& s, size_t n) {
   const char* volatile p = "";
   volatile size_t claimed = n;
   s.append(p, claimed);
 }
 
-// A string of `block` usable bytes whose header admits to `capacity` of them only.
+// A string in a block of `block` usable bytes whose header states a capacity of only `capacity`.
 struct modest : text {
   modest(size_t room, uint32_t capacity, uint32_t size) : text(room) {
     std::memset(raw(*this), 'm', size);
@@ -73,7 +73,7 @@ struct modest : text {
   }
 };
 
-// All of a string that a refused write must leave alone.
+// Everything that a refused write must not change.
 struct portrait {
   const char* p;
   header h;
@@ -85,7 +85,7 @@ struct portrait {
 };
 void PrintTo(const portrait& p, std::ostream* out) {
   PrintTo(p.h, out);
-  *out << " at " << static_cast<const void*>(p.p) << " beside " << p.pools.live.size() << " mappings";
+  *out << " at " << static_cast<const void*>(p.p) << " with " << p.pools.live.size() << " mappings";
 }
 
 // ---------------------------------------------------------------- construction
@@ -225,7 +225,7 @@ TEST_F(string, grows_to_twice_the_need_up_to_15999_and_by_half_from_there) {
       {15999, 32768, 32760},
       {16000, 24576, 24568},
       {16001, 24576, 24568},
-      {16378, 24576, 24568},  // 24567, the half of an odd number cut
+      {16378, 24576, 24568},  // 24567: half of an odd number, rounded down
       {16379, 32768, 32760},
       {3145728, 4722672, 4722664},
   };
@@ -244,7 +244,7 @@ TEST_F(string, grows_for_its_whole_new_text) {
   text s;
   add(s, std::string(15990, 'a'));
   add(s, std::string(16760, 'b'));
-  EXPECT_EQ(block(s), 32768U) << "filled up, one character kept free";
+  EXPECT_EQ(block(s), 32768U) << "full except for the one byte that is always free";
   EXPECT_EQ(head(s), (header{32760, 32750}));
   add(s, std::string(10, 'c'));
   EXPECT_EQ(head(s), (header{49144, 32760}));
@@ -269,7 +269,7 @@ TEST_F(string, copies_the_whole_old_block_when_it_moves) {
   add(s, std::string(400, 'n'));
   EXPECT_EQ(block(s), 1024U);
   EXPECT_EQ(held(s), "ooo" + std::string(400, 'n'));
-  EXPECT_EQ(pools::pool_of(384).free, 85U) << "the old block is back";
+  EXPECT_EQ(pools::pool_of(384).free, 85U) << "the old block is free";
 }
 
 TEST_F(string, copies_the_bytes_after_its_characters_when_it_moves) {
@@ -365,7 +365,7 @@ TEST_F(string, refuses_to_grow_beyond_the_largest_capacity) {
     claim(empty, n);
     EXPECT_EQ(portrait(s), before);
     EXPECT_EQ(raw(empty), nullptr);
-    EXPECT_EQ(fake_pages::made(), made) << "no memory was asked for";
+    EXPECT_EQ(fake_pages::made(), made) << "no memory was requested";
   }
 }
 
@@ -478,7 +478,7 @@ TEST_F(string, refilled_settles_at_its_largest_capacity) {
 
 // ---------------------------------------------------------------- terminator
 
-// Leaves characters in a block of 16 bytes for the next string to come.
+// Leaves characters in a block of 16 bytes that the next string reuses.
 void soil_block() {
   const text s(7);
   std::memset(raw(s), 'x', 8);
@@ -511,7 +511,7 @@ TEST_F(string, c_str_returns_the_characters) {
   EXPECT_EQ(s.c_str(), raw(s));
 }
 
-// A large block is a mapping of its own, so that it can be write-protected.
+// A large block is a separate mapping, so that it can be write-protected.
 void protect(const text& s, int protection) {
   char* mapping = raw(s) - header_bytes - 16;
   ASSERT_EQ(::mprotect(mapping, pools::read<uint64_t>(mapping), protection), 0);
@@ -564,7 +564,7 @@ TEST_F(string, appends_and_assigns_texts_of_every_length_exactly) {
   }
 }
 
-TEST_F(string, appends_and_assigns_parts_of_its_own_text_of_every_length) {
+TEST_F(string, appends_and_assigns_parts_of_itself_of_every_length) {
   const std::string alphabet = "0123456789abcdefghijklmnopqrstuvwxyzABCDEFGHIJ";
   for (size_t n = 1; n <= alphabet.size(); ++n) {
     const std::string all = alphabet.substr(0, n);
@@ -597,7 +597,7 @@ TEST_F(string, appends_its_own_characters) {
   }
 }
 
-// A mapping of its own is gone as soon as the string has moved.
+// The old mapping is unmapped when the string moves.
 TEST_F(string, appends_its_own_terminator_when_it_must_move) {
   text s;
   // Full, and larger than the largest class: moving unmaps what it moves from.
@@ -758,7 +758,7 @@ TEST_F(string, equals_a_string_of_the_same_text) {
       {"one empty", "abc", "", false},
       {"other case", "abc", "abC", false},
       {"beginning of the other", "abc", "abcd", false},
-      {"different behind a zero", {"a\0b", 3}, {"a\0cd", 4}, true},
+      {"different after a zero", {"a\0b", 3}, {"a\0cd", 4}, true},
       {"different before a zero", {"a\0b", 3}, {"b\0b", 3}, false},
       {"a zero against an end", {"a\0b", 3}, "a", true},
       {"nothing but a zero", {"\0", 1}, "", true},
@@ -821,7 +821,8 @@ TEST_F(string, reserving_too_much_changes_nothing) {
   const portrait before(s);
   s.reserve(last_needed + 1);
   s.reserve(SIZE_MAX);
-  for (const size_t round : {1U, 2U, 20U}) s.reserve(SIZE_MAX / 3 * 2 + round);  // half as much again is little again
+  for (const size_t round : {1U, 2U, 20U})
+    s.reserve(SIZE_MAX / 3 * 2 + round);  // one and a half times this wraps around to a small number
   fake_pages::refuse_all();
   s.reserve(100);
   s.reserve(5000000);

@@ -1,5 +1,5 @@
-// The filter of public addresses, against the system's own names for the kinds of addresses.
-//   input: addresses of 16 bytes, each tried with every one of its bits turned too
+// The filter of public addresses, compared with the system's macros for the kinds of addresses.
+//   input: addresses of 16 bytes; each is also tried with every one of its bits flipped
 #include <netinet/in.h>
 
 #include <cstring>
@@ -10,7 +10,7 @@
 
 namespace {
 
-// What is not published. Unspecified, unique-local and all other addresses are.
+// Addresses that are not published. Unspecified and unique-local addresses are.
 bool is_excluded(const in6_addr& a) {
   return IN6_IS_ADDR_LOOPBACK(&a) || IN6_IS_ADDR_MULTICAST(&a) || IN6_IS_ADDR_LINKLOCAL(&a) ||
          IN6_IS_ADDR_SITELOCAL(&a) || IN6_IS_ADDR_V4MAPPED(&a) || IN6_IS_ADDR_V4COMPAT(&a);

@@ -1,4 +1,4 @@
-// The configuration scanner, over a file and over a text in memory, against the line-by-line model.
+// The configuration scanner on a file and on a text in memory, compared with the line-by-line model.
 //   input: which characters begin comments | how many calls end the scan, 0 none | what the last of them returns | text
 #include "com/ymlib3/ym_config"
 
@@ -21,7 +21,7 @@ class text_stream {
   size_t _at = 0;
 };
 
-// Not among them: the characters that mean something else already.
+// Excludes the characters that have another meaning.
 struct comment_rule {
   int commentchar;
   const char* begin;
@@ -46,10 +46,10 @@ void check(STREAM& in, const scan& s, const fuzz::config_model& expected, size_t
     return calls.size() == s.last ? s.end : 0;
   };
   fuzz::require(ym::config<ym::string_<>>().scan(&in, call, s.commentchar), "a scan always succeeds");
-  fuzz::require(calls == expected.calls, "a scan calls what the lines say");
+  fuzz::require(calls == expected.calls, "a scan makes the calls of the model");
   size_t left = 0;
   while (in.get() != -1) ++left;
-  fuzz::require(expected.read + left == size, "a scan reads no further than it must");
+  fuzz::require(expected.read + left == size, "a scan reads no more bytes than necessary");
 }
 
 }  // namespace
@@ -66,7 +66,7 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   check(memory, s, expected, text.size());
   const scratch_file disk(text);
   ym::rstream_file file;
-  fuzz::require(file.open(disk.path().c_str()), "a file that is there opens");
+  fuzz::require(file.open(disk.path().c_str()), "an existing file opens");
   check(file, s, expected, text.size());
   return 0;
 }

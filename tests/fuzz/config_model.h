@@ -1,8 +1,8 @@
-// What a scan of a configuration text must call, told line by line:
+// The calls that a scan of a configuration text must make, defined line by line:
 //
-//   A line ends at a line feed. It falls into parts at its carriage returns, of which those behind a value do not
-//   count. A part is any number of [section] with text between them, and then nothing, a comment, or "=" and a value.
-//   Text that is neither goes to the key, without its blanks, wherever the key's "=" may be.
+//   A line ends at a line feed. Carriage returns divide it into parts, except those after a value. A part is any number
+//   of [section] with text between them, and then nothing, a comment, or "=" and a value. Other text, without its
+//   spaces, is added to the key, whose "=" may be on a later line.
 #pragma once
 
 #include <cstddef>
@@ -35,7 +35,7 @@ class config_model {
   size_t _last;
   std::string _section, _key;
 
-  /// Takes from `text` what stands before the first of `ends`, and that one too.
+  /// Removes from `text` everything up to and including the first of `ends`, and returns what was before that.
   static std::string_view cut(std::string_view& text, std::string_view ends) {
     const std::string_view before = text.substr(0, text.find_first_of(ends));
     text.remove_prefix(before.size() == text.size() ? text.size() : before.size() + 1);
@@ -49,7 +49,7 @@ class config_model {
     }
   }
 
-  /// Whether the part holds a value, or ended the scan: the rest of its line does not count then.
+  /// Whether the part has a value or ended the scan. Then the rest of its line is ignored.
   bool is_value(std::string_view part) {
     while (calls.size() < _last) {
       const std::string_view stray = part.substr(0, part.find_first_of(_marks));
@@ -65,7 +65,7 @@ class config_model {
     return true;
   }
 
-  // False for one that the text ends in.
+  // False if the text ends within it.
   bool add_section(std::string_view& part) {
     if (part.find(']') == std::string_view::npos && is_at_end(part)) return false;
     const std::string_view name = cut(part, "]");

@@ -1,4 +1,4 @@
-// An instance's whole life, in the built library, from an arbitrary configuration file.
+// An instance of the built library, from create to destroy, with an arbitrary configuration file.
 //   input: the file
 #include <strings.h>
 
@@ -19,8 +19,8 @@ namespace {
 
 using fuzz::require;
 
-// Loaded before the search begins, so that the search counts the library's branches too. Stays loaded: the fuzzer reads
-// those counts when the process exits.
+// Loaded before the search begins, so that the search counts the library's branches. Never unloaded: the fuzzer reads
+// these counts when the process exits.
 const library& lib = immortal<library>();
 
 // ---------------------------------------------------------------- the host's side
@@ -45,7 +45,7 @@ void on_tag_ex(const char* name, int type, int flag, const char* text1, const ch
 
 // ---------------------------------------------------------------- what must come of it
 
-// What the file's last line for it names, in whatever section and however the key is written.
+// The value of the file's last hostname line, in any section and any case.
 std::string hostname_in(std::string_view text) {
   std::string hostname;
   for (const auto& call : fuzz::config_model(text, ";#", SIZE_MAX).calls)
@@ -69,11 +69,11 @@ int next_handle() {
 void check_info(int h, const std::string& doc, size_t room) {
   std::string buf(doc.size() + 2, '#');
   size_t n = room;
-  require(lib.getinfo(h, buf.data(), &n) == 0, "a status is always given");
+  require(lib.getinfo(h, buf.data(), &n) == 0, "there is always a status");
   require(n == doc.size() - 1, "its size is one less than its length");
   const std::string expected = room >= doc.size() ? doc + '\0' : std::string(1, '\0');
   require(buf.compare(0, expected.size(), expected) == 0, "the status is written when its length fits");
-  require(buf.find_first_not_of('#', expected.size()) == std::string::npos, "nothing is written behind it");
+  require(buf.find_first_not_of('#', expected.size()) == std::string::npos, "nothing is written after it");
 }
 
 void check_tags(int h, const std::string& hostname) {
@@ -89,7 +89,7 @@ void check_unknown(int h) {
   require(lib.getinfo(h, nullptr, &n) == -1 && n == 7, "an unknown handle has no status");
   require(lib.getalltagsex(h, on_tag_ex, &none) == -1 && none.empty(), "an unknown handle has no tags");
   require(lib.stop(h) == -1 && lib.isrun(h) == 0, "an unknown handle does not run");
-  require(lib.devicewriteobj(h) == -1, "an unknown handle is written to");
+  require(lib.devicewriteobj(h) == -1, "a write to an unknown handle is refused");
 }
 
 void check_life(int h, const std::string& hostname) {
@@ -108,14 +108,14 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string hostname = hostname_in(text);
   const auto refused = refusal(hostname);
   const scratch_file file(text);
-  journal told;
-  const int h = lib.create("drv", file.path().c_str(), on_log, &told, on_aux, &told, on_data, &told, on_aux, &told);
+  journal seen;
+  const int h = lib.create("drv", file.path().c_str(), on_log, &seen, on_aux, &seen, on_data, &seen, on_aux, &seen);
   const int next = next_handle();
-  require(h == (refused ? -1 : next), "an instance is made when its host name will do");
+  require(h == (refused ? -1 : next), "an instance is created if its host name is valid");
   const journal messages = refused ? journal{"drv 2 1 " + *refused + file.path()} : journal{};
-  require(told == messages, "a refusal is told once");
+  require(seen == messages, "a refusal is logged once");
   if (!refused) check_life(h, hostname);
-  require(told == messages, "a life without a worker is told to nobody");
+  require(seen == messages, "an instance without a worker logs nothing");
   check_unknown(next);
   return 0;
 }

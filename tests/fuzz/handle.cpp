@@ -1,4 +1,4 @@
-// The handle table, against a map and the rule by which handles are given out.
+// The handle table, compared with a map and the rule for the next handle.
 //   input: steps, each: what | a number
 #include "com/ymlib3/ym_handle"
 
@@ -34,7 +34,7 @@ class trial {
   void get(int id);
   void check();
 
-  /// A handle that exists, the one at or behind `id`, if there is any.
+  /// The first existing handle from `id` on, if there is one.
   int existing(int id) const {
     const auto it = _objects.lower_bound(id);
     return it == _objects.end() ? id : it->first;
@@ -45,7 +45,7 @@ class trial {
   std::map<int, const object*> _objects;
   int _last = -1;
 
-  // Moves `_last` to the handle that is given out next.
+  // Moves `_last` to the next handle.
   void advance() {
     _last = _last == 2048 ? 1 : _last + 1;
     while (_objects.contains(_last)) _last = _last == 2048 ? 1 : _last + 1;
@@ -58,27 +58,27 @@ void trial::create(bool refuse) {
   object::refused = refuse;
   try {
     const int id = _table.create();
-    require(full ? id == -1 : id == _last && !refuse, "the next free handle is given out while there is room");
+    require(full ? id == -1 : id == _last && !refuse, "the next free handle is returned while there is room");
     if (!full) _objects[id] = _table.get(id);
   } catch (const refusal&) {
-    require(!full && refuse, "what the constructor throws passes on");
+    require(!full && refuse, "exceptions of the constructor are passed on");
   }
 }
 
 void trial::del(int id) {
   const bool known = _objects.erase(id) != 0;
-  require(_table.del(id) == (known ? 0 : -1), "a handle is removed when it is known");
-  require(object::alive == static_cast<int>(_objects.size()), "its object goes with it");
+  require(_table.del(id) == (known ? 0 : -1), "a known handle is removed");
+  require(object::alive == static_cast<int>(_objects.size()), "its object is destroyed");
   get(id);
 }
 
 void trial::get(int id) {
   const auto it = _objects.find(id);
-  require(_table.get(id) == (it == _objects.end() ? nullptr : it->second), "a handle leads to its own object");
+  require(_table.get(id) == (it == _objects.end() ? nullptr : it->second), "a handle finds its object");
 }
 
 void trial::check() {
-  require(_table.is_valid(), "the table is in order");
+  require(_table.is_valid(), "the table is valid");
   require(object::alive == static_cast<int>(_objects.size()), "each handle has an object");
 }
 
@@ -126,6 +126,6 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       s.check();
     }
   }
-  require(object::alive == 0, "the table takes its objects with it");
+  require(object::alive == 0, "the table destroys its objects");
   return 0;
 }

@@ -1,4 +1,4 @@
-// JSON members, against the escaping rule and against a parser of JSON.
+// JSON members, compared with the escaping rule and parsed by a JSON parser.
 //   input: number of members | for each: length of its key | key | length of its value | value
 #include "com/ymlib3/ym_json"
 
@@ -35,8 +35,8 @@ std::vector<member> read_members(fuzz::reader& in) {
 
 // ---------------------------------------------------------------- what JSON allows
 
-// Bytes of the one character that `p` begins with, 0 when it is none: no stray bytes, no longer form than needed, no
-// half of a surrogate pair, nothing above the last character there is.
+// The length of the UTF-8 character at `p`, or 0 if it is invalid: stray bytes, overlong forms, surrogates, or code
+// points above U+10FFFF.
 size_t utf8_length(std::string_view p) {
   const auto at = [&](size_t i) { return i < p.size() ? static_cast<unsigned char>(p[i]) : 0U; };
   const auto follows = [&](size_t i) { return (at(i) & 0xC0U) == 0x80; };
@@ -81,7 +81,7 @@ std::string document(const std::vector<member>& members) {
   int count = 0;
   doc.push_back('{');
   for (const member& m : members) {
-    // Exactly as many bytes as there are, so that reading one more shows.
+    // Of the exact size, so that a sanitizer detects reading one byte more.
     const std::unique_ptr<char[]> value(new char[m.value.size()]);
     m.value.copy(value.get(), m.value.size());
     ym::js::out_jstring(count, m.key.c_str(), value.get(), m.value.size(), doc);
@@ -96,7 +96,7 @@ std::string expected_document(const std::vector<member>& members) {
   return '{' + doc + '}';
 }
 
-/// The object that the document must parse to, or none when it is no JSON.
+/// The object that the document must parse to, or none if it is not JSON.
 std::optional<nlohmann::json> expected_object(const std::vector<member>& members) {
   nlohmann::json object = nlohmann::json::object();
   for (const member& m : members) {
@@ -115,8 +115,8 @@ void check_parsed(const std::string& doc, const std::vector<member>& members) {
   const nlohmann::json parsed = nlohmann::json::parse(doc, nullptr, false);
   const auto expected = expected_object(members);
   if (expected) require(parsed == *expected, "a document parses to what was written");
-  // A quotation mark in a key may make another document of it, but a valid one all the same.
-  if (!expected && !is_broken_by_keys(members)) require(parsed.is_discarded(), "a raw control character is no JSON");
+  // A quotation mark in a key may make a different but valid document.
+  if (!expected && !is_broken_by_keys(members)) require(parsed.is_discarded(), "a raw control character is not JSON");
 }
 
 }  // namespace
@@ -125,8 +125,8 @@ int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::reader in(data, size);
   const std::vector<member> members = read_members(in);
   const std::string doc = document<ym::string_<>>(members);
-  require(doc == expected_document(members), "members are written as the rule says");
-  require(doc == document<std::string>(members), "other strings are written alike");
+  require(doc == expected_document(members), "members are written by the rule");
+  require(doc == document<std::string>(members), "other string types get the same text");
   check_parsed(doc, members);
   return 0;
 }

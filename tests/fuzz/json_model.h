@@ -1,4 +1,4 @@
-// A JSON text as it is written here: eight characters behind a backslash, all others as they are.
+// The JSON text that the product writes: eight characters after a backslash, all others unchanged.
 #pragma once
 
 #include <string>
@@ -22,8 +22,7 @@ inline std::string json_escaped(std::string_view text) {
   return out;
 }
 
-/// The members with a value, `first` telling whether others stand before this one. A value that begins with a zero
-/// byte is none.
+/// The members with a value. `first` is whether no member precedes. A value that begins with a zero byte is empty.
 inline std::string json_member(std::string_view key, std::string_view value, bool first) {
   if (value.empty() || value.front() == 0) return "";
   std::string out = first ? "\"" : ",\"";

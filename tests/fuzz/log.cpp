@@ -14,7 +14,7 @@ namespace {
 
 using fuzz::require;
 
-constexpr size_t longest_prefix = 80;  // what 30800 bytes hold beside the longest message and its end
+constexpr size_t longest_prefix = 80;  // in 30800 bytes, together with the longest message and its terminator
 constexpr size_t longest_message = 30719;
 constexpr char name[] = "drv";
 
@@ -26,14 +26,14 @@ struct delivery {
 
 struct host {
   size_t length = 0;  // expected of the next delivery: messages may hold zero bytes
-  std::optional<delivery> told;
+  std::optional<delivery> delivered;
 };
 
 void on_log(const char* from, int hostlevel, const char* text, int flag, void* param) {
   auto& h = *static_cast<host*>(param);
   require(std::strcmp(from, name) == 0 && flag == 1, "a message comes with name and flag");
-  require(!h.told, "a message is delivered once");
-  h.told = {hostlevel, std::string(text, h.length)};
+  require(!h.delivered, "a message is delivered once");
+  h.delivered = {hostlevel, std::string(text, h.length)};
   require(text[h.length] == 0, "a message is terminated");
 }
 
@@ -147,10 +147,10 @@ void check(const call& c, const message& m, bool with_callback) {
   const int dropped = with_callback && !passes ? 0 : -1;
   require(result == (passes && fits ? static_cast<int>(whole.size()) : dropped), "the result is what was delivered");
   const auto expected = passes && fits ? std::optional(delivery{host_level(c.level), whole}) : std::nullopt;
-  require(h.told == expected, "prefix and message are delivered when they may be");
+  require(h.delivered == expected, "prefix and message are delivered if level and length allow it");
 }
 
-// Of `n` bytes, from the few that the input gives.
+// A text of `n` bytes, repeated from a few bytes of the input.
 std::string repeated(std::string_view text, size_t n) {
   std::string out;
   while (out.size() < n && !text.empty()) out += text;

@@ -1,4 +1,4 @@
-// Sequences of requests and releases, of the pools and of the self heap, against a model that knows every slot.
+// Sequences of requests and releases for the pools and the self heap, compared with a model of every slot.
 //   input: steps, each: what | bits | size | its numbers
 #include <cstring>
 #include <deque>
@@ -39,7 +39,7 @@ const void* word_before(const void* p, size_t n) {
   return word;
 }
 
-// A block's contents: its stamp in what lies at its ends, for the rest would cost memory only.
+// A block's contents: its stamp at both ends. Filling the rest would only touch memory.
 constexpr size_t painted = 16;
 
 void paint(const block& b) {
@@ -51,10 +51,11 @@ void check_paint(const block& b) {
   const size_t n = b.granted < painted ? b.granted : painted;
   const auto* p = static_cast<const uint8_t*>(b.p);
   const auto same = [&](uint8_t byte) { return byte == b.stamp; };
-  require(std::all_of(p, p + n, same) && std::all_of(p + b.granted - n, p + b.granted, same), "a block is its owner's");
+  require(std::all_of(p, p + n, same) && std::all_of(p + b.granted - n, p + b.granted, same),
+          "a block is written only by its owner");
 }
 
-// ---------------------------------------------------------------- the allocator and its model, side by side
+// ---------------------------------------------------------------- the allocator and its model
 
 class trial {
  public:
@@ -68,8 +69,8 @@ class trial {
     for (size_t i = 0; i < size_classes::count; ++i) check_pool(i);
     for (const block& b : _blocks) check_paint(b);
     while (_large != 0) give(large_at());
-    // Blocks of the pools still alive go with their chunks.
-    require(destroy() == _others, "all pages are given back");
+    // Live blocks of the pools are unmapped with their chunks.
+    require(destroy() == _others, "all pages are unmapped");
     new (&g_ym_allocator) ym_allocator_;
   }
   trial(const trial&) = delete;
@@ -101,7 +102,7 @@ class trial {
 
   size_t mappings() const { return fake_pages::live().size() - _others; }
 
-  /// Destroys the allocator and returns the number of mappings that are not its own.
+  /// Destroys the allocator and returns the number of mappings that remain.
   static size_t destroy() {
     g_ym_allocator.~ym_allocator_();
     return fake_pages::live().size();
@@ -120,8 +121,8 @@ class trial {
 
   void check_pool(size_t i) const {
     const auto& pool = *pools()._class[i];
-    require(pool.is_valid(), "the pool is in order");
-    require(static_cast<size_t>(pool._chunks) == _pools[i].chunks(), "the pool has the chunks that the rules give it");
+    require(pool.is_valid(), "the pool is valid");
+    require(static_cast<size_t>(pool._chunks) == _pools[i].chunks(), "the pool has the chunks of the model");
     require(pool._free == _pools[i].free(), "the pool's free blocks are counted");
   }
 
@@ -129,23 +130,23 @@ class trial {
     if (refused) return require(reinterpret_cast<uintptr_t>(p) == 16, "a refused large block is the address 16");
     const uintptr_t mapping = reinterpret_cast<uintptr_t>(p) - 16;
     require(mapping != 0 && mapping == size_classes::whole_pages(mapping), "a large block begins its mapping");
-    require(word_before(p, 8) == nullptr, "in front of a large block stands zero");
+    require(word_before(p, 8) == nullptr, "the word before a large block is zero");
     require(reinterpret_cast<uintptr_t>(word_before(p, 16)) == size_classes::whole_pages(n + 16),
             "and its mapping's length");
     ++_large;
-    keep({p, got, size_classes::count, {}, ++_stamp});
+    add({p, got, size_classes::count, {}, ++_stamp});
   }
 
   void take_pooled(void* p, size_t i, bool refused) {
     const auto at = _pools[i].take(_heap, refused);
-    require(at.has_value() == (p != nullptr), "null tells that there is no memory");
+    require(at.has_value() == (p != nullptr), "null means that there is no memory");
     if (!at || !p) return;
     _pools[i].found(*at, p, word_before(p, 8));
-    keep({p, size_classes::all[i].size, i, *at, ++_stamp});
+    add({p, size_classes::all[i].size, i, *at, ++_stamp});
   }
 
-  void keep(const block& b) {
-    require(ym::allocator::usable_(b.p) == b.granted, "a block tells its usable size");
+  void add(const block& b) {
+    require(ym::allocator::usable_(b.p) == b.granted, "usable_ returns the granted size");
     paint(b);
     _blocks.push_back(b);
     _bytes += b.granted;
@@ -156,12 +157,12 @@ void trial::take(size_t n, bool refuse, bool ask) {
   if (_bytes + n > most_bytes || _requests++ >= most_requests) return;
   constexpr size_t unwritten = 0x5A5A5A5A;
   size_t got = unwritten;
-  // A pool whose chunk cannot even be described ends the process.
+  // A refused chunk descriptor ends the process.
   const fake_pages::refusal refusal(refuse && _heap.free() != 0);
   void* p = pools().malloc_(n, ask ? &got : nullptr);
   const bool refused = refusal.has_refused();
   require(got == (ask && !refused ? size_classes::granted(n) : unwritten),
-          "the granted size is told, of what is granted");
+          "the granted size is stored if the request succeeds");
   const size_t i = size_classes::index_of(n);
   if (i < size_classes::count) return take_pooled(p, i, refused);
   take_large(p, n, size_classes::granted(n), refused);
@@ -220,25 +221,25 @@ void trial::give_slots(size_t first, size_t times, size_t stride) {
 
 void trial::check(size_t pool) const {
   const self_alloctor& self = *get_ym_alloctor_self();
-  require(self.is_valid(), "the self heap is in order");
+  require(self.is_valid(), "the self heap is valid");
   require(self._free == _heap.free(), "its free slots are counted");
   if (pool < size_classes::count) check_pool(pool);
   require(pools()._large == _large, "large blocks are counted");
   size_t expected = _heap.chunks() + _large;
   for (const fuzz::pool_model& p : _pools) expected += p.chunks();
-  require(mappings() == expected, "there are the mappings that the rules make");
+  require(mappings() == expected, "the mappings are those of the model");
 }
 
 // ---------------------------------------------------------------- steps
 
-// A class's size, give or take a few bytes, or any size at all.
+// A class's size plus or minus a few bytes, or any size.
 size_t read_size(fuzz::reader& in) {
   const uint8_t i = in.byte();
   if (i < 0xE0) return size_classes::all[i % size_classes::count].size + in.byte() % 16 - 8;
   return static_cast<size_t>(in.number(3));
 }
 
-// Bursts of requests and releases, all of `n` bytes, as the numbers behind `seed` say: chunks fill and drain in turns.
+// Bursts of requests and releases of `n` bytes, chosen by `seed`: chunks fill and become empty alternately.
 void churn(trial& s, size_t n, uint32_t seed, size_t bursts) {
   for (; bursts != 0; --bursts) {
     const uint32_t x = seed = seed * 1664525 + 1013904223;
@@ -264,7 +265,7 @@ void churn_slots(trial& s, uint32_t seed, size_t bursts) {
   }
 }
 
-/// The pool that it has to do with.
+/// The pool that the step uses.
 size_t step(trial& s, fuzz::reader& in) {
   const uint8_t what = in.byte();
   const uint8_t bits = in.byte();
@@ -281,7 +282,7 @@ size_t step(trial& s, fuzz::reader& in) {
       if (s.blocks() != 0) s.give((n + bits) % s.blocks());
       break;
     case 4:
-      s.give_many(n, in.number(2), bits % 16 - size_t{8});  // upwards, downwards, all at one place
+      s.give_many(n, in.number(2), bits % 16 - size_t{8});  // ascending, descending, or constant
       break;
     case 5:
       s.take_slots(n % 64, in.number(2));
@@ -297,7 +298,7 @@ size_t step(trial& s, fuzz::reader& in) {
       break;
     default:
       s.take_slot(n % 64, (bits & 1U) != 0);
-      ym::memheap_::operator delete(&s);  // an address of nobody's
+      ym::memheap_::operator delete(&s);  // an address outside all chunks
       ym_free(nullptr);
   }
   return size_classes::index_of(n);

@@ -1,4 +1,4 @@
-// The pools and the self heap as the rules tell it: which slot of which chunk serves, which chunks come and go.
+// The pools and the self heap: which slot of which chunk serves a request, and which chunks are mapped.
 #pragma once
 
 #include <cstddef>
@@ -12,11 +12,11 @@
 
 namespace fuzz {
 
-/// One mapping cut into slots. Serves what was freed last, else what was never used.
+/// One mapping, divided into slots. Serves the last freed slot, or else one that was never used.
 struct chunk_model {
   size_t count;
   uintptr_t base = 0;  // of slot 0, known from the first slot seen
-  size_t used = 0;     // slots handed out for the first time
+  size_t used = 0;     // slots used at least once
   std::vector<size_t> freed = {};
 
   size_t free() const { return count - used + freed.size(); }
@@ -27,10 +27,10 @@ struct chunk_model {
     freed.pop_back();
     return i;
   }
-  /// Holds the address at which slot `i` was found against the others'.
+  /// Requires that slot `i`, found at this address, is consistent with the others.
   void found(size_t i, size_t slot_size, uintptr_t at) {
     if (base == 0) base = at - i * slot_size;
-    require(at == base + i * slot_size, "a slot lies where its number says");
+    require(at == base + i * slot_size, "a slot is at the address for its number");
   }
 };
 
@@ -59,7 +59,7 @@ class heap_model {
     while (c->free() == 0) ++c;
     const slot s{c, c->take()};
     --_free;
-    if (c->free() != 0) _chunks.splice(_chunks.begin(), _chunks, c);  // serves first from now on
+    if (c->free() != 0) _chunks.splice(_chunks.begin(), _chunks, c);  // now serves first
     return s;
   }
   void give(const slot& s) {
@@ -83,7 +83,7 @@ class heap_model {
 class pool_model {
  public:
   struct chunk_and_descriptor : chunk_model {
-    std::optional<heap_model::slot> descriptor = {};  // none: of the start, and never given back
+    std::optional<heap_model::slot> descriptor = {};  // none: made at the start and never released
     const void* descriptor_at = nullptr;
   };
   using chunk = std::list<chunk_and_descriptor>::iterator;
@@ -117,7 +117,7 @@ class pool_model {
     while (c->free() == 0) ++c;
     const block b{c, c->take()};
     --_free;
-    // The first chunk stays first; behind it stands the one that served last, while it can serve on.
+    // The first chunk stays first. The chunk that served last follows it while it has room.
     if (c != _chunks.begin() && c->free() != 0) _chunks.splice(std::next(_chunks.begin()), _chunks, c);
     return b;
   }
@@ -129,13 +129,13 @@ class pool_model {
     if (_chunks.size() > 3 && b.c->is_empty() && b.c != _chunks.begin() && !reserve) sweep(heap);
   }
 
-  /// Block `b` was found at `p`, with `descriptor` in front of it.
+  /// Block `b` was found at `p`, after the word `descriptor`.
   void found(const block& b, const void* p, const void* descriptor) const {
     if (!b.c->descriptor_at) {
       heap_model::found(*b.c->descriptor, descriptor);
       b.c->descriptor_at = descriptor;
     }
-    require(descriptor == b.c->descriptor_at, "in front of a block stands its chunk");
+    require(descriptor == b.c->descriptor_at, "the word before a block is its chunk");
     b.c->found(b.i, _class.size + 8, reinterpret_cast<uintptr_t>(p));
     require(size_classes::whole_pages(b.c->base - 8) == b.c->base - 8, "a chunk's first slot begins its mapping");
   }
@@ -152,7 +152,7 @@ class pool_model {
     _free += count;
   }
 
-  // All chunks that are empty go, but for the first.
+  // All empty chunks are unmapped, except the first.
   void sweep(heap_model& heap) {
     for (auto c = std::next(_chunks.begin()); c != _chunks.end();) {
       if (!c->is_empty()) {

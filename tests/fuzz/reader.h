@@ -1,4 +1,4 @@
-// An input read piece by piece. Behind its end there are zeros, so every input is a valid one.
+// An input that is read in pieces. Zeros follow its end, so every input is valid.
 #pragma once
 
 #include <algorithm>

@@ -1,5 +1,5 @@
-// Sequences of operations on two strings, against std::string for what they hold and against the growth rule for where
-// they hold it.
+// Sequences of operations on two strings, compared with std::string for their contents and with the growth rule for
+// their blocks.
 //   input: steps, each: what | its numbers and bytes
 #include <algorithm>
 #include <cstring>
@@ -23,14 +23,14 @@ constexpr uint64_t first_refused = 2863311510;  // characters, by that rule
 
 // ---------------------------------------------------------------- the rules
 
-/// A string as it must be.
+/// The model of a string.
 class model {
  public:
   std::string text;
   size_t capacity = 0;
   size_t block = 0;  // usable bytes, 0 for none
 
-  /// Appends `n` bytes; `bytes` need not be there when they are refused. `refused`: there are no new mappings.
+  /// Appends `n` bytes; `bytes` may be null if they are refused. `refused`: new mappings fail.
   void append(const char* bytes, uint64_t n, bool refused) {
     if (text.empty() && n == 0) return release();
     if (n > most_capacity || !reserve(text.size() + n, refused)) return;
@@ -63,7 +63,7 @@ class model {
 
 // ---------------------------------------------------------------- what there is
 
-// The string's one pointer and what stands in front of it.
+// The string's pointer, and the header before it.
 const char* characters_of(const ym::string_<>& s) {
   const char* p;
   std::memcpy(&p, static_cast<const void*>(&s), sizeof p);
@@ -81,12 +81,12 @@ header header_of(const char* characters) {
 
 void check(const ym::string_<>& s, const model& m) {
   const char* p = characters_of(s);
-  require(s.size() == m.text.size(), "a string has the size of what it holds");
-  require((p != nullptr) == (m.block != 0), "a string has a block when the rules give it one");
+  require(s.size() == m.text.size(), "a string has the size of its text");
+  require((p != nullptr) == (m.block != 0), "a string has a block if the model has one");
   if (!p) return;
-  require(header_of(p).size == m.text.size(), "the size stands in front of the characters");
-  require(header_of(p).capacity == m.capacity, "the capacity is what the growth rule says");
-  require(ym::allocator::usable_(p - sizeof(header)) == m.block, "the block is of the class that the rule asks for");
+  require(header_of(p).size == m.text.size(), "the size is stored before the characters");
+  require(header_of(p).capacity == m.capacity, "the capacity follows the growth rule");
+  require(ym::allocator::usable_(p - sizeof(header)) == m.block, "the block is of the class that the rule requires");
   const size_t n = std::min<size_t>(m.text.size(), 4096), tail = m.text.size() - n;
   require(std::memcmp(p, m.text.data(), n) == 0, "a string begins with what was written");
   require(std::memcmp(p + tail, m.text.data() + tail, n) == 0, "and ends with it");
@@ -120,7 +120,7 @@ class trial {
  private:
   ym::string_<> _strings[2];
   model _models[2];
-  size_t _bytes = 0;  // gone through so far
+  size_t _bytes = 0;  // processed so far
 
   // This step's.
   size_t _i = 0;         // the string
@@ -130,13 +130,13 @@ class trial {
   ym::string_<>& s() { return _strings[_i]; }
   model& m() { return _models[_i]; }
 
-  /// Whether there is time for a step that goes through `n` bytes.
+  /// Whether there is time for a step that processes `n` bytes.
   bool affords(size_t n) {
     _bytes += n;
     return n < 4096 || _bytes < 2 * largest;
   }
 
-  // Blocks must not tell of earlier inputs.
+  // Blocks must not contain bytes of earlier inputs.
   void restart() {
     for (ym::string_<>& each : _strings) {
       each.~string_();
@@ -172,7 +172,7 @@ class trial {
     const bool refused = on_string([&](auto& t) { t.append(characters_of(t) + from, n); });
     m().append(own.data(), n, refused);
   }
-  // More than any string holds: refused without a look at the bytes. A compiler that knew the text would warn.
+  // More than any string holds: refused without reading the bytes. A compiler that knew the text would warn.
   void append_too_many(uint64_t n) {
     const char* const volatile text = "";
     s().append(text, _other ? SIZE_MAX - n % 4096 : first_refused + n);
@@ -231,7 +231,7 @@ void trial::compare() {
   require((_strings[0] == _strings[1]) == same, "strings compare as texts");
   const char* text = s().c_str();
   require(text[m().text.size()] == 0, "a text is terminated");
-  require(text == characters_of(s()) || m().block == 0, "and is the string's own");
+  require(text == characters_of(s()) || m().block == 0, "and is in the string's block");
   require(m().text == std::string_view(text, s().size()), "a string holds what was written");
 }
 

@@ -1,5 +1,4 @@
-// What all targets have in common: one body, run by clang's fuzzer or by the replay of the corpus, and a model whose
-// word it is held to.
+// Common to all targets: one body, run by clang's fuzzer or by the replay of the corpus, and compared with a model.
 #pragma once
 
 #include <cstddef>
@@ -7,12 +6,12 @@
 #include <cstdio>
 #include <cstdlib>
 
-/// Runs one input; always 0. What is wrong ends the process.
+/// Runs one input. Always returns 0; an error aborts.
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
 namespace fuzz {
 
-/// Ends the process, so that the input is kept, unless `holds`.
+/// Aborts unless `holds`, so that the fuzzer saves the input.
 inline void require(bool holds, const char* what) {
   if (holds) return;
   std::fprintf(stderr, "violated: %s\n", what);

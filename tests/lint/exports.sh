@@ -1,5 +1,5 @@
 #!/bin/sh
-# A library lets out the contract's names, those named here besides, and no other: exports.sh NM LIBRARY [NAME...].
+# A library exports the contract's names, the given ones, and no others: exports.sh NM LIBRARY [NAME...].
 set -eu
 nm=$1
 library=$2

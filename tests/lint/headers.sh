@@ -1,6 +1,6 @@
 #!/bin/sh
-# Every header compiles on its own, a header of the foundation with all that its interface names; dac.h as C11 too, and
-# with nothing but the C library's headers.
+# Every header compiles alone. Those of the foundation include what their interfaces need. dac.h also compiles as C11 and
+# needs only the C library's headers.
 set -eu
 cd "$(dirname "$0")/../.."
 cxx=$1

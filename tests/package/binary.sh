@@ -1,5 +1,5 @@
 #!/bin/sh
-# The library as it ships is small and hardened, and works with the C and C++ libraries of older systems.
+# The shipped library is small and hardened, and works with the C and C++ libraries of older systems.
 #   binary.sh LIBRARY READELF STRIP PROCESSOR
 set -eu
 library=$1
@@ -34,20 +34,20 @@ loaded=$(size "$scratch/lib" | awk 'NR == 2 { print $4 }')
 
 grep -q '(FLAGS).*BIND_NOW' "$scratch/dynamic" || wrong 'symbols are not all bound at load'
 grep -q 'GNU_RELRO' "$scratch/segments" || wrong 'nothing becomes read-only after relocation'
-if grep -E 'TEXTREL|RUNPATH|RPATH' "$scratch/dynamic"; then wrong 'text relocations, or a search path of its own'; fi
+if grep -E 'TEXTREL|RUNPATH|RPATH' "$scratch/dynamic"; then wrong 'text relocations, or a search path in the file'; fi
 grep -qE '^ *GNU_STACK .* RW +0x' "$scratch/segments" || wrong 'the stack is not read and write only'
 if grep -E '^ *LOAD .* RWE ' "$scratch/segments"; then wrong 'a segment is both writable and executable'; fi
 
 needed=$(sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p' "$scratch/dynamic" | grep -v '^ld-linux' | LC_ALL=C sort | tr '\n' ' ')
 [ "$needed" = 'libc.so.6 libgcc_s.so.1 libstdc++.so.6 ' ] || wrong "needs $needed"
 
-# newest PREFIX: the newest version of PREFIX that the library asks for.
+# newest PREFIX: the newest version of PREFIX that the library requires.
 newest() { sed -n "s/.*Name: $1_\([0-9.]*\) .*/\1/p" "$scratch/versions" | sort -V | tail -n 1; }
-# What Debian 12's and Ubuntu 22.04's C library and GCC 6's C++ library have. pthread_spin_* alone asks for 2.34.
+# The versions of Debian 12's and Ubuntu 22.04's C library and of GCC 6's C++ library. Only pthread_spin_* requires 2.34.
 for limit in GLIBC:2.34 GLIBCXX:3.4.22 CXXABI:1.3.9 GCC:3.0; do
   found=$(newest "${limit%:*}")
   newer=$(printf '%s\n' "${limit#*:}" "$found" | sort -V | tail -n 1)
-  [ -n "$found" ] || wrong "asks for no ${limit%:*} version"
+  [ -n "$found" ] || wrong "requires no ${limit%:*} version"
   [ "$newer" = "${limit#*:}" ] || wrong "${limit%:*}_$found, expected at most ${limit#*:}"
 done
 

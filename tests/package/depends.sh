@@ -17,13 +17,13 @@ same() {
   exit 1
 }
 
-# newest FILE...: PACKAGE (>= VERSION) for each library, by the version names that the files ask for. This machine's
-# packages say which release has which; they are the same on every machine.
+# newest FILE...: PACKAGE (>= VERSION) for each library, by the version names that the files require. This machine's
+# packages list which release has which name; the names are the same on every machine.
 newest() {
-  "$readelf" -VW "$@" | sed -n 's/.*Name: \([A-Z]*_[0-9.]*\) .*/\1/p' | sort -u >asked
+  "$readelf" -VW "$@" | sed -n 's/.*Name: \([A-Z]*_[0-9.]*\) .*/\1/p' | sort -u >required
   for library in libc6 libgcc-s1 libstdc++6; do
     cat "/var/lib/dpkg/info/$library:"*.symbols | awk '{ split($1, name, "@") } name[1] == name[2] { print name[1], $2 }' |
-      awk 'NR == FNR { asked[$1]; next } $1 in asked { print $2 }' asked - | sed 's/^[0-9]*://' | sort -V |
+      awk 'NR == FNR { required[$1]; next } $1 in required { print $2 }' required - | sed 's/^[0-9]*://' | sort -V |
       tail -n 1 | sed "s/.*/$library (>= &)/"
   done | paste -sd, | sed 's/,/, /g'
 }

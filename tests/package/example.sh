@@ -1,6 +1,6 @@
 #!/bin/sh
 # examples/host.c, compiled against the installed header with the flags of pkg-config, gets a value from the installed
-# plug-in; with an emulator, under every page size that kernels of the field machine have.
+# plug-in; with an emulator, under every page size that AArch64 kernels have.
 #   example.sh ROOT TRIPLET COMPILER [EMULATOR...]
 set -eu
 root=$1

@@ -1,5 +1,5 @@
 #!/bin/sh
-# dachost as it ships has the usual protections of Debian packages.
+# The shipped dachost has the usual protections of Debian packages.
 #   hardened.sh ROOT READELF
 set -eu
 program=$1/usr/bin/dachost

@@ -1,5 +1,5 @@
 #!/bin/sh
-# Debian's checker finds nothing in the packages but the copyright file, which waits for the owner's choice of a licence.
+# Debian's checker reports nothing about the packages except the missing copyright file: the licence is not chosen yet.
 #   lintian.sh PACKAGE...
 set -eu
 found=$(lintian --allow-root "$@" 2>&1 | grep -vE '^running with root privileges|^W: .* (groff|mandoc)') || true

@@ -1,6 +1,6 @@
 #!/bin/sh
-# Does with the packages next to it what administrators do, in a booted system. Run there by live.sh, which it ends with
-# its exit status.
+# Installs, upgrades, removes and purges the packages next to it in a booted system, like an administrator. live.sh runs it
+# there and exits with its status.
 set -eu
 cd "$(dirname "$0")"
 export LC_ALL=C.UTF-8
@@ -15,7 +15,7 @@ check() {
   journalctl --no-pager -n 40 -u 'dachost@*'
   exit 1
 }
-# eventually COMMAND...: until it succeeds, for 10 seconds.
+# eventually COMMAND...: repeats it until it succeeds, for 10 seconds.
 eventually() {
   for _ in $(seq 100); do
     "$@" && return
@@ -27,7 +27,7 @@ active() { systemctl -q is-active "dachost@$1"; }
 inactive() { ! active "$1"; }
 pid() { systemctl show -P MainPID "dachost@$1"; }
 published() { journalctl -o cat "_PID=$(pid "$1")" | grep -q '"event":"value".*2001:db8::10'; }
-# The instance runs the code of the installed file, not of one that was replaced.
+# The instance runs the code of the installed file, not of a replaced one.
 current() { cmp "/proc/$(pid "$1")/exe" /usr/bin/dachost; }
 stopped() { ! readlink /proc/[0-9]*/exe | grep dachost; }
 unknown() { [ -z "$(systemctl --no-legend --all list-units 'dachost@*')" ]; }
@@ -36,13 +36,13 @@ files() {
   find / -xdev \( -path /live -o -path /var/lib/dpkg -o -path /var/log -o -path /var/cache -o -path /var/tmp \) -prune \
     -o -print | sort
 }
-# runs NAME: the instance is up with current code and publishes.
+# runs NAME: the instance is active with current code and publishes.
 runs() {
   check "$1 is active" eventually active "$1"
   check "$1 runs the installed code" current "$1"
   check "$1 publishes" eventually published "$1"
 }
-# With the answer that dpkg suggests where it would ask: keep the edited configuration.
+# With dpkg's default answer: preserve the edited configuration.
 install_package() { check "dpkg installs $1" dpkg --force-confdef --force-confold -i "$1"; }
 upgrade() {
   before_ip6dns=$(pid ip6dns)
@@ -52,13 +52,13 @@ upgrade() {
   check 'an instance that is not enabled has a new process' [ "$(pid pump)" != "$before_pump" ]
   check 'systemd has read the new unit' [ "$(systemctl show -P NeedDaemonReload dachost@ip6dns)" = no ]
   check 'a stopped instance stays stopped' inactive spare
-  check 'the configuration keeps its edits' grep -q edited.example /etc/ip6dns/ip6dns.conf
+  check 'the edited configuration is preserved' grep -q edited.example /etc/ip6dns/ip6dns.conf
   runs ip6dns
   runs pump
 }
 
 ip -6 addr add 2001:db8::10/64 dev lo nodad
-mkdir -p /var/lib/private /etc/systemd/system.control # systemd's own, for the state and properties of all units
+mkdir -p /var/lib/private /etc/systemd/system.control # systemd's folders for the state and properties of all units
 files >before
 
 install_package old.deb
@@ -91,8 +91,8 @@ upgrade next.deb
 check 'dpkg removes' dpkg -r ip6dns
 check 'a removal leaves no process' stopped
 check 'a removal stops every instance' [ -z "$(systemctl --no-legend list-units --state=active,activating 'dachost@*')" ]
-check 'a removal keeps the configuration' grep -q edited.example /etc/ip6dns/ip6dns.conf
-check 'a removal keeps the state' [ -f /var/lib/dachost/pump/some ]
+check 'a removal preserves the configuration' grep -q edited.example /etc/ip6dns/ip6dns.conf
+check 'a removal preserves the state' [ -f /var/lib/dachost/pump/some ]
 
 install_package next.deb
 systemctl start dachost@ip6dns dachost@pump

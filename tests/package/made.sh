@@ -1,5 +1,5 @@
 #!/bin/sh
-# scripts/package makes the two packages, under the expected names. Unpacks them for the tests that follow.
+# scripts/package makes the two packages, under the expected names. Unpacks them for later tests.
 #   made.sh ARCHITECTURE SCRATCH VERSION_ARCHITECTURE
 set -eu
 architecture=$1

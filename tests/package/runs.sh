@@ -1,6 +1,6 @@
 #!/bin/sh
-# The installed dachost finds the installed plug-in by itself, the checking layer finds it too and has nothing to report,
-# and what users have in /etc will do.
+# The installed dachost finds the installed plug-in, the checking layer finds it too and reports nothing, and the installed
+# configuration is valid.
 #   runs.sh ROOT TRIPLET [EMULATOR...]
 set -eu
 root=$1

@@ -1,18 +1,17 @@
 #!/bin/sh
-# systemd takes the unit as it is installed, alone and with the drop-in among the examples, and rates what is left open
-# to it.
+# systemd accepts the installed unit, alone and with the drop-in of the examples, and rates its exposure.
 #   unit.sh ROOT
 set -eu
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
-# The unit's surroundings: the units it refers to, and the programs it starts.
+# Placeholders for the units that it refers to and the programs that it starts.
 cp -a "$1/." "$scratch"
 cp -an /lib/systemd/system/. "$scratch/lib/systemd/system/"
 install -D /bin/kill "$scratch/bin/kill"
 
 check() {
-  # It says what it ignores and succeeds all the same, so any word is one too many.
+  # It succeeds even if it ignores a line, so any output is a failure.
   verdict=$(systemd-analyze verify --man=no --root="$scratch" dachost@ip6dns.service 2>&1 || echo 'does not verify')
   [ -z "$verdict" ] || {
     echo "$verdict"

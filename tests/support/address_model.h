@@ -1,4 +1,4 @@
-// Which IPv6 addresses are published, written from the description alone. Tests compare the filter with it.
+// Which IPv6 addresses are published, written only from the description. Tests compare the filter with it.
 #pragma once
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// Blocks of the pools: how many are in use, and a size of which there are none to be had. Needs fake_pages.
+// Blocks of the pools: how many are in use, and a size that cannot be allocated. Needs fake_pages.
 #pragma once
 
 #include <cstddef>

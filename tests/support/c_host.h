@@ -12,7 +12,7 @@
 extern "C" {
 #endif
 
-/* What a C host saw of one instance's life. */
+/* What a C host got from one instance. */
 typedef struct c_host {
   int version;
   char version_text[32];
@@ -28,10 +28,10 @@ typedef struct c_host {
   int isrun;          /* after dac_stop */
 } c_host;
 
-/* Loads `library` and sees an instance of `cfgfile` through to its end: 0, or -1 when it cannot be loaded. */
+/* Loads `library` and runs an instance of `cfgfile` from create to destroy. Returns 0, or -1 if it cannot be loaded. */
 int c_host_run(const char* library, const char* cfgfile, c_host* seen);
 
-/* A record as C lays it out, each member with a value of its own. */
+/* A record as C lays it out, each member with a different value. */
 void c_record_fill(dac_tagvalue* r);
 
 #ifdef __cplusplus

@@ -1,4 +1,4 @@
-// The syntax of configuration files, written from its description alone: which calls a text gives, and how many bytes
+// The syntax of configuration files, written only from its description: which calls a text makes, and how many bytes
 // have been read by then. Tests compare the scanner with it.
 #pragma once
 

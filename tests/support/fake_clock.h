@@ -1,4 +1,4 @@
-// time and nanosleep replaced: the test owns the clock and decides when a worker's round may go on.
+// Replaces time and nanosleep: the test sets the clock and decides when a worker's round continues.
 #pragma once
 
 #include <cstdint>
@@ -6,22 +6,22 @@
 
 namespace fake_clock {
 
-/// What time() tells from now on.
+/// Sets the result of time().
 void set(int64_t seconds);
 void advance(int64_t seconds);
 int64_t now();
 
-/// Stepping, the state at the start: a thread that sleeps stays asleep until step() or free_run().
-/// step() wakes every sleeper once, `rounds` times over, and returns when all of them sleep again. Throws when one of
-/// them does not within 20 seconds; wake threads that are about to end with free_run().
+/// Initially, a thread that sleeps stays asleep until step() or free_run().
+/// step() wakes every sleeper once, `rounds` times over, and returns when all of them sleep again. Throws if one of
+/// them does not within 20 seconds. Use free_run() for threads that are about to end.
 void step(int rounds = 1);
 /// Waits until `threads` threads sleep; throws after 20 seconds.
 void await_sleepers(int threads);
-/// From now on sleeps take a real millisecond, so that workers can be stopped.
+/// Makes each sleep a real millisecond, so that workers can be stopped.
 void free_run();
 void stepping();
 
-/// From now on whether each sleep ends as one that a signal interrupted.
+/// Sets whether each sleep ends as if a signal interrupted it.
 void interrupt_sleeps(bool on);
 
 /// Calls of time so far.

@@ -23,8 +23,8 @@ ssize_t read_byte(void* file, char* buf, size_t n) {
   return static_cast<ssize_t>(fread(buf, 1, n, static_cast<FILE*>(file)));
 }
 
-int seek_to(void* file, off64_t* offset, int whence) {
-  if (fseek(static_cast<FILE*>(file), *offset, whence) != 0) return -1;
+int seek_to(void* file, off64_t* offset, int origin) {
+  if (fseek(static_cast<FILE*>(file), *offset, origin) != 0) return -1;
   *offset = ftell(static_cast<FILE*>(file));
   return 0;
 }
@@ -34,7 +34,7 @@ int close_file(void* file) {
   return fclose(static_cast<FILE*>(file));
 }
 
-// A stream without buffer, so that each byte is a read of its own.
+// An unbuffered stream, so that each byte is a separate read.
 FILE* byte_by_byte(FILE* file) {
   FILE* stream = fopencookie(file, "r", {read_byte, nullptr, seek_to, close_file});
   setvbuf(stream, nullptr, _IONBF, 0);

@@ -1,4 +1,5 @@
-// fopen replaced for files that are opened as the plug-in opens them ("rt"): opening and each read of a byte can fail.
+// Replaces fopen for files that are opened with the mode of the plug-in ("rt"): opening and each read of a byte can
+// fail.
 #pragma once
 
 #include "tests/support/nth.h"

@@ -13,7 +13,7 @@ thread_local nth requests;
 
 }  // namespace
 
-// Arrays and the variants that do not throw come through here too.
+// Arrays and the variants that do not throw also call these.
 void* operator new(size_t n) {
   if (requests.is_next()) throw std::bad_alloc();
   void* p = std::malloc(n);

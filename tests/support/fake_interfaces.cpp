@@ -62,7 +62,7 @@ extern "C" int getifaddrs(ifaddrs** list) noexcept {
     return s().result;
   }
   if (fake_interfaces::list_calls.is_next()) {
-    ++s().frees;  // nothing to give back
+    ++s().frees;  // nothing to free
     errno = ENOBUFS;
     return -1;
   }
@@ -74,12 +74,12 @@ extern "C" int getifaddrs(ifaddrs** list) noexcept {
     link = &(*link)->ifa_next;
   }
   *list = head;
-  if (!head) ++s().frees;  // nothing to give back
+  if (!head) ++s().frees;  // nothing to free
   return 0;
 }
 
 extern "C" void freeifaddrs(ifaddrs* list) noexcept {
-  if (!list) std::abort();  // never to be called with null
+  if (!list) std::abort();  // must not be called with null
   const std::lock_guard hold(s().mtx);
   ++s().frees;
   while (list) {
@@ -150,7 +150,7 @@ size_t text_room() {
 void reset() {
   const std::lock_guard hold(s().mtx);
   s().text_room = 0;
-  std::vector<std::string>().swap(s().addresses);  // and its room
+  std::vector<std::string>().swap(s().addresses);  // and its memory
   s().refused.clear();
   s().replaced.clear();
   s().result = s().lists = s().frees = 0;

@@ -1,4 +1,4 @@
-// getifaddrs, freeifaddrs and inet_ntop replaced: the interface list is what the test says.
+// Replaces getifaddrs, freeifaddrs and inet_ntop: the test sets the interface list.
 #pragma once
 
 #include <cstddef>
@@ -9,24 +9,24 @@
 
 namespace fake_interfaces {
 
-/// The list from now on: IPv6 addresses as text; "ipv4" is an entry of the other family, "none" one without address.
+/// Sets the list: IPv6 addresses as text; "ipv4" is an entry of the other family, "none" one without address.
 void set(std::vector<std::string> addresses);
-/// From now on getifaddrs yields `result` without a list; 0 lets it work again.
+/// Makes getifaddrs return `result` without a list; 0 makes it work again.
 void fail(int result);
-/// From now on inet_ntop fails for this address; "" for none.
+/// Makes inet_ntop fail for this address; "" for none.
 void refuse_text_of(std::string address);
-/// From now on inet_ntop writes these characters, and no terminating zero, for `address`; "" for none.
+/// Makes inet_ntop write these characters, without a terminating zero, for `address`; "" for none.
 void set_text_of(std::string address, std::string characters);
 
-/// Calls of getifaddrs, which yields -1 when it is refused, and of inet_ntop.
+/// Calls of getifaddrs, which returns -1 if refused, and of inet_ntop.
 extern nth list_calls, text_calls;
 
-/// Calls of getifaddrs, of freeifaddrs, and lists not given back yet.
+/// Calls of getifaddrs, of freeifaddrs, and lists not freed yet.
 int lists();
 int frees();
 int outstanding();
 
-/// The room that the latest inet_ntop was told of.
+/// The size that was passed to the latest inet_ntop.
 size_t text_room();
 
 /// Empty list, no failure, counts 0.

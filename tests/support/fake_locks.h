@@ -1,4 +1,4 @@
-// pthread_spin_init, _destroy, _lock and _unlock replaced by functions that record each call. Needs fake_pages.
+// Replaces pthread_spin_init, _destroy, _lock and _unlock by functions that record each call. Needs fake_pages.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@ namespace fake_locks {
 struct event {
   char what;  // 'i' initialise (process-private), 's' initialise (shared), 'd' destroy, '+' lock, '-' unlock
   const void* lock;
-  size_t live;  // mappings alive at that moment
+  size_t live;  // mappings alive at the call
 };
 
 /// Records the calling thread's calls until stop(). One at a time.

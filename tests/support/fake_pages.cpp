@@ -15,7 +15,7 @@
 #include "tests/support/c_heap.h"
 #include "tests/support/immortal.h"
 
-// The sanitizers' own, where a sanitizer is linked in: it must learn of mappings that come and go.
+// The sanitizer's functions, if one is linked: it must see all mappings.
 extern "C" {
 [[gnu::weak]] void* __interceptor_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset);
 [[gnu::weak]] int __interceptor_munmap(void* at, size_t length);
@@ -39,12 +39,12 @@ struct state {
 
 state& s() { return immortal<state>(); }
 
-long page_told = 0;  // the page size that sysconf tells, 0 the machine's own
+long set_page_size = 0;  // the page size that sysconf returns, or 0 for the machine's
 
-thread_local bool inside = false;  // bookkeeping may map pages itself
+thread_local bool inside = false;  // the bookkeeping itself may map pages
 
 bool ready = false;
-// Before all initialisers of the program; a sanitizer is set up by then.
+// Runs before all initialisers of the program, but after the initialisation of a sanitizer.
 [[gnu::constructor(101)]] void get_ready() { ready = true; }
 
 void* real_mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) {
@@ -104,8 +104,8 @@ int watched_munmap(void* at, size_t length) {
 
 }  // namespace
 
-// The thread sanitizer maps pages and asks for their size before it has set itself up. Until then nothing here may be
-// instrumented, intercepted or guarded by it.
+// The thread sanitizer maps pages and queries their size before it is initialised. Until then it must not instrument,
+// intercept or guard anything here.
 #define BEFORE_SANITIZER __attribute__((no_sanitize("thread")))
 
 extern "C" BEFORE_SANITIZER void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
@@ -121,8 +121,8 @@ extern "C" BEFORE_SANITIZER int munmap(void* at, size_t length) noexcept {
 extern "C" BEFORE_SANITIZER long sysconf(int name) noexcept {
   static long (*real)(int) = nullptr;
   if (!real) real = reinterpret_cast<long (*)(int)>(dlsym(RTLD_NEXT, "sysconf"));
-  const long told = __atomic_load_n(&page_told, __ATOMIC_RELAXED);
-  return name == _SC_PAGESIZE && told != 0 ? told : real(name);
+  const long size = __atomic_load_n(&set_page_size, __ATOMIC_RELAXED);
+  return name == _SC_PAGESIZE && size != 0 ? size : real(name);
 }
 
 namespace fake_pages {
@@ -176,7 +176,7 @@ void fail_all() {
   const std::lock_guard hold(s().mtx);
   s().fails_all = true;
 }
-void page_size(long bytes) { __atomic_store_n(&page_told, bytes, __ATOMIC_RELAXED); }
+void page_size(long bytes) { __atomic_store_n(&set_page_size, bytes, __ATOMIC_RELAXED); }
 void reset() {
   const std::lock_guard hold(s().mtx);
   s().made = 0;

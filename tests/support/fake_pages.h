@@ -1,5 +1,5 @@
-// mmap, munmap and sysconf replaced by ones that count, can refuse, and can tell another page size. Linking
-// fake_pages puts them into the program; the plug-in that the program loads uses them too.
+// Replaces mmap, munmap and sysconf by functions that count, can refuse, and can return another page size. A program
+// that links fake_pages uses them; so does the plug-in that it loads.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 namespace fake_pages {
 
-/// Mappings asked for; one that is refused yields null.
+/// Mappings requested. A refused one returns null.
 extern nth mappings;
 
 /// Mappings made since the last reset(), in all.
@@ -18,21 +18,21 @@ int made();
 void* address_of(int i);
 /// Private anonymous mappings alive: address and length. Only those made through the replaced mmap.
 std::map<void*, size_t> live();
-/// The length asked of the latest mmap, refused or not.
+/// The length of the latest mmap, refused or not.
 size_t last_length();
 
-/// The descriptor and the offset asked with it.
+/// Its descriptor and offset.
 int last_descriptor();
 long last_offset();
 
-/// From now on mapping number `i` (1 is the next) yields null, all others are granted; 0 refuses none.
+/// Makes mapping number `i` (1 is the next) return null and grants all others; 0 refuses none.
 void refuse(int i);
 /// While on, an unmapped mapping stays mapped for the next request of its length, with the bytes that it holds. Saves
 /// system calls where a test maps millions of times. Off unmaps them.
 void reuse(bool on);
-/// From now on every mapping yields null, until refuse(0).
+/// Makes every mapping return null until refuse(0).
 void refuse_all();
-/// From now on every mapping yields MAP_FAILED, as the system itself refuses, until refuse(0).
+/// Makes every mapping return MAP_FAILED, like the system, until refuse(0).
 void fail_all();
 
 /// Refuses every mapping during its lifetime, unless `refuse` is false. One at a time.
@@ -54,10 +54,10 @@ class refusal {
   int _before = made();
 };
 
-/// What sysconf(_SC_PAGESIZE) tells; 0 is the machine's own. A multiple of the machine's own.
+/// Sets the result of sysconf(_SC_PAGESIZE), a multiple of the machine's page size; 0 is the machine's.
 void page_size(long bytes);
 
-/// Forgets the counts and refuses nothing; live() is kept.
+/// Clears the counts and refuses nothing. Does not clear live().
 void reset();
 
 }  // namespace fake_pages

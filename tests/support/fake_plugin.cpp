@@ -1,16 +1,15 @@
-// A plug-in that does what its configuration files say, to show how a host takes it, and writes down what the host
-// calls.
+// A plug-in that follows commands in its configuration files and records the calls of the host.
 //
 // A file's lines, each optional:
-//   refuse [TEXT]   dac_create refuses, with the text as its message if there is one
+//   refuse [TEXT]   dac_create returns -1, and logs the text if there is one
 //   hang            dac_create never returns
 //   publish TEXT    dac_start publishes the text
 //   fail TEXT       dac_start logs the text as a failure
-//   idle            dac_isrun tells that it does not run
+//   idle            dac_isrun returns 0
 //   odd records     dac_start publishes two records at once, their texts up to the last byte of the fields
 //   flood N         dac_start logs N messages "message 1 of N" ...
 //   throw           dac_start throws std::system_error
-//   wait for N      dac_stop returns when N instances are being stopped, or have been for 20 seconds in vain
+//   wait for N      dac_stop returns when N instances are being stopped, or after 20 seconds
 //   hold FILE       dac_stop returns when there is such a file, or after 20 seconds
 //   stop takes MS   dac_stop returns after that many milliseconds
 //   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N

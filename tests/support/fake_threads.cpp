@@ -13,7 +13,7 @@ namespace {
 
 std::atomic<int> not_joined = 0;
 
-// A host's callbacks lock mutexes of their own.
+// Not those that a host's callbacks lock.
 bool is_plugins(const void* code) {
   Dl_info found;
   return dladdr(code, &found) != 0 && std::string_view(found.dli_fname).ends_with("libip6dns.so");

@@ -1,4 +1,4 @@
-// What a program that uses the foundation alone defines, in the order in which it is built.
+// The globals of a program that uses only the foundation, in the order of construction.
 #include "com/ymlib3/ym_alloctor"
 
 ym_glibc_noarena g_ym_glibc_noarena;

@@ -1,1 +1,1 @@
-// Nothing of its own: the tests' common header is compiled here once for all of them.
+// Compiles the tests' common header once.

@@ -1,10 +1,9 @@
-// State of functions that stand in for the C library's: they are called before the program's initialisers run and
-// until its last moment.
+// State of functions that replace the C library's. They are called before the program's initialisers and until its end.
 #pragma once
 
 #include <new>
 
-/// A T that is made at first use and never destroyed; no block of the heap, so that none is left at the end.
+/// A T that is created at first use and never destroyed. Not on the heap, so that no block is left at the end.
 template <class T>
 T& immortal() {
   alignas(T) static unsigned char room[sizeof(T)];

@@ -1,4 +1,4 @@
-// JSON members, written from their description alone. Tests compare the output functions with it.
+// JSON members, written only from their description. Tests compare the output functions with it.
 #pragma once
 
 #include <cstddef>
@@ -6,7 +6,7 @@
 
 namespace json_model {
 
-/// What a character is written as.
+/// The characters that are written for `c`.
 inline std::string escaped(char c) {
   switch (c) {
     case 8:

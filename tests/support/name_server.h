@@ -1,4 +1,4 @@
-// A name server of the test's own, with one zone that takes signed updates.
+// A name server for one test, with one zone that accepts signed updates.
 #pragma once
 
 #include <memory>
@@ -8,7 +8,7 @@
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 
-/// On the loopback interface; the zone lasts from one start to the next. Every wait ends after 20 seconds with an
+/// Listens on the loopback interface. The zone survives a restart. Every wait ends after 20 seconds with an
 /// exception.
 class name_server {
  public:

@@ -19,7 +19,7 @@ void enter_and_run(const std::function<void()>& body) {
 
 }  // namespace
 
-void in_a_network_of_its_own(const std::function<void()>& body) {
+void in_new_network(const std::function<void()>& body) {
   std::fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {

@@ -1,18 +1,18 @@
-// What the system can refuse, counted by the functions that stand in for the system's.
+// Requests that the system can refuse, counted by the functions that replace the system's.
 #pragma once
 
 #include <atomic>
 
-/// Counts occurrences and says which one is to fail. [any thread]
+/// Counts occurrences and decides which one fails. [any thread]
 class nth {
  public:
-  /// Counts anew; number `i` (1 is the next) is to fail, 0 none.
+  /// Restarts the count; number `i` (1 is the next) fails, 0 none.
   void refuse(int i) {
     _seen = 0;
     _refused = i;
     _all_after = false;
   }
-  /// Counts anew; number `i` and all after it are to fail.
+  /// Restarts the count; number `i` and all after it fail.
   void refuse_from(int i) {
     refuse(i);
     _all_after = true;
@@ -31,8 +31,8 @@ class nth {
   std::atomic<bool> _all_after = false;
 };
 
-/// Lets occurrence 1, 2, ... fail, each in a call of its own, until a call meets none: how many have failed. `after` is
-/// told which one, and whether the call met it.
+/// Makes occurrence 1, 2, ... fail, each in a separate call, until a call has no such occurrence. Returns how many
+/// failed. `after` gets the number, and whether the call had that occurrence.
 template <class CALL, class AFTER>
 int fail_each(nth& occurrences, CALL call, AFTER after) {
   for (int i = 1;; ++i) {

@@ -1,5 +1,5 @@
-// The built library as a host has it: loaded by name, driven through its entry points, with callbacks that write down
-// what they are told.
+// The built library, as a host uses it: loaded by name, called through its entry points, with callbacks that record
+// their arguments.
 #pragma once
 
 #include <atomic>
@@ -86,7 +86,7 @@ class recorder {
 
   arguments args(const char* name, const char* cfgfile);
 
-  /// What the callbacks were told, in order: as log(), as data(), or "aux".
+  /// The calls of the callbacks, in order: as log(), as data(), or "aux".
   std::vector<std::string> journal() const;
   static std::string log(const std::string& name, int hostlevel, const std::string& text, int flag = 1);
   static std::string data(const std::string& name, const std::string& value);

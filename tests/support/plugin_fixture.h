@@ -1,4 +1,4 @@
-// A test with the plug-in loaded, on a clock and an interface list of its own.
+// A test with the plug-in loaded, a fake clock and a fake interface list.
 #pragma once
 
 #include <gtest/gtest.h>

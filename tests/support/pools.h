@@ -1,4 +1,4 @@
-// The one allocator as tests see it: built again for every test, its memory read through structs that state the layout
+// The one allocator for tests: constructed again for every test, its memory read through structs that define the layout
 // independently.
 #pragma once
 
@@ -18,16 +18,16 @@
 
 namespace pools {
 
-// ---------------------------------------------------------------- memory as it lies there
+// ---------------------------------------------------------------- raw memory
 
-/// What the bytes at `p` hold, whatever the product calls it.
+/// The bytes at `p` as a T, independent of the product's types.
 template <class T>
 T read(const void* p) {
   T t;
   std::memcpy(&t, p, sizeof t);
   return t;
 }
-// Not inlined: the compiler would reason about objects that lie elsewhere.
+// Not inlined: the compiler would assume that other objects are unchanged.
 template <class T>
 [[gnu::noinline]] void write(const void* p, size_t offset, T t) {
   std::memcpy(static_cast<char*>(const_cast<void*>(p)) + offset, &t, sizeof t);
@@ -158,7 +158,7 @@ inline bool is_valid() {
   return true;
 }
 
-// Mappings that others made, a sanitizer for one; all that were alive when there was no allocator.
+// Mappings of others, for example a sanitizer: those alive while there is no allocator.
 inline std::map<void*, size_t> foreign;
 
 /// The allocator's mappings, address and length.
@@ -168,7 +168,7 @@ inline std::map<void*, size_t> live() {
   return mappings;
 }
 
-/// All that a refused request must leave as it was.
+/// Everything that a refused request must not change.
 struct snapshot {
   heap self = pools::self();
   table all = pools::all();
@@ -192,7 +192,7 @@ inline void rebuild(long page = 4096, int refused = 0) {
   fake_pages::reset();
 }
 
-/// Starts each test on an allocator that nobody has used yet, on 4 KiB pages whatever the machine has.
+/// Starts each test with an unused allocator and pages of 4 KiB.
 class fresh : public testing::Test {
  protected:
   void SetUp() override { rebuild(); }
@@ -216,14 +216,14 @@ inline void give(const std::vector<void*>& blocks) {
   for (void* p : blocks) ym_free(p);
 }
 
-/// The granted size of a request, the block given back at once.
+/// The granted size of a request. Frees the block.
 inline size_t granted(size_t n) {
   size_t got = 0;
   ym_free(get_ym_allocator()->malloc_(n, &got));
   return got;
 }
 
-/// Takes the self heap's free slots, all but `left` of them.
+/// Takes the self heap's free slots, except `left` of them.
 inline std::vector<void*> take_slots(size_t left) {
   std::vector<void*> taken(self().free - left);
   for (void*& p : taken) p = ym::memheap_::operator new(56);

@@ -1,4 +1,4 @@
-// The memory pools, written from their description alone: which mappings a request makes and ends, which address it
+// The memory pools, written only from their description: which mappings a request makes and ends, which address it
 // returns, and what the bookkeeping holds afterwards. Tests compare the allocator with it.
 //
 // The model maps nothing. A function given by the test returns the address of each mapping, or 0 for a refused one.
@@ -82,8 +82,8 @@ class allocator {
     throw std::logic_error("no block of the model");
   }
 
-  /// Mappings asked for, refused ones too.
-  int asked() const { return _asked; }
+  /// Mappings requested, including refused ones.
+  int requested() const { return _requested; }
 
   result malloc(word n, word granted_before) {
     result r{0, granted_before};
@@ -163,7 +163,7 @@ class allocator {
   word pages(word length) const { return (length + _page - 1) / _page * _page; }
 
   word map_pages(word length) {
-    ++_asked;
+    ++_requested;
     const word address = _map(pages(length));
     if (address != 0) _mappings[address] = pages(length);
     return address;
@@ -299,7 +299,7 @@ class allocator {
   word _large = 0;
   std::map<word, word> _large_blocks;
   std::map<word, word> _mappings;
-  int _asked = 0;
+  int _requested = 0;
 };
 
 }  // namespace pools_model

@@ -1,4 +1,4 @@
-// A program that runs beside the test.
+// A program that a test starts.
 #pragma once
 
 #include <sys/types.h>
@@ -16,27 +16,26 @@ struct ending {
 };
 
 struct process_settings {
-  std::vector<std::string> environment = {};  // NAME=VALUE, beside the test's own
-  std::string out_file = {};                  // opened as standard output in place of a pipe
+  std::vector<std::string> environment = {};  // NAME=VALUE, in addition to the test's
+  std::string out_file = {};                  // opened as standard output instead of a pipe
   bool out_closed = false;                    // no standard output at all
-  int out_fd = -1;                            // becomes standard output in place of a pipe; stays the caller's
+  int out_fd = -1;                            // becomes standard output instead of a pipe; owned by the caller
   bool err_closed = false;                    // no standard error at all
 };
 
-/// Its output is read while somebody waits for it here. Every wait ends after 20 seconds with an exception that shows
-/// what was printed until then.
+/// Its output is read only during a wait. Every wait throws after 20 seconds, with the output until then.
 class process {
  public:
   /// Starts the program argv[0], a path or a name on PATH. Throws std::system_error when that fails.
   explicit process(std::vector<std::string> argv, const process_settings& s = {});
-  /// Kills what still runs.
+  /// Kills the program if it still runs.
   ~process();
   process(const process&) = delete;
   process& operator=(const process&) = delete;
 
   pid_t pid() const { return _pid; }
   void signal(int sig) const;
-  /// From now on nobody reads the program's standard output.
+  /// Stops reading the program's standard output.
   void close_out();
   void close_err();
 
@@ -47,11 +46,11 @@ class process {
   void read_out(size_t size);
   const std::string& out() const { return _out.text; }
   const std::string& err() const { return _err.text; }
-  /// Whether the program runs still. Reads nothing.
+  /// Whether the program still runs. Reads nothing.
   bool is_running() { return !has_ended(); }
-  /// Waits for the end. Standard output is read only now if no wait has asked for it.
+  /// Waits for the end, and reads the remaining output.
   ending end();
-  /// Waits for the end and leaves unread what stands in the pipes.
+  /// Waits for the end without reading the remaining output.
   int end_unread();
 
  private:

@@ -1,7 +1,7 @@
 /*
- * Preloaded into a program: one call fails that the system would have carried out. REFUSED is "CALL NUMBER ERROR": the
- * call with that number (0 is the first) of CALL fails with the errno ERROR; with ERROR 0 a write takes half its bytes.
- * The file REFUSED_MARK is then created. The programs that it starts have all calls.
+ * Preloaded into a program: makes one call fail. REFUSED is "CALL NUMBER ERROR": the call with that number (0 is the
+ * first) of CALL fails with the errno ERROR; with ERROR 0 a write accepts half its bytes. Then creates the file
+ * REFUSED_MARK. Does not affect the program's children.
  */
 #include <dlfcn.h>
 #include <errno.h>
@@ -39,7 +39,7 @@ __attribute__((constructor)) static void prepare(void) {
   unsetenv("REFUSED_MARK");
 }
 
-/* The program's static objects have all calls. */
+/* Does not affect the construction of the program's static objects. */
 static int (*real_main)(int, char**, char**);
 
 static int counted_main(int argc, char** argv, char** envp) {
@@ -88,7 +88,7 @@ int open(const char* file, int flags, ...) {
 
 ssize_t read(int fd, void* buf, size_t size) { return is_refused("read") ? -1 : syscall(SYS_read, fd, buf, size); }
 
-/* Only what the program prints: other writes go to the C++ library's own pipes. */
+/* Only writes to the standard descriptors: others go to the event loop's pipes. */
 ssize_t write(int fd, const void* buf, size_t size) {
   const int printed = fd == STDOUT_FILENO || fd == STDERR_FILENO;
   if (!printed || !is_refused(fd == STDOUT_FILENO ? "write_out" : "write_err"))
@@ -112,7 +112,7 @@ int poll(struct pollfd* fds, nfds_t n, int timeout) { return is_refused("poll") 
 
 int epoll_create1(int flags) { return is_refused("epoll_create1") ? -1 : (int)syscall(SYS_epoll_create1, flags); }
 
-/* Only that the program watches what it prints to: the C++ library does not check its own. */
+/* Only for the standard descriptors: the event loop does not check the result for its own. */
 int epoll_ctl(int set, int operation, int fd, struct epoll_event* event) {
   const int printed = operation == EPOLL_CTL_ADD && (fd == STDOUT_FILENO || fd == STDERR_FILENO);
   return printed && is_refused("epoll_ctl") ? -1 : (int)syscall(SYS_epoll_ctl, set, operation, fd, event);

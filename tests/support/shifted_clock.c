@@ -1,6 +1,5 @@
 /*
- * Preloaded into a program: time() runs as many seconds ahead as the file that CLOCK_SHIFT names says. The programs
- * that it starts have the real clock.
+ * Preloaded into a program: adds the seconds in the file $CLOCK_SHIFT to time(). Its children have the real clock.
  */
 #include <fcntl.h>
 #include <stdlib.h>
@@ -9,7 +8,7 @@
 
 static char* shift_file;
 
-__attribute__((constructor)) static void take_over(void) {
+__attribute__((constructor)) static void initialise(void) {
   shift_file = getenv("CLOCK_SHIFT");
   unsetenv("LD_PRELOAD");
 }

@@ -1,6 +1,6 @@
 /*
- * Preloaded into a program: its steady clock runs a hundred times as fast, and what waits for a time waits accordingly:
- * until the file that REAL_SECONDS_FROM names exists, if it does. The programs that it starts have the real clock.
+ * Preloaded into a program: its steady clock runs a hundred times as fast, and so do its waits, until the file
+ * $REAL_SECONDS_FROM exists. Its children have the real clock.
  */
 #include <poll.h>
 #include <signal.h>
@@ -32,7 +32,7 @@ static struct timespec shortened(struct timespec t) {
   return timespec_of((t.tv_sec * 1000000000 + t.tv_nsec) / factor());
 }
 
-__attribute__((constructor)) static void take_over(void) {
+__attribute__((constructor)) static void initialise(void) {
   slow_file = getenv("REAL_SECONDS_FROM");
   start = nanoseconds();
   unsetenv("LD_PRELOAD");

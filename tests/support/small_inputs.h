@@ -17,7 +17,7 @@ namespace small_inputs {
 using sequence = std::vector<uint16_t>;
 
 /// The length of the longest sequence to enumerate: `full`, or IP6DNS_SYMBOLS of the environment if that is less.
-/// Slow builds set it. Throws if it is no number.
+/// Slow builds set it. Throws if it is not a number.
 inline size_t longest(size_t full) {
   const char* set = std::getenv("IP6DNS_SYMBOLS");
   if (!set) return full;

@@ -1,4 +1,4 @@
-// The growth rule of strings, written from its description alone: after each operation the model knows the text, the
+// The growth rule of strings, written only from its description: after each operation the model knows the text, the
 // capacity and the usable size of the block. Tests compare the string type with it.
 #pragma once
 
@@ -55,7 +55,7 @@ class text {
   static constexpr uint64_t max_capacity = 4294967263;
 
   void grow_and_append(const char* p, uint64_t n) {
-    if (n > max_capacity) return;  // so is the new capacity; keeps the sum below 2^64
+    if (n > max_capacity) return;  // the new capacity would be too; avoids sums of 2^64 and more
     const uint64_t needed = _chars.size() + n;
     if (!_has_block || needed > _capacity - 1) {
       const uint64_t capacity = needed <= 15999 ? needed * 2 : needed + needed / 2;

@@ -1,5 +1,4 @@
-// For LD_PRELOAD: time() runs a hundred times as fast as the clock, so that a worker looks at every turn and not every
-// ten seconds.
+// For LD_PRELOAD: time() runs a hundred times as fast, so that a worker polls in every round.
 #include <chrono>
 #include <ctime>
 

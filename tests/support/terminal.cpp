@@ -13,7 +13,7 @@ std::string joined(const std::vector<std::string>& lines) {
   return all;
 }
 
-// A server that was told to end takes a moment: the next one gets another socket.
+// A tmux server does not end at once, so the next one gets another socket.
 std::string fresh_socket(const std::string& directory) {
   static int count = 0;
   return directory + "/terminal" + std::to_string(++count);
@@ -21,8 +21,8 @@ std::string fresh_socket(const std::string& directory) {
 
 }  // namespace
 
-// The leak check stops its process the way a debugger does, and the SIGCONT that tmux sends to what it ends lets it
-// wait for ever. What runs without a terminal is checked.
+// The leak check stops its process like a debugger. A SIGCONT from tmux would make it wait forever. Programs without a
+// terminal are checked.
 terminal::terminal(const std::string& directory, int width, int height) : _socket(fresh_socket(directory)) {
   tmux({"-f", "/dev/null", "new", "-d", "-x", std::to_string(width), "-y", std::to_string(height),
         "env PS1='$ ' ASAN_OPTIONS=detect_leaks=0 sh"});
@@ -55,7 +55,7 @@ std::vector<std::string> terminal::await(const std::function<bool(const std::vec
     seen = lines();
     return condition(seen);
   };
-  if (!eventually(holds)) throw std::runtime_error("waited in vain; the screen:\n" + joined(seen));
+  if (!eventually(holds)) throw std::runtime_error("timeout; the screen:\n" + joined(seen));
   return seen;
 }
 

@@ -1,4 +1,4 @@
-// A terminal of its own with a shell in it, held by tmux.
+// A terminal with a shell, run by tmux.
 #pragma once
 
 #include <functional>
@@ -17,21 +17,21 @@ class terminal {
   /// Types the text and then the key: a name of tmux such as "Enter", "C-c", "PPage".
   void type(const std::string& text);
   void press(const std::string& key);
-  /// All of them in one write.
+  /// Types several keys in one write.
   void press_at_once(std::vector<std::string> keys);
   void resize(int width, int height);
 
   /// The screen's lines, without the empty ones at its end.
   std::vector<std::string> lines() const;
-  /// Waits until the condition holds for the screen's lines; those lines.
+  /// Waits until the condition holds for the screen's lines, and returns them.
   std::vector<std::string> await(const std::function<bool(const std::vector<std::string>&)>& condition) const;
   /// Waits for a line that contains the text.
   std::vector<std::string> await(const std::string& text) const;
 
-  /// Whether a program has the second screen, and whether the cursor is seen.
+  /// Whether a program uses the alternate screen, and whether the cursor is visible.
   bool is_alternate() const { return format("#{alternate_on}") == "1"; }
   bool has_cursor() const { return format("#{cursor_flag}") == "1"; }
-  /// Closes the terminal under whatever runs in it.
+  /// Closes the terminal while programs run in it.
   void hang_up();
 
  private:

@@ -1,4 +1,4 @@
-// Texts in pieces.
+// Splitting and joining texts.
 #pragma once
 
 #include <fstream>
@@ -18,7 +18,7 @@ inline texts split(const std::string& text, char separator) {
 
 inline texts lines(const std::string& text) { return split(text, '\n'); }
 
-/// Empty when there is no such file.
+/// The file's contents; empty if it does not exist.
 inline std::string read_file(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   return {std::istreambuf_iterator<char>(in), {}};

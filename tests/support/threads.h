@@ -1,4 +1,4 @@
-// The same work in several threads at a time.
+// The same work in several threads.
 #pragma once
 
 #include <functional>

@@ -1,6 +1,6 @@
 /*
- * Preloaded into a program: the first lists that it asks the kernel for, as many as TORN_LISTS says, come with the mark
- * that they changed while they were read. The programs that it starts get them as they are.
+ * Preloaded into a program: marks its first TORN_LISTS address lists from the kernel as changed while they were read.
+ * Does not affect its children.
  */
 #include <linux/netlink.h>
 #include <stdlib.h>
@@ -8,7 +8,7 @@
 
 static int left;
 
-__attribute__((constructor)) static void take_over(void) {
+__attribute__((constructor)) static void initialise(void) {
   const char* torn = getenv("TORN_LISTS");
   left = torn ? atoi(torn) + 1 : 0;
   unsetenv("LD_PRELOAD");

@@ -1,6 +1,6 @@
 /*
- * Preloaded into a program: the file that WALL_CLOCK names sets CLOCK_REALTIME. "=SECONDS.MILLISECONDS" stops it there,
- * "SECONDS" moves it by so much. The programs that it starts have the real clock.
+ * Preloaded into a program: the file $WALL_CLOCK sets CLOCK_REALTIME. "=SECONDS.MILLISECONDS" stops it at that time,
+ * "SECONDS" adds to it. Its children have the real clock.
  */
 #include <fcntl.h>
 #include <stdio.h>
@@ -11,7 +11,7 @@
 
 static char* file;
 
-__attribute__((constructor)) static void take_over(void) {
+__attribute__((constructor)) static void initialise(void) {
   file = getenv("WALL_CLOCK");
   unsetenv("LD_PRELOAD");
 }

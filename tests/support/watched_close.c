@@ -1,6 +1,6 @@
 /*
- * Preloaded into a program: writes a line into the file that CLOSE_ERRORS names for each descriptor that is closed
- * though it is not open. The programs that it starts are not watched.
+ * Preloaded into a program: writes a line into the file $CLOSE_ERRORS for each close of a descriptor that is not open.
+ * Does not affect its children.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -11,7 +11,7 @@
 
 static char* file;
 
-__attribute__((constructor)) static void take_over(void) {
+__attribute__((constructor)) static void initialise(void) {
   file = getenv("CLOSE_ERRORS");
   unsetenv("LD_PRELOAD");
 }

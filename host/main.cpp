@@ -11,6 +11,7 @@
 
 #include "host/commands/commands.h"
 #include "host/report.h"
+#include "host/systemd.h"
 
 namespace {
 
@@ -34,6 +35,7 @@ int unblocked(int fd) {
 const char* reason_of(int error) { return error == ETIME ? "timed out waiting for the reader" : std::strerror(error); }
 
 int carry_out(event_loop& l, const options& o, output& out, output& err) {
+  systemd manager;
   const plugin p = load_plugin(o.plugin);
   process_launcher programs;
   kernel_address_list addresses;
@@ -49,7 +51,7 @@ int carry_out(event_loop& l, const options& o, output& out, output& err) {
     case command::run:
       break;
   }
-  return run({l, programs, addresses}, p, o, out, err);
+  return run({l, programs, addresses}, manager, p, o, out, err);
 }
 
 int reply(const answer& a, output& out, output& err) {
@@ -70,7 +72,7 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
 
 int serve(event_loop& l, int argc, char** argv) {
   output out(l, unblocked(STDOUT_FILENO));
-  output err(l, unblocked(STDERR_FILENO));
+  output err(l, unblocked(STDERR_FILENO), is_journal(STDERR_FILENO));
   int status = obey(l, argc, argv, out, err);
   drain_or_die(l, out, err);
   if (out.error() != 0) {

@@ -3,3 +3,8 @@
 #include "host/display/text.h"
 
 std::string report_line(const std::string& what) { return printable("dachost: " + what); }
+
+void report(output& err, const std::string& what, severity s) {
+  const std::string level = err.is_journal() ? '<' + std::to_string(static_cast<int>(s)) + '>' : "";
+  err.line(level + report_line(what));
+}

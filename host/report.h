@@ -5,6 +5,10 @@
 
 #include "host/loop/output.h"
 
+/// As the journal has them.
+enum class severity { error = 3, warning = 4, info = 6 };
+
 /// The printable line that reports an error.
 std::string report_line(const std::string& what);
-inline void report(output& err, const std::string& what) { err.line(report_line(what)); }
+/// Writes that line; to the journal, with its level. Lines on standard error carry no time.
+void report(output& err, const std::string& what, severity s = severity::error);

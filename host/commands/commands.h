@@ -1,4 +1,5 @@
-// The sub-commands. Each returns the exit status: 0, or 1 when it failed.
+// The sub-commands. Each returns the exit status: 0, 1 when it failed, or of run and top EX_CONFIG (78) when they have
+// started nothing because a file was refused.
 #pragma once
 
 #include <string>
@@ -9,8 +10,10 @@
 #include "host/instances/plugin.h"
 #include "host/instances/supervisor.h"
 #include "host/loop/output.h"
+#include "host/systemd.h"
 
-int run(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err);
+int run(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
+        output& err);
 int top(event_loop& l, const plugin& p, const options& o, output& out, output& err);
 int check(const plugin& p, const std::vector<std::string>& files, output& out);
 int tags(const plugin& p, const std::vector<std::string>& files, output& out, output& err);

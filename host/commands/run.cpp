@@ -1,8 +1,11 @@
 // run: prints what the instances report, and passes their values to a hook.
+#include <sysexits.h>
+
 #include <algorithm>
 #include <memory>
 
 #include "host/commands/commands.h"
+#include "host/commands/run_status.h"
 #include "host/display/printer.h"
 #include "host/instances/supervisor.h"
 #include "host/report.h"
@@ -11,7 +14,8 @@ namespace {
 
 class runner : fleet_observer {
  public:
-  runner(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err)
+  runner(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
+         output& err)
       : _loop(e.loop),
         _plugin(p),
         _options(o),
@@ -21,6 +25,7 @@ class runner : fleet_observer {
         _hooks(e, o.hook, o.files.size(), *_printer, err),
         _tag_names(o.files.size()),
         _has_published(o.files.size()),
+        _status(e.loop, m, instance_names(o.files)),
         _supervisor(e.loop, p, o.files, *this) {}
 
   int run();
@@ -29,7 +34,9 @@ class runner : fleet_observer {
   void on_tag(size_t i, const tag& t) override;
   void on(const event& e, const value& v) override;
   void on(const event& e, const message& m) override { _printer->log(e.time, name(e.index), m); }
-  void on_refused(size_t /*i*/, const std::string& what) override { report(_err, what); }
+  void on_refused(size_t i, const std::string& what) override;
+  void on_reload() override { _status.on_reload(); }
+  void on_loaded() override { _status.on_ready(); }
 
   bool is_done() const;
   const std::string& name(size_t i) const { return _supervisor.instances().name(i); }
@@ -43,6 +50,7 @@ class runner : fleet_observer {
   hook_runner _hooks;
   std::vector<std::string> _tag_names;  // by file
   std::vector<bool> _has_published;     // by file
+  run_status _status;
   supervisor _supervisor;
 };
 
@@ -55,6 +63,7 @@ int runner::run() {
   bool is_over = false;
   const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
   _loop.run_until([&] { return is_over || is_done(); });
+  _status.on_stop();
   const bool is_stopped = _supervisor.stop();
   _hooks.close();
   _loop.run_until([this] { return _hooks.is_idle(); });
@@ -64,16 +73,24 @@ int runner::run() {
 
 void runner::on_tag(size_t i, const tag& t) {
   _tag_names[i] = t.name;
+  _status.on_tag(i, t.name);
   _printer->print({_loop.wall_time(),
                    name(i),
                    "tag",
                    {{"tag", t.name}, {"type", t.type}, {"flag", t.flag}, {"text1", t.text1}, {"text2", t.text2}}});
 }
 
+void runner::on_refused(size_t i, const std::string& what) {
+  const bool has_old = _supervisor.instances().get(i);
+  report(_err, what, has_old ? severity::warning : severity::error);
+  _status.on_refused(i, what);
+}
+
 // A record holds only the beginning of a long name; the hook gets the whole name.
 void runner::on(const event& e, const value& v) {
   _printer->print({e.time, name(e.index), "value", {{"tag", v.tag}, {"type", v.type, false}, {"value", v.text}}});
   _has_published[e.index] = true;
+  _status.on_value(e.index, e.time, v.text);
   const std::string& whole = _tag_names[e.index];
   const bool is_cut = v.tag.size() >= DAC_NAME_SIZE - 1 && whole.starts_with(v.tag);
   _hooks.submit(e.index, {e.time, name(e.index), is_cut ? whole : v.tag, v.text});
@@ -87,8 +104,9 @@ bool runner::is_done() const {
 
 }  // namespace
 
-int run(const hook_runner::environment& e, const plugin& p, const options& o, output& out, output& err) {
-  return runner(e, p, o, out, err).run();
+int run(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
+        output& err) {
+  return runner(e, m, p, o, out, err).run();
 }
 
 int finish(event_loop& l, const supervisor& s, bool is_stopped, output& out, output& err) {
@@ -100,7 +118,7 @@ int finish(event_loop& l, const supervisor& s, bool is_stopped, output& out, out
   if (!s.failure().empty()) report(err, s.failure());
   if (s.has_refused() || !s.failure().empty()) {
     drain_or_die(l, out, err);
-    return 1;
+    return s.has_refused() ? EX_CONFIG : 1;
   }
   drain(l, out, err, [&s] { return s.is_to_stop(); });
   return 0;

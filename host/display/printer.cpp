@@ -66,10 +66,11 @@ class json_printer : public printer {
 std::unique_ptr<printer> make_text_printer(output& out) { return std::make_unique<text_printer>(out); }
 
 // Encodes the text as a JSON string, which replaces bytes that are not UTF-8, and decodes it again.
-std::string json_line(const std::string& document) {
-  const std::string text = json(document).dump(-1, ' ', false, json::error_handler_t::replace);
-  return printable_json(json::parse(text).get<std::string>());
+std::string valid_utf8(const std::string& text) {
+  return json::parse(json(text).dump(-1, ' ', false, json::error_handler_t::replace)).get<std::string>();
 }
+
+std::string json_line(const std::string& document) { return printable_json(valid_utf8(document)); }
 
 std::unique_ptr<printer> make_json_printer(output& out, output& err) {
   return std::make_unique<json_printer>(out, err);

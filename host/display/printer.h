@@ -29,6 +29,9 @@ class printer : public interface {
   virtual void log(std::chrono::system_clock::time_point time, const std::string& instance, const message& m) = 0;
 };
 
+/// The text with U+FFFD in place of bytes that are not UTF-8.
+std::string valid_utf8(const std::string& text);
+
 /// A JSON document of the plug-in as a valid line without control characters.
 std::string json_line(const std::string& document);
 

@@ -51,6 +51,7 @@ void supervisor::start_all() {
 }
 
 void supervisor::load() {
+  if (_state == state::running) _observer.on_reload();
   _state = state::loading;
   _loop.run_in_background([this, files = std::exchange(_to_load, {})]() -> event_loop::task {
     return [this, files, made = create(files)] { on_created(files, made); };
@@ -144,7 +145,9 @@ void supervisor::settle() {
   if (_state == state::stuck) return;
   if (_state == state::stopping) return stop_fleet();
   _state = state::running;
-  if (!_to_load.empty() && !is_to_stop()) load();
+  if (is_to_stop()) return;
+  if (_to_load.empty()) return _observer.on_loaded();
+  load();
 }
 
 void supervisor::dispatch(const event& e) {

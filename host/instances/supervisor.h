@@ -19,6 +19,10 @@ class fleet_observer : public interface {
   virtual void on(const event& e, const message& m) = 0;
   /// File i was refused: the reason and the consequence.
   virtual void on_refused(size_t i, const std::string& what) = 0;
+  /// The files are read again.
+  virtual void on_reload() {}
+  /// The instances run, also those whose new files were refused.
+  virtual void on_loaded() {}
 };
 
 /// Calls into the plug-in that may block run in the background, so that they never delay a signal.

@@ -8,7 +8,7 @@ constexpr auto drain_timeout = std::chrono::seconds(1);
 
 }  // namespace
 
-output::output(event_loop& l, int fd) : _loop(l), _fd(fd) { watch(_watched); }
+output::output(event_loop& l, int fd, bool is_journal) : _loop(l), _fd(fd), _is_journal(is_journal) { watch(_watched); }
 
 void output::line(std::string_view text) {
   if (_error != 0) return;

@@ -11,7 +11,9 @@
 /// failure lines are dropped.
 class output {
  public:
-  output(event_loop& l, int fd);
+  /// The journal takes a level in front of each line.
+  output(event_loop& l, int fd, bool is_journal = false);
+  bool is_journal() const { return _is_journal; }
 
   void line(std::string_view text);
   /// Bytes without an end of line, as a terminal's screen needs them.
@@ -27,6 +29,7 @@ class output {
  private:
   event_loop& _loop;
   int _fd;
+  bool _is_journal;
   int _error = 0;
   std::string _waiting;
   size_t _sent = 0;  // bytes of _waiting

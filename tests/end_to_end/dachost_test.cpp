@@ -653,12 +653,12 @@ TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
   const std::string told_why = "dachost: not config hostname in " + bad + name_it + "; nothing is started\n";
   const texts failure = {tabbed({"bad", "failure", "not config hostname in " + bad})};
   const ending text = ask({"run", a, bad});
-  EXPECT_EQ(text.status, 1);
+  EXPECT_EQ(text.status, 78);
   EXPECT_EQ(text.err, told_why);
   EXPECT_EQ(lines(text.out).size(), 2U) << text.out;
   EXPECT_EQ(lines_of(text.out, "failure"), failure);
   const ending objects = ask({"run", "--json", a, bad});
-  EXPECT_EQ(objects.status, 1);
+  EXPECT_EQ(objects.status, 78);
   EXPECT_EQ(lines(objects.out).size(), 1U) << objects.out;
   EXPECT_TRUE(objects.err.starts_with(told_why)) << objects.err;
   EXPECT_EQ(lines_of(objects.err.substr(told_why.size()), "failure"), failure);
@@ -667,7 +667,7 @@ TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
 TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
   const std::string a = file("a.conf", ""), mute = file("mute.conf", "refuse");
   const ending e = ask_fake({"run", a, mute});
-  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.status, 78);
   EXPECT_EQ(e.err,
             "dachost: " + mute +
                 ": refused without a reason; the plug-in may have no room for another instance; nothing is started\n");

@@ -163,7 +163,7 @@ TEST_F(top, starts_nothing_when_a_file_is_refused) {
   dir.file("", "a.conf");
   dir.file("refuse for a reason", "bad.conf");
   const ending e = start("a.conf bad.conf").end();
-  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.status, 78);
   EXPECT_EQ(e.out, "");
   EXPECT_EQ(e.err, "dachost: bad.conf: for a reason; nothing is started\n");
   EXPECT_EQ(journal().back(), "destroy a 0");

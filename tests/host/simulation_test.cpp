@@ -687,6 +687,12 @@ void check_end(const world& w, const output& out, bool is_exit) {
   for (const posted& p : w.queue) w.expect(p.what.line.empty(), "a report is not passed on");
 }
 
+class no_manager : public service_manager {
+  bool is_present() const override { return false; }
+  std::chrono::microseconds watchdog() const override { return {}; }
+  bool notify(const std::string& /*lines*/) override { throw std::logic_error("no manager is present"); }
+};
+
 // Background work ends with the process.
 class process_end {
  public:
@@ -710,11 +716,12 @@ void run_one(world& w) {
   const simulated_plugin driver(w);
   const plugin p = driver.entry_points();
   const process_end last(w);
+  no_manager manager;
   output out(loop, 1);
   output err(loop, 2);
   bool is_exit = false;
   try {
-    run({loop, programs, addresses}, p, w.how, out, err);
+    run({loop, programs, addresses}, manager, p, w.how, out, err);
   } catch (const exited&) {
     is_exit = true;
     w.expect(w.hangs, "it exits though the plug-in returns");

@@ -38,6 +38,7 @@ class supervisors : public testing::Test, public fleet_observer {
   std::string not_started;               // a file
   size_t room = 1000;
   int last_handle = -1;
+  texts phases;
   std::unique_ptr<supervisor> s;
 
   supervisors() {
@@ -119,6 +120,8 @@ class supervisors : public testing::Test, public fleet_observer {
     note("message " + std::to_string(e.index) + ' ' + std::to_string(m.level) + ' ' + m.text);
   }
   void on_refused(size_t i, const std::string& what) override { note("refused " + std::to_string(i) + ' ' + what); }
+  void on_reload() override { phases.emplace_back("reload"); }
+  void on_loaded() override { phases.emplace_back("loaded"); }
 };
 
 const texts started = {"create a of a.conf",
@@ -248,6 +251,25 @@ TEST_F(supervisors, a_reason_is_no_lack_of_room) {
   reports["b.conf"] = {"failure bad"};
   reload();
   EXPECT_EQ(noted()[2], "refused 1 b.conf: bad" + std::string(missing) + "; the old instance continues");
+}
+
+TEST_F(supervisors, a_reload_begins_and_ends_once_also_when_all_files_are_refused) {
+  make();
+  s->start_all();
+  EXPECT_EQ(phases, texts{"loaded"});
+  reload();
+  EXPECT_EQ(phases, (texts{"loaded", "reload", "loaded"}));
+  refused = {"a.conf", "b.conf"};
+  reload();
+  EXPECT_EQ(phases, (texts{"loaded", "reload", "loaded", "reload", "loaded"}));
+}
+
+TEST_F(supervisors, nothing_is_loaded_when_a_file_is_refused_at_the_start) {
+  refused = {"a.conf"};
+  make();
+  s->start_all();
+  EXPECT_TRUE(s->stop());
+  EXPECT_EQ(phases, texts{});
 }
 
 TEST_F(supervisors, SIGHUP_during_a_reload_causes_one_more) {

@@ -1,0 +1,59 @@
+#include "host/display/status.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "host/display/printer.h"
+#include "host/display/text.h"
+
+namespace {
+
+using wall_time = std::chrono::system_clock::time_point;
+
+constexpr size_t most_bytes = 2000;
+
+std::string age(wall_time then, wall_time now) {
+  const auto seconds = std::max<long>(std::chrono::floor<std::chrono::seconds>(now - then).count(), 0);
+  constexpr std::pair<long, const char*> units[] = {{86400, " d ago"}, {3600, " h ago"}, {60, " min ago"}};
+  for (const auto& [length, text] : units)
+    if (seconds >= 2 * length) return std::to_string(seconds / length) + text;
+  return std::to_string(seconds) + " s ago";
+}
+
+std::string describe(const hook_status& h, wall_time now) {
+  const std::string when = ' ' + age(h.time, now);
+  if (h.failures == 0) return "hook ok" + when;
+  return "hook failed" + (h.failures == 1 ? "" : ' ' + std::to_string(h.failures) + " times") + when + ": " + h.what;
+}
+
+std::string describe(const instance_status& s, wall_time now) {
+  std::string line = s.tag + (s.value.empty() ? " not published yet" : " = " + s.value);
+  if (s.hook) line += ", " + describe(*s.hook, now);
+  if (!s.refusal.empty()) line += "; " + s.refusal;
+  return line;
+}
+
+// How many there are, and what the first of them is.
+template <class P, class T>
+std::string summary(const std::vector<instance_status>& all, const P& belongs, const char* name, const T& text) {
+  const auto first = std::find_if(all.begin(), all.end(), belongs);
+  if (first == all.end()) return "";
+  return "; " + std::to_string(std::count_if(first, all.end(), belongs)) + name + ", the first: " + text(*first);
+}
+
+std::string describe(const std::vector<instance_status>& all, wall_time now) {
+  const auto is_published = [](const instance_status& s) { return !s.value.empty(); };
+  const auto is_failing = [](const instance_status& s) { return s.hook && s.hook->failures > 0; };
+  const auto is_refused = [](const instance_status& s) { return !s.refusal.empty(); };
+  return std::to_string(all.size()) + " instances, " +
+         std::to_string(std::count_if(all.begin(), all.end(), is_published)) + " published" +
+         summary(all, is_failing, " hooks failing",
+                 [now](const instance_status& s) { return s.instance + ": " + describe(*s.hook, now); }) +
+         summary(all, is_refused, " files refused", [](const instance_status& s) { return s.refusal; });
+}
+
+}  // namespace
+
+std::string status_line(const std::vector<instance_status>& all, wall_time now) {
+  return valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now)).substr(0, most_bytes));
+}

@@ -1,0 +1,25 @@
+// What an operator wants to know about the instances of a run.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct hook_status {
+  std::chrono::system_clock::time_point time;  // of the last end
+  int failures = 0;                            // in a row; 0 after a success
+  std::string what;                            // the last result, "" after a success
+};
+
+struct instance_status {
+  std::string instance;
+  std::string tag;
+  std::string value;                                               // empty: not published yet
+  std::optional<std::chrono::system_clock::time_point> published;  // the last time
+  std::optional<hook_status> hook;                                 // none before the first end
+  std::string refusal;                                             // of its file at the last reload, or ""
+};
+
+/// One line without control characters, about a single instance in full, about several in numbers, at most 2000 bytes.
+std::string status_line(const std::vector<instance_status>& all, std::chrono::system_clock::time_point now);

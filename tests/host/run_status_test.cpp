@@ -1,0 +1,221 @@
+// What the service manager learns about a run, step by step in virtual time.
+#include "host/commands/run_status.h"
+
+#include <gtest/gtest.h>
+
+#include <utility>
+
+#include "tests/host/scripted_loop.h"
+
+using namespace std::chrono_literals;
+using texts = std::vector<std::string>;
+
+namespace {
+
+class scripted_manager : public service_manager {
+ public:
+  bool present = true;
+  bool accepts = true;
+  std::chrono::microseconds interval{0};
+  texts sent;
+
+  bool is_present() const override { return present; }
+  std::chrono::microseconds watchdog() const override { return interval; }
+  bool notify(const std::string& lines) override {
+    if (accepts) sent.push_back(lines);
+    return accepts;
+  }
+};
+
+class run_statuses : public testing::Test {
+ protected:
+  scripted_loop loop;
+  scripted_manager manager;
+  std::unique_ptr<run_status> status;
+
+  void make(const texts& instances = {"gw"}) {
+    status = std::make_unique<run_status>(loop, manager, instances);
+    for (size_t i = 0; i < instances.size(); ++i) status->on_tag(i, instances[i] + ".example");
+    status->on_ready();
+    loop.pass(0s);
+    manager.sent.clear();
+  }
+  void publish(size_t i = 0, const std::string& value = "2001:db8::10") { status->on_value(i, loop.wall, value); }
+  /// What has been sent last, after the time has passed.
+  std::string after(std::chrono::nanoseconds n) {
+    loop.pass(n);
+    loop.wall += std::chrono::duration_cast<wall_clock::duration>(n);
+    return manager.sent.empty() ? "" : manager.sent.back();
+  }
+  /// The watchdog was pinged during that time.
+  bool is_pinged(std::chrono::nanoseconds n) {
+    manager.sent.clear();
+    loop.pass(n);
+    for (const std::string& s : manager.sent)
+      if (s.find("WATCHDOG=1\n") != std::string::npos) return true;
+    return false;
+  }
+};
+
+}  // namespace
+
+TEST_F(run_statuses, READY_is_sent_with_the_first_status) {
+  status = std::make_unique<run_status>(loop, manager, texts{"gw"});
+  status->on_tag(0, "gw.example");
+  EXPECT_EQ(manager.sent, texts{});
+  status->on_ready();
+  ASSERT_FALSE(manager.sent.empty());
+  EXPECT_EQ(manager.sent[0], "READY=1\nSTATUS=gw.example not published yet");
+}
+
+TEST_F(run_statuses, nothing_is_sent_and_no_timer_runs_without_a_manager) {
+  manager.present = false;
+  make();
+  publish();
+  loop.pass(10s);
+  status->on_reload();
+  status->on_stop();
+  EXPECT_EQ(manager.sent, texts{});
+  EXPECT_EQ(loop.timers(), 0U);
+}
+
+TEST_F(run_statuses, a_value_is_reported_and_many_at_most_once_a_second) {
+  make();
+  loop.pass(1s);
+  publish();
+  EXPECT_EQ(after(0s), "STATUS=gw.example = 2001:db8::10");
+  for (int n = 0; n < 100; ++n) publish(0, "2001:db8::" + std::to_string(n));
+  EXPECT_EQ(after(999ms), "STATUS=gw.example = 2001:db8::10");
+  EXPECT_EQ(after(1ms), "STATUS=gw.example = 2001:db8::99");
+  EXPECT_EQ(manager.sent.size(), 2U);
+}
+
+TEST_F(run_statuses, a_hook_is_reported_with_its_age_which_is_renewed) {
+  make();
+  loop.pass(1s);
+  publish();
+  EXPECT_EQ(status->on_hook(0, loop.wall, ""), "");
+  EXPECT_EQ(after(0s), "STATUS=gw.example = 2001:db8::10, hook ok 0 s ago");
+  loop.wall += 12s;
+  EXPECT_EQ(after(10s), "STATUS=gw.example = 2001:db8::10, hook ok 12 s ago");
+}
+
+TEST_F(run_statuses, a_hook_that_works_again_is_reported_with_its_failures_and_their_time) {
+  make();
+  EXPECT_EQ(status->on_hook(0, loop.wall, "exit status 1"), "");
+  EXPECT_EQ(after(1s), "STATUS=gw.example not published yet, hook failed 0 s ago: exit status 1");
+  loop.pass(59s);
+  EXPECT_EQ(status->on_hook(0, loop.wall, "exit status 2"), "");
+  EXPECT_EQ(status->on_hook(0, loop.wall, "exit status 3"), "");
+  EXPECT_EQ(after(1s), "STATUS=gw.example not published yet, hook failed 3 times 0 s ago: exit status 3");
+  loop.pass(79s);
+  EXPECT_EQ(status->on_hook(0, loop.wall, ""), "works again after 3 failures, 00:02:20");
+  EXPECT_EQ(status->on_hook(0, loop.wall, ""), "");
+  EXPECT_EQ(status->on_hook(0, loop.wall, "exit status 1"), "");
+  loop.pass(3h + 61s);
+  EXPECT_EQ(status->on_hook(0, loop.wall, ""), "works again after 1 failure, 03:01:01");
+}
+
+TEST_F(run_statuses, a_reload_is_RELOADING_until_READY) {
+  make();
+  status->on_reload();
+  EXPECT_EQ(manager.sent.back(), "RELOADING=1\nMONOTONIC_USEC=1000000000\nSTATUS=gw.example not published yet");
+  status->on_ready();
+  EXPECT_EQ(manager.sent.back(), "READY=1\nSTATUS=gw.example not published yet");
+}
+
+TEST_F(run_statuses, a_refused_reload_is_visible_until_the_file_is_accepted) {
+  make();
+  publish();
+  status->on_refused(0, "bad\nfile; the old instance continues");
+  EXPECT_EQ(after(1s), "STATUS=gw.example = 2001:db8::10; bad\\x0afile; the old instance continues");
+  publish();
+  EXPECT_EQ(after(60s), "STATUS=gw.example = 2001:db8::10; bad\\x0afile; the old instance continues");
+  status->on_tag(0, "new.example");
+  EXPECT_EQ(after(1s), "STATUS=new.example not published yet");
+}
+
+TEST_F(run_statuses, the_watchdog_is_pinged_only_while_every_instance_publishes) {
+  manager.interval = 120s;
+  make({"a", "b"});
+  EXPECT_TRUE(is_pinged(10s)) << "they are new";
+  loop.pass(90s);
+  publish(0);
+  EXPECT_TRUE(is_pinged(30s)) << "b has 130 seconds";
+  EXPECT_FALSE(is_pinged(100s)) << "b is silent";
+  publish(1);
+  EXPECT_FALSE(is_pinged(10s)) << "a has been silent for more than 130 seconds";
+  publish(0);
+  EXPECT_TRUE(is_pinged(10s));
+}
+
+TEST_F(run_statuses, a_new_instance_has_130_seconds_to_publish) {
+  manager.interval = 120s;
+  make();
+  loop.pass(129s);
+  status->on_tag(0, "gw.example");
+  EXPECT_TRUE(is_pinged(130s));
+  EXPECT_FALSE(is_pinged(130s));
+}
+
+TEST_F(run_statuses, the_watchdog_is_pinged_twice_an_interval_and_not_without_one) {
+  manager.interval = 2s;
+  make();
+  for (int n = 0; n < 10; ++n) EXPECT_TRUE(is_pinged(1s));
+  manager.interval = 0s;
+  EXPECT_FALSE(is_pinged(60s) && is_pinged(60s));
+}
+
+TEST_F(run_statuses, a_state_that_was_not_sent_is_sent_again_and_a_ping_is_not) {
+  manager.interval = 120s;
+  manager.accepts = false;
+  make();
+  status->on_reload();
+  status->on_ready();
+  loop.pass(200s);
+  EXPECT_EQ(manager.sent, texts{});
+  manager.accepts = true;
+  EXPECT_EQ(after(10s), "READY=1\nSTATUS=gw.example not published yet");
+  EXPECT_EQ(after(10s), "STATUS=gw.example not published yet");
+}
+
+TEST_F(run_statuses, STOPPING_ends_the_timers) {
+  make();
+  publish();
+  loop.pass(1s);
+  status->on_stop();
+  EXPECT_EQ(manager.sent.back(), "STOPPING=1\nSTATUS=gw.example = 2001:db8::10");
+  EXPECT_EQ(loop.timers(), 0U);
+}
+
+TEST(status_of_several, counts_them_and_names_the_first_failure) {
+  const wall_clock::time_point now{1000s};
+  std::vector<instance_status> all(3);
+  EXPECT_EQ(status_line(all, now), "3 instances, 0 published");
+  all[0].value = "null";
+  all[1] = {"b", "b.example", "::1", now, hook_status{now - 200s, 2, "exit status 1"}, "b.conf: bad"};
+  all[2].hook = {now - 5s, 0, ""};
+  EXPECT_EQ(status_line(all, now),
+            "3 instances, 2 published; 1 hooks failing, the first: b: hook failed 2 times 3 min ago: exit status 1; 1 "
+            "files refused, the first: b.conf: bad");
+}
+
+TEST(status_of_one, has_ages_in_units_that_fit) {
+  const wall_clock::time_point now{1000h};
+  const auto age = [now](std::chrono::seconds s) {
+    const std::string line = status_line({{"a", "a", "v", now, hook_status{now - s, 0, ""}, ""}}, now);
+    return line.substr(line.find("hook ok ") + 8);
+  };
+  EXPECT_EQ(age(-5s), "0 s ago");
+  EXPECT_EQ(age(119s), "119 s ago");
+  EXPECT_EQ(age(120s), "2 min ago");
+  EXPECT_EQ(age(7199s), "119 min ago");
+  EXPECT_EQ(age(2h), "2 h ago");
+  EXPECT_EQ(age(47h), "47 h ago");
+  EXPECT_EQ(age(48h), "2 d ago");
+}
+
+TEST(status_of_one, is_short_printable_UTF_8) {
+  EXPECT_EQ(status_line({{"a", "\xff\x1b", "v", {}, {}, ""}}, {}), "\xef\xbf\xbd\\x1b = v");
+  EXPECT_EQ(status_line({{"a", std::string(5000, 'x'), "v", {}, {}, ""}}, {}), std::string(2000, 'x'));
+}

@@ -184,17 +184,3 @@ TEST_F(exec_limits, DAC_TIME_of_a_retry_is_the_time_of_the_value) {
   texts all = lines(did());
   EXPECT_EQ(std::count(all.begin(), all.end(), "DAC_TIME=" + time), 3) << did();
 }
-
-// ---------------------------------------------------------------- a plug-in that does not return
-
-// Nobody writes into the FIFO, so dac_create waits.
-TEST_F(exec_limits, run_ends_on_a_signal_half_a_minute_after_it_though_the_plugin_does_not_return) {
-  const std::string fifo = dir.path("gw.conf");
-  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
-  process p = run({fifo}, preloaded(SHORT_MINUTES));
-  p.await_out("\tversion\t");
-  p.signal(SIGTERM);
-  const ending e = p.end();
-  EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(e.err, "dachost: the plug-in does not return; the instances are not stopped\n");
-}

@@ -30,6 +30,5 @@ class fleet {
 };
 
 /// Returns the stem of each file. Files that share a stem get their paths instead, and a name that is already taken
-/// gets
-/// "#2", "#3" ... appended.
+/// gets "#2", "#3" ... appended.
 std::vector<std::string> instance_names(const std::vector<std::string>& files);

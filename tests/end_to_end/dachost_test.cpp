@@ -1,4 +1,4 @@
-// The reference host from outside: what it prints, how it ends, what it asks of a plug-in.
+// The reference host from outside: what it prints, how it ends, what it calls in a plug-in.
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <ifaddrs.h>
@@ -82,7 +82,7 @@ texts command_line(const std::string& executable, const texts& args) {
   return argv;
 }
 
-ending dachost_does(const texts& args, const process_settings& s = {}) {
+ending run_dachost(const texts& args, const process_settings& s = {}) {
   return process(command_line(DACHOST, args), s).end();
 }
 
@@ -90,7 +90,7 @@ class dachost : public testing::Test {
  protected:
   std::string path(const std::string& name) const { return _dir.path(name); }
 
-  /// Writes a file below the test's directory; its path.
+  /// Writes a file into the test's directory and returns its path.
   std::string file(const std::string& name, const std::string& text) const {
     fs::create_directories(fs::path(path(name)).parent_path());
     std::ofstream(path(name), std::ios::binary) << text;
@@ -99,16 +99,16 @@ class dachost : public testing::Test {
 
   /// dachost with the plug-in that ships.
   static process start(const texts& args, const process_settings& s = {}) { return start(PLUGIN, args, s); }
-  static ending ask(const texts& args, const process_settings& s = {}) { return start(args, s).end(); }
+  static ending run_to_end(const texts& args, const process_settings& s = {}) { return start(args, s).end(); }
 
-  /// dachost with the plug-in that writes down what the host calls.
+  /// dachost with the plug-in that records the calls of the host.
   process start_fake(const texts& args, const texts& environment = {}) const {
     process_settings s;
     s.environment = environment;
     s.environment.push_back("FAKE_JOURNAL=" + path("journal"));
     return start(FAKE_PLUGIN, args, s);
   }
-  ending ask_fake(const texts& args, const texts& environment = {}) const {
+  ending run_fake_to_end(const texts& args, const texts& environment = {}) const {
     return start_fake(args, environment).end();
   }
   /// Runs gw.conf, writes `text` into it when it has published, hangs up, and ends the run when `await` has returned.
@@ -146,7 +146,7 @@ class dachost : public testing::Test {
     std::erase_if(calls, [&](const std::string& call) { return !call.starts_with(entry + ' '); });
     return calls;
   }
-  /// Each of these instances, and no other, was destroyed once, behind its stop.
+  /// Each of these instances, and no other, was destroyed once, after its stop.
   void expect_gone(const texts& instances) const {
     texts destroyed;
     for (const std::string& i : instances) destroyed.push_back("destroy " + i);
@@ -157,7 +157,7 @@ class dachost : public testing::Test {
     for (const std::string& i : instances)
       EXPECT_LT(std::find(all.begin(), all.end(), "stop " + i), std::find(all.begin(), all.end(), "destroy " + i)) << i;
   }
-  /// What the dynamic loader told below "loader", which is removed.
+  /// The log of the dynamic loader in the files "loader*", which are removed.
   std::string take_loader_log() const {
     std::string log;
     for (const fs::path& f : files_beginning("loader")) {
@@ -167,7 +167,7 @@ class dachost : public testing::Test {
     return log;
   }
 
-  /// A copy of the plug-in in which one entry point is called otherwise.
+  /// A copy of the plug-in in which one entry point has another name.
   std::string plugin_without(const std::string& entry) const {
     std::string bytes = read_file(BARE_PLUGIN);
     const std::string name = '\0' + entry + '\0';
@@ -191,7 +191,7 @@ class dachost : public testing::Test {
   }
 };
 
-/// While it stands, programs that are started get no threads: the stacks they ask for are larger than memory can be.
+/// While it exists, started programs get no threads: they request stacks that are larger than the address space.
 class no_threads {
  public:
   no_threads() {
@@ -216,7 +216,7 @@ class no_threads {
   rlimit _before{};
 };
 
-// What the host says behind the plug-in's reason.
+// What the host adds to the plug-in's reason.
 const std::string name_it = ": a line hostname = NAME is needed, see ip6dns.conf(5)";
 const std::string spell_it = ": none of ' \" ( ) : may be in it, see ip6dns.conf(5)";
 
@@ -264,7 +264,7 @@ TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
   };
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
-    const ending e = dachost_does(r.args);
+    const ending e = run_dachost(r.args);
     expect_usage_error(e);
     EXPECT_NE(e.err.find(r.named), std::string::npos) << e.err;
   }
@@ -273,28 +273,28 @@ TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
 TEST_F(dachost, help_and_version_go_to_standard_output) {
   const struct row {
     texts args;
-    const char* told;
+    const char* text;
   } rows[] = {{{"--help"}, "info"},       {{"run", "--help"}, "--once"}, {{"check", "-h"}, "--plugin"},
               {{"tags", "-h"}, "CONFIG"}, {{"info", "-h"}, "CONFIG"},    {{"--version"}, DAC_VERSION_TEXT}};
   for (const row& r : rows) {
-    const ending e = dachost_does(r.args);
+    const ending e = run_dachost(r.args);
     EXPECT_EQ(e.status, 0);
     EXPECT_EQ(e.err, "");
-    EXPECT_NE(e.out.find(r.told), std::string::npos) << e.out;
+    EXPECT_NE(e.out.find(r.text), std::string::npos) << e.out;
   }
 }
 
 TEST_F(dachost, help_of_each_sub_command_has_an_example_and_the_exit_statuses) {
   for (const std::string command : {"run", "top", "check", "tags", "info"}) {
-    const ending e = dachost_does({command, "--help"});
+    const ending e = run_dachost({command, "--help"});
     EXPECT_NE(e.out.find("\n  dachost " + command + ' '), std::string::npos) << e.out;
     EXPECT_NE(e.out.find("\nExit status: 0 on success"), std::string::npos) << e.out;
   }
 }
 
-TEST_F(dachost, what_is_wrong_with_a_sub_commands_usage_points_to_its_own_help) {
-  EXPECT_TRUE(dachost_does({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help shows the usage)\n"));
-  EXPECT_TRUE(dachost_does({"publish"}).err.ends_with("(dachost --help shows the usage)\n"));
+TEST_F(dachost, a_usage_error_of_a_sub_command_points_to_its_help) {
+  EXPECT_TRUE(run_dachost({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help shows the usage)\n"));
+  EXPECT_TRUE(run_dachost({"publish"}).err.ends_with("(dachost --help shows the usage)\n"));
 }
 
 // ---------------------------------------------------------------- the library
@@ -305,7 +305,7 @@ TEST_F(dachost, a_library_that_cannot_be_loaded_is_named_in_one_line) {
   for (const std::string& library : libraries) {
     for (const char* command : {"run", "check", "tags", "info"}) {
       SCOPED_TRACE(library + ' ' + command);
-      const ending e = dachost_does({command, "-p", library, conf});
+      const ending e = run_dachost({command, "-p", library, conf});
       EXPECT_EQ(e.status, 1);
       EXPECT_EQ(e.out, "");
       EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
@@ -315,14 +315,14 @@ TEST_F(dachost, a_library_that_cannot_be_loaded_is_named_in_one_line) {
   }
 }
 
-TEST_F(dachost, an_entry_point_that_is_lacking_is_named) {
+TEST_F(dachost, a_missing_entry_point_is_named) {
   const std::string conf = file("h.conf", "hostname=h");
   for (const char* entry :
        {"dac_create", "dac_destroy", "dac_start", "dac_stop", "dac_isrun", "dac_devicewriteobj", "dac_devicewriteval",
         "dac_getversion", "dac_getalltags", "dac_getalltagsex", "dac_getinfo", "g_verson"}) {
     SCOPED_TRACE(entry);
     const std::string library = plugin_without(entry);
-    const ending e = dachost_does({"check", "-p", library, conf});
+    const ending e = run_dachost({"check", "-p", library, conf});
     EXPECT_EQ(e.status, 1);
     EXPECT_EQ(e.out, "");
     EXPECT_EQ(e.err, "dachost: " + library + ": lacks the entry point " + entry + "; --plugin FILE names another\n");
@@ -356,10 +356,10 @@ TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
 
 // ---------------------------------------------------------------- check, tags, info
 
-TEST_F(dachost, check_tells_the_host_name_of_each_file) {
+TEST_F(dachost, check_prints_the_host_name_of_each_file) {
   const std::string a = file("a.conf", "hostname = a.example ; comment\n");
   const std::string b = file("b.conf", "[any]\nHOSTNAME=my host\n");
-  const ending e = ask({"check", a, b});
+  const ending e = run_to_end({"check", a, b});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.out, a + ": ok, host name a.example\n" + b + ": ok, host name my host\n");
   EXPECT_EQ(e.err, "");
@@ -367,17 +367,17 @@ TEST_F(dachost, check_tells_the_host_name_of_each_file) {
 
 TEST_F(dachost, check_takes_the_sample_configuration) {
   const std::string sample = SOURCE_DIR "/examples/ip6dns.conf";
-  const ending e = ask({"check", sample});
+  const ending e = run_to_end({"check", sample});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.out, sample + ": ok, host name gateway.example\n");
 }
 
-TEST_F(dachost, check_prints_the_plugins_own_message_and_what_to_do_and_goes_on) {
+TEST_F(dachost, check_prints_the_plugins_message_with_a_remedy_and_continues) {
   const std::string missing = path("missing.conf");
   const std::string unnamed = file("unnamed.conf", "host=h");
   const std::string colon = file("colon.conf", "hostname=a:b");
   const std::string good = file("good.conf", "hostname=h");
-  const ending e = ask({"check", missing, path(""), unnamed, colon, good});
+  const ending e = run_to_end({"check", missing, path(""), unnamed, colon, good});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out),
             (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
@@ -389,11 +389,11 @@ TEST_F(dachost, check_names_stray_text_in_front_of_the_host_name) {
   const std::string hidden = file("hidden.conf", "# Pump house\nGateway 3\nhostname = a\n");
   const std::string second = file("second.conf", "hostname = a\nGateway 3\nhostname = b\n");
   const std::string line_2 = "line 2 hides hostname: \"Gateway 3\"; begin comments with #";
-  const ending e = ask({"check", hidden, second});
+  const ending e = run_to_end({"check", hidden, second});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out),
             (texts{"not config hostname in " + hidden + ": " + line_2, second + ": ok, host name a, but " + line_2}));
-  EXPECT_EQ(ask({"run", "--once", hidden}).err,
+  EXPECT_EQ(run_to_end({"run", "--once", hidden}).err,
             "dachost: not config hostname in " + hidden + ": " + line_2 + "; nothing is started\n");
 }
 
@@ -401,7 +401,7 @@ TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
   const std::string conf = file("gw.conf", "hostname=h");
   texts args = {"check", "-p", BARE_PLUGIN};
   args.insert(args.end(), 1025, conf);
-  const ending e = dachost_does(args);
+  const ending e = run_dachost(args);
   EXPECT_EQ(e.status, 1);
   const texts out = lines(e.out);
   ASSERT_EQ(out.size(), 1025U);
@@ -430,18 +430,18 @@ TEST_F(dachost, a_file_whose_name_begins_with_a_dash_goes_after_two_dashes) {
 
 TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
   const std::string mute = file("mute.conf", "refuse");
-  const ending e = ask_fake({"check", mute});
+  const ending e = run_fake_to_end({"check", mute});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(e.out, mute + ": refused without a reason; the plug-in may have no room for another instance\n");
 }
 
-TEST_F(dachost, what_is_asked_of_an_instance_is_asked_of_a_stopped_one_that_is_then_destroyed) {
+TEST_F(dachost, check_tags_and_info_create_a_stopped_instance_and_destroy_it) {
   const std::string a = file("a.conf", "");
   const std::string b = file("b.conf", "");
   for (const std::string command : {"check", "tags", "info"}) {
     SCOPED_TRACE(command);
     fs::remove(path("journal"));
-    EXPECT_EQ(ask_fake({command, a, b}).status, 0);
+    EXPECT_EQ(run_fake_to_end({command, a, b}).status, 0);
     texts calls = journal();
     std::erase_if(calls, [](const std::string& call) { return call.starts_with("stop"); });
     EXPECT_EQ(calls, command == "check" ? (texts{"create a 0", "create b 1", "destroy a 0", "destroy b 1"})
@@ -468,13 +468,13 @@ TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
 
 TEST_F(dachost, a_file_with_two_brackets_is_one_file_when_it_has_a_directory) {
   const std::string file_name = file("[a,b]", "hostname=h");
-  EXPECT_EQ(ask({"check", file_name}).out, file_name + ": ok, host name h\n");
+  EXPECT_EQ(run_to_end({"check", file_name}).out, file_name + ": ok, host name h\n");
 }
 
 TEST_F(dachost, control_characters_are_printed_as_their_codes) {
   const std::string conf = file("h.conf", "hostname=a\x1b[1mb\tc\x7f\xc3\xa4");
-  EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name a\\x1b[1mb\\x09c\\x7f\xc3\xa4\n");
-  EXPECT_EQ(ask({"tags", conf}).out, conf + "\ta\\x1b[1mb\\x09c\\x7f\xc3\xa4\t6\t1\t\tipv6 address\n");
+  EXPECT_EQ(run_to_end({"check", conf}).out, conf + ": ok, host name a\\x1b[1mb\\x09c\\x7f\xc3\xa4\n");
+  EXPECT_EQ(run_to_end({"tags", conf}).out, conf + "\ta\\x1b[1mb\\x09c\\x7f\xc3\xa4\t6\t1\t\tipv6 address\n");
 }
 
 // In UTF-8, U+0080 to U+009F are two bytes; terminals obey U+009B as they obey ESC and '['.
@@ -483,8 +483,8 @@ TEST_F(dachost, control_characters_of_two_bytes_are_printed_as_their_codes) {
                                 "hostname=\xc2\x80\xc2\x9b"
                                 "1m\xc2\x9f\xc2\xa0\xc3\x9b");
   const std::string printed = "\\xc2\\x80\\xc2\\x9b1m\\xc2\\x9f\xc2\xa0\xc3\x9b";
-  EXPECT_EQ(ask({"check", conf}).out, conf + ": ok, host name " + printed + '\n');
-  const ending e = ask({"run", "--once", conf});
+  EXPECT_EQ(run_to_end({"check", conf}).out, conf + ": ok, host name " + printed + '\n');
+  const ending e = run_to_end({"run", "--once", conf});
   EXPECT_EQ(lines_of(e.out, "tag"), texts{tag_line("h", printed)});
   EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("h", printed)});
   EXPECT_EQ(e.out.find('\x9b'), e.out.find("\xc3\x9b") + 1) << "that of another character";
@@ -494,10 +494,10 @@ TEST_F(dachost, json_has_no_raw_control_character_and_is_valid_for_any_host_name
   const std::string name = "a\x1b[1m\x7f\xc2\x9b\tb\\\xc3\xa4\xff";
   const std::string read = "a\x1b[1m\x7f\xc2\x9b\tb\\\xc3\xa4\xef\xbf\xbd";
   const std::string conf = file("h.conf", "hostname=" + name);
-  texts documents = lines(ask({"info", conf}).out);
+  texts documents = lines(run_to_end({"info", conf}).out);
   ASSERT_EQ(documents.size(), 1U);
   EXPECT_EQ(json::parse(documents[0])["host"], read) << documents[0];
-  for (const std::string& line : lines(ask({"run", "--once", "--json", conf}).out)) {
+  for (const std::string& line : lines(run_to_end({"run", "--once", "--json", conf}).out)) {
     documents.push_back(line);
     EXPECT_EQ(json::parse(line).value("tag", read), read) << line;
   }
@@ -509,7 +509,7 @@ TEST_F(dachost, tags_lists_what_the_plugin_reports) {
   const std::string a = file("a.conf", "hostname=a.example");
   const std::string bad = file("bad.conf", "");
   const std::string b = file("b.conf", "hostname=" + std::string(200, 'b'));
-  const ending e = ask({"tags", a, bad, b});
+  const ending e = run_to_end({"tags", a, bad, b});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out), (texts{a + "\ta.example\t6\t1\t\tipv6 address",
                                  b + '\t' + std::string(200, 'b') + "\t6\t1\t\tipv6 address"}));
@@ -520,7 +520,7 @@ TEST_F(dachost, info_prints_the_status_document_whole) {
   const std::string a = file("a.conf", "hostname=a.example/x");
   const std::string bad = file("bad.conf", "");
   const std::string b = file("b.conf", "hostname=" + std::string(5000, 'b'));
-  const ending e = ask({"info", a, bad, b});
+  const ending e = run_to_end({"info", a, bad, b});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out), (texts{R"({"status":"stop","host":"a.example\/x"})",
                                  R"({"status":"stop","host":")" + std::string(5000, 'b') + R"("})"}));
@@ -530,7 +530,7 @@ TEST_F(dachost, info_prints_the_status_document_whole) {
 // ---------------------------------------------------------------- run: what is printed
 
 TEST_F(dachost, run_prints_version_tags_messages_and_values) {
-  const ending e = ask({"run", "--once", file("gw.conf", "hostname=gw.example")});
+  const ending e = run_to_end({"run", "--once", file("gw.conf", "hostname=gw.example")});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
   texts out = lines(e.out);
@@ -543,7 +543,7 @@ TEST_F(dachost, run_prints_version_tags_messages_and_values) {
 TEST_F(dachost, every_line_begins_with_the_time) {
   const auto now = [] { return std::chrono::system_clock::now(); };
   const auto before = std::chrono::floor<std::chrono::seconds>(now());
-  const ending e = ask({"run", "--once", file("gw.conf", "hostname=gw.example")});
+  const ending e = run_to_end({"run", "--once", file("gw.conf", "hostname=gw.example")});
   for (const std::string& line : lines(e.out)) {
     tm utc{};
     int ms = -1, n = 0;
@@ -565,14 +565,14 @@ TEST_F(dachost, once_waits_for_the_value_of_every_instance) {
     args.push_back(file("i" + n + ".conf", "hostname=h" + n));
     expected.push_back(value_line("i" + n, "h" + n));
   }
-  const ending e = ask(args);
+  const ending e = run_to_end(args);
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(lines_of(e.out, "value"), expected);
 }
 
 TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
   const std::string conf = file("gw.conf", "hostname=h");
-  const ending early = ask({"run", "--for", "0.001", conf});
+  const ending early = run_to_end({"run", "--for", "0.001", conf});
   EXPECT_EQ(early.status, 0);
   EXPECT_EQ(lines_of(early.out, "message"), started_and_stopped("gw"));
   process p = start({"run", "--for", "1e9", conf});
@@ -580,8 +580,8 @@ TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
   terminate(p);
 }
 
-TEST_F(dachost, json_is_one_object_a_line_and_messages_go_elsewhere) {
-  const ending e = ask({"run", "--once", "--json", file("gw.conf", "hostname=gw.example")});
+TEST_F(dachost, json_is_one_object_per_line_and_messages_go_to_standard_error) {
+  const ending e = run_to_end({"run", "--once", "--json", file("gw.conf", "hostname=gw.example")});
   EXPECT_EQ(e.status, 0);
   json events;
   for (const std::string& line : lines(e.out)) {
@@ -603,7 +603,7 @@ TEST_F(dachost, json_is_one_object_a_line_and_messages_go_elsewhere) {
   EXPECT_EQ(lines_of(e.err, "message"), started_and_stopped("gw"));
 }
 
-TEST_F(dachost, bytes_that_are_no_text_become_replacement_characters_in_json) {
+TEST_F(dachost, bytes_that_are_not_UTF_8_become_replacement_characters_in_json) {
   const struct row {
     const char* label;
     std::string hostname;
@@ -618,7 +618,7 @@ TEST_F(dachost, bytes_that_are_no_text_become_replacement_characters_in_json) {
               {"a character of its own", "\xc3\xa4", "\xc3\xa4"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
-    const ending e = ask({"run", "--once", "--json", file("gw.conf", "hostname=" + r.hostname)});
+    const ending e = run_to_end({"run", "--once", "--json", file("gw.conf", "hostname=" + r.hostname)});
     EXPECT_EQ(e.status, 0) << e.err;
     EXPECT_EQ(json::parse(lines(e.out).at(2))["tag"], r.printed);
   }
@@ -627,19 +627,19 @@ TEST_F(dachost, bytes_that_are_no_text_become_replacement_characters_in_json) {
 TEST_F(dachost, texts_that_fill_their_fields_are_printed_up_to_the_last_byte) {
   const std::string conf = file("odd.conf", "odd records");
   const std::string name(80, 'n'), first(1000, 'a'), second(1000, 'b');
-  const ending text = ask_fake({"run", "--once", conf});
+  const ending text = run_fake_to_end({"run", "--once", conf});
   EXPECT_EQ(text.status, 0);
   EXPECT_EQ(lines_of(text.out, "value"),
             (texts{tabbed({"odd", "value", name, first}), tabbed({"odd", "value", name, second})}));
-  const texts objects = lines(ask_fake({"run", "--once", "--json", conf}).out);
+  const texts objects = lines(run_fake_to_end({"run", "--once", "--json", conf}).out);
   EXPECT_EQ(json::parse(objects.at(2))["value"], first);
   EXPECT_EQ(json::parse(objects.at(3))["value"], second);
 }
 
-TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_where_that_is_not_enough) {
+TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_if_names_collide) {
   const std::string x = file("x/gw.conf", ""), y = file("y/gw.conf", ""), one = file("one.conf", "");
   const std::string two = file("two.conf", ""), hidden = file(".hidden", ""), dots = file("a.b.conf", "");
-  const ending e = ask_fake({"run", "--for", "0.001", x, y, one, one, two, hidden, dots});
+  const ending e = run_fake_to_end({"run", "--for", "0.001", x, y, one, one, two, hidden, dots});
   texts names;
   for (const std::string& line : lines(e.out))
     if (split(line, '\t')[2] == "tag") names.push_back(split(line, '\t')[1]);
@@ -648,25 +648,25 @@ TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_where_that_is_no
 
 // ---------------------------------------------------------------- run: what is refused
 
-TEST_F(dachost, a_refused_file_keeps_run_from_starting_anything) {
+TEST_F(dachost, a_refused_file_prevents_every_start) {
   const std::string a = file("a.conf", "hostname=a"), bad = file("bad.conf", "hostname=");
-  const std::string told_why = "dachost: not config hostname in " + bad + name_it + "; nothing is started\n";
+  const std::string reason = "dachost: not config hostname in " + bad + name_it + "; nothing is started\n";
   const texts failure = {tabbed({"bad", "failure", "not config hostname in " + bad})};
-  const ending text = ask({"run", a, bad});
+  const ending text = run_to_end({"run", a, bad});
   EXPECT_EQ(text.status, 78);
-  EXPECT_EQ(text.err, told_why);
+  EXPECT_EQ(text.err, reason);
   EXPECT_EQ(lines(text.out).size(), 2U) << text.out;
   EXPECT_EQ(lines_of(text.out, "failure"), failure);
-  const ending objects = ask({"run", "--json", a, bad});
+  const ending objects = run_to_end({"run", "--json", a, bad});
   EXPECT_EQ(objects.status, 78);
   EXPECT_EQ(lines(objects.out).size(), 1U) << objects.out;
-  EXPECT_TRUE(objects.err.starts_with(told_why)) << objects.err;
-  EXPECT_EQ(lines_of(objects.err.substr(told_why.size()), "failure"), failure);
+  EXPECT_TRUE(objects.err.starts_with(reason)) << objects.err;
+  EXPECT_EQ(lines_of(objects.err.substr(reason.size()), "failure"), failure);
 }
 
 TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
   const std::string a = file("a.conf", ""), mute = file("mute.conf", "refuse");
-  const ending e = ask_fake({"run", a, mute});
+  const ending e = run_fake_to_end({"run", a, mute});
   EXPECT_EQ(e.status, 78);
   EXPECT_EQ(e.err,
             "dachost: " + mute +
@@ -675,27 +675,28 @@ TEST_F(dachost, instances_made_before_a_refusal_are_destroyed) {
   EXPECT_EQ(journal().back(), "destroy a 0");
 }
 
-TEST_F(dachost, an_instance_that_gets_no_thread_ends_the_run_in_order) {
+TEST_F(dachost, an_instance_that_cannot_be_started_ends_the_run_in_order) {
   const std::string a = file("a.conf", ""), b = file("b.conf", "throw it");
-  const ending e = ask_fake({"run", a, b});
+  const ending e = run_fake_to_end({"run", a, b});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(e.err, "dachost: " + b + ": cannot be started: Resource temporarily unavailable\n");
   expect_gone({"a 0", "b 1"});
 }
 
-TEST_F(dachost, a_worker_that_gets_no_thread_is_told_with_its_file) {
+TEST_F(dachost, a_worker_that_gets_no_thread_is_reported_with_its_file) {
   if (!no_threads::possible()) GTEST_SKIP() << "the sanitizer or the emulator needs threads";
   const no_threads here;
   const std::string a = file("a.conf", "hostname=a");
-  const ending e = ask({"run", a});
+  const ending e = run_to_end({"run", a});
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(e.err, "dachost: " + a + ": cannot be started: Resource temporarily unavailable\n");
 }
 
-TEST_F(dachost, instances_are_stopped_one_by_one_where_there_are_no_threads_for_more) {
+TEST_F(dachost, instances_are_stopped_one_by_one_when_threads_are_refused) {
   if (!no_threads::possible()) GTEST_SKIP() << "the sanitizer or the emulator needs threads";
   const no_threads here;
-  const ending e = ask_fake({"run", "--for", "0.001", file("a.conf", ""), file("b.conf", ""), file("c.conf", "")});
+  const ending e =
+      run_fake_to_end({"run", "--for", "0.001", file("a.conf", ""), file("b.conf", ""), file("c.conf", "")});
   EXPECT_EQ(e.status, 0);
   expect_gone({"a 0", "b 1", "c 2"});
 }
@@ -728,21 +729,21 @@ TEST_F(dachost, every_instance_is_stopped_before_any_is_destroyed) {
   expect_gone({"a 0", "b 1"});
 }
 
-TEST_F(dachost, instances_are_stopped_side_by_side) {
+TEST_F(dachost, instances_are_stopped_in_parallel) {
   texts args = {"run", "--for", "0.001"};
   texts expected;
   for (int i = 10; i < 50; ++i) {
     args.push_back(file("i" + std::to_string(i) + ".conf", "wait for 40"));
     expected.push_back("stop i" + std::to_string(i) + ' ' + std::to_string(i - 10));
   }
-  EXPECT_EQ(ask_fake(args).status, 0);
+  EXPECT_EQ(run_fake_to_end(args).status, 0);
   texts stops = calls_of("stop");
   std::sort(stops.begin(), stops.end());
   stops.erase(std::unique(stops.begin(), stops.end()), stops.end());
   EXPECT_EQ(stops, expected);
 }
 
-TEST_F(dachost, sighup_reads_the_files_again) {
+TEST_F(dachost, SIGHUP_reads_the_files_again) {
   const ending e = rewrite("hostname=after", [](process& p) { p.await_out("\tvalue\tafter\t"); });
   EXPECT_EQ(e.err, "");
   EXPECT_EQ(lines_of(e.out, "value"), (texts{value_line("gw", "after"), value_line("gw", "before")}));
@@ -750,7 +751,7 @@ TEST_F(dachost, sighup_reads_the_files_again) {
   EXPECT_EQ(lines_of(e.out, "message").size(), 4U);
 }
 
-TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
+TEST_F(dachost, SIGHUP_leaves_the_instance_of_a_broken_file_running) {
   const ending e = rewrite("hostname=a:b", [](process& p) { p.await_err("\n"); });
   const std::string conf = path("gw.conf");
   EXPECT_EQ(e.err,
@@ -759,7 +760,7 @@ TEST_F(dachost, sighup_leaves_the_instance_of_a_broken_file_running) {
   EXPECT_EQ(lines_of(e.out, "message"), started_and_stopped("gw"));
 }
 
-TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
+TEST_F(dachost, SIGHUP_replaces_the_instances_of_accepted_files_only) {
   const ending e = run_two({}, [this](process& p) {
     file("b.conf", "refuse for a reason");
     p.signal(SIGHUP);
@@ -768,11 +769,11 @@ TEST_F(dachost, sighup_replaces_the_good_and_keeps_the_bad) {
   EXPECT_EQ(e.err, "dachost: " + path("b.conf") + ": for a reason; the old instance continues\n");
   EXPECT_EQ(calls_of("create"), (texts{"create a 0", "create b 1", "create a 2", "create b -1"}));
   EXPECT_EQ(calls_of("start"), (texts{"start a 0", "start b 1", "start a 2"}));
-  EXPECT_EQ(calls_of("stop").at(0), "stop a 0") << "b is left alone";
+  EXPECT_EQ(calls_of("stop").at(0), "stop a 0") << "b is not stopped";
   expect_gone({"a 0", "a 2", "b 1"});
 }
 
-TEST_F(dachost, sighup_replaces_in_turns_where_there_is_no_room_for_all_at_once) {
+TEST_F(dachost, SIGHUP_replaces_in_batches_when_the_plugin_is_nearly_full) {
   const ending e = run_two({"FAKE_ROOM=3"}, [this](process& p) {
     p.signal(SIGHUP);
     ASSERT_TRUE(await_journal("start b 3"));
@@ -782,7 +783,7 @@ TEST_F(dachost, sighup_replaces_in_turns_where_there_is_no_room_for_all_at_once)
   expect_gone({"a 0", "a 2", "b 1", "b 3"});
 }
 
-TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
+TEST_F(dachost, SIGHUP_replaces_nothing_when_the_plugin_is_full) {
   const ending e = run_two({"FAKE_ROOM=2"}, [this](process& p) {
     p.signal(SIGHUP);
     p.await_err(path("b.conf"));
@@ -795,24 +796,24 @@ TEST_F(dachost, sighup_without_room_for_one_more_keeps_all) {
 
 // ---------------------------------------------------------------- run: readers
 
-TEST_F(dachost, output_that_cannot_be_written_is_told_by_the_status) {
+TEST_F(dachost, output_that_cannot_be_written_is_an_error) {
   const std::string conf = file("gw.conf", "hostname=h");
   const struct row {
     process_settings output;
-    const char* told;
+    const char* text;
   } rows[] = {{{.out_file = "/dev/full"}, "dachost: standard output: No space left on device\n"},
               {{.out_closed = true}, "dachost: standard output: Bad file descriptor\n"}};
   for (const row& r : rows) {
     for (const char* command : {"run", "check", "tags", "info"}) {
-      SCOPED_TRACE(std::string(command) + ' ' + r.told);
-      const ending e = ask({command, conf}, r.output);
+      SCOPED_TRACE(std::string(command) + ' ' + r.text);
+      const ending e = run_to_end({command, conf}, r.output);
       EXPECT_EQ(e.status, 1);
-      EXPECT_EQ(e.err, r.told);
+      EXPECT_EQ(e.err, r.text);
     }
   }
 }
 
-TEST_F(dachost, a_reader_that_goes_away_ends_the_run_at_once) {
+TEST_F(dachost, a_reader_that_closes_ends_the_run_at_once) {
   process p = start({"run", file("gw.conf", "hostname=h")});
   p.await_out("\tvalue\t");
   p.close_out();
@@ -821,7 +822,7 @@ TEST_F(dachost, a_reader_that_goes_away_ends_the_run_at_once) {
   EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
 }
 
-TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
+TEST_F(dachost, a_signal_stops_a_run_whose_reader_does_not_read) {
   const std::string conf = file("gw.conf", "flood 4000");
   for (const char* seconds : {"1000", "0.001"}) {
     SCOPED_TRACE(seconds);
@@ -835,7 +836,7 @@ TEST_F(dachost, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
   }
 }
 
-TEST_F(dachost, a_reader_that_does_not_read_keeps_no_signal_from_ending_a_run_whose_files_are_refused) {
+TEST_F(dachost, a_signal_ends_a_refused_run_whose_reader_does_not_read) {
   texts args = {"run"};
   for (int i = 0; i < 100; ++i)
     args.push_back(file('r' + std::to_string(i) + ".conf", "refuse " + std::string(2000, 'x')));
@@ -845,7 +846,7 @@ TEST_F(dachost, a_reader_that_does_not_read_keeps_no_signal_from_ending_a_run_wh
   EXPECT_EQ(p.end_unread(), -SIGTERM);
 }
 
-TEST_F(dachost, a_reader_that_does_not_read_keeps_no_signal_from_ending_a_run_that_gets_no_thread) {
+TEST_F(dachost, a_signal_ends_a_failed_run_whose_reader_does_not_read) {
   process p = start_fake({"run", file("gw.conf", "flood 4000")});
   p.await_out("message 1 of 4000");
   file("gw.conf", "throw");

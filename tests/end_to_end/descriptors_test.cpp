@@ -46,7 +46,7 @@ TEST_F(descriptors, are_as_many_after_100_programs_as_after_the_first) {
   EXPECT_EQ(p.end().err.find("Too many open files"), std::string::npos);
 }
 
-TEST_F(descriptors, are_as_many_after_50_renewals_and_refusals) {
+TEST_F(descriptors, are_as_many_after_50_reloads_and_refusals) {
   process p = run({conf("publish first")});
   p.await_out("\tfirst\n");
   const long first = open_in(p.pid());

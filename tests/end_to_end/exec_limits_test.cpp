@@ -45,7 +45,7 @@ TEST_F(exec_limits, a_run_that_timed_out_does_not_count_against_the_next) {
   gw.say("publish c");
   await_did("c\n");
   const ending e = terminate(p);
-  EXPECT_EQ(e.err, complaint("ran longer than 0.5 s and was stopped; tried again in 1 s"));
+  EXPECT_EQ(e.err, hook_message("ran longer than 0.5 s and was stopped; tried again in 1 s"));
   EXPECT_EQ(did(), "a\na\nb\nc\n");
 }
 
@@ -54,7 +54,7 @@ TEST_F(exec_limits, a_retry_has_the_whole_limit) {
   const std::string body = "sleep 2.5; echo $DAC_VALUE >>did; [ $(wc -l <did) -gt 1 ]";
   process p = run({"--exec-timeout", "5", "--exec", program(body), conf("publish a")});
   await_did("a\na\n");
-  EXPECT_EQ(terminate(p).err, complaint("exit status 1; tried again in 1 s"));
+  EXPECT_EQ(terminate(p).err, hook_message("exit status 1; tried again in 1 s"));
 }
 
 TEST_F(exec_limits, a_program_within_its_limit_runs_to_its_end) {
@@ -67,7 +67,7 @@ TEST_F(exec_limits, SIGKILL_follows_SIGTERM_after_a_second) {
   const std::string body =
       "trap 'date +%s%N >>did' TERM; echo $$ >pid; while :; do sleep 0.02; date +%s%N >>last; done";
   process p = run({"--once", "--exec-timeout", "0.3", "--exec", program(body), conf("publish a")});
-  EXPECT_TRUE(p.end().err.ends_with(complaint("ran longer than 0.3 s and was stopped; not tried again")));
+  EXPECT_TRUE(p.end().err.ends_with(hook_message("ran longer than 0.3 s and was stopped; not tried again")));
   const long asked = std::stol(lines(did()).at(0)), last = std::stol(lines(read_file(dir.path("last"))).back());
   EXPECT_GT(last - asked, 700'000'000) << "it has a second to end";
 }
@@ -98,14 +98,14 @@ TEST_F(exec_limits, a_success_resets_the_pause_also_for_the_same_value) {
   p.await_err("tried again in 2 s\n");
   std::filesystem::remove(dir.path("fail"));
   await_did("run\nrun\nrun\n");
-  // The success is known to dachost when the next run can start.
+  // dachost has noticed the success when the next run can start.
   gw.say("publish a");
   await_did("run\nrun\nrun\nrun\n");
   dir.file("", "fail");
   gw.say("publish a");
   await_did("run\nrun\nrun\nrun\nrun\n");
-  p.await_err("1 s\n" + complaint("exit status 1; tried again in 2 s") +
-              complaint("exit status 1; tried again in 1 s"));
+  p.await_err("1 s\n" + hook_message("exit status 1; tried again in 2 s") +
+              hook_message("exit status 1; tried again in 1 s"));
   end(p);
 }
 
@@ -115,10 +115,11 @@ TEST_F(exec_limits, the_same_value_published_again_starts_the_program_and_keeps_
   p.await_err("tried again in 2 s\n");
   gw.say("publish a");
   p.await_err("tried again in 4 s\n");
-  EXPECT_EQ(p.err(), complaint("exit status 1; tried again in 1 s") + complaint("exit status 1; tried again in 2 s") +
-                         complaint("exit status 1; tried again in 4 s"));
+  EXPECT_EQ(p.err(), hook_message("exit status 1; tried again in 1 s") +
+                         hook_message("exit status 1; tried again in 2 s") +
+                         hook_message("exit status 1; tried again in 4 s"));
   gw.say("publish b");
-  p.await_err("tried again in 4 s\n" + complaint("exit status 1; tried again in 1 s"));
+  p.await_err("tried again in 4 s\n" + hook_message("exit status 1; tried again in 1 s"));
   end(p);
 }
 

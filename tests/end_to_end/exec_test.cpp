@@ -1,4 +1,4 @@
-// `dachost run --exec` from outside: when the program is started, with what, and what becomes of it.
+// `dachost run --exec` from outside: when the program is started, with what, and what happens to it.
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 #include <sys/ptrace.h>
@@ -22,7 +22,7 @@ using nlohmann::json;
 
 namespace {
 
-/// The rest of the lines of a run whose third field is `what`: the fields behind it.
+/// Of the lines of a run whose third field is `what`, the fields after it.
 std::vector<texts> lines_of(const std::string& out, const std::string& what) {
   std::vector<texts> found;
   for (const std::string& line : lines(out)) {
@@ -34,7 +34,7 @@ std::vector<texts> lines_of(const std::string& out, const std::string& what) {
   return found;
 }
 
-/// Somebody else may be slow to wait for what has ended.
+/// Another process may be slow to reap the process.
 bool is_alive(const std::string& pid) {
   const std::string stat = read_file("/proc/" + pid + "/stat");
   const size_t state = stat.rfind(") ");
@@ -68,7 +68,7 @@ class exec : public testing::Test {
     return start(args, FAKE_PLUGIN, environment).end();
   }
 
-  /// The environment, and with it the library in front of all others.
+  /// The environment with the library preloaded.
   static texts preloaded(const std::string& library, texts environment = {}) {
     environment.insert(environment.end(), {"LD_PRELOAD=" + library, "ASAN_OPTIONS=verify_asan_link_order=0"});
     return environment;
@@ -93,13 +93,13 @@ class exec : public testing::Test {
     if (!eventually([&] { return did().find(text) != std::string::npos; }))
       throw std::runtime_error("waited for: " + text + "\nthe program did: " + did());
   }
-  /// The process whose number the program wrote into the file "pid" is no more.
+  /// The process whose id the program wrote into the file "pid" has ended.
   void expect_gone() const {
     const std::string pid = read_file(dir.path("pid"));
     ASSERT_FALSE(pid.empty());
     EXPECT_TRUE(eventually([&] { return !is_alive(pid.substr(0, pid.find('\n'))); })) << pid;
   }
-  /// Traces the process whose number the program wrote: for its parent it is gone only when it is let go.
+  /// Traces the process whose id the program wrote: its parent sees its end only after the tracer detaches.
   pid_t hold() const {
     pid_t pid = 0;
     const auto is_held = [&] {
@@ -108,7 +108,7 @@ class exec : public testing::Test {
     };
     return eventually(is_held) ? pid : throw std::runtime_error("it cannot be traced");
   }
-  /// Not under the emulator, and not where a container forbids it.
+  /// False under the emulator and where a container forbids it.
   static bool can_trace() {
     const pid_t child = fork();
     if (child < 0) return false;
@@ -121,8 +121,8 @@ class exec : public testing::Test {
   static void let_go(pid_t killed) {
     while (waitpid(killed, nullptr, __WALL) == killed) continue;
   }
-  /// One line on the program, with what went wrong.
-  std::string complaint(const std::string& what, const std::string& instance = "gw") const {
+  /// The line that reports an error of the program.
+  std::string hook_message(const std::string& what, const std::string& instance = "gw") const {
     return "dachost: " + instance + ": " + dir.path("prog") + ": " + what + '\n';
   }
 };
@@ -134,7 +134,7 @@ constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.01; done";
 
 // ---------------------------------------------------------------- what it is started with
 
-TEST_F(exec, gets_instance_tag_value_and_time_beside_the_hosts_environment) {
+TEST_F(exec, gets_instance_tag_value_and_time_in_addition_to_the_hosts_environment) {
   const ending e =
       run({"--once", "--exec", program("unset DAC_CHECK_ABORT; env | grep -E '^(DAC_|OTHER)' | LC_ALL=C sort >did"),
            publish("2001:db8::1,fd00::2")},
@@ -147,7 +147,7 @@ TEST_F(exec, gets_instance_tag_value_and_time_beside_the_hosts_environment) {
                                  "DAC_VALUE_TOO=kept", "OTHER=kept"}));
 }
 
-TEST_F(exec, gets_the_whole_name_of_which_a_record_has_only_the_beginning) {
+TEST_F(exec, gets_the_whole_name_though_a_record_holds_only_its_beginning) {
   const std::string name(100, 'x');
   process p = start({"--once", "--exec", program("echo $DAC_TAG >did"), dir.file("hostname=" + name)}, PLUGIN);
   EXPECT_EQ(p.end().status, 0);
@@ -215,16 +215,16 @@ TEST_F(exec, is_tried_again_after_growing_pauses_until_it_succeeds) {
   process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $(wc -l <did) -ge 3 ] || exit 7"), publish("a")});
   await_did("a\na\na\n");
   EXPECT_EQ(terminate(p).err,
-            complaint("exit status 7; tried again in 1 s") + complaint("exit status 7; tried again in 2 s"));
+            hook_message("exit status 7; tried again in 1 s") + hook_message("exit status 7; tried again in 2 s"));
 }
 
 TEST_F(exec, is_tried_again_after_a_minute_at_the_most) {
   process p = start({"--exec-timeout", "100000", "--exec", program("exit 7"), publish("a")}, FAKE_PLUGIN,
                     preloaded(SHORT_MINUTES));
-  std::string told;
+  std::string expected;
   for (const int pause : {1, 2, 4, 8, 16, 32, 60, 60})
-    told += complaint("exit status 7; tried again in " + std::to_string(pause) + " s");
-  p.await_err(told);
+    expected += hook_message("exit status 7; tried again in " + std::to_string(pause) + " s");
+  p.await_err(expected);
   terminate(p);
 }
 
@@ -240,7 +240,7 @@ TEST_F(exec, gets_a_newer_value_in_place_of_the_one_it_failed_with) {
   EXPECT_TRUE(std::is_sorted(values.begin(), values.end() - 1)) << "first the bad, then the worse: " << did();
   EXPECT_EQ(values.back(), "good");
   const auto first_worse = std::find(values.begin(), values.end(), "worse") - values.begin();
-  EXPECT_EQ(failures.at(static_cast<size_t>(first_worse)) + '\n', complaint("exit status 1; tried again in 1 s"));
+  EXPECT_EQ(failures.at(static_cast<size_t>(first_worse)) + '\n', hook_message("exit status 1; tried again in 1 s"));
 }
 
 TEST_F(exec, fails_and_a_newer_value_is_next) {
@@ -251,26 +251,26 @@ TEST_F(exec, fails_and_a_newer_value_is_next) {
   publish_next(p, "b");
   dir.file("", "go");
   await_did("b\n");
-  EXPECT_EQ(terminate(p).err, complaint("exit status 3; a newer value is next"));
+  EXPECT_EQ(terminate(p).err, hook_message("exit status 3; a newer value is next"));
 }
 
 // ---------------------------------------------------------------- how it fails
 
-TEST_F(exec, fails_once_with_a_line_and_a_status_where_once_is_asked_for) {
+TEST_F(exec, is_not_tried_again_with_once) {
   const struct row {
     const char* body;
-    const char* told;
+    const char* reason;
   } rows[] = {{"exit 3", "exit status 3"}, {"kill -9 $$", "ended by signal 9 (Killed)"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.body);
     const ending e = run({"--once", "--exec", program(r.body), publish("a")});
     EXPECT_EQ(e.status, 1);
-    EXPECT_EQ(e.err, complaint(std::string(r.told) + "; not tried again"));
+    EXPECT_EQ(e.err, hook_message(std::string(r.reason) + "; not tried again"));
     EXPECT_EQ(lines_of(e.out, "value"), (std::vector<texts>{{"gw", "a"}}));
   }
 }
 
-TEST_F(exec, that_cannot_be_started_is_told_with_the_reason) {
+TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
   const std::string conf = publish("a");
   const struct row {
     const char* label;
@@ -286,60 +286,60 @@ TEST_F(exec, that_cannot_be_started_is_told_with_the_reason) {
     SCOPED_TRACE(r.label);
     const ending e = run({"--once", "--exec", r.file, conf}, {"PATH=/usr/bin:/bin"});
     EXPECT_EQ(e.status, 1);
-    // Under the emulator a process of its own finds out, and can only end.
-    const std::string told = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
-    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + told + "; not tried again\n");
+    // Under the emulator the child process finds out, and can only end.
+    const std::string reason = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
+    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + reason + "; not tried again\n");
   }
 }
 
-// A slow machine may stop it before it has got anywhere; then it is tried again.
+// On a slow machine it may be stopped before it has done anything; then it is tried again.
 TEST_F(exec, is_stopped_with_all_its_group_when_it_runs_too_long) {
   const std::string body = "trap 'echo asked >>did; exit' TERM; sleep 1000 & echo $! >pid; wait";
   process p = start({"--exec-timeout", "0.25", "--exec", program(body), publish("a")});
   await_did("asked");
-  p.await_err(complaint("ran longer than 0.25 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("ran longer than 0.25 s and was stopped; tried again in 1 s"));
   terminate(p);
   expect_gone();
 }
 
 TEST_F(exec, may_run_for_half_a_minute) {
   process p = start({"--exec", program("sleep 1000"), publish("a")}, FAKE_PLUGIN, preloaded(SHORT_MINUTES));
-  p.await_err(complaint("ran longer than 30 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("ran longer than 30 s and was stopped; tried again in 1 s"));
   terminate(p);
 }
 
-TEST_F(exec, that_will_not_hear_is_killed) {
+TEST_F(exec, that_ignores_SIGTERM_is_killed) {
   const std::string body = "trap '' TERM; echo $$ >pid; echo deaf >>did; sleep 1000";
   process p = start({"--exec-timeout", "0.25", "--exec", program(body), publish("a")});
   await_did("deaf");
   expect_gone();
-  p.await_err(complaint("ran longer than 0.25 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("ran longer than 0.25 s and was stopped; tried again in 1 s"));
   terminate(p);
 }
 
-TEST_F(exec, that_not_even_a_kill_ends_is_told_and_left_to_the_system) {
+TEST_F(exec, that_survives_SIGKILL_is_reported_and_left_to_the_system) {
   if (!can_trace()) GTEST_SKIP() << "no process may be traced here";
   process p = start({"--once", "--exec-timeout", "0.5", "--exec", program(deaf), publish("a")});
   const pid_t held = hold();
   p.signal(SIGTERM);
   const ending e = p.end();
   EXPECT_EQ(e.status, 1);
-  EXPECT_TRUE(e.err.ends_with(complaint("not even SIGKILL ends it; left to the system"))) << e.err;
+  EXPECT_TRUE(e.err.ends_with(hook_message("not even SIGKILL ends it; left to the system"))) << e.err;
   let_go(held);
 }
 
-TEST_F(exec, that_was_hard_to_end_is_tried_again_like_any_other) {
+TEST_F(exec, that_survived_SIGKILL_is_tried_again_after_its_end) {
   if (!can_trace()) GTEST_SKIP() << "no process may be traced here";
   process p = start({"--exec-timeout", "0.5", "--exec", program(deaf), publish("a")});
   const pid_t held = hold();
-  p.await_err(complaint("not even SIGKILL ends it; nothing else is started"));
+  p.await_err(hook_message("not even SIGKILL ends it; nothing else is started"));
   program("echo again >did");
   let_go(held);
   await_did("again");
   terminate(p);
 }
 
-TEST_F(exec, leaves_nothing_of_its_group_behind) {
+TEST_F(exec, leaves_no_process_of_its_group) {
   const ending e = run({"--once", "--exec", program("sleep 1000 & echo $! >pid"), publish("a")});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
@@ -348,7 +348,7 @@ TEST_F(exec, leaves_nothing_of_its_group_behind) {
 
 // ---------------------------------------------------------------- the end of the run
 
-TEST_F(exec, has_a_moment_to_end_when_the_run_ends) {
+TEST_F(exec, has_time_to_end_when_the_run_ends) {
   process p =
       start({"--exec", program("echo begin >>did\n" + std::string(wait_for_go) + "\necho end >>did"), publish("a")});
   await_did("begin");
@@ -365,8 +365,8 @@ TEST_F(exec, is_killed_when_it_runs_on_after_the_runs_end) {
       start({"--exec", program("trap '' TERM; sleep 1000 & echo $! >pid; echo begin >did; wait; wait"), publish("a")});
   await_did("begin");
   publish_next(p, "b");
-  EXPECT_EQ(terminate(p).err, complaint("the newest value is not kept, the run ends") +
-                                  complaint("still ran at the end and was stopped; not tried again"));
+  EXPECT_EQ(terminate(p).err, hook_message("the newest value is not kept, the run ends") +
+                                  hook_message("still ran at the end and was stopped; not tried again"));
   expect_gone();
 }
 
@@ -380,11 +380,11 @@ TEST_F(exec, leaves_a_value_without_a_program_and_once_says_so_by_its_status) {
     await_did("begin");
     publish_next(p, "b");
     p.signal(SIGTERM);
-    p.await_err(complaint("the newest value is not kept, the run ends"));
+    p.await_err(hook_message("the newest value is not kept, the run ends"));
     dir.file("", "go");
     const ending e = p.end();
     EXPECT_EQ(e.status, once ? 1 : 0);
-    EXPECT_EQ(e.err, complaint("the newest value is not kept, the run ends"));
+    EXPECT_EQ(e.err, hook_message("the newest value is not kept, the run ends"));
     for (const char* file : {"go", "did"}) std::filesystem::remove(dir.path(file));
   }
 }
@@ -392,7 +392,7 @@ TEST_F(exec, leaves_a_value_without_a_program_and_once_says_so_by_its_status) {
 TEST_F(exec, is_not_tried_again_after_the_runs_end) {
   process p = start({"--exec", program("exit 1"), publish("a")});
   p.await_err("tried again in 1 s\n");
-  EXPECT_TRUE(terminate(p).err.ends_with(complaint("the newest value is not kept, the run ends")));
+  EXPECT_TRUE(terminate(p).err.ends_with(hook_message("the newest value is not kept, the run ends")));
 }
 
 TEST_F(exec, is_gone_when_the_run_fails) {
@@ -404,9 +404,9 @@ TEST_F(exec, is_gone_when_the_run_fails) {
   expect_gone();
 }
 
-// What its parent does not wait for comes to this process, which does not wait for it either.
+// Orphans of the program become children of this process, which does not reap them.
 TEST_F(exec, is_waited_for_when_the_run_fails) {
-  if (is_emulated) GTEST_SKIP() << "the emulator does not let a process take in what others leave";
+  if (is_emulated) GTEST_SKIP() << "under the emulator a process cannot adopt orphans";
   process p = start({"--exec", program("echo $$ >pid; echo begin >did; sleep 1000"), publish("a")});
   await_did("begin");
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
@@ -433,7 +433,7 @@ TEST_F(exec, is_only_shown_in_a_dry_run) {
   EXPECT_EQ(did(), "");
 }
 
-TEST_F(exec, is_an_object_of_its_own_in_a_dry_run_in_json) {
+TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
   const ending e = run({"--once", "--dry-run", "--json", "--exec", "prog", publish("a")});
   json shown = json::parse(lines(e.out).at(3));
   EXPECT_EQ(shown["environment"]["DAC_TIME"], json::parse(lines(e.out).at(2))["time"]);
@@ -492,15 +492,16 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
 }
 
 // A list that changed while it was read may lack an address that is there all the time.
-TEST_F(exec, asks_the_kernel_again_for_a_list_that_changed_meanwhile_and_gives_up_at_the_fifth) {
+TEST_F(exec, reads_an_address_list_that_changed_again_up_to_five_times) {
   in_a_network_of_its_own([this] {
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
     const struct row {
       const char* torn;
       std::string kept;
       std::string err;
-    } rows[] = {{"4", "2001:db8::1\n", ""},
-                {"5", "", complaint("cannot be started: netlink: Resource temporarily unavailable; not tried again")}};
+    } rows[] = {
+        {"4", "2001:db8::1\n", ""},
+        {"5", "", hook_message("cannot be started: netlink: Resource temporarily unavailable; not tried again")}};
     const texts args = {
         "--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), publish("2001:db8::1")};
     for (const row& r : rows) {
@@ -516,7 +517,7 @@ TEST_F(exec, asks_the_kernel_again_for_a_list_that_changed_meanwhile_and_gives_u
 
 // ---------------------------------------------------------------- the command line
 
-TEST_F(exec, options_that_cannot_be_meant_get_one_line_and_status_2) {
+TEST_F(exec, invalid_options_get_one_line_and_status_2) {
   const struct row {
     const char* label;
     texts args;

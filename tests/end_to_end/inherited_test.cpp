@@ -33,14 +33,14 @@ TEST_F(inherited, ignored_SIGCHLD_hides_no_exit_status) {
   const texts ignored = {"env", "--ignore-signal=CHLD"};
   const ending failed = run({"--once", "--exec", program("exit 3"), conf}, ignored).end();
   EXPECT_EQ(failed.status, 1);
-  EXPECT_EQ(failed.err, complaint("exit status 3; not tried again"));
+  EXPECT_EQ(failed.err, hook_message("exit status 3; not tried again"));
   const ending waited =
       run({"--once", "--exec", program("sh -c 'exit 4' & wait $!; echo $? >did"), conf}, ignored).end();
   EXPECT_EQ(waited.status, 0) << waited.err;
   EXPECT_EQ(did(), "4\n") << "the program has the signal's default action too";
 }
 
-TEST_F(inherited, closed_standard_error_takes_what_a_program_prints) {
+TEST_F(inherited, closed_standard_error_accepts_the_output_of_a_program) {
   const std::string conf = dir.file("publish a", "gw.conf");
   const std::string prints = program("set -e; echo to standard output; echo to standard error >&2; echo printed >did");
   const ending e = run({"--once", "--exec", prints, conf}, {}, {.err_closed = true}).end();

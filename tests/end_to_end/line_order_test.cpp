@@ -1,4 +1,4 @@
-// The order of what dachost prints and hands over: that of the events, also across SIGHUP.
+// dachost prints and passes on events in their order, also across SIGHUP.
 #include <gtest/gtest.h>
 
 #include <map>
@@ -129,7 +129,7 @@ TEST_F(line_order, of_what_a_program_gets_is_that_of_the_values_and_the_newest_i
 }
 
 // An old instance that publishes while it is replaced: its line precedes those of the new one.
-TEST_F(line_order, has_what_an_instance_publishes_before_its_stop_before_its_successor) {
+TEST_F(line_order, has_the_last_values_of_an_instance_before_its_successor) {
   const remote_control gw(dir.path("fifo"));
   process p = run({conf(gw.order() + "hold " + dir.path("released"))});
   p.await_out("\ttag\t");

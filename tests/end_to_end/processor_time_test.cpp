@@ -1,4 +1,4 @@
-// What dachost does while there is nothing to do: it waits, and does not look again and again.
+// dachost waits while there is nothing to do, and does not poll.
 #include <gtest/gtest.h>
 
 #include "tests/support/dachost_fixture.h"
@@ -23,21 +23,21 @@ class processor_time : public dachost_fixture {
 
 }  // namespace
 
-TEST_F(processor_time, is_not_taken_when_nothing_happens) {
+TEST_F(processor_time, is_not_used_when_nothing_happens) {
   process p = run({conf("publish a")});
   p.await_out("\tvalue\t");
   expect_quiet(p);
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_before_a_far_end) {
+TEST_F(processor_time, is_not_used_before_a_distant_end) {
   process p = run({"--for", "1e9", conf("publish a")});
   p.await_out("\tvalue\t");
   expect_quiet(p);
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_while_a_program_runs) {
+TEST_F(processor_time, is_not_used_while_a_program_runs) {
   process p = run({"--exec", program("echo begin >did\n" + std::string(wait_for_go)), conf("publish a")});
   await_did("begin");
   expect_quiet(p);
@@ -45,7 +45,7 @@ TEST_F(processor_time, is_not_taken_while_a_program_runs) {
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_while_a_program_runs_and_a_newer_value_waits) {
+TEST_F(processor_time, is_not_used_while_a_program_runs_and_a_newer_value_waits) {
   const remote_control gw(dir.path("fifo"));
   process p = run({"--exec", program("echo begin >>did\n" + std::string(wait_for_go)), conf(gw.order() + "publish a")});
   await_did("begin");
@@ -57,14 +57,14 @@ TEST_F(processor_time, is_not_taken_while_a_program_runs_and_a_newer_value_waits
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_after_a_program_has_succeeded) {
+TEST_F(processor_time, is_not_used_after_a_program_has_succeeded) {
   process p = run({"--exec", program("echo $DAC_VALUE >>did"), conf("publish a")});
   await_did("a\n");
   expect_quiet(p);
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_before_a_retry) {
+TEST_F(processor_time, is_not_used_before_a_retry) {
   process p = run({"--exec", program("exit 1"), conf("publish a")});
   p.await_err("tried again in 2 s\n");
   expect_quiet(p);
@@ -72,7 +72,7 @@ TEST_F(processor_time, is_not_taken_before_a_retry) {
   p.end();
 }
 
-TEST_F(processor_time, is_not_taken_while_a_program_survives_SIGTERM_at_the_end) {
+TEST_F(processor_time, is_not_used_while_a_program_survives_SIGTERM_at_the_end) {
   process p = run({"--exec", program(ignore_SIGTERM), conf("publish a")});
   await_did("begin");
   p.signal(SIGTERM);
@@ -80,7 +80,7 @@ TEST_F(processor_time, is_not_taken_while_a_program_survives_SIGTERM_at_the_end)
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_while_programs_end_after_the_readers_have_left) {
+TEST_F(processor_time, is_not_used_while_programs_end_after_the_readers_have_closed) {
   process p = run({"--exec", program(ignore_SIGTERM), conf("publish a")});
   await_did("begin");
   p.close_err();
@@ -89,7 +89,7 @@ TEST_F(processor_time, is_not_taken_while_programs_end_after_the_readers_have_le
   EXPECT_EQ(p.end_unread(), 1);
 }
 
-TEST_F(processor_time, is_not_taken_after_the_reader_of_standard_error_has_left) {
+TEST_F(processor_time, is_not_used_after_the_reader_of_standard_error_has_closed) {
   const remote_control gw(dir.path("fifo"));
   const std::string file = conf(gw.order() + "publish a");
   process p = run({"--json", file});
@@ -113,7 +113,7 @@ TEST_F(processor_time, is_not_taken_after_the_reader_of_standard_error_has_left)
   t.end_unread();
 }
 
-TEST_F(processor_time, is_not_taken_while_output_waits_for_its_reader) {
+TEST_F(processor_time, is_not_used_while_output_waits_for_its_reader) {
   process p = run({conf("flood 4000")});
   p.await_out("\tmessage 1 of 4000\n");
   await_settled(p);
@@ -122,14 +122,14 @@ TEST_F(processor_time, is_not_taken_while_output_waits_for_its_reader) {
   EXPECT_EQ(p.end_unread(), 1);
 }
 
-TEST_F(processor_time, is_not_taken_while_output_waits_for_its_reader_after_the_end) {
+TEST_F(processor_time, is_not_used_while_output_waits_for_its_reader_after_the_end) {
   process p = run({"--for", "0.001", conf("flood 4000")});
   await_journal("destroy gw 0");
   expect_quiet(p);
   EXPECT_EQ(p.end().status, 0);
 }
 
-TEST_F(processor_time, is_not_taken_while_once_waits_for_a_value) {
+TEST_F(processor_time, is_not_used_while_once_waits_for_a_value) {
   const remote_control gw(dir.path("fifo"));
   process p = run({"--once", conf(gw.order())});
   p.await_out("\ttag\t");
@@ -138,14 +138,14 @@ TEST_F(processor_time, is_not_taken_while_once_waits_for_a_value) {
   EXPECT_EQ(p.end().status, 0);
 }
 
-TEST_F(processor_time, is_not_taken_between_tables) {
+TEST_F(processor_time, is_not_used_between_tables) {
   process p = top({conf("publish a")});
   p.await_out("gw ");
   expect_quiet(p, 2500ms);
   terminate(p);
 }
 
-TEST_F(processor_time, is_not_taken_while_the_only_table_waits_for_a_value) {
+TEST_F(processor_time, is_not_used_while_the_only_table_waits_for_a_value) {
   const remote_control gw(dir.path("fifo"));
   process p = top({"--once", conf(gw.order())});
   std::this_thread::sleep_for(200ms);

@@ -1,4 +1,4 @@
-// Readers of dachost's output that are late, slow, or leave.
+// Readers of dachost's output that are late, slow, or close it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
@@ -110,7 +110,7 @@ TEST_F(readers, of_standard_error_that_read_nothing_do_not_delay_values) {
   close(fd);
 }
 
-TEST_F(readers, that_leave_during_the_last_flush_are_reported) {
+TEST_F(readers, that_close_during_the_last_flush_are_reported) {
   process p = run({"--for", "0.001", conf("flood 4000")});
   await_journal("destroy gw 0");
   p.await_out("message 100 of 4000");
@@ -120,7 +120,7 @@ TEST_F(readers, that_leave_during_the_last_flush_are_reported) {
   EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
 }
 
-TEST_F(readers, that_leave_after_a_stop_signal_are_reported) {
+TEST_F(readers, that_close_after_a_stop_signal_are_reported) {
   process p = run({conf("flood 4000")});
   p.await_out("message 1 of 4000");
   p.signal(SIGTERM);
@@ -165,7 +165,7 @@ TEST_F(readers, of_a_non_blocking_socket_that_takes_parts_of_lines_get_every_lin
   expect_beginning_of_flood(out, 4000);
 }
 
-TEST_F(readers, of_a_full_non_blocking_socket_cost_no_processor_time) {
+TEST_F(readers, of_a_full_non_blocking_socket_use_no_processor_time) {
   socket_pair s;
   process p = run({conf("flood 4000")}, {}, {.out_fd = s.writing()});
   s.close_writing();

@@ -1,6 +1,6 @@
-// What dachost does when the system refuses it a call: each call, at each of its occurrences in a run with a hook, JSON
-// and a reload. It says so and ends with status 1, or it goes on; it never hangs, and never prints or hands over a
-// part.
+// What dachost does when a system call fails: each call, at each of its occurrences in a run with a hook, JSON and a
+// reload. It reports the error and ends with status 1, or it continues; it never hangs, and never prints or passes on
+// a part of a value.
 //
 // REFUSALS is the greatest number of occurrences of each call that are tried. Without it forty are, of requests for
 // memory every 29th.
@@ -36,7 +36,7 @@ int most_occurrences() {
 }
 int step(const refusal& r) { return std::getenv("REFUSALS") ? 1 : r.step; }
 
-// Its directory, its files and what came of it.
+// Its directory, its files and its results.
 class refused_run {
  public:
   refused_run(refusal r, int n, bool to_file) : _refusal(std::move(r)), _number(n) {
@@ -119,7 +119,7 @@ class refused_run {
   }
 };
 
-// Runs that wait for most of their time, side by side.
+// In parallel, because the runs spend most of their time waiting.
 class refused_calls : public testing::Test {
  protected:
   static void try_each(const std::vector<refusal>& refusals, bool to_file = false) {

@@ -35,7 +35,7 @@ class command_line : public dachost_fixture {};
 
 // ---------------------------------------------------------------- SIGHUP
 
-TEST_F(reload, during_a_renewal_reads_the_files_again_after_it) {
+TEST_F(reload, during_a_reload_causes_another_reload) {
   const std::string released = dir.path("released");
   process p = run({conf("publish first\nhold " + released)});
   p.await_out("\tfirst\n");
@@ -80,7 +80,7 @@ TEST_F(reload, together_with_a_stop_signal_ends_the_run) {
   }
 }
 
-TEST_F(reload, and_a_stop_signal_during_a_renewal_end_the_run) {
+TEST_F(reload, and_a_stop_signal_during_a_reload_end_the_run) {
   process p = run({conf("publish first\nhold " + dir.path("released"))});
   p.await_out("\tfirst\n");
   conf("publish second");
@@ -107,7 +107,7 @@ TEST_F(reload, of_500_instances_stops_them_at_the_same_time) {
   expect_all_gone();
 }
 
-TEST_F(reload, keeps_a_program_running_and_its_value) {
+TEST_F(reload, does_not_disturb_a_running_program) {
   const std::string prog = program("echo begin $DAC_VALUE >>did\n" + std::string(wait_for_go) + "echo end >>did");
   process p = run({"--exec", prog, conf("publish a")});
   await_did("begin a\n");
@@ -120,7 +120,7 @@ TEST_F(reload, keeps_a_program_running_and_its_value) {
   terminate(p);
 }
 
-TEST_F(reload, of_a_file_that_vanished_keeps_the_instance_and_takes_it_when_it_is_back) {
+TEST_F(reload, of_a_missing_file_leaves_its_instance_running_until_the_file_is_back) {
   const std::string file = dir.file("hostname=before", "gw.conf");
   process p = start({"run", "-p", PLUGIN, file}, {"sh", "-c", "exec \"$@\" 2>&1", "sh"});
   p.await_out("\tvalue\tbefore\t");
@@ -140,7 +140,7 @@ TEST_F(reload, of_a_file_that_vanished_keeps_the_instance_and_takes_it_when_it_i
 
 // ---------------------------------------------------------------- --once, --for
 
-TEST_F(command_line, once_waits_for_a_mute_instance) {
+TEST_F(command_line, once_waits_for_an_instance_that_publishes_late) {
   const remote_control mute(dir.path("fifo"));
   process p = run({"--once", conf("publish a", "a"), conf(mute.order(), "mute")});
   p.await_out("\tvalue\ta\ta\n");

@@ -9,7 +9,7 @@ namespace {
 
 class time_stamp : public dachost_fixture {
  protected:
-  /// A run under a wall clock that stands still.
+  /// A run under a wall clock that does not advance.
   ending run_at(const std::string& time, texts args, const std::string& zone = "UTC0") const {
     args.insert(args.begin(), "--once");
     args.push_back(conf("publish a\nfail b"));

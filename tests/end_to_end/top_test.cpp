@@ -24,7 +24,7 @@ std::string joined(const texts& all) {
   return text;
 }
 
-/// Without what is never twice the same: the head's time, and ages, with the blanks that align them.
+/// Without the parts that vary: the time in the head, and ages with the blanks that align them.
 std::string steady(const std::string& text) {
   const std::string timeless = std::regex_replace(text, std::regex("[0-9-]+T[0-9:]+Z"), "TIME");
   return std::regex_replace(timeless, std::regex(" +([0-9]+s|AGE) "), " AGE ");
@@ -92,7 +92,7 @@ class top_screen : public top {
     EXPECT_TRUE(eventually([&] { return static_cast<bool>(std::ifstream(dir.path("pid")) >> id); }));
     return id > 0 ? id : throw std::runtime_error("no process");
   }
-  /// The program has ended with status 0, and the terminal is as it was.
+  /// The program has ended with status 0 and has restored the terminal.
   void expect_restored(const terminal& t) const {
     t.await("status=0");
     EXPECT_FALSE(t.is_alternate());
@@ -121,7 +121,7 @@ TEST_F(top, once_prints_one_table_when_every_instance_has_published) {
                                "pump           1  no AGE     1       1  pump       null\n");
 }
 
-TEST_F(top, shows_what_the_plugin_that_ships_publishes) {
+TEST_F(top, shows_what_the_shipped_plugin_publishes) {
   dir.file("hostname = a.example", "a.conf");
   const ending e = start("--once a.conf", PLUGIN).end();
   EXPECT_EQ(e.status, 0);
@@ -169,7 +169,7 @@ TEST_F(top, starts_nothing_when_a_file_is_refused) {
   EXPECT_EQ(journal().back(), "destroy a 0");
 }
 
-TEST_F(top, sighup_reads_the_files_again_and_counts_from_the_start) {
+TEST_F(top, SIGHUP_reads_the_files_again_and_resets_the_counts) {
   dir.file("publish before\nfail of the old one", "gw.conf");
   dir.file("publish other", "other.conf");
   process p = start("gw.conf other.conf");
@@ -207,7 +207,7 @@ TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
   for (const std::string& r : rows) EXPECT_EQ(r.find(" -"), std::string::npos) << r;
 }
 
-TEST_F(top, a_reader_that_goes_away_ends_it) {
+TEST_F(top, ends_when_its_reader_closes) {
   dir.file("publish 2001:db8::10", "gw.conf");
   process p = start("gw.conf");
   p.await_out("2001:db8::10");
@@ -218,7 +218,7 @@ TEST_F(top, a_reader_that_goes_away_ends_it) {
   EXPECT_TRUE(is_gone("gw 0"));
 }
 
-TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
+TEST_F(top, a_signal_stops_a_run_whose_reader_does_not_read) {
   process p = start(many(190, "publish " + std::string(900, 'v')));
   p.await_out("dachost top");
   p.signal(SIGTERM);
@@ -229,7 +229,7 @@ TEST_F(top, a_reader_that_does_not_read_keeps_nothing_from_stopping) {
 
 // ---------------------------------------------------------------- on a screen
 
-TEST_F(top_screen, shows_the_table_until_q_and_gives_the_terminal_back) {
+TEST_F(top_screen, shows_the_table_until_q_and_restores_the_terminal) {
   dir.file("publish 2001:db8::10", "gw.conf");
   dir.file("publish null", "pump.conf");
   terminal t(dir.path(""), 80, 8);
@@ -245,7 +245,7 @@ TEST_F(top_screen, shows_the_table_until_q_and_gives_the_terminal_back) {
   EXPECT_TRUE(is_gone("gw 0") && is_gone("pump 1"));
 }
 
-TEST_F(top_screen, gives_the_terminal_back_on_ctrl_c) {
+TEST_F(top_screen, restores_the_terminal_on_ctrl_c) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);
   open(t, "gw.conf", "2001:db8::10");
@@ -254,7 +254,7 @@ TEST_F(top_screen, gives_the_terminal_back_on_ctrl_c) {
   EXPECT_TRUE(is_gone("gw 0"));
 }
 
-TEST_F(top_screen, gives_the_terminal_back_on_a_quit_key_and_signal) {
+TEST_F(top_screen, restores_the_terminal_on_a_quit_key_and_signal) {
   dir.file("publish 2001:db8::10", "gw.conf");
   for (const bool by_key : {true, false}) {
     SCOPED_TRACE(by_key);
@@ -269,7 +269,7 @@ TEST_F(top_screen, gives_the_terminal_back_on_a_quit_key_and_signal) {
   }
 }
 
-// Ctrl-S stops the output of a terminal, and a write to it then waits for Ctrl-Q.
+// Ctrl-S stops the output of a terminal; a write to it then blocks until Ctrl-Q.
 TEST_F(top_screen, ends_on_a_signal_after_ctrl_s) {
   dir.file("publish 2001:db8::10", "gw.conf");
   for (const int sig : {SIGTERM, SIGHUP}) {
@@ -289,7 +289,7 @@ TEST_F(top_screen, ends_on_a_signal_after_ctrl_s) {
   }
 }
 
-TEST_F(top_screen, gives_the_terminal_back_while_it_is_suspended_and_goes_on) {
+TEST_F(top_screen, restores_the_terminal_while_suspended_and_continues) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);
   prepare("gw.conf");
@@ -315,7 +315,7 @@ TEST_F(top_screen, ages_grow_by_themselves) {
   t.await([&](const texts& all) { return !age(all).empty() && age(all) != before; });
 }
 
-TEST_F(top_screen, cuts_what_is_too_long_and_follows_the_terminals_size) {
+TEST_F(top_screen, cuts_long_lines_and_follows_the_size_of_the_terminal) {
   dir.file("publish " + std::string(100, 'v'), "gw.conf");
   terminal t(dir.path(""), 80, 8);
   open(t, "gw.conf", "vvv>");
@@ -361,7 +361,7 @@ TEST_F(top_screen, scrolls_through_more_instances_than_lines) {
   t.await([](const texts& all) { return all.size() == 60 && all[2].starts_with("i10 ") && all[59] == "q ends"; });
 }
 
-TEST_F(top_screen, tells_of_a_failure_at_the_bottom_until_a_key_is_pressed) {
+TEST_F(top_screen, shows_a_failure_at_the_bottom_until_a_key_is_pressed) {
   dir.file("publish null\nfail to find addresses", "gw.conf");
   terminal t(dir.path(""), 100, 8);
   open(t, "gw.conf", "Z gw: to find addresses");
@@ -370,7 +370,7 @@ TEST_F(top_screen, tells_of_a_failure_at_the_bottom_until_a_key_is_pressed) {
   t.await("q ends");
 }
 
-TEST_F(top_screen, obeys_every_one_of_several_keys_at_once) {
+TEST_F(top_screen, handles_several_keys_at_once) {
   terminal t(dir.path(""), 100, 13);
   open(t, many(35, "publish null"), "rows 1-10 of 35");
   t.press_at_once({"Down", "Down", "NPage", "Down", "Up", "x", "Down"});
@@ -379,7 +379,7 @@ TEST_F(top_screen, obeys_every_one_of_several_keys_at_once) {
   expect_restored(t);
 }
 
-TEST_F(top_screen, keeps_a_note_when_the_size_changes) {
+TEST_F(top_screen, shows_a_note_after_a_resize) {
   dir.file("publish null\nfail to find addresses", "gw.conf");
   terminal t(dir.path(""), 100, 8);
   open(t, "gw.conf", "Z gw: to find addresses");
@@ -393,7 +393,7 @@ TEST_F(top_screen, keeps_a_note_when_the_size_changes) {
   t.await("q ends");
 }
 
-TEST_F(top_screen, repairs_what_others_have_written_on_ctrl_l) {
+TEST_F(top_screen, erases_foreign_output_on_ctrl_l) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);
   open(t, "gw.conf", "2001:db8::10");
@@ -407,7 +407,7 @@ TEST_F(top_screen, repairs_what_others_have_written_on_ctrl_l) {
   });
 }
 
-// "e" and U+0301 take one column together, and the columns after it stay where they are.
+// "e" and U+0301 take one column together, so the next columns are aligned.
 TEST_F(top_screen, aligns_combining_characters) {
   const std::string accent = "e\xcc\x81";
   dir.file("publish plain", "abcd.conf");
@@ -419,7 +419,7 @@ TEST_F(top_screen, aligns_combining_characters) {
   EXPECT_EQ(all.at(2).find("plain"), all.at(3).find(accent + accent) - 4) << joined(all);
 }
 
-TEST_F(top_screen, sighup_shows_the_reason_of_every_refused_file_until_a_key_is_pressed) {
+TEST_F(top_screen, SIGHUP_shows_the_reason_of_every_refused_file_until_a_key_is_pressed) {
   const texts names = {"a", "b", "c"};
   for (const std::string& n : names) dir.file("publish value of " + n, n + ".conf");
   terminal t(dir.path(""), 100, 12);
@@ -453,7 +453,7 @@ TEST_F(top_screen, shows_at_least_half_a_table_and_the_newest_reasons_when_many_
   EXPECT_NE(joined(screen).find("26 more"), std::string::npos) << joined(screen);
 }
 
-TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {
+TEST_F(top_screen, SIGHUP_shows_a_refusal_at_the_bottom) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 100, 8);
   open(t, "gw.conf", "2001:db8::10");
@@ -463,7 +463,7 @@ TEST_F(top_screen, sighup_tells_at_the_bottom_what_is_refused) {
   EXPECT_NE(all.at(2).find("2001:db8::10"), std::string::npos);
 }
 
-TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not_do) {
+TEST_F(top_screen, prints_tables_when_the_terminal_cannot_be_used) {
   dir.file("publish null", "gw.conf");
   const struct row {
     const char* setting;
@@ -483,7 +483,7 @@ TEST_F(top_screen, writes_tables_one_below_the_other_where_the_terminal_will_not
   }
 }
 
-TEST_F(top_screen, ends_in_order_when_the_terminal_goes_away) {
+TEST_F(top_screen, ends_in_order_when_the_terminal_disappears) {
   dir.file("publish null", "gw.conf");
   terminal t(dir.path(""), 80, 8);
   open(t, "gw.conf", "null");

@@ -1,7 +1,7 @@
-// Everything that dachost waits for wakes it at once, not when something else happens to.
+// Every event that dachost waits for wakes it at once.
 //
-// A wake-up that is lost is made good by the next event or timer, so that a single one is hard to see on a loaded
-// machine. Each test has 30 in a row, and they take less than 25 seconds only if they take less than a second each.
+// The next event or timer hides a lost wake-up, so a single one is hard to detect on a loaded machine. Each test has 30
+// in a row, which take less than 25 seconds only if each takes less than a second.
 #include <gtest/gtest.h>
 
 #include "tests/support/dachost_fixture.h"
@@ -74,7 +74,7 @@ TEST_F(wake_up, the_end_of_a_program_is_reported_at_once_when_it_failed) {
   p.end();
 }
 
-TEST_F(wake_up, SIGHUP_renews_at_once) {
+TEST_F(wake_up, SIGHUP_reloads_at_once) {
   process p = run({conf("publish first")});
   p.await_out("\tfirst\n");
   thirty_times([&](const std::string& n) {

@@ -45,14 +45,14 @@ TEST_F(outputs, a_descriptor_is_watched_for_its_other_end_from_the_beginning) {
   EXPECT_FALSE(loop.watch_of(1)) << "a watch on a closed pipe would be ready all the time";
 }
 
-TEST_F(outputs, a_watch_is_left_as_it_is_while_lines_are_taken) {
+TEST_F(outputs, a_watch_is_not_replaced_while_lines_are_taken) {
   const auto before = loop.watch_of(1)->handler.lock();
   out.line("one");
   out.put("two");
   EXPECT_EQ(loop.watch_of(1)->handler.lock(), before);
 }
 
-TEST_F(outputs, what_is_not_taken_waits_for_room) {
+TEST_F(outputs, bytes_that_are_not_taken_wait_for_room) {
   sink.answers = {2, -EAGAIN};
   out.line("one");
   EXPECT_EQ(sink.text, "on");
@@ -101,7 +101,7 @@ TEST_F(outputs, bytes_that_are_written_take_no_memory) {
   EXPECT_LT(allocated(), before + 100'000);
 }
 
-TEST_F(outputs, an_error_drops_what_waits_and_what_comes) {
+TEST_F(outputs, an_error_drops_pending_and_later_lines) {
   sink.answers = {2, -ENOSPC};
   out.line("one");
   EXPECT_EQ(out.error(), ENOSPC);
@@ -114,7 +114,7 @@ TEST_F(outputs, an_error_drops_what_waits_and_what_comes) {
   EXPECT_FALSE(loop.watch_of(1));
 }
 
-TEST_F(outputs, room_that_cannot_be_waited_for_is_an_error) {
+TEST_F(outputs, a_full_descriptor_that_cannot_be_watched_is_an_error) {
   loop.unwatchable = 1;
   sink.answers = {-EAGAIN};
   out.line("one");
@@ -134,7 +134,7 @@ TEST_F(outputs, the_first_error_counts) {
   EXPECT_EQ(out.error(), ENOSPC);
 }
 
-TEST_F(outputs, a_failure_from_outside_drops_what_waits) {
+TEST_F(outputs, fail_drops_pending_lines) {
   sink.answers = {1, -EAGAIN};
   out.line("one");
   out.fail(ETIME);

@@ -1,4 +1,4 @@
-// An event loop that does what a test says: time passes when the test lets it, and descriptors take what it allows.
+// An event loop that a test controls: time advances, and descriptors accept bytes, as the test says.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ class scripted_loop : public event_loop {
     readiness r;
     std::weak_ptr<task> handler;
   };
-  /// What a descriptor takes, and what it got.
+  /// What a descriptor accepts, and what it has received.
   struct sink {
     std::deque<ssize_t> answers;  // of the next calls of write(); then everything is taken
     std::string text;
@@ -83,8 +83,8 @@ class scripted_loop : public event_loop {
   wall_clock::time_point wall_time() const override { return wall; }
   void run_until(const std::function<bool()>& condition) override {
     for (int n = 0; !condition(); ++n) {
-      if (n > 1000) throw std::logic_error("the condition does not come");
-      if (!run_posted() && !run_timer(steady_clock::time_point::max())) throw std::logic_error("nothing is to come");
+      if (n > 1000) throw std::logic_error("the condition never holds");
+      if (!run_posted() && !run_timer(steady_clock::time_point::max())) throw std::logic_error("no event is pending");
     }
   }
   void post(task t) override { _posted.push_back(std::move(t)); }
@@ -111,7 +111,7 @@ class scripted_loop : public event_loop {
   }
   ssize_t write(int fd, std::string_view bytes) override {
     sink& s = sinks[fd];
-    if (++s.calls > 10'000) throw std::logic_error("it writes without end");
+    if (++s.calls > 10'000) throw std::logic_error("it writes endlessly");
     auto n = static_cast<ssize_t>(bytes.size());
     if (!s.answers.empty()) n = std::min(n, std::exchange(s.answers.front(), 0));
     if (!s.answers.empty()) s.answers.pop_front();

@@ -285,7 +285,7 @@ bool world::advance() {
   for (const auto& [pid, p] : programs)
     if (awaited.contains(pid)) next = std::min(next, p.ends);
   if (next == never) return false;
-  expect(next > now, "time stands still");
+  expect(next > now, "time does not advance");
   now = next;
   steps_now = 0;
   return true;
@@ -746,7 +746,7 @@ long setting(const char* name, long otherwise) {
 
 }  // namespace
 
-TEST(simulation, keeps_every_promise_whatever_happens) {
+TEST(simulation, holds_every_invariant_at_every_step) {
   const long steps = setting("IP6DNS_STEPS", 1'000'000);
   auto seed = static_cast<unsigned>(setting("IP6DNS_SEED", 1));
   long done = 0;

@@ -206,7 +206,7 @@ TEST_F(supervisors, SIGHUP_replaces_every_instance) {
   EXPECT_EQ(s->instances().get(0)->handle(), 2);
 }
 
-TEST_F(supervisors, a_file_refused_on_a_reload_keeps_its_old_instance) {
+TEST_F(supervisors, a_file_refused_on_a_reload_does_not_stop_its_old_instance) {
   start();
   refused = {"a.conf"};
   reports["a.conf"] = {"failure bad"};
@@ -226,7 +226,7 @@ TEST_F(supervisors, a_file_refused_on_a_reload_keeps_its_old_instance) {
   refused.clear();
   reports.clear();
   reload();
-  EXPECT_EQ(noted().size(), reloaded.size()) << "it goes on as before";
+  EXPECT_EQ(noted().size(), reloaded.size()) << "later reloads work";
 }
 
 TEST_F(supervisors, a_reload_needs_room_for_one_more_instance) {
@@ -245,7 +245,7 @@ TEST_F(supervisors, a_reload_needs_room_for_one_more_instance) {
                    "refused 1 b" + why + "; the old instance continues"}));
 }
 
-TEST_F(supervisors, a_reason_is_no_lack_of_room) {
+TEST_F(supervisors, a_refusal_with_a_reason_does_not_mean_a_full_plug_in) {
   start();
   refused = {"b.conf"};
   reports["b.conf"] = {"failure bad"};
@@ -349,7 +349,7 @@ TEST_F(supervisors, stop_stops_all_and_then_destroys_them) {
   EXPECT_EQ(noted(), texts{});
 }
 
-TEST_F(supervisors, stop_waits_for_a_reload_and_leaves_out_what_it_has_not_begun) {
+TEST_F(supervisors, stop_waits_for_a_reload_and_starts_none_of_its_instances) {
   start();
   loop.holds_work = true;
   loop.signal(SIGHUP);
@@ -379,7 +379,7 @@ TEST_F(supervisors, stop_gives_up_on_a_reload_too) {
   const auto begun = loop.now();
   EXPECT_FALSE(s->stop());
   EXPECT_EQ(loop.now() - begun, 30s);
-  EXPECT_EQ(loop.held_work(), 1U) << "nothing more is asked of a plug-in that does not return";
+  EXPECT_EQ(loop.held_work(), 1U) << "no call follows into a plug-in that does not return";
 }
 
 TEST_F(supervisors, a_reload_that_returns_after_stop_gave_up_starts_nothing) {
@@ -401,7 +401,7 @@ TEST(instance_name, is_the_stem_or_the_path_or_has_a_number) {
   EXPECT_EQ(instance_names({"x/a", "y/a", "x/a#2", "x/a"}), (texts{"x/a", "y/a", "a#2", "x/a#2"}));
 }
 
-TEST(diagnosis, names_the_file_once_and_says_what_helps) {
+TEST(diagnosis, names_the_file_once_and_adds_a_remedy) {
   const scratch dir;
   const std::string file = dir.file("hostname = a\n"), empty = dir.file("", "empty");
   errno = EIO;
@@ -420,7 +420,7 @@ TEST(diagnosis, names_the_file_once_and_says_what_helps) {
   EXPECT_EQ(diagnose(file, "refused"), file + ": refused");
 }
 
-TEST(diagnosis, leaves_no_descriptor_open_and_takes_any) {
+TEST(diagnosis, closes_its_descriptor_and_accepts_descriptor_0) {
   const scratch dir;
   const std::string file = dir.file("hostname = a\n");
   const int before = dup(STDIN_FILENO);

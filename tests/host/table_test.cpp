@@ -20,7 +20,7 @@ row pump() { return {"pump", 2048, false, std::nullopt, 0, 17, "p", ""}; }
 
 }  // namespace
 
-TEST_F(table_lines, stand_one_below_the_other_under_their_headings) {
+TEST_F(table_lines, are_aligned_under_their_headings) {
   EXPECT_EQ(table({gateway(), pump()}),
             (texts{"INSTANCE  HANDLE  RUNS  AGE  PUBS  ERRORS  HOST NAME        VALUE",
                    "gateway        0  yes   12s     3       0  gateway.example  2001:db8::10,fd00::5",
@@ -31,7 +31,7 @@ TEST_F(table_lines, without_rows_are_the_heading_alone) {
   EXPECT_EQ(table({}), texts{"INSTANCE  HANDLE  RUNS  AGE  PUBS  ERRORS  HOST NAME  VALUE"});
 }
 
-TEST_F(table_lines, are_cut_at_the_width_and_say_so) {
+TEST_F(table_lines, are_cut_at_the_width_and_end_with_a_mark) {
   EXPECT_EQ(table({gateway()}, 75),
             (texts{"INSTANCE  HANDLE  RUNS  AGE  PUBS  ERRORS  HOST NAME        VALUE",
                    "gateway        0  yes   12s     3       0  gateway.example  2001:db8::10,f>"}));
@@ -39,7 +39,7 @@ TEST_F(table_lines, are_cut_at_the_width_and_say_so) {
     for (const std::string& line : table({gateway(), pump()}, width)) EXPECT_LE(line.size(), width) << line;
 }
 
-TEST_F(table_lines, give_a_long_name_no_more_than_its_share_when_cut) {
+TEST_F(table_lines, limit_a_long_name_to_its_share_when_cut) {
   row r = gateway();
   r.instance = std::string(200, 'i');
   r.host = std::string(200, 'h');

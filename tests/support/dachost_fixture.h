@@ -63,7 +63,7 @@ inline long waits(pid_t pid) {
   return all;
 }
 
-/// Waits until a process has done the work that was on its way. A busy loop never gets there.
+/// Waits until a process has finished its pending work. A busy loop never does.
 inline void await_settled(const process& p) {
   EXPECT_TRUE(eventually([&p] {
     const double before = processor_seconds(p.pid());
@@ -118,7 +118,7 @@ class dachost_fixture : public testing::Test {
   std::string conf(const std::string& orders, const std::string& name = "gw") const {
     return dir.file(orders, name + ".conf");
   }
-  /// Has a program that waits with `wait_for_go` go on.
+  /// Lets a program continue that waits with `wait_for_go`.
   void go() const { dir.file("", "go"); }
   static constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.02; done\n";
   static constexpr char ignore_SIGTERM[] = "trap '' TERM; echo begin >>did; while :; do sleep 1000; done\n";
@@ -138,8 +138,8 @@ class dachost_fixture : public testing::Test {
     if (!eventually([&] { return read_file(dir.path(name)).find(text) != std::string::npos; }))
       throw std::runtime_error("waited for: " + text + "\nin " + name + ": " + read_file(dir.path(name)));
   }
-  /// One line on the program, with what went wrong.
-  std::string complaint(const std::string& what, const std::string& instance = "gw") const {
+  /// The line that reports an error of the program.
+  std::string hook_message(const std::string& what, const std::string& instance = "gw") const {
     return "dachost: " + instance + ": " + dir.path("prog") + ": " + what + '\n';
   }
 

@@ -139,7 +139,7 @@ void obey(const instance& i, const std::string& line) {
   if (word == "flood") flood(i, std::stoi(rest));
 }
 
-// The file is open for writing too: no writer's end is the end of it.
+// The file is open for writing too, so that it does not end when a writer closes it.
 void listen(const instance& i, const std::string& fifo) {
   std::fstream in(fifo);
   for (std::string line; std::getline(in, line) && line != "stop";) obey(i, line);
@@ -168,7 +168,7 @@ bool is_running(int handle) {
   return running.contains(handle);
 }
 
-// A stopped instance has nothing to wait for.
+// Only for a running instance.
 void stop_slowly(int handle, const instance& i) {
   if (!is_running(handle)) return;
   if (i.orders.contains("stop"))

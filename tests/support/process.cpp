@@ -17,7 +17,7 @@
 namespace {
 
 using steady_clock = std::chrono::steady_clock;
-constexpr auto patience = std::chrono::seconds(20);
+constexpr auto timeout = std::chrono::seconds(20);
 constexpr auto pause_between = std::chrono::milliseconds(5);
 
 struct pipe_ends {
@@ -107,7 +107,7 @@ int process::end_unread() {
 }
 
 void process::await(const std::function<bool()>& condition, const std::string& what) {
-  const auto end = steady_clock::now() + patience;
+  const auto end = steady_clock::now() + timeout;
   while (!condition()) {
     if ((_out.fd < 0 && _err.fd < 0) || steady_clock::now() >= end)
       throw std::runtime_error("waited for: " + what + "\nits output: " + _out.text + "\nits errors: " + _err.text);
@@ -139,7 +139,7 @@ void process::stream::close() {
 }
 
 bool eventually(const std::function<bool()>& condition) {
-  const auto end = steady_clock::now() + patience;
+  const auto end = steady_clock::now() + timeout;
   while (!condition()) {
     if (steady_clock::now() >= end) return false;
     std::this_thread::sleep_for(pause_between);

@@ -152,13 +152,28 @@ TEST_F(readers, that_are_slow_after_a_stop_signal_get_the_beginning) {
   EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
 }
 
+// A terminal has room for a part of what is written, and a blocking write would wait for room for the rest.
+TEST_F(readers, of_a_terminal_that_read_nothing_do_not_prevent_the_stop) {
+  const int reader = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_EQ(grantpt(reader) + unlockpt(reader), 0);
+  const int terminal = open(ptsname(reader), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  process p = run({conf("flood 4000")}, {}, {.out_fd = terminal});
+  close(terminal);
+  await_journal("start gw 0");
+  await_settled(p);
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end_unread(), 1);
+  EXPECT_EQ(p.end().err, "dachost: standard output: timed out waiting for the reader\n");
+  close(reader);
+}
+
 TEST_F(readers, of_a_non_blocking_socket_that_takes_parts_of_lines_get_every_line) {
   socket_pair s(socket_pair::kind::tcp);
   process p =
       run({"--for", "0.001", conf("flood 4000\npublish " + std::string(900, 'v'))}, {}, {.out_fd = s.writing()});
   s.close_writing();
   std::string out;
-  for (size_t size = 1; s.read_some(out, size);) size = size % 5000 + 611;
+  for (size_t size = 1; s.read_some(out, size); std::this_thread::sleep_for(1ms)) size = size % 5000 + 611;
   EXPECT_EQ(p.end_unread(), 0);
   EXPECT_EQ(lines_of(out, "message").size(), 4000U);
   EXPECT_EQ(lines_of(out, "value"), texts{"gw\tvalue\tgw\t" + std::string(900, 'v')});

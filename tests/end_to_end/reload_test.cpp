@@ -51,12 +51,14 @@ TEST_F(reload, during_a_reload_causes_another_reload) {
 }
 
 TEST_F(reload, many_times_in_a_row_ends_with_the_newest_file) {
-  process p = run({conf("publish 0")});
+  const std::string slow = "stop takes 20\npublish ";  // so that the last signal arrives during a reload
+  process p = run({conf(slow + "0")});
   p.await_out("\t0\n");
   for (int n = 1; n <= 200; ++n) {
-    dir.file("publish " + std::to_string(n), "next");
+    dir.file(slow + std::to_string(n), "next");
     std::filesystem::rename(dir.path("next"), dir.path("gw.conf"));
     p.signal(SIGHUP);
+    std::this_thread::sleep_for(1ms);
   }
   p.await_out("\t200\n");
   const texts values = lines_of(terminate(p).out, "value");

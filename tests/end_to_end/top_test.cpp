@@ -289,6 +289,16 @@ TEST_F(top_screen, ends_on_a_signal_after_ctrl_s) {
   }
 }
 
+TEST_F(top_screen, changes_after_ctrl_s) {
+  dir.file("publish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "2001:db8::10");
+  t.press("C-s");
+  dir.file("publish 2001:db8::11", "gw.conf");
+  kill(host(), SIGHUP);
+  t.await("2001:db8::11");
+}
+
 TEST_F(top_screen, restores_the_terminal_while_suspended_and_continues) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);

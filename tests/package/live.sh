@@ -10,15 +10,6 @@ scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 trap 'exit 1' HUP INT TERM
 
-depends=$(dpkg-deb -f "$package" Depends)
-depends=$(echo "$depends" | sed 's/([^)]*)//g; s/,/ /g')
-# shellcheck disable=SC2086 # one word per package
-tree=$("$here/../support/debian_tree.sh" "$cache" iproute2 $depends) || {
-  status=$?
-  echo "$tree"
-  exit "$status"
-}
-
 # variant NAME VERSION: the package as another release, with other code.
 variant() {
   dpkg-deb -R "$package" "$scratch/$1"
@@ -42,25 +33,4 @@ else
 fi
 
 cp "$here/live_steps.sh" "$scratch"
-cat >"$scratch/live.service" <<'EOF'
-[Unit]
-After=multi-user.target
-SuccessAction=exit
-FailureAction=exit
-[Service]
-Type=oneshot
-ExecStart=/live/live_steps.sh
-StandardOutput=append:/live/log
-StandardError=inherit
-EOF
-timeout 100 systemd-nspawn -q --register=no --keep-unit --private-network --link-journal=no --volatile=overlay \
-  --machine="ip6dns-$$" -D "$tree" --bind="$scratch:/live" \
-  --bind-ro="$scratch/live.service:/etc/systemd/system/live.service" --console=pipe -b systemd.wants=live.service \
-  </dev/null >"$scratch/console" 2>&1 || {
-  status=$?
-  cat "$scratch/console"
-  cat "$scratch/log"
-  echo "the system ended with status $status"
-  exit 1
-}
-grep '^passed' "$scratch/log"
+"$here/../support/boot.sh" "$cache" "$package" "$scratch" live_steps.sh

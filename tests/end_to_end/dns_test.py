@@ -47,9 +47,8 @@ class Server:
         grants = " ".join(f"grant gateway name {name} AAAA;" for name in names)
         conf = conf.replace("grant gateway name gateway.example. AAAA;", grants)
         conf = conf.replace("update-owner-name: gateway.example.", f"update-owner-name: [{', '.join(names)}]")
-        here = {"/etc/bind/": folder.name + "/", "/etc/knot/": folder.name + "/", "/var/lib/bind/": folder.name + "/"}
-        for path, place in here.items():
-            make_keys, conf = make_keys.replace(path, place), conf.replace(path, place)
+        for path in ("/etc/bind", "/etc/knot", "/var/lib/bind"):
+            make_keys, conf = make_keys.replace(path, folder.name), conf.replace(path, folder.name)
         self.assertEqual(shell(make_keys).stdout, "")
         self.key = folder.name + "/gateway.key"
         self.server = self.program(folder.name, conf, records=records)
@@ -164,7 +163,7 @@ class Server:
         self.assert_runs(self.hosts("2001:db8:2::1", "camera=::1 camera.example.=::2"))
         self.assertEqual(self.server.dig("camera.example", "AAAA"), ["2001:db8:2::1", "2001:db8:2::2"])
 
-    def test_null_deletes_the_hosts_unless_they_are_kept(self):
+    def test_NSUPDATE_NULL_keep_leaves_the_hosts(self):
         self.set_up(also=self.both)
         self.assert_runs(self.hosts("2001:db8:2::1"))
         self.assert_runs(self.hosts("null", NSUPDATE_NULL="keep"))

@@ -51,24 +51,24 @@ class nsupdate_aaaa : public testing::Test {
   std::string asked_path() const { return dir.path("asked"); }
 };
 
-/// dachost with the plug-in on the kernel's interfaces, the script, and a clock that the test sets ahead.
+/// dachost with the plug-in, the kernel's interfaces, the script, and a clock that the test advances.
 class host {
  public:
   host(const name_server& dns, const std::string& key) : _dns(dns) {
-    look();
+    poll();
     _program = std::make_unique<process>(command(key));
   }
 
   process* operator->() { return _program.get(); }
-  /// Has the worker look once more, now.
-  void look() {
+  /// Makes the worker poll now.
+  void poll() {
     _dir.file(std::to_string(_shift += 10), "next");
     std::filesystem::rename(_dir.path("next"), _dir.path("shift"));
   }
   /// Waits for the value.
   void publishes(const std::string& value) { _program->await_out("\tvalue\tgw.example.test\t" + value + '\n'); }
   /// Waits until the name has these addresses.
-  bool keeps(const texts& addresses) const { return _dns.gets("gw.example.test", addresses); }
+  bool gets(const texts& addresses) const { return _dns.gets("gw.example.test", addresses); }
   ending end() {
     _program->signal(SIGTERM);
     return _program->end();
@@ -143,7 +143,7 @@ TEST_F(nsupdate_aaaa, reports_an_unusable_setting_in_one_line) {
   } rows[] = {
       {"no name", "DAC_TAG=", "DAC_TAG is not set"},
       {"a name of two words", "DAC_TAG=gw example", "DAC_TAG may not be 'gw example'"},
-      {"a name that goes on", "DAC_TAG=gw\tAAAA", "DAC_TAG may not be 'gw?AAAA'"},
+      {"a name and more", "DAC_TAG=gw\tAAAA", "DAC_TAG may not be 'gw?AAAA'"},
       {"a name beyond ASCII", "NSUPDATE_NAME=gw\xc3\xa4",
        "NSUPDATE_NAME may not be 'gw?"
        "?'"},
@@ -154,7 +154,7 @@ TEST_F(nsupdate_aaaa, reports_an_unusable_setting_in_one_line) {
       {"a comma at the end", "DAC_VALUE=::5,", "DAC_VALUE may not be '::5,'"},
       {"a comma at the beginning", "DAC_VALUE=,::5", "DAC_VALUE may not be ',::5'"},
       {"a comma alone", "DAC_VALUE=,", "DAC_VALUE may not be ','"},
-      {"a blank", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
+      {"a space", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
       {"a pattern", "DAC_VALUE=*", "DAC_VALUE may not be '*'"},
       {"no server", "NSUPDATE_SERVER=", "NSUPDATE_SERVER is not set"},
       {"a server and more", "NSUPDATE_SERVER=a b", "NSUPDATE_SERVER may not be 'a b'"},
@@ -270,20 +270,20 @@ TEST(name_record, follows_the_addresses_and_disappears_with_the_last_public_one)
     host h(dns, dns.key());
     h.publishes("null");
     ASSERT_TRUE(add("2001:db8::10"));
-    h.look();
-    EXPECT_TRUE(h.keeps({"2001:db8::10"}));
+    h.poll();
+    EXPECT_TRUE(h.gets({"2001:db8::10"}));
     ASSERT_TRUE(add("fd00::5"));
     ASSERT_TRUE(add("2001:db8::20"));
-    h.look();
-    EXPECT_TRUE(h.keeps({"2001:db8::10", "2001:db8::20"}));
+    h.poll();
+    EXPECT_TRUE(h.gets({"2001:db8::10", "2001:db8::20"}));
     ASSERT_TRUE(del("2001:db8::10"));
     ASSERT_TRUE(add("2001:db8::30"));
-    h.look();
-    EXPECT_TRUE(h.keeps({"2001:db8::20", "2001:db8::30"}));
+    h.poll();
+    EXPECT_TRUE(h.gets({"2001:db8::20", "2001:db8::30"}));
     ASSERT_TRUE(del("2001:db8::20"));
     ASSERT_TRUE(del("2001:db8::30"));
-    h.look();
-    EXPECT_TRUE(h.keeps({}));
+    h.poll();
+    EXPECT_TRUE(h.gets({}));
     EXPECT_EQ(dns.serial(), 5U) << "one update for each change";
     const ending e = h.end();
     EXPECT_EQ(e.status, 0);
@@ -297,14 +297,14 @@ TEST(name_record, is_updated_after_an_outage_of_the_name_server) {
     dns.start();
     ASSERT_TRUE(add("2001:db8::10"));
     host h(dns, dns.key());
-    EXPECT_TRUE(h.keeps({"2001:db8::10"}));
+    EXPECT_TRUE(h.gets({"2001:db8::10"}));
     dns.stop();
     ASSERT_TRUE(del("2001:db8::10"));
     ASSERT_TRUE(add("2001:db8::20"));
-    h.look();
+    h.poll();
     h->await_err("; tried again in 1 s\n");
     dns.start();
-    EXPECT_TRUE(h.keeps({"2001:db8::20"}));
+    EXPECT_TRUE(h.gets({"2001:db8::20"}));
     const std::string out = h.end().out;
     EXPECT_NE(out.find("2001:db8::20\n"), std::string::npos);
     EXPECT_EQ(out.find("2001:db8::20\n"), out.rfind("2001:db8::20\n")) << "published once, tried twice";

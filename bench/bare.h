@@ -1,4 +1,4 @@
-// The worker's system calls and nothing around them.
+// Only the worker's system calls.
 #pragma once
 
 #include <arpa/inet.h>
@@ -7,7 +7,7 @@
 
 #include <ctime>
 
-/// Hands each IPv6 address, as text, to `take`.
+/// Calls `take` with each IPv6 address as text.
 template <class F>
 void bare_addresses(F take) {
   ifaddrs* list;
@@ -20,7 +20,7 @@ void bare_addresses(F take) {
   freeifaddrs(list);
 }
 
-/// Sleeps and reads the clock ten times a second, asks for the addresses every ten seconds, until `stop`.
+/// Sleeps and reads the clock ten times per second and reads the addresses every ten seconds, until `stop`.
 inline void bare_loop(const volatile int& stop) {
   const timespec pause = {0, 100'000'000};
   for (time_t last = 0; !stop;) {

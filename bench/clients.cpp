@@ -1,5 +1,5 @@
-// The reference host with one instance beside other programs that watch an address, all idle at the same time in a
-// network where nothing happens: processor time and wakes of each process.
+// Processor time and wake-ups of dachost with one instance and of other clients that watch an address, all idle at the
+// same time in a network where nothing changes.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,7 +23,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr auto window = std::chrono::seconds(60);  // the longest pause between two looks that ddclient may be given
+constexpr auto window = std::chrono::seconds(60);  // ddclient polls once in it
 constexpr auto settling = std::chrono::seconds(5);
 
 class process {
@@ -67,7 +67,7 @@ class process {
     return 0;
   }
 
-  // Fields 16 and 17, in ticks, behind the name in parentheses.
+  // Fields 16 and 17, in ticks, after the name in parentheses.
   double nanoseconds_of_children() const {
     std::ifstream stat("/proc/" + std::to_string(_pid) + "/stat");
     std::string line;
@@ -81,7 +81,7 @@ class process {
   }
 };
 
-// Both know the address from their last run, so they have nothing to send.
+// Both have the address in their cache, so they have nothing to send.
 std::string inadyn(const scratch& d) {
   d.file("2001:db8::1", "gateway.example.org.cache");
   const std::string file = d.file(
@@ -117,8 +117,8 @@ void report(const client& ours, const client& theirs) {
   };
   for (const auto& [what, unit, figure] : {std::tuple{"processor time", "ns/s", &process::usage::nanoseconds},
                                            std::tuple{"wakes", "1/s", &process::usage::wakes}})
-    print_row(std::string("idle process, ") + what, theirs.name, unit, per_second(figure, ours),
-              per_second(figure, theirs));
+    add_row(std::string("idle process, ") + what, theirs.name, unit, per_second(figure, ours),
+            per_second(figure, theirs));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// What a program that uses the foundation defines; the variant UNTUNED leaves the C library's heap as it is.
+// The globals of a program that uses the foundation. UNTUNED does not tune the C library's heap.
 #include "com/ymlib3/ym_alloctor"
 
 #ifndef UNTUNED

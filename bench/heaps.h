@@ -1,4 +1,4 @@
-// The allocators that are compared, each behind two function pointers, so that none is inlined.
+// The compared allocators, each called through two function pointers, so that none is inlined.
 #pragma once
 
 #include <cstddef>
@@ -12,13 +12,13 @@ struct heap {
 };
 
 heap the_pools();
-/// What any pool of that kind cannot do without: see pool_limit.cpp.
+/// The minimal pool, see pool_limit.cpp.
 heap pool_limit();
 void* limit_take(size_t n);
 void limit_give(void* p);
-/// The size of the block that limit_take gives for `n` bytes.
+/// The size of the block that limit_take returns for `n` bytes.
 size_t limit_class(size_t n);
-/// The C library's, as this program has tuned it.
+/// The C library's heap, as tuned by this program.
 heap c_library();
-/// jemalloc, mimalloc and tcmalloc. Throws when one of them cannot be loaded.
+/// jemalloc, mimalloc and tcmalloc. Throws if one of them cannot be loaded.
 std::vector<heap> thread_caching();

@@ -1,4 +1,4 @@
-// The reference host from outside: from its start to the first value, and from SIGTERM to its end.
+// Times of dachost: from its start to the first value, and from SIGTERM to its end.
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -35,7 +35,7 @@ class host_process {
   host_process(const host_process&) = delete;
   host_process& operator=(const host_process&) = delete;
 
-  /// Reads until that many values have been published; milliseconds since the start.
+  /// Reads until `count` values have been published. Returns the milliseconds since the start.
   double await_values(size_t count) {
     char line[4096];
     while (count != 0) {
@@ -85,8 +85,8 @@ void measure(size_t instances, int rounds) {
   }
   const std::vector<double> round(first.size(), 100);  // of the worker: 0.1 s
   const std::string which = instances == 1 ? ", 1 instance" : ", " + std::to_string(instances) + " instances";
-  print_row("dachost from start to first value" + which, "one round of the worker", "ms", first, round);
-  print_row("dachost from SIGTERM to end" + which, "one round of the worker", "ms", last, round);
+  add_row("dachost from start to first value" + which, "one round of the worker", "ms", first, round);
+  add_row("dachost from SIGTERM to end" + which, "one round of the worker", "ms", last, round);
 }
 
 }  // namespace

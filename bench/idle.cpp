@@ -1,5 +1,5 @@
-// Processor time of running instances that have nothing to do, beside as many bare loops in the same process at the
-// same time, so that whatever befalls the machine befalls both.
+// Processor time of idle instances, compared with as many bare loops in the same process at the same time, so that load
+// from outside affects both.
 #include <sys/types.h>
 #include <unistd.h>
 
@@ -30,7 +30,7 @@ threads all_threads() {
   return all;
 }
 
-// Those that `f` starts.
+// The threads that `f` starts.
 template <class F>
 threads started_by(F f) {
   const threads before = all_threads();
@@ -40,7 +40,7 @@ threads started_by(F f) {
   return started;
 }
 
-// The kernel's processor-time clock of any thread of this process; pthread_getcpuclockid wants a pthread_t.
+// The kernel's processor-time clock of any thread of this process; pthread_getcpuclockid requires a pthread_t.
 double nanoseconds_of(pid_t thread) {
   timespec t = {};
   clock_gettime(~static_cast<clockid_t>(thread) * 8 + 6, &t);
@@ -60,7 +60,7 @@ void start_bare(std::vector<std::jthread>& all, size_t count) {
   for (size_t i = 0; i < count; ++i) all.emplace_back([] { bare_loop(g_end); });
 }
 
-// Side by side: each waits for the end of its worker's sleep.
+// In parallel, because each stop waits for the end of its worker's sleep.
 void stop_all(const library& p, const std::vector<int>& handles) {
   std::vector<std::jthread> helpers;
   for (const int h : handles) {
@@ -91,7 +91,7 @@ void measure(const library& p, size_t count, int windows) {
     a.push_back((nanoseconds_of(ours) - a0) / seconds);
     b.push_back((nanoseconds_of(theirs) - b0) / seconds);
   }
-  print_row("idle instance, of " + std::to_string(count), "bare loop", "ns/s", a, b);
+  add_row("idle instance, of " + std::to_string(count), "bare loop", "ns/s", a, b);
   g_end = 1;
   stop_all(p, handles);
   bare.clear();

@@ -7,7 +7,7 @@
 #include "driver/dac.h"
 #include "tests/support/plugin.h"
 
-/// A stopped instance with empty callbacks; `data` replaces one of them. Throws when the configuration is refused.
+/// A stopped instance with empty callbacks; `data` replaces one of them. Throws if the configuration is refused.
 inline int make_instance(
     const library& lib, const char* cfgfile, cbdata data = [](const dac_tagvalue*, int, void*) {},
     void* param = nullptr) {

@@ -1,5 +1,5 @@
-/* jemalloc in a shared object of its own, which keeps its malloc and free to itself. It is linked and not loaded: its
- * thread-local variables must be there when the program starts. */
+/* jemalloc in a separate shared object that does not export malloc and free. Linked rather than loaded, because its
+ * thread-local variables must exist when the program starts. */
 #ifndef IP6DNS_BENCH_JEMALLOC_HEAP_H
 #define IP6DNS_BENCH_JEMALLOC_HEAP_H
 

@@ -7,14 +7,14 @@
 using json_writer = std::string_view (*)(const char* key, const std::string& value);
 
 std::string_view rapidjson_plain(const char* key, const std::string& value);
-/// With the processor's vector unit, as RapidJSON's users may build it.
+/// With vector instructions, an option of RapidJSON.
 std::string_view rapidjson_vector(const char* key, const std::string& value);
 std::string_view nlohmann_json(const char* key, const std::string& value);
 
-/// The least: what is written is known to need no escape.
+/// The limit: the value is known to need no escape.
 std::string_view json_limit(const char* key, const std::string& value);
 
-/// The RapidJSON writers, which differ in how the library is built only.
+/// The RapidJSON writers, which differ only in the build of the library.
 template <class BUFFER, class WRITER>
 std::string_view write_member(const char* key, const std::string& value) {
   static BUFFER buffer;

@@ -1,4 +1,4 @@
-// The least that a string with that growth rule can cost: the same blocks from the bare pool, the same copies.
+// The minimal cost of a string with this growth rule: the same blocks from the minimal pool, and the same copies.
 #pragma once
 
 #include <cstdint>

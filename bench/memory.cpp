@@ -1,4 +1,4 @@
-// Memory that the plug-in and its instances take for themselves, each figure from a process of its own.
+// Memory of the plug-in and its instances. Each figure comes from a separate process.
 #include <cstdio>
 #include <cstdlib>
 #include <stdexcept>
@@ -26,14 +26,14 @@ void compare(const std::string& path, const std::string& ours, const std::string
     a[i] = probe(ours);
     b[i] = probe(theirs);
   }
-  print_row(path, rival, "B", a, b);
+  add_row(path, rival, "B", a, b);
 }
 
-// Against a figure that is given.
+// Compares with a fixed figure.
 void against(const std::string& path, const std::string& ours, const std::string& what, double figure) {
   std::vector<double> a(rounds);
   for (double& bytes : a) bytes = probe(ours);
-  print_row(path, what, "B", a, std::vector<double>(rounds, figure));
+  add_row(path, what, "B", a, std::vector<double>(rounds, figure));
 }
 
 }  // namespace

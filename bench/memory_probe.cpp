@@ -1,4 +1,4 @@
-// A process that does one thing and prints what memory it took, in bytes: the program memory runs it.
+// Does one thing and prints how many bytes of memory it took. memory_bench runs it.
 //   memory_probe load | create N | run N | bare N | blocks HEAP
 #include <malloc.h>
 #include <unistd.h>
@@ -23,8 +23,8 @@
 
 namespace {
 
-// What this process alone pays for: pages that it has written to. Those of a library's file that has just been built
-// count as dirty until the disk has them, so they are left out.
+// Pages that this process has written to. Excludes pages of library files: those of a file that has just been built
+// count as dirty until they are on disk.
 double private_bytes() {
   std::ifstream smaps("/proc/self/smaps_rollup");
   for (std::string word; smaps >> word;) {
@@ -36,7 +36,7 @@ double private_bytes() {
 
 template <class F>
 double taken_by(F f) {
-  private_bytes();  // once for its own buffers
+  private_bytes();  // allocates its buffers
   const double before = private_bytes();
   f();
   return private_bytes() - before;
@@ -75,7 +75,7 @@ double run(int count) {
   return taken / count;
 }
 
-// Formats as a worker does when it logs its start: the buffer touches stack pages that nothing else touches.
+// Formats like a worker that logs its start: only the buffer touches these stack pages.
 [[gnu::noinline, gnu::format(printf, 1, 2)]] void format_message(const char* fmt, ...) {
   char buf[30800];
   va_list args;
@@ -85,7 +85,7 @@ double run(int count) {
   asm volatile("" : : "r"(buf) : "memory");
 }
 
-// Under the settings of the C library's heap that loading the plug-in brings.
+// With the settings of the C library's heap that loading the plug-in makes.
 double bare(int count) {
   mallopt(M_ARENA_MAX, 1);
   mallopt(M_MMAP_THRESHOLD, 1048576);

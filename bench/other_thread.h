@@ -1,4 +1,4 @@
-// A second thread, asleep: while it lives the C library takes its locks for real, as in every host of the plug-in.
+// A second thread, asleep: the C library then takes its locks, as in every host of the plug-in.
 #pragma once
 
 #include <semaphore>

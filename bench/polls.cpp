@@ -1,6 +1,5 @@
-// Time of one poll by the number of addresses, in a network of this program's own. The worker sleeps and reads the
-// clock through the functions below, so that it polls whenever they say so; between its polls the rival has its turn
-// on the same thread.
+// Time of one poll by the number of addresses, in a separate network namespace. The functions below replace the
+// worker's sleep and clock and so control its polls. Between polls, the rival runs on the same thread.
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -24,7 +23,7 @@ using clock_type = std::chrono::steady_clock;
 
 constexpr size_t warm_up = 3;
 
-/// The rounds of one number of addresses, driven by the worker's own sleeps.
+/// The rounds for one number of addresses. Each sleep of the worker runs one.
 struct contest {
   size_t rounds = 0;  // 0: the worker sleeps for real
   std::vector<double> ours, theirs;
@@ -97,7 +96,7 @@ void measure(const library& p, int handle, int addresses, size_t rounds) {
   if (g_published != bare_text()) throw std::runtime_error("the addresses published are not those of the interface");
   c.theirs.pop_back();
   for (auto* v : {&c.ours, &c.theirs}) v->erase(v->begin(), v->begin() + warm_up);
-  print_row("poll of " + std::to_string(addresses) + " addresses", "getifaddrs + inet_ntop", "ns", c.ours, c.theirs);
+  add_row("poll of " + std::to_string(addresses) + " addresses", "getifaddrs + inet_ntop", "ns", c.ours, c.theirs);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The least that a pool can cost whose blocks are freed without a size from any thread, under a spin lock: the class
-// search, and for each of allocation and release one lock, one unlock and one step of a free list.
+// The minimal cost of a pool with a spin lock whose blocks any thread can free without a size: the class search, and
+// one lock, one unlock and one step of a free list for each allocation and release.
 #include <pthread.h>
 #include <sys/mman.h>
 
@@ -13,8 +13,8 @@
 namespace {
 
 struct block {
-  struct pool* owner;  // in front of the user area
-  block* next;         // in it, while the block is free
+  struct pool* owner;  // before the user area
+  block* next;         // in the user area, while the block is free
 };
 
 struct pool {
@@ -23,7 +23,7 @@ struct pool {
   block* free;
 };
 
-// As the allocator's layout is given: a table of pointers to pools that each have a line of the cache for themselves.
+// The allocator's layout: a table of pointers to pools, each in a separate cache line.
 struct pool_table {
   pool* pools[size_classes::count];
 
@@ -38,7 +38,7 @@ struct pool_table {
 
 pool_table g_table;
 
-// Off the path that is measured: every block is made once.
+// Not on the measured path: creates each block once.
 [[gnu::noinline]] block* make_block(pool* c) {
   void* memory = mmap(nullptr, c->size + sizeof(void*), PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   auto* b = static_cast<block*>(memory);

@@ -1,4 +1,4 @@
-// A namespace of its own, since the library's other build stands in the same program.
+// A separate namespace, because the program also contains the library's other build.
 #if defined(__SSE2__)
 #define RAPIDJSON_SSE2
 #elif defined(__ARM_NEON)

@@ -1,4 +1,4 @@
-// Characters to work on: the same ones in every run.
+// Test texts, the same in every run.
 #pragma once
 
 #include <cstdint>
@@ -15,7 +15,7 @@ inline std::string letters(size_t n) {
   return text;
 }
 
-/// A few characters and the length: enough to see that the text arrived, too little to be felt.
+/// A few characters and the length: enough to check the text, and too fast to affect the time.
 inline uint64_t sample(const char* p, size_t n) {
   if (n == 0) return 0;
   return n << 24 | static_cast<uint64_t>(p[0] & 0xff) << 16 | static_cast<uint64_t>(p[n / 2] & 0xff) << 8 |

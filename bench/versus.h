@@ -1,4 +1,4 @@
-// Two contestants in one run, and the rows that come of it.
+// Compares two contestants in one run with Google Benchmark.
 #pragma once
 
 #include <cstdint>
@@ -6,16 +6,17 @@
 #include <string>
 #include <vector>
 
-/// What one contestant does in a round. The checksum it returns must be the rival's too, in every round.
+/// One contestant's round. Both contestants must return the same checksum in every round.
 using work = std::function<uint64_t()>;
 
-/// Registers a measurement of rounds: in each, `ours` and `theirs` run once, taking turns at going first, and the
-/// round's figure is the ratio of their times. `operations` in a run only scale the times that are shown.
+/// Registers a benchmark. In each round `ours` and `theirs` run once and take turns at going first; the round's result
+/// is the ratio of their times. Its counters are the quartiles of the ratios (low, ratio, high) and the median times of
+/// one operation in nanoseconds (ours, theirs). A round has `operations`.
 void versus(const std::string& path, const std::string& rival, int operations, const work& ours, const work& theirs);
 
-/// Prints the row of a measurement that is made otherwise: a pair of figures a round, in `unit`.
-void print_row(const std::string& path, const std::string& rival, const char* unit, const std::vector<double>& ours,
-               const std::vector<double>& theirs);
+/// Registers a benchmark that reports results measured before: one pair of figures per round, in `unit`.
+void add_row(const std::string& path, const std::string& rival, const char* unit, const std::vector<double>& ours,
+             const std::vector<double>& theirs);
 
-/// Registers a program's measurements. Each program defines it; main calls it.
+/// Registers a program's benchmarks. Each program defines it; main calls it.
 void enter();

@@ -26,7 +26,7 @@ sizes class_sizes() {
   return all;
 }
 
-// Shows that the block is there and is ours.
+// Writes and reads the block.
 void mark(void* p, uint64_t with) { std::memcpy(p, &with, sizeof with); }
 uint64_t read_mark(const void* p) {
   uint64_t with;

@@ -23,7 +23,7 @@ other_thread g_other;
 
 using ym_string = ym::string_<>;
 
-// What every parser makes of the lines alike: sections, keys, values and comments, some blanks, no line too long.
+// Text that all parsers read alike: sections, keys, values and comments, some spaces, no long lines.
 std::string configuration(size_t bytes) {
   std::mt19937 random(seed);
   std::string text = "# made for measuring\n[first]\n";
@@ -36,7 +36,7 @@ std::string configuration(size_t bytes) {
   return text;
 }
 
-// A pair leaves its first characters in the sum.
+// Adds the first characters of a pair to the sum.
 uint64_t mix(const char* section, const char* key, const char* value) {
   return static_cast<uint64_t>(section[0]) + 3 * static_cast<uint64_t>(key[0]) + 5 * static_cast<uint64_t>(value[0]);
 }
@@ -63,8 +63,7 @@ uint64_t scan_inih(const char* path) {
   return sum;
 }
 
-// It keeps all pairs, in lower case and with the section in front of the key; asked for they are as others hand them
-// out.
+// The library stores all pairs in lower case, with the section before the key.
 uint64_t scan_iniparser(const char* path) {
   dictionary* d = iniparser_load(path);
   uint64_t sum = 0;
@@ -114,7 +113,7 @@ void enter_fetch(const std::string& what, const std::string& path, int times) {
 }  // namespace
 
 void enter() {
-  static const scratch dir;  // until the measurements have run
+  static const scratch dir;  // must exist until the benchmarks have run
   const std::string large = dir.file(configuration(10'000'000), "large.conf");
   const std::string small = dir.file(configuration(320), "small.conf");
   enter_file("10 MB", large, 1, "inih", scan_inih);

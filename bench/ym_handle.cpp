@@ -21,7 +21,7 @@ struct object {
   uint64_t value = 1;
 };
 
-// The same contract from the standard library's parts.
+// The same contract, implemented with the standard library.
 class map_handle {
  public:
   int create() {
@@ -87,6 +87,6 @@ void enter() {
   for (const int count : {1, 1024})
     versus("handle table, look up 1 of " + std::to_string(count), "unordered_map", queries, look_up<table>(count),
            look_up<map_handle>(count));
-  versus("handle table, create and delete beside 100", "unordered_map", queries, make_and_delete<table>(100),
+  versus("handle table, create and delete with 100", "unordered_map", queries, make_and_delete<table>(100),
          make_and_delete<map_handle>(100));
 }

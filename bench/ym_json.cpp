@@ -1,4 +1,4 @@
-// Time of a JSON object with one string member, written into a buffer that is used again.
+// Time to write a JSON object with one string member into a reused buffer.
 #include "com/ymlib3/ym_json"
 
 #include <random>
@@ -12,7 +12,7 @@
 
 namespace {
 
-// One character in ten needs an escape, nobody knows which. No slash is among them: no rival escapes it.
+// One character in ten, at a random position, needs an escape. There is no slash: no rival escapes it.
 std::string with_escapes(std::string text) {
   constexpr char escaped[] = {'"', '\\', '\n', '\t', '\r'};
   std::mt19937 random(seed);

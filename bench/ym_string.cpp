@@ -21,7 +21,7 @@ uint64_t sample_of(const STR& s) {
   return sample(s.c_str(), s.size());
 }
 
-// A run takes about as long for every `n`.
+// So many that a run takes about the same time for every `n`.
 int repeats(size_t n) { return static_cast<int>(20'000 / n + 1); }
 
 template <class STR>
@@ -72,7 +72,7 @@ void enter_append(size_t block, size_t times) {
   versus(path, "limit", count, ours, [=] { return append_all<limit_string>(block, times); });
 }
 
-// A string that has held a longer text.
+// A string with the block of a longer text.
 template <class STR>
 work assign_to_used(const std::string& text) {
   const auto used = std::make_shared<STR>();

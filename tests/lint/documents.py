@@ -18,8 +18,6 @@ def files(pattern):
 
 def broken_links():
     for document in files("*.md"):
-        if document.parent.name == "bench":  # parts of doc/performance.md
-            continue
         for number, line in enumerate(document.read_text().splitlines(), 1):
             for target in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", line):
                 if not (document.parent / target).exists():

@@ -61,8 +61,17 @@ process::process(std::vector<std::string> argv, const process_settings& s) {
   if (s.out_closed) posix_spawn_file_actions_addclose(&actions, STDOUT_FILENO);
   if (s.out_fd >= 0) posix_spawn_file_actions_adddup2(&actions, s.out_fd, STDOUT_FILENO);
   if (s.err_closed) posix_spawn_file_actions_addclose(&actions, STDERR_FILENO);
+  // A shell without job control starts the tests in the background with these ignored.
+  sigset_t keyboard;
+  sigemptyset(&keyboard);
+  for (const int sig : {SIGINT, SIGQUIT}) sigaddset(&keyboard, sig);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigdefault(&attributes, &keyboard);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGDEF);
   const int failed =
-      posix_spawnp(&_pid, argv[0].c_str(), &actions, nullptr, pointers(argv).data(), pointers(environment).data());
+      posix_spawnp(&_pid, argv[0].c_str(), &actions, &attributes, pointers(argv).data(), pointers(environment).data());
+  posix_spawnattr_destroy(&attributes);
   posix_spawn_file_actions_destroy(&actions);
   close(out.writing);
   close(err.writing);

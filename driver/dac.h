@@ -1,24 +1,24 @@
 /*
  * ip6dns: publishes this machine's public IPv6 addresses as a tag value.
  *
- * What a host author needs: load libip6dns.so with dlopen, look up the functions below by name.
+ * For host authors: load libip6dns.so with dlopen and find the functions below with dlsym.
  *
  *   dac_create -> dac_start -> ... record after record arrives at the data callback ... -> dac_stop -> dac_destroy
  *
  * Tags after each function:
  *   [any thread]        may be called from every thread, at the same time as any other function
  *   [instance stopped]  no worker runs on the instance, and no other call on it is in flight
- *   [worker thread]     called by the instance's own thread: return soon, dac_stop waits meanwhile; do not call
- *                       dac_stop or dac_destroy for this instance
+ *   [worker thread]     called on the instance's worker thread. Return soon, because dac_stop waits for the callback.
+ *                       Do not call dac_stop or dac_destroy for this instance.
  *
- * Every handle function returns -1 for an unknown handle, unless it says otherwise. If the system refuses a mutex or a
- * thread, the function that needs it throws std::system_error, or std::bad_alloc if there is no memory for that
- * exception. Do not cancel a thread inside a function.
+ * Every function with a handle returns -1 for an unknown handle, unless stated otherwise. If the system refuses a mutex
+ * or a thread, the function that needs it throws std::system_error, or std::bad_alloc if there is no memory for that
+ * exception. Do not cancel a thread that is inside a function.
  *
  * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
- * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports g_dachandls, its own table of instances: leave it alone.
+ * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports its own table of instances, g_dachandls: do not use it.
  *
- * The plug-in does not check how it is used. libdac-check.so does, loaded in its place: see dac(3).
+ * The plug-in does not check how it is used. libdac-check.so, loaded instead of it, does: see dac(3).
  */
 #ifndef IP6DNS_DAC_H
 #define IP6DNS_DAC_H
@@ -36,7 +36,7 @@ enum {
   DAC_NAME_SIZE = 80,    /* tag name in a record, terminator included */
   DAC_VALUE_SIZE = 1000, /* value in a record, terminator included */
   DAC_TYPE_TEXT = 6,     /* the one tag's type */
-  DAC_WRITE_REFUSED = 4, /* result of the device writes: there is nothing to write to */
+  DAC_WRITE_REFUSED = 4, /* result of the device writes: there is no device */
   DAC_LEVEL_OTHER = 0,   /* level codes of log messages: progress, */
   DAC_LEVEL_FAILURE = 2  /* failure */
 };
@@ -59,7 +59,7 @@ typedef struct dac_tagvalue {
 } dac_tagvalue;
 
 #ifdef __cplusplus
-#define DAC_ASSERT(condition) static_assert(condition, "the host reads fixed places")
+#define DAC_ASSERT(condition) static_assert(condition, "the host reads fixed offsets")
 #else
 #define DAC_ASSERT(condition) _Static_assert(condition, "the host reads fixed places")
 #endif
@@ -70,60 +70,63 @@ DAC_ASSERT(offsetof(dac_tagvalue, value) == 104);
 DAC_ASSERT(sizeof(dac_tagvalue) == 1104);
 #undef DAC_ASSERT
 
-/* A log message, `hostlevel` one of DAC_LEVEL_*; `flag` is 1. Texts are valid during the call. [any thread] */
+/* Gets a log message. `hostlevel` is one of DAC_LEVEL_*, `flag` is 1. Texts are valid during the call. [any thread] */
 typedef void (*cblog)(const char* name, int hostlevel, const char* text, int flag, void* param);
 
-/* `count` records (always 1), valid during the call. Unique-local (fd00::...), temporary and deprecated addresses are
- * among the values: the interface list does not distinguish them. [worker thread] */
+/* Gets `count` records (always 1), valid during the call. Values include unique-local (fd00::...), temporary and
+ * deprecated addresses: the interface list does not distinguish them. [worker thread] */
 typedef void (*cbdata)(const dac_tagvalue* records, int count, void* param);
 
 /* Never called. */
 typedef void (*cbaux)(void* param);
 
-/* One tag: `type` DAC_TYPE_TEXT, `flag` 1; in the extended form `text1` is "" and `text2` describes the tag. */
+/* Gets a tag. `type` is DAC_TYPE_TEXT, `flag` is 1. In the extended form, `text1` is "" and `text2` describes the tag.
+ */
 typedef void (*cbtag)(const char* name, int type, int flag, void* param);
 typedef void (*cbtagex)(const char* name, int type, int flag, const char* text1, const char* text2, void* param);
 
-/* A new stopped instance, configured from `cfgfile`: returns its handle, 0 to 2048, or -1. On -1, `log` gets no message
- * if an argument is missing, 1024 instances exist or the C++ heap has no memory, else one message. If the path or the
- * host name gets no memory, the message is that of a file that cannot be opened or has no host name. `name`, `cfgfile`
- * and `aux1` are required; `log` and `data` may be null. Callbacks and parameters must outlive the instance.
- * [any thread] */
+/* Creates a stopped instance from `cfgfile`. Returns its handle, 0 to 2048, or -1. `name`, `cfgfile` and `aux1` are
+ * required; `log` and `data` may be null. Callbacks and parameters must outlive the instance.
+ * After -1, `log` has got one message about the file. If memory ran out, the message is that of a file that cannot be
+ * opened or that has no host name. `log` gets no message if an argument is missing, 1024 instances exist, or the C++
+ * heap has no memory. [any thread] */
 DAC_EXPORT int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
                           cbdata data, void* dataparam, cbaux aux2, void* aux2param);
 
 /* Deletes the instance. Does not stop the worker: call dac_stop first. [any thread] [instance stopped] */
 DAC_EXPORT void dac_destroy(int handle);
 
-/* Starts the worker and returns 0. Does not check if one runs already: call dac_isrun first.
+/* Starts the worker and returns 0. Does not check whether one runs already: call dac_isrun first.
  * [any thread] [instance stopped] */
 DAC_EXPORT int dac_start(int handle);
 
-/* Stops the worker, waits for its end (about 0.1 s, and the time of a running data callback) and returns 0. Returns 0
- * at once without a worker. [any thread], one call at a time per instance */
+/* Stops the worker, waits for its end (about 0.1 s plus the time of a running data callback) and returns 0. Returns 0
+ * at once if no worker runs. [any thread], but only one call at a time per instance */
 DAC_EXPORT int dac_stop(int handle);
 
-/* 1 while the worker runs, else 0; 0 for an unknown handle. [any thread] */
+/* Returns 1 while the worker runs, otherwise 0; 0 for an unknown handle. [any thread] */
 DAC_EXPORT int dac_isrun(int handle);
 
-/* Refused: DAC_WRITE_REFUSED, further arguments are not read. One function under two names. [any thread] */
+/* Returns DAC_WRITE_REFUSED: there is no device. Does not read further arguments. One function with two names.
+ * [any thread] */
 DAC_EXPORT int dac_devicewriteobj(int handle, ...);
 DAC_EXPORT int dac_devicewriteval(int handle, ...);
 
-/* DAC_VERSION. [any thread] */
+/* Returns DAC_VERSION. [any thread] */
 DAC_EXPORT int dac_getversion(void);
 
-/* Calls `callback`, which must not be null, once with the instance's one tag, named by its host name: 0.
- * [any thread] */
+/* Calls `callback`, which must not be null, once with the instance's tag and returns 0. The tag's name is the host
+ * name. [any thread] */
 DAC_EXPORT int dac_getalltags(int handle, cbtag callback, void* param);
 DAC_EXPORT int dac_getalltagsex(int handle, cbtagex callback, void* param);
 
-/* Writes {"status":"running","host":"..."} ("stop" when no worker runs) into `buf` if `*size` bytes hold the text,
- * else an empty text, and 0 either way. `*size` becomes the text's length MINUS ONE; the terminator is not counted in
- * the fit, so offer two bytes more than that: one for the length, one for the terminator. [any thread] */
+/* Writes {"status":"running","host":"..."} into `buf` and returns 0. The status is "stop" if no worker runs. Writes an
+ * empty text if the text has more than `*size` characters. Sets `*size` to the text's length MINUS ONE. The check
+ * ignores the terminator, so pass at least two bytes more than that: one for the length, one for the terminator. [any
+ * thread] */
 DAC_EXPORT int dac_getinfo(int handle, char* buf, size_t* size);
 
-/* DAC_VERSION_TEXT, to be read only. */
+/* Points to DAC_VERSION_TEXT. Read-only. */
 DAC_EXPORT extern const char* const g_verson;
 
 #ifdef __cplusplus

@@ -13,7 +13,7 @@
 namespace {
 
 struct misuse {
-  const char* name;   // as wrong_host knows it
+  const char* name;   // of wrong_host
   const char* entry;  // the first report's
   texts kinds;        // of all reports, in their order; the process ends with an exception after the last one
   bool throws = false;

@@ -26,7 +26,7 @@ static __typeof__(dac_getinfo)* getinfo;
 
 static void expect(int right, const char* what) {
   if (right) return;
-  fprintf(stderr, "wrong_host: not so: %s\n", what);
+  fprintf(stderr, "wrong_host: failed: %s\n", what);
   exit(3);
 }
 

@@ -1,7 +1,7 @@
 #!/bin/bash
 # What bash offers after the words of a dachost command line.
 set -eu
-# shellcheck disable=SC1091 # checked on its own
+# shellcheck disable=SC1091 # checked separately
 . "$(dirname "$0")/../../host/completion/dachost"
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT

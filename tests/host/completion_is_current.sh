@@ -1,8 +1,8 @@
 #!/bin/bash
-# The completion offers the sub-commands and the long options that --help lists, and those alone.
-#   current.sh DACHOST...
+# The completion offers exactly the sub-commands and the long options that --help lists.
+#   completion_is_current.sh DACHOST...
 set -eu
-# shellcheck disable=SC1091 # checked on its own
+# shellcheck disable=SC1091 # checked separately
 . "$(dirname "$0")/../../host/completion/dachost"
 
 bad=0

@@ -287,6 +287,19 @@ TEST_F(supervisors, SIGHUP_during_a_reload_causes_one_more) {
   EXPECT_EQ(s->instances().get(1)->handle(), 5);
 }
 
+TEST_F(supervisors, SIGHUP_during_the_start_causes_a_reload) {
+  make();
+  loop.holds_work = true;
+  const auto later = loop.call_in(1s, [this] {
+    loop.signal(SIGHUP);
+    loop.holds_work = false;
+    loop.release_work();
+  });
+  s->start_all();
+  EXPECT_EQ(s->instances().get(0)->handle(), 2);
+  EXPECT_EQ(s->instances().get(1)->handle(), 3);
+}
+
 TEST_F(supervisors, SIGHUP_while_room_is_made_reloads_all_files) {
   start();
   room = 3;

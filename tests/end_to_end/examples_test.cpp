@@ -125,7 +125,7 @@ TEST_F(examples, with_line_ends_of_another_system_still_have_them) {
   const std::string text = read_file(directory / "crlf.conf");
   EXPECT_TRUE(text.starts_with("\xef\xbb\xbf#"));
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 6);
-  EXPECT_NE(text.find("hostname = office-pc.example\r\n"), std::string::npos) << "right behind the name";
+  EXPECT_NE(text.find("hostname = office-pc.example\r\n"), std::string::npos) << "directly after the name";
   for (size_t at = text.find('\n'); at != std::string::npos; at = text.find('\n', at + 1))
     EXPECT_EQ(text[at - 1], '\r') << at;
 }

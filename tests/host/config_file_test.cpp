@@ -35,6 +35,11 @@ TEST_F(config_file, that_is_not_regular_is_unreadable) {
   EXPECT_EQ(unreadable(dir.path("link")), dir.path("link") + ": not a regular file");
 }
 
+TEST_F(config_file, named_by_a_symbolic_link_is_readable) {
+  std::filesystem::create_symlink(dir.file("hostname = a"), dir.path("link"));
+  EXPECT_EQ(unreadable(dir.path("link")), "");
+}
+
 TEST_F(config_file, that_is_missing_is_left_to_the_plug_in) { EXPECT_EQ(unreadable(dir.path("none")), ""); }
 
 TEST_F(config_file, names_the_line_that_hides_the_host_name) {

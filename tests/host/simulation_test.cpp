@@ -343,7 +343,7 @@ void world::settle() {
   expect(is_calm && !is_settled && stop_time == never, "nothing will ever end this");
   is_settled = true;
   note("settled");
-  expect(!has_failed, "it goes on without an instance");
+  expect(!has_failed, "it continues without an instance");
   for (size_t i = 0; i < hooks.size(); ++i)
     expect(how.once || hooks[i].last_success == hooks[i].newest, "instance " + std::to_string(i) +
                                                                      ": the newest value is " + hooks[i].newest +
@@ -726,7 +726,7 @@ void run_one(world& w) {
     is_exit = true;
     w.expect(w.hangs, "it exits though the plug-in returns");
   } catch (const killed&) {
-    w.expect(!out.is_empty() || !err.is_empty(), "it lets a signal end the process for nothing");
+    w.expect(!out.is_empty() || !err.is_empty(), "a signal ends the process though all is written");
     is_exit = true;
   }
   check_end(w, out, is_exit);

@@ -20,7 +20,7 @@
 
 namespace {
 
-// Orders nothing: acquire and release would order the host's threads where only the layer does, and hide their races.
+// Relaxed: acquire and release would order the host's threads and so hide their races from a thread sanitizer.
 template <class T>
 struct relaxed {
   std::atomic<T> value;
@@ -40,31 +40,36 @@ struct at_exit {
 
 const void* address(auto* function) { return reinterpret_cast<const void*>(function); }
 
-using misuse = std::pair<const char*, const char*>;  // its name, and what is right
+using misuse = std::pair<const char*, const char*>;  // its name, and the explanation with a remedy
 constexpr misuse
-    unknown_handle = {"unknown-handle", "no instance has it, or none any more; use one from dac_create to dac_destroy"},
+    unknown_handle = {"unknown-handle",
+                      "no such instance, or it was destroyed; use a handle only from dac_create to dac_destroy"},
     destroy_running = {"destroy-running", "the worker still uses the instance; call dac_stop before dac_destroy"},
     destroy_in_call = {"destroy-in-call", "another call on the instance has not returned; wait for it"},
     start_twice = {"start-twice", "a worker already runs and would never be joined; call dac_stop first"},
     stop_twice = {"stop-twice", "another dac_stop has not returned; stop an instance from one thread at a time"},
-    inside_callback = {"inside-callback", "called by a callback of the instance, for which it waits; return first"},
-    null_callback = {"null-callback", "the callback is required; pass a function, if only an empty one"},
+    inside_callback = {"inside-callback",
+                       "called by a callback of the instance, which it waits for; return from the callback first"},
+    null_callback = {"null-callback", "the callback is required; pass a function, even an empty one"},
     null_text = {"null-text", "name and cfgfile are required; pass texts of at least one character"},
-    small_buffer = {"small-buffer", "the text and its terminator do not fit; offer the returned *size + 2 bytes"},
-    size_as_length = {"size-as-length", "*size is the text's length minus one; offer *size + 2 bytes"},
-    slow_callback = {"slow-callback", "over 1 s, and the next poll and dac_stop wait; copy the record and return"},
-    exception = {"exception", "an exception leaves the callback; catch it inside"},
+    small_buffer = {"small-buffer",
+                    "the text and its terminator do not fit; pass a buffer of the returned *size + 2 bytes"},
+    size_as_length = {"size-as-length", "*size is the text's length minus one; pass *size + 2 bytes"},
+    slow_callback = {"slow-callback",
+                     "took more than 1 s, which delays the next poll and dac_stop; copy the record and return"},
+    exception = {"exception", "an exception left the callback; catch it inside"},
     late_record = {"late-record", "a record was used after its callback returned; copy it inside the callback"},
     instance_left = {"instance-left", "an instance exists at unload or exit; call dac_destroy first"},
-    thread_left = {"thread-left", "a worker runs or a call has not returned at unload or exit; stop it, wait for it"},
-    many_instances = {"many-instances", "over 1,000, and dac_create fails above 1,024; use several processes"};
+    thread_left = {"thread-left",
+                   "a worker runs or a call has not returned at unload or exit; stop the worker, wait for the call"},
+    many_instances = {"many-instances", "more than 1,000, and dac_create fails above 1,024; use several processes"};
 
 const char* const log_file = std::getenv("DAC_CHECK_LOG");
 const bool aborts = std::getenv("DAC_CHECK_ABORT") && std::strcmp(std::getenv("DAC_CHECK_ABORT"), "1") == 0;
-relaxed<uintptr_t> reported[1024];  // kind and place of each report
+relaxed<uintptr_t> reported[1024];  // kind and location of each report
 
-// `entry` is what the host called or was called as, `place` an address in the host or null. Signal handlers may call
-// it.
+// `entry` names the entry point or the callback, `place` is an address in the host or null. May be called in a signal
+// handler.
 void report(const misuse& m, const char* entry, int handle, const void* place) {
   const uintptr_t key = reinterpret_cast<uintptr_t>(place) * 4099 + reinterpret_cast<uintptr_t>(&m);
   for (relaxed<uintptr_t>& r : reported) {
@@ -79,14 +84,14 @@ void report(const misuse& m, const char* entry, int handle, const void* place) {
                 gettid(), module.dli_fname, static_cast<const char*>(place) - static_cast<char*>(module.dli_fbase),
                 m.second);
   const int file = log_file ? open(log_file, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0666) : -1;
-  // One write, so that lines of several threads do not mix. What cannot be written is lost.
+  // One write, so that lines of several threads do not mix. Ignores a failed write.
   if (write(file < 0 ? STDERR_FILENO : file, line, std::strlen(line)) < 0) errno = 0;
   if (file >= 0) close(file);
   if (aborts) std::abort();
 }
 
-// The host gets a copy of the records, which becomes unreadable when the callback returns. A later use is reported;
-// then the copy reads as `poison`, so that the host continues. The latest 1024 are watched.
+// The host gets a copy of the records, which becomes unreadable when the callback returns. A later use is reported, and
+// the copy is filled with `poison`, so that the host continues. Covers the latest 1024 copies.
 struct loan {
   std::atomic<bool> taken;
   relaxed<int> handle;
@@ -95,7 +100,7 @@ struct loan {
 constexpr ptrdiff_t loan_size = 65536;  // whole pages on every machine; more records than that are not copied
 constexpr size_t memory_size = std::size(loans) * loan_size;
 relaxed<unsigned> last_loan;
-relaxed<char*> memory;  // of all loans; mapped for the first one, so that nothing changes in a process without records
+relaxed<char*> memory;  // of all loans; mapped for the first one, so that a process without records has no mapping
 struct sigaction handler_before;
 constexpr dac_tagvalue poison = {"used-after-callback", 0, {}, DAC_TYPE_TEXT, {}, 19, "used-after-callback"};
 
@@ -106,14 +111,14 @@ void on_fault(int number, siginfo_t* info, void* context) {
   if (info->si_code > 0 && offset < memory_size) {
     const loan* l = &loans[offset / loan_size];
     report(late_record, "data callback", l->handle, l->callback);
-    if (l->taken) return;  // again, and about to become readable
+    if (l->taken) return;  // another thread is already making it readable
     mprotect(copy_of(l), loan_size, PROT_READ | PROT_WRITE);
     return static_cast<void>(std::fill_n(copy_of(l), loan_size / sizeof poison, poison));
   }
   if (handler_before.sa_handler != SIG_DFL && handler_before.sa_handler != SIG_IGN)
-    return handler_before.sa_sigaction(number, info, context);  // one that takes the number alone ignores the rest
+    return handler_before.sa_sigaction(number, info, context);  // a handler that takes only the number ignores the rest
   sigaction(number, &handler_before, nullptr);
-  if (info->si_code <= 0) raise(number);  // it was sent; what was not comes again by itself
+  if (info->si_code <= 0) raise(number);  // a signal that was sent; a fault repeats by itself
 }
 
 bool has_memory() {
@@ -127,7 +132,7 @@ bool has_memory() {
   return sigaction(SIGSEGV, &handler, &handler_before) == 0;
 }
 
-// Null when the memory is refused, too small or in use: the host then gets the plug-in's own records.
+// Null if there is no memory, or if it is too small or in use. The host then gets the plug-in's records.
 loan* lend(const dac_tagvalue* records, int count, int handle, const void* callback) {
   const ptrdiff_t size = std::max(count, 0) * ptrdiff_t{sizeof *records};
   if (!records || size > loan_size || !has_memory()) return nullptr;
@@ -140,7 +145,7 @@ loan* lend(const dac_tagvalue* records, int count, int handle, const void* callb
   return l;
 }
 
-// A callback of the host's, called with all arguments but the last.
+// A callback of the host. Called with all arguments except the last.
 template <class F>
 struct host_callback {
   const char* entry;
@@ -156,14 +161,14 @@ struct host_callback {
 
 int64_t now() { return std::chrono::nanoseconds(std::chrono::steady_clock::now().time_since_epoch()).count(); }
 
-// All zero at load, so that the table takes no memory before it is used.
+// All zero at load, so that unused parts of the table take no memory.
 struct instance {
-  host_callback<cblog> log;     // the handle of both is -1 until dac_create has returned it
+  host_callback<cblog> log;     // the handle in both is -1 until dac_create has returned
   host_callback<cbdata> data;   //
   relaxed<int64_t> data_since;  // when the running data callback was called, 0 when none runs
   relaxed<size_t> last_length;  // of the text that the latest dac_getinfo measured
-  relaxed<int> workers;         // that run: 0, 1, or more than dac_stop can join
-  relaxed<int> calls, stops;    // that have not returned; of dac_stop among them
+  relaxed<int> workers;         // running; dac_stop joins only one
+  relaxed<int> calls, stops;    // not returned yet; those of dac_stop
   std::atomic<bool> taken;
 
   void check_data_callback() const {
@@ -177,7 +182,7 @@ instance instances[2 * handles];  // one for each handle, and as many that are b
 relaxed<instance*> by_handle[handles];
 relaxed<int> alive;
 
-// A callback that the thread is inside of. Memory for its list is there without allocation.
+// A callback that the thread runs. The list is on the stacks and needs no allocation.
 [[gnu::tls_model("initial-exec")]] thread_local const struct frame* innermost = nullptr;
 struct frame {
   const instance* of;
@@ -238,7 +243,7 @@ struct plugin {
       report(thread_left, "unload", handle, nullptr);
       has_threads = true;
     }
-    if (has_threads) return;  // at exit they run on in the plug-in; at unload they lose this library's callbacks
+    if (has_threads) return;  // at exit they still run in the plug-in; at unload this library's callbacks disappear
     struct sigaction now = {};
     sigaction(SIGSEGV, nullptr, &now);
     if (now.sa_sigaction == on_fault) sigaction(SIGSEGV, &handler_before, nullptr);
@@ -356,8 +361,8 @@ int dac_isrun(int handle) {
   return real.isrun(handle);
 }
 
-// The further arguments are the plug-in author's choice. These are the registers that can hold one, on both machines,
-// and eight words on the stack; passed on in the same order, each arrives where it was.
+// The plug-in may read further arguments. These parameters cover all argument registers of both machines and eight
+// words on the stack. Passed on in the same order, each is in the same register or stack word again.
 #define FURTHER(W, D) \
   W a, W b, W c, W d, W e, W f, W g, D p, D q, D r, D s, D t, D u, D v, D w, W h, W i, W j, W k, W l, W m, W n, W o
 extern "C" DAC_EXPORT int device_write(int handle, FURTHER(size_t, double)) __asm__("dac_devicewriteobj");

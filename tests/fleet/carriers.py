@@ -77,7 +77,11 @@ class Cluster:
 
     def await_ready(self):
         for node in self.nodes:
-            wait_until(lambda n=node: n.require_running() or accepts(n.machine, PORT), node.name, 180)
+            self.await_node(node)
+
+    @staticmethod
+    def await_node(node):
+        wait_until(lambda: node.require_running() or accepts(node.machine, PORT), node.name, 180)
 
 
 class RabbitNode(Engine):
@@ -138,6 +142,12 @@ cluster_partition_handling = pause_minority
 
 class RabbitMQ(Cluster):
     name = "rabbitmq"
+
+    def start(self):
+        """One after the other: nodes that all begin at once sometimes form two clusters."""
+        for node in self.nodes:
+            node.start()
+            self.await_node(node)
 
     def __init__(self, machines, folder, certificates, passwords):
         definitions = os.path.join(folder, "definitions.json")

@@ -105,6 +105,10 @@ class Fleet:
             self.subscriber = watch.QueueSubscriber(self.office, BASE, word, nodes)
         carriers.wait_until(lambda: self.subscriber.is_connected, "subscriber", 60)
 
+    def prepare_gateways(self, gateways):
+        for g in gateways:
+            g.prepare(self)
+
     # ------------------------------------------------------------ state
 
     def is_right(self, gateways, need=("nsd", "knot", "subscriber")):

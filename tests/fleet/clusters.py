@@ -3,8 +3,8 @@
 
   clusters.py [ENGINE...]      rabbitmq, nats, nats-1 (one replica) and etcd; default: all
 
-Twelve clients publish a retained message with QoS 1, or put a key, twice a second, four on each node. One reader follows
-all of it from the third node. For each engine every node is killed once, each time in a new cluster. Prints one JSON
+Twelve clients publish a retained message with QoS 1, or put a key, twice a second, four on each node. One reader
+follows all of it from the third node. For each engine every node is killed once, each time in a new cluster. Prints one JSON
 object per run.
 """
 import json
@@ -163,8 +163,12 @@ class Trial:
         result |= self.late_readers(topics)
         begin = time.time()
         node.start()
-        self.cluster.await_ready()
-        result["node back after"] = round(time.time() - begin, 1)
+        try:
+            self.cluster.await_ready()
+            result["node back after"] = round(time.time() - begin, 1)
+        except TimeoutError:
+            result["node back after"] = None
+            print(node.log_end(), file=sys.stderr)
         self.is_over = True
         time.sleep(3)
         gaps = sorted(longest_gap([t for t, _ in w.confirmed], killed) for w in writers)

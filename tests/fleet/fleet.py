@@ -4,9 +4,15 @@ import argparse
 import json
 import os
 import resource
+import signal
+import subprocess
 import sys
 import time
 
+sys.dont_write_bytecode = True
+import network  # noqa: E402
+
+PR_SET_PDEATHSIG = 1
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 
@@ -36,15 +42,29 @@ def arguments():
     return o
 
 
-def enter_namespaces():
-    """Starts this program again in private namespaces, which end with it together with all processes in them."""
+def run_in_namespaces():
+    """Runs this program again in private namespaces. All processes in them end when it or this process ends."""
     own = [] if os.getuid() == 0 else ["--user", "--map-root-user"]
-    os.environ["PYTHONDONTWRITEBYTECODE"] = "1"
-    os.execvp(
-        "unshare",
+    inside = subprocess.Popen(
         ["unshare", *own, "--net", "--mount", "--uts", "--ipc", "--pid", "--fork", "--kill-child", "--mount-proc"]
         + [sys.executable, os.path.abspath(__file__), *sys.argv[1:], "--inside"],
+        env=os.environ | {"PYTHONDONTWRITEBYTECODE": "1"},
+        preexec_fn=lambda: network.libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL),
     )
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, lambda *_: inside.kill())
+    return inside.wait()
+
+
+def reap():
+    """Continues in a child process. This one, the first of its process namespace, waits for orphans until that ends."""
+    child = os.fork()
+    if child == 0:
+        return
+    while True:
+        process, status = os.wait()
+        if process == child:
+            os._exit(os.waitstatus_to_exitcode(status) & 255)
 
 
 def show(result):
@@ -92,7 +112,11 @@ def run(options):
     print(f"{options.gateways} machines in {created - begin:.1f} s, engines ready after {time.time() - created:.1f} s")
     results = []
     for name in options.scenarios:
-        result = scenarios.ALL[name](fleet)
+        try:
+            result = scenarios.ALL[name](fleet)
+        except Exception:
+            print_logs(fleet)
+            raise
         results.append(result)
         show(result)
         if options.output:
@@ -109,10 +133,10 @@ def run(options):
 def main():
     options = arguments()
     if not options.inside:
-        enter_namespaces()
+        sys.exit(1 if run_in_namespaces() else 0)
+    reap()
     hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
     resource.setrlimit(resource.RLIMIT_NOFILE, (min(hard, 65536), hard))
-    sys.path.insert(0, HERE)
     sys.exit(run(options))
 
 

@@ -71,11 +71,12 @@ class Gateway(network.Machine):
             "NSUPDATE_KEY": self.folder + "/tsig.key",
         }
 
-    def start(self, fleet):
+    def prepare(self, fleet):
+        """Its software begins at the launcher's next release()."""
         arguments = [self.folder + "/gateway.conf", f"{PREFIX}/{self.name}", "-h", HOST, "-p", str(PORT)]
         arguments += ["--cafile", fleet.folder + "/ca.pem", "-k", str(fleet.options.keepalive)]
         environment = self.environment(fleet.programs, fleet.primary_address)
-        self.process = fleet.launcher.start(self.name, arguments, environment, self.folder + "/log")
+        self.process = fleet.launcher.prepare(self.name, arguments, environment, self.folder + "/log")
 
     def kill(self):
         """SIGKILL to all programs of the gateway at once, as if the machine had lost its power."""
@@ -94,11 +95,16 @@ class Launcher:
         command = [sys.executable, here + "/launcher.py", program]
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
 
-    def start(self, machine, arguments, environment, log):
+    def prepare(self, machine, arguments, environment, log):
+        """The process id of a program that begins at the next release()."""
         order = {"machine": machine, "arguments": arguments, "environment": environment, "log": log}
         self.process.stdin.write(json.dumps(order) + "\n")
         self.process.stdin.flush()
         return int(self.process.stdout.readline())
+
+    def release(self):
+        self.process.stdin.write("release\n")
+        self.process.stdin.flush()
 
 
 def write_host_program(folder, options):

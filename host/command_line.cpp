@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "driver/dac.h"
+#include "host/display/printer.h"
 #include "host/report.h"
 
 namespace {
@@ -181,9 +182,30 @@ void add_exec(CLI::App& run, hook_options& e) {
   run.add_flag("--dry-run", e.dry_run, "Print what would be started")->disable_flag_override()->needs(exec);
 }
 
+std::vector<std::string> split(const std::string& text) {
+  std::vector<std::string> all;
+  std::istringstream in(text);
+  for (std::string part; std::getline(in, part, ',');) all.push_back(part);
+  return all;
+}
+
+std::string check_events(const std::string& text) {
+  for (const std::string& name : split(text + ','))
+    if (!event_names.contains(name)) return "'" + name + "' is not an event; see dachost(1)";
+  return "";
+}
+
 void add_run(CLI::App& app, options& o) {
   CLI::App* run = add_command(app, o, command::run, "run", "Run an instance for each file and print what it publishes");
   run->add_flag("--json", o.json, "Print JSON, one object per line")->disable_flag_override();
+  run->add_option_function<std::string>(
+         "--events",
+         [&o](const std::string& text) {
+           for (const std::string& name : split(text)) o.events.insert(name);
+         },
+         "Print these events only, for example value,hook")
+      ->type_name("NAMES")
+      ->check(check_events);
   add_ends(run, o);
   add_exec(*run, o.hook);
 }

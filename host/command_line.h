@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <optional>
+#include <set>
 #include <string>
 #include <variant>
 #include <vector>
@@ -16,6 +17,7 @@ struct options {
   std::string plugin;  // empty: find_plugin()
   std::vector<std::string> files;
   bool json = false;
+  std::set<std::string> events;  // to print; empty: those of the format
   bool once = false;
   std::optional<std::chrono::nanoseconds> time;  // how long to run
   hook_options hook;

@@ -6,11 +6,17 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/run_status.h"
+#include "host/commands/value_printer.h"
 #include "host/display/printer.h"
 #include "host/instances/supervisor.h"
 #include "host/report.h"
 
 namespace {
+
+std::unique_ptr<printer> make_printer(const options& o, output& out) {
+  if (o.json) return make_json_printer(out, o.events.empty() ? event_names : o.events);
+  return make_text_printer(out, o.events.empty() ? text_events : o.events);
+}
 
 class runner : fleet_observer {
  public:
@@ -21,10 +27,12 @@ class runner : fleet_observer {
         _options(o),
         _out(out),
         _err(err),
-        _printer(o.json ? make_json_printer(out, err) : make_text_printer(out)),
+        _printer(make_printer(o, out)),
+        _values(e.loop, e.addresses, o.hook.addresses, o.json, *_printer, instance_names(o.files)),
         _hooks(e, o.hook, o.files.size(), *_printer, err),
         _tag_names(o.files.size()),
         _has_published(o.files.size()),
+        _refusals(o.files.size()),
         _status(e.loop, m, instance_names(o.files)),
         _supervisor(e.loop, p, o.files, *this) {}
 
@@ -33,7 +41,7 @@ class runner : fleet_observer {
  private:
   void on_tag(size_t i, const tag& t) override;
   void on(const event& e, const value& v) override;
-  void on(const event& e, const message& m) override { _printer->log(e.time, name(e.index), m); }
+  void on(const event& e, const message& m) override;
   void on_refused(size_t i, const std::string& what) override;
   void on_reload() override { _status.on_reload(); }
   void on_loaded() override { _status.on_ready(); }
@@ -47,9 +55,11 @@ class runner : fleet_observer {
   output& _out;
   output& _err;
   std::unique_ptr<printer> _printer;
+  value_printer _values;
   hook_runner _hooks;
   std::vector<std::string> _tag_names;  // by file
   std::vector<bool> _has_published;     // by file
+  std::vector<std::string> _refusals;   // by file, the latest
   run_status _status;
   supervisor _supervisor;
 };
@@ -64,6 +74,7 @@ int runner::run() {
   const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
   _loop.run_until([&] { return is_over || is_done(); });
   _status.on_stop();
+  _values.stop();
   const bool is_stopped = _supervisor.stop();
   _hooks.close();
   _loop.run_until([this] { return _hooks.is_idle(); });
@@ -82,13 +93,34 @@ void runner::on_tag(size_t i, const tag& t) {
 
 void runner::on_refused(size_t i, const std::string& what) {
   const bool has_old = _supervisor.instances().get(i);
+  _refusals[i] = what;
   report(_err, what, has_old ? severity::warning : severity::error);
+  _printer->print({_loop.wall_time(),
+                   name(i),
+                   "refused",
+                   {{"file", _options.files[i]}, {"text", what}},
+                   {},
+                   has_old ? "warning" : "error"});
   _status.on_refused(i, what);
+}
+
+// As text, failures are in the output that people read. Programs read JSON, so people find failures on standard error.
+// There the reason for which a file was refused has been reported with the file.
+void runner::on(const event& e, const message& m) {
+  const bool is_failure = m.level == DAC_LEVEL_FAILURE;
+  _printer->print({e.time,
+                   name(e.index),
+                   "message",
+                   {{"source", "plug-in", false}, {"text", m.text}},
+                   {},
+                   is_failure ? "error" : "info"});
+  const bool is_reported = _refusals[e.index].find(m.text) != std::string::npos;
+  if (is_failure && _options.json && !is_reported) report(_err, name(e.index) + ": " + m.text);
 }
 
 // A record holds only the beginning of a long name; the hook gets the whole name.
 void runner::on(const event& e, const value& v) {
-  _printer->print({e.time, name(e.index), "value", {{"tag", v.tag}, {"type", v.type, false}, {"value", v.text}}});
+  _values.print(e, v);
   _has_published[e.index] = true;
   _status.on_value(e.index, e.time, v.text);
   const std::string& whole = _tag_names[e.index];

@@ -145,7 +145,7 @@ class subscriber {
     _process.await_out("ip6dns/kept kept\n");
   }
   void await(const std::string& machine, const std::string& value) {
-    _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\"}\n");
+    _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\",");
   }
   void await_online(const std::string& machine) { _process.await_out("ip6dns/" + machine + "/status online\n"); }
   /// Topic by topic the values, one for each change.
@@ -266,7 +266,7 @@ TEST_F(fleet, ends_as_the_host_ends_that_refuses_its_file) {
     machine gateway(dir, 1, "gateway");
     gateway.publish_by("hostname =\n");
     const ending e = gateway.wait();
-    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.status, 78);
     EXPECT_NE(e.err.find("dachost: not config hostname in "), std::string::npos) << e.err;
   });
 }

@@ -105,15 +105,20 @@ TEST_F(line_order, in_json_is_kept_on_each_of_the_two_outputs) {
     gw.say("publish " + values.back());
     gw.say("fail " + failures.back());
   }
-  p.await_err("\tf49\n");
+  p.await_err(": f49\n");
   const ending e = terminate(p);
-  texts seen_values, seen_failures;
-  for (const std::string& line : lines(e.out))
-    if (const auto event = nlohmann::json::parse(line); event["event"] == "value")
-      seen_values.push_back(event["value"]);
-  for (const std::string& line : lines_of(e.err, "failure")) seen_failures.push_back(split(line, '\t').back());
-  EXPECT_EQ(seen_values, values);
-  EXPECT_EQ(seen_failures, failures);
+  texts expected, seen, reports;
+  for (int n = 0; n < 50; ++n) {
+    expected.insert(expected.end(), {values[static_cast<size_t>(n)], failures[static_cast<size_t>(n)]});
+    reports.push_back("dachost: gw: " + failures[static_cast<size_t>(n)]);
+  }
+  for (const std::string& line : lines(e.out)) {
+    const auto event = nlohmann::json::parse(line);
+    if (event["event"] == "value") seen.push_back(event["value"]);
+    if (event["event"] == "message") seen.push_back(event["text"]);
+  }
+  EXPECT_EQ(seen, expected);
+  EXPECT_EQ(lines(e.err), reports);
 }
 
 TEST_F(line_order, of_what_a_program_gets_is_that_of_the_values_and_the_newest_is_the_last) {

@@ -124,8 +124,7 @@ class mqtt : public testing::Test {
   }
 
   void add(int number) const {
-    std::ofstream(dir.path("values"), std::ios::app)
-        << "{\"event\":\"message\"}\n{\"event\":\"value\",\"value\":\"" << number << "\"}\n";
+    std::ofstream(dir.path("values"), std::ios::app) << "{\"event\":\"value\",\"value\":\"" << number << "\"}\n";
   }
 
   std::unique_ptr<process> publisher(const texts& options) const {
@@ -425,6 +424,13 @@ TEST_F(mqtt, stopped_publisher_leaves_no_process) {
     stop(*p);
     EXPECT_TRUE(is_gone(child));
   });
+}
+
+TEST_F(mqtt, publisher_asks_dachost_for_values_and_the_picked_addresses) {
+  set_dachost("echo \"$*\" >" + dir.path("arguments"));
+  publisher({"--pick", "stable", "--interface", "eth0", "--interface", "!eth1"})->end();
+  EXPECT_EQ(read_file(dir.path("arguments")),
+            "run --json --events value --pick=stable --interface=eth0 --interface=!eth1 -- ip6dns.conf\n");
 }
 
 TEST_F(mqtt, publisher_ends_with_the_status_of_dachost) {

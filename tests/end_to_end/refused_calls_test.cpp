@@ -112,6 +112,7 @@ class refused_run {
     bool was_null = false;
     for (const std::string& line : lines(_end.out)) {
       const auto event = nlohmann::json::parse(line);
+      if (event.at("event") == "message" || event.at("event") == "hook") continue;
       if (!was_null || event.at("event") != "value") events.push_back(event.at("event"));
       was_null = event.value("value", "") == "null";
     }

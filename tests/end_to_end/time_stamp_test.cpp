@@ -42,7 +42,7 @@ TEST_F(time_stamp, has_three_digits_of_milliseconds) {
       EXPECT_EQ(line.substr(0, line.find('\t')), r.printed) << line;
     const ending json = run_at(r.time, {"--json"});
     for (const std::string& line : lines(json.out)) EXPECT_EQ(nlohmann::json::parse(line)["time"], r.printed) << line;
-    EXPECT_TRUE(json.err.starts_with(r.printed)) << json.err;
+    EXPECT_EQ(json.err.find(r.printed), std::string::npos) << json.err;
   }
 }
 

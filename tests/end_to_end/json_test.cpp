@@ -1,0 +1,140 @@
+// The contract of `dachost run --json`: every line of these runs is validated against doc/dachost.schema.json.
+#include <gtest/gtest.h>
+
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "tests/support/dachost_fixture.h"
+#include "tests/support/json_schema.h"
+#include "tests/support/network.h"
+
+using namespace std::chrono_literals;
+using nlohmann::json;
+
+namespace {
+
+/// The output's objects of this event.
+std::vector<json> events(const std::string& out, const std::string& name) {
+  std::vector<json> found;
+  for (const std::string& line : lines(out))
+    if (json::parse(line).at("event") == name) found.push_back(json::parse(line));
+  return found;
+}
+
+class json_lines : public dachost_fixture {
+ protected:
+  static void expect_valid(const std::string& out) {
+    EXPECT_NE(out, "");
+    EXPECT_EQ(schema_errors("dachost.schema.json", out), "");
+  }
+  process run_json(texts args) const {
+    args.insert(args.begin(), "--json");
+    return run(args);
+  }
+  ending ended(process& p) const {
+    ending e = terminate(p);
+    expect_valid(e.out);
+    return e;
+  }
+};
+
+}  // namespace
+
+TEST_F(json_lines, are_valid_for_values_messages_and_odd_bytes) {
+  const remote_control gw(dir.path("fifo"));
+  process p = run_json({conf(gw.order()), conf("odd records", "odd\xff\x1b name")});
+  gw.say("publish null");
+  gw.say("fail no addresses\x9b\t\xff");
+  gw.say("publish 2001:db8::1,2001:db8::2");
+  gw.say("publish 2001:db8::1,2001:db8::2");
+  p.await_out("\"change\":false");
+  const ending e = ended(p);
+  const std::vector<json> messages = events(e.out, "message");
+  ASSERT_EQ(messages.size(), 1U);
+  EXPECT_EQ(messages[0]["level"], "error");
+  EXPECT_EQ(messages[0]["source"], "plug-in");
+  EXPECT_EQ(messages[0]["text"], "no addresses\ufffd\t\ufffd");
+  std::vector<json> values = events(e.out, "value");
+  std::erase_if(values, [](const json& v) { return v["instance"] != "gw"; });
+  ASSERT_EQ(values.size(), 3U);
+  EXPECT_EQ(values[0]["value"], "null");
+  EXPECT_EQ(values[0]["picked"], json::array());
+  EXPECT_EQ(values[1]["picked"], (json{"2001:db8::1", "2001:db8::2"}));
+  for (size_t n = 0; n < 3; ++n) EXPECT_EQ(values[n]["change"], n < 2);
+}
+
+TEST_F(json_lines, are_valid_for_refused_files) {
+  const std::string good = conf("publish a", "good"), bad = conf("refuse bad", "bad");
+  const ending start = run_json({good, bad}).end();
+  EXPECT_EQ(start.status, 78);
+  expect_valid(start.out);
+  std::vector<json> refused = events(start.out, "refused");
+  ASSERT_EQ(refused.size(), 1U);
+  EXPECT_EQ(refused[0]["level"], "error");
+  EXPECT_EQ(refused[0]["instance"], "bad");
+  EXPECT_EQ(refused[0]["file"], bad);
+  EXPECT_EQ(refused[0]["text"], bad + ": bad; nothing is started");
+  process p = run_json({good});
+  p.await_out("\"value\":\"a\"");
+  conf("refuse worse", "good");
+  p.signal(SIGHUP);
+  p.await_out("\"refused\"");
+  refused = events(ended(p).out, "refused");
+  ASSERT_EQ(refused.size(), 1U);
+  EXPECT_EQ(refused[0]["level"], "warning");
+}
+
+TEST_F(json_lines, are_valid_for_the_plug_in_that_ships) {
+  const std::string file = dir.file("hostname = gateway.example");
+  for (const texts& args : {texts{"run", "--once", "--json", "-p", PLUGIN, file},
+                            texts{"run", "--once", "--json", "--dry-run", "--exec", "x", "-p", PLUGIN, file}}) {
+    const ending e = start(args).end();
+    EXPECT_EQ(e.status, 0) << e.err;
+    expect_valid(e.out);
+  }
+}
+
+TEST_F(json_lines, repeat_failures_on_standard_error_and_nothing_else) {
+  const ending e = run_json({"--once", conf("fail no addresses\npublish a\nflood 3")}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "dachost: gw: no addresses\n");
+  EXPECT_EQ(events(e.out, "message").size(), 4U);
+}
+
+TEST_F(json_lines, and_lines_of_text_are_selected_by_event) {
+  const std::string file = conf("fail no addresses\npublish a");
+  EXPECT_EQ(lines(run_json({"--once", "--events", "value", file}).end().out).size(), 1U);
+  EXPECT_EQ(lines(run_json({"--once", "--events", "value,tag,version", file}).end().out).size(), 3U);
+  const ending text = run({"--once", "--events", "message", file}).end();
+  ASSERT_EQ(lines(text.out).size(), 1U) << text.out;
+  EXPECT_NE(text.out.find("\tgw\tfailure\tno addresses\n"), std::string::npos) << text.out;
+  EXPECT_EQ(text.err, "");
+  for (const char* wrong : {"", "val", "value,", ",value", "value,,tag", "Value"}) {
+    const ending e = run({"--events", wrong, file}).end();
+    EXPECT_EQ(e.status, 2) << wrong;
+    EXPECT_NE(e.err.find("--events"), std::string::npos) << e.err;
+  }
+}
+
+TEST_F(json_lines, have_the_kernels_list_of_addresses) {
+  in_new_network([this] {
+    ASSERT_TRUE(ip("link add v0 type veth peer name v1"));
+    ASSERT_TRUE(ip("link set v0 up") && ip("link set v1 up"));
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev v0 nodad"));
+    ASSERT_TRUE(ip("addr add 2001:db8::2/64 dev v0 nodad preferred_lft 0 valid_lft 1000"));
+    ASSERT_TRUE(ip("addr add fd00::1/64 dev v1 nodad noprefixroute"));
+    const ending e = run_json({"--once", conf("publish 2001:db8::1")}).end();
+    expect_valid(e.out);
+    const std::vector<json> values = events(e.out, "value");
+    ASSERT_EQ(values.size(), 1U);
+    std::map<std::string, json> found;
+    for (const json& a : values[0]["addresses"]) found[a["address"]] = a;
+    EXPECT_EQ(found["2001:db8::1"]["interface"], "v0");
+    EXPECT_EQ(found["2001:db8::1"]["scope"], "global");
+    EXPECT_EQ(found["2001:db8::1"]["flags"], (json{"nodad", "permanent"}));
+    EXPECT_EQ(found["2001:db8::2"]["flags"], (json{"nodad", "deprecated"}));
+    EXPECT_EQ(found["fd00::1"]["interface"], "v1");
+    EXPECT_EQ(found["fd00::1"]["flags"], (json{"nodad", "permanent", "noprefixroute"}));
+    EXPECT_EQ(std::count_if(found.begin(), found.end(), [](const auto& a) { return a.second["scope"] == "link"; }), 2);
+  });
+}

@@ -10,9 +10,9 @@ class service_manager : public interface {
  public:
   /// Whether it accepts notifications.
   virtual bool is_present() const = 0;
-  /// It ends a process that has not sent WATCHDOG=1 for this long; 0: it does not.
+  /// The manager ends the process if it does not send WATCHDOG=1 within this time. 0: no watchdog.
   virtual std::chrono::microseconds watchdog() const = 0;
-  /// Sends NAME=VALUE lines, at most 4096 bytes, without waiting. False when they must be sent again later.
+  /// Sends NAME=VALUE lines of at most 4096 bytes without waiting. Returns false if they must be sent again later.
   virtual bool notify(const std::string& lines) = 0;
 };
 
@@ -29,5 +29,5 @@ class systemd : public service_manager {
   std::chrono::microseconds _watchdog{0};
 };
 
-/// Whether the descriptor writes to the journal, which takes "<N>" in front of a line for its level.
+/// Whether the descriptor writes to the journal, which reads "<N>" at the start of a line as its level.
 bool is_journal(int fd);

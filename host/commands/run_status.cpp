@@ -88,7 +88,7 @@ void run_status::update() {
   send(_unsent);
 }
 
-// Renews the ages in the status, too.
+// Updates the ages in the status, too.
 void run_status::tick() {
   if (!_manager.is_present()) return;
   const auto half = std::chrono::nanoseconds(_manager.watchdog()) / 2;

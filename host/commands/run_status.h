@@ -19,7 +19,7 @@ class run_status {
   /// File i was refused while its old instance runs.
   void on_refused(size_t i, const std::string& what);
 
-  /// A hook of instance i has ended; `failure` is "" after a success. Returns how long it failed before, or "".
+  /// A hook of instance i has ended. `failure` is "" after a success. Returns how long hooks had failed before, or "".
   std::string on_hook(size_t i, wall_clock::time_point time, const std::string& failure);
 
   /// The instances run: for the first time, or again after on_reload().

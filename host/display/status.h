@@ -1,4 +1,4 @@
-// What an operator wants to know about the instances of a run.
+// The state of a run for operators.
 #pragma once
 
 #include <chrono>
@@ -21,5 +21,5 @@ struct instance_status {
   std::string refusal;                                             // of its file at the last reload, or ""
 };
 
-/// One line without control characters, about a single instance in full, about several in numbers, at most 2000 bytes.
+/// One line of at most 2000 bytes without control characters: all about a single instance, or numbers about several.
 std::string status_line(const std::vector<instance_status>& all, std::chrono::system_clock::time_point now);

@@ -105,9 +105,9 @@ std::array<size_t, column_count> widths_of(const std::vector<cells>& lines) {
 std::string aligned(const cells& c, const std::array<size_t, column_count>& widths) {
   std::string line;
   for (size_t k = 0; k < column_count; ++k) {
-    const std::string blanks(widths[k] - c[k].columns, ' ');
+    const std::string padding(widths[k] - c[k].columns, ' ');
     if (k > 0) line += "  ";
-    line += columns[k].to_the_right ? blanks + c[k].text : c[k].text + blanks;
+    line += columns[k].to_the_right ? padding + c[k].text : c[k].text + padding;
   }
   line.erase(line.find_last_not_of(' ') + 1);
   return line;

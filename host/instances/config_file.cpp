@@ -71,7 +71,7 @@ std::string unreadable(const std::string& file) {
   return "";
 }
 
-// Reads as the driver does: a key has no blanks and no line feeds, and ends with an equals sign, a comment or a
+// Reads as the driver does: a key has no spaces and no line feeds, and ends with an equals sign, a comment or a
 // section.
 std::string hidden_hostname(const std::string& file) {
   std::ifstream in(file, std::ios::binary);

@@ -3,8 +3,8 @@
 
 #include <string>
 
-/// "FILE: not a regular file", "FILE: larger than 1 MiB", or "" when the plug-in may open the file: then reading it can
-/// neither wait for another process nor go on without end. A file that does not exist is left to the plug-in.
+/// "FILE: not a regular file", "FILE: larger than 1 MiB", or "" when the plug-in may open the file: reading it
+/// then cannot wait for another process or be endless. Leaves a missing file to the plug-in.
 std::string unreadable(const std::string& file);
 
 /// "line N hides hostname: TEXT ..." for the first line whose text the scanner takes for the beginning of the key

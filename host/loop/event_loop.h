@@ -46,21 +46,21 @@ class event_loop : public interface {
   virtual handle call_at(steady_clock::time_point when, task t) = 0;
   handle call_in(std::chrono::nanoseconds delay, task t) { return call_at(now() + delay, std::move(t)); }
 
-  /// Calls the task whenever the descriptor is ready, and in each case when its other end has gone. Null for a regular
-  /// file or /dev/null, which is always ready.
+  /// Calls the task whenever the descriptor is ready or its other end has closed. Returns null for a regular file or
+  /// /dev/null, which are always ready.
   virtual handle watch(int fd, readiness r, task t) = 0;
-  /// Writes what the descriptor takes without blocking: the number of bytes, or a negative errno, -EAGAIN for "later".
+  /// Writes as much as possible without blocking. Returns the number of bytes or a negative errno; -EAGAIN: try later.
   virtual ssize_t write(int fd, std::string_view bytes) = 0;
 
   /// Calls back for each of these signals. SIGINT, SIGQUIT and SIGTSTP stay ignored when the parent process set them
   /// so.
   virtual handle on_signals(std::initializer_list<int> signals, std::function<void(int)> f) = 0;
-  /// Gives SIGINT, SIGQUIT and SIGTERM their default action, also to one that a handler has been called for.
+  /// Restores the default action of SIGINT, SIGQUIT and SIGTERM, even for a signal that was already handled.
   virtual void restore_signals() = 0;
   /// Stops the process as SIGTSTP does by default. Returns when it continues.
   virtual void suspend() = 0;
 
-  /// Calls back once with the child's wait status. Before that, kills what is left of the process group that the child
+  /// Calls back once with the child's wait status. Before that, kills the rest of the process group that the child
   /// leads, and reaps the child.
   virtual handle on_exit(pid_t child, std::function<void(int)> f) = 0;
 

@@ -11,7 +11,7 @@
 /// failure lines are dropped.
 class output {
  public:
-  /// The journal takes a level in front of each line.
+  /// The journal reads a level at the start of each line.
   output(event_loop& l, int fd, bool is_journal = false);
   bool is_journal() const { return _is_journal; }
 
@@ -42,9 +42,8 @@ class output {
   void watch(event_loop::readiness r);
 };
 
-/// Runs the loop until both are written, however long their readers take; once `is_to_stop` holds, for a second, then
-/// the rest is dropped.
+/// Runs the loop until both are written. Once `is_to_stop` holds, waits at most one second more and drops the rest.
 void drain(event_loop& l, output& out, output& err, const std::function<bool()>& is_to_stop);
-/// Runs the loop until both are written. Stop signals, also one that was handled before, end the wait by
-/// ending the process.
+/// Runs the loop until both are written. Stop signals, even one that was handled before, end the
+/// process.
 void drain_or_die(event_loop& l, output& out, output& err);

@@ -110,7 +110,7 @@ TEST_F(addresses, on_two_interfaces_with_different_flags_are_stable_in_both_orde
   });
 }
 
-TEST_F(addresses, keep_the_order_of_the_kernel) {
+TEST_F(addresses, are_in_the_order_of_the_kernel) {
   in_a_network_of_its_own([this] {
     add_link();
     for (const char* address : {"2001:db8::2/64 dev v1", "2001:db8::7/64 dev lo", "2001:db8::1/64 dev v0",

@@ -44,7 +44,7 @@ TEST_F(config_files, that_block_or_never_end_are_refused_in_one_line) {
   }
 }
 
-TEST_F(config_files, that_become_FIFOs_keep_the_old_instance_and_leave_dachost_answering) {
+TEST_F(config_files, that_become_FIFOs_do_not_stop_the_old_instance_or_block_dachost) {
   for (const char* command : {"run", "top"}) {
     SCOPED_TRACE(command);
     const std::string file = dir.file("hostname=before", "gw.conf");

@@ -44,8 +44,8 @@ std::string read_file(const fs::path& file) {
   return {std::istreambuf_iterator<char>(in), {}};
 }
 
-void keep_name(const char* name, int /*type*/, int /*flag*/, const char* /*text1*/, const char* /*text2*/,
-               void* param) {
+void store_name(const char* name, int /*type*/, int /*flag*/, const char* /*text1*/, const char* /*text2*/,
+                void* param) {
   *static_cast<std::string*>(param) = name;
 }
 
@@ -57,7 +57,7 @@ class examples : public plugin_fixture {
   }
   std::string tag_of(int h) const {
     std::string name;
-    EXPECT_EQ(lib.getalltagsex(h, keep_name, &name), 0);
+    EXPECT_EQ(lib.getalltagsex(h, store_name, &name), 0);
     return name;
   }
 };
@@ -100,7 +100,7 @@ TEST_F(examples, publish_the_addresses_under_that_name) {
   }
 }
 
-TEST_F(examples, of_several_instances_run_side_by_side) {
+TEST_F(examples, of_several_instances_run_in_one_host) {
   const int gateway = create_example("several/gateway.conf"), cameras = create_example("several/cameras.conf");
   ASSERT_NE(gateway, cameras);
   start(gateway);

@@ -1,4 +1,4 @@
-// A fleet: three machines, each a network namespace with addresses and a host of its own, publish to one MQTT broker,
+// A fleet: three machines, each a network namespace with its addresses and its host, publish to one MQTT broker,
 // and a subscriber sees what each of them has.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -25,11 +25,11 @@ namespace {
 pid_t id_in(const std::string& file) {
   pid_t id = 0;
   const auto is_there = [&] { return static_cast<bool>(std::ifstream(file) >> id); };
-  if (!eventually(is_there)) throw std::runtime_error("nobody writes " + file);
+  if (!eventually(is_there)) throw std::runtime_error("timeout: no process writes " + file);
   return id;
 }
 
-/// Root of a whole machine gives its rights away; root of a user namespace has none to give and nobody to be.
+/// Root of the machine drops its rights; root of a user namespace has none to drop and no other account.
 std::string broker_user() {
   unsigned long first = 0, outside = 0, count = 0;
   std::ifstream("/proc/self/uid_map") >> first >> outside >> count;
@@ -79,7 +79,7 @@ class machine {
     run("ip -6 addr del " + address + " dev " + interface);
   }
 
-  /// Publishes under the machine's name, as users are told to.
+  /// Publishes under the machine's name, as doc/mqtt.md describes.
   void publish() { publish_by("hostname = " + _name + ".example\n"); }
   void publish_by(const std::string& configuration) {
     const std::string conf = _dir.file(configuration, _name + ".conf");
@@ -139,10 +139,11 @@ class subscriber {
  public:
   subscriber() : _process({"mosquitto_sub", "-h", "127.0.0.1", "-v", "-t", "ip6dns/#"}) {}
 
-  /// Until it gets what is kept, and so what comes, too.
+  /// Returns when it gets a retained message, and so later ones, too.
   void await_subscribed() {
-    EXPECT_EQ(process({"mosquitto_pub", "-h", "127.0.0.1", "-t", "ip6dns/kept", "-r", "-m", "kept"}).end().status, 0);
-    _process.await_out("ip6dns/kept kept\n");
+    EXPECT_EQ(
+        process({"mosquitto_pub", "-h", "127.0.0.1", "-t", "ip6dns/retained", "-r", "-m", "retained"}).end().status, 0);
+    _process.await_out("ip6dns/retained retained\n");
   }
   void await(const std::string& machine, const std::string& value) {
     _process.await_out("\"tag\":\"" + machine + R"(.example","type":6,"value":")" + value + "\",");
@@ -173,7 +174,7 @@ class fleet : public testing::Test {
  protected:
   scratch dir;
 
-  /// A dachost on the PATH whose worker does not wait ten seconds before it looks again.
+  /// A dachost on PATH whose worker does not wait ten seconds between polls.
   fleet() {
     mkdir(dir.path("bin").c_str(), 0700);
     const std::string script = dir.file(

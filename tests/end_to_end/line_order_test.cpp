@@ -72,7 +72,7 @@ TEST_F(line_order, of_values_messages_and_failures_is_that_of_the_callbacks) {
   EXPECT_EQ(without_version(summary(terminate(p).out)), expected);
 }
 
-TEST_F(line_order, of_each_of_many_instances_is_kept_and_no_line_is_lost_or_doubled) {
+TEST_F(line_order, of_each_of_many_instances_is_preserved_and_no_line_is_lost_or_doubled) {
   constexpr int instances = 5, values = 100;
   std::vector<std::unique_ptr<remote_control>> remotes;
   texts files;
@@ -95,7 +95,7 @@ TEST_F(line_order, of_each_of_many_instances_is_kept_and_no_line_is_lost_or_doub
   for (const auto& [name, all] : published) EXPECT_EQ(all, expected) << name;
 }
 
-TEST_F(line_order, in_json_is_kept_on_each_of_the_two_outputs) {
+TEST_F(line_order, in_json_is_preserved_on_each_of_the_two_outputs) {
   const remote_control gw(dir.path("fifo"));
   process p = run({"--json", conf(gw.order())});
   texts values, failures;

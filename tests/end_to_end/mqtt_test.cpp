@@ -1,5 +1,5 @@
 // examples/publish-mqtt against a real broker: TLS, passwords, access lists, crashes and outages. dachost is played by
-// a program that prints the values the test wants, so that each value sent can be compared with those received.
+// a program that prints the values of the test, so that each value sent can be compared with those received.
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>

@@ -24,7 +24,7 @@ std::string joined(const texts& all) {
   return text;
 }
 
-/// Without the parts that vary: the time in the head, and ages with the blanks that align them.
+/// Without the parts that vary: the time in the head, and ages with the spaces that align them.
 std::string steady(const std::string& text) {
   const std::string timeless = std::regex_replace(text, std::regex("[0-9-]+T[0-9:]+Z"), "TIME");
   return std::regex_replace(timeless, std::regex(" +([0-9]+s|AGE) "), " AGE ");

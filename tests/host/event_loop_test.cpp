@@ -691,7 +691,7 @@ TEST_F(event_loops_death, signals_that_are_ignored_are_not_restored) {
       testing::ExitedWithCode(7), "");
 }
 
-TEST_F(event_loops_death, suspend_stops_the_process_and_keeps_the_handler) {
+TEST_F(event_loops_death, suspend_stops_the_process_and_preserves_the_handler) {
   const pid_t pid = child([this] {
     setpgid(0, 0);
     loop = nullptr;

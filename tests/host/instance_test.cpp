@@ -35,7 +35,7 @@ class instances : public testing::Test {
 
 }  // namespace
 
-TEST_F(instances, info_asks_for_the_length_and_then_offers_room_for_the_text_and_its_terminator) {
+TEST_F(instances, info_queries_the_length_and_then_passes_room_for_the_text_and_its_terminator) {
   const auto i = make();
   for (const char* text : {R"({"status":"stop","host":"a"})", "{}", "1"}) {
     document = text;

@@ -124,7 +124,7 @@ TEST_F(programs, get_the_hosts_environment_and_each_setting_once) {
   setenv("DAC_TAGS", "longer", 1);
   setenv("DAC_TA", "shorter", 1);
   setenv("XAC_TAG", "similar", 1);
-  // The list of so many is not in a block that the C library hands out again as it is.
+  // A list of this size is not in a block that the C library reuses unchanged.
   for (int n = 0; n < 300; ++n) setenv(("FILLER" + std::to_string(n)).c_str(), "", 1);
   texts expected;
   for (char** e = environ; *e; ++e)

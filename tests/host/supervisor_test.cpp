@@ -253,7 +253,7 @@ TEST_F(supervisors, a_refusal_with_a_reason_does_not_mean_a_full_plug_in) {
   EXPECT_EQ(noted()[2], "refused 1 b.conf: bad" + std::string(missing) + "; the old instance continues");
 }
 
-TEST_F(supervisors, a_reload_begins_and_ends_once_also_when_all_files_are_refused) {
+TEST_F(supervisors, a_reload_begins_and_ends_once_even_if_all_files_are_refused) {
   make();
   s->start_all();
   EXPECT_EQ(phases, texts{"loaded"});

@@ -118,7 +118,7 @@ class dachost_fixture : public testing::Test {
   std::string conf(const std::string& orders, const std::string& name = "gw") const {
     return dir.file(orders, name + ".conf");
   }
-  /// Lets a program continue that waits with `wait_for_go`.
+  /// Makes a program continue that waits with `wait_for_go`.
   void go() const { dir.file("", "go"); }
   static constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.02; done\n";
   static constexpr char ignore_SIGTERM[] = "trap '' TERM; echo begin >>did; while :; do sleep 1000; done\n";

@@ -496,6 +496,8 @@ TEST(address_filters, remove_the_last_address_of_a_value_that_fills_its_field) {
   value.resize(DAC_VALUE_SIZE - 2, '7');
   EXPECT_EQ(passed_on(value), value) << "one byte less";
   EXPECT_EQ(passed_on(value + '7'), begin);
+  const std::string single(DAC_VALUE_SIZE - 1, 'x');
+  EXPECT_EQ(passed_on(single), single);
 }
 
 TEST(address_filters, write_addresses_as_a_value) {

@@ -74,6 +74,7 @@ TEST_F(run_statuses, nothing_is_sent_and_no_timer_runs_without_a_manager) {
   publish();
   loop.pass(10s);
   status->on_reload();
+  EXPECT_EQ(loop.timers(), 0U);
   status->on_stop();
   EXPECT_EQ(manager.sent, texts{});
   EXPECT_EQ(loop.timers(), 0U);
@@ -127,6 +128,7 @@ TEST_F(run_statuses, a_reload_is_RELOADING_until_READY) {
 TEST_F(run_statuses, a_refused_reload_is_visible_until_the_file_is_accepted) {
   make();
   publish();
+  loop.pass(1s);
   status->on_refused(0, "bad\nfile; the old instance continues");
   EXPECT_EQ(after(1s), "STATUS=gw.example = 2001:db8::10; bad\\x0afile; the old instance continues");
   publish();

@@ -151,10 +151,9 @@ void check_contradictions(const address_filter& f) {
 void add_filter(CLI::App& run, address_filter& f) {
   run.add_option_function<std::string>(
          "--pick", [&f](const std::string& text) { f.which = *filter_named(text); },
-         "Which addresses the program gets: all, global or stable")
+         "The addresses that lines show and the program gets: all, global or stable")
       ->type_name("WHICH")
-      ->check(check_filter)
-      ->needs("--exec");
+      ->check(check_filter);
   run.add_option_function<std::vector<std::string>>(
          "--interface",
          [&f](const std::vector<std::string>& all) {
@@ -164,8 +163,7 @@ void add_filter(CLI::App& run, address_filter& f) {
          "Addresses of this interface only; !NAME: not of this one; repeatable")
       ->type_name("NAME")
       ->allow_extra_args(false)
-      ->check(check_interface)
-      ->needs("--exec");
+      ->check(check_interface);
 }
 
 void add_exec(CLI::App& run, hook_options& e) {
@@ -206,6 +204,9 @@ void add_run(CLI::App& app, options& o) {
          "Print these events only, for example value,hook")
       ->type_name("NAMES")
       ->check(check_events);
+  run->add_option("--status", o.status, "Keep this file up to date with the state, as JSON")
+      ->type_name("FILE")
+      ->check(check_file);
   add_ends(run, o);
   add_exec(*run, o.hook);
 }
@@ -244,7 +245,7 @@ std::vector<std::string> words(int argc, const char* const* argv) {
 
 void restore_terminators(options& o) {
   std::replace(o.files.begin(), o.files.end(), std::string(its_path), std::string(terminator));
-  for (std::string* word : {&o.plugin, &o.hook.program})
+  for (std::string* word : {&o.plugin, &o.hook.program, &o.status})
     if (*word == its_path) *word = terminator;
 }
 

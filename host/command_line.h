@@ -19,6 +19,7 @@ struct options {
   bool json = false;
   std::set<std::string> events;  // to print; empty: those of the format
   bool once = false;
+  std::string status;                            // file that shows the state; empty: none
   std::optional<std::chrono::nanoseconds> time;  // how long to run
   hook_options hook;
 };

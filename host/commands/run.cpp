@@ -33,7 +33,7 @@ class runner : fleet_observer {
         _tag_names(o.files.size()),
         _has_published(o.files.size()),
         _refusals(o.files.size()),
-        _status(e.loop, m, instance_names(o.files)),
+        _status(e.loop, m, instance_names(o.files), o.status, err),
         _supervisor(e.loop, p, o.files, *this) {}
 
   int run();
@@ -78,6 +78,7 @@ int runner::run() {
   const bool is_stopped = _supervisor.stop();
   _hooks.close();
   _loop.run_until([this] { return _hooks.is_idle(); });
+  _status.finish();
   const int status = finish(_loop, _supervisor, is_stopped, _out, _err);
   return _options.once && _hooks.has_given_up() ? 1 : status;
 }

@@ -22,12 +22,14 @@ std::string clock_text(std::chrono::nanoseconds n) {
 
 }  // namespace
 
-run_status::run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances)
+run_status::run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances,
+                       const std::string& path, output& err)
     : _loop(l),
       _manager(m),
       _alive(instances.size(), l.now()),
       _failing_since(instances.size()),
-      _next_update(l.now()) {
+      _next_update(l.now()),
+      _file(l, path, err, [this] { return status_document(_instances, _loop.wall_time()); }) {
   for (const std::string& name : instances) _instances.push_back({name, "", "", {}, {}, ""});
 }
 
@@ -78,6 +80,7 @@ void run_status::on_stop() {
 }
 
 void run_status::change() {
+  _file.update();
   if (_manager.is_present() && !_update)
     _update = _loop.call_at(std::max(_loop.now(), _next_update), [this] { update(); });
 }

@@ -1,9 +1,10 @@
-// Follows a run and reports its state to the service manager.
+// Follows a run and reports its state to the service manager and in a file.
 #pragma once
 
 #include <string>
 #include <vector>
 
+#include "host/commands/status_file.h"
 #include "host/display/status.h"
 #include "host/loop/event_loop.h"
 #include "host/systemd.h"
@@ -11,7 +12,9 @@
 /// Reports changes at most once a second. Pings the watchdog only while every instance publishes.
 class run_status {
  public:
-  run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances);
+  /// Without a path, keeps no file.
+  run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances, const std::string& path,
+             output& err);
 
   /// Instance i is new, with this tag.
   void on_tag(size_t i, const std::string& tag);
@@ -26,6 +29,8 @@ class run_status {
   void on_ready();
   void on_reload();
   void on_stop();
+  /// Waits for the file.
+  void finish() { _file.finish(); }
 
  private:
   void change();
@@ -42,4 +47,5 @@ class run_status {
   std::string _unsent;                                   // the service's newest state, until the manager has got it
   steady_clock::time_point _next_update;                 // not before
   event_loop::handle _update, _tick;
+  status_file _file;
 };

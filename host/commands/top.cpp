@@ -40,7 +40,7 @@ class watcher : fleet_observer {
   void on(const event& e, const value& v) override;
   void on(const event& e, const message& m) override;
   void on_refused(size_t i, const std::string& what) override;
-  void note(size_t i, const std::string& line);
+  void note(size_t i, const std::string& line, const std::string& what);  // as a line on the screen
 
   void open_terminal();
   bool has_published() const;
@@ -99,22 +99,23 @@ void watcher::on(const event& e, const message& m) {
   state& s = _states[e.index];
   ++s.errors;
   if (s.refusal.find(printable(m.text)) != std::string::npos) return;
-  note(e.index, printable(time_stamp(e.time) + ' ' + _supervisor.instances().name(e.index) + ": " + m.text));
+  const std::string what = _supervisor.instances().name(e.index) + ": " + m.text;
+  note(e.index, printable(time_stamp(e.time) + ' ' + what), what);
 }
 
 void watcher::on_refused(size_t i, const std::string& what) {
   _states[i].refusal = report_line(what);
   if (_is_started)
-    note(i, _states[i].refusal);
+    note(i, _states[i].refusal, what);
   else
     report(_err, what);
 }
 
-void watcher::note(size_t i, const std::string& line) {
+void watcher::note(size_t i, const std::string& line, const std::string& what) {
   if (_terminal)
     _terminal->note(i, line);
   else
-    _err.line(line);
+    report(_err, what);
 }
 
 void watcher::open_terminal() {

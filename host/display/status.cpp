@@ -1,6 +1,7 @@
 #include "host/display/status.h"
 
 #include <algorithm>
+#include <nlohmann/json.hpp>
 #include <utility>
 
 #include "host/display/printer.h"
@@ -52,7 +53,32 @@ std::string describe(const std::vector<instance_status>& all, wall_time now) {
          summary(all, is_refused, " files refused", [](const instance_status& s) { return s.refusal; });
 }
 
+using json = nlohmann::ordered_json;
+
+json json_of(const hook_status& h) {
+  return {{"result", h.failures == 0 ? "ok" : "failed"},
+          {"time", time_stamp(h.time)},
+          {"failures", h.failures},
+          {"text", h.what}};
+}
+
+json json_of(const instance_status& s) {
+  json object = {{"instance", s.instance}, {"tag", s.tag},    {"value", nullptr},
+                 {"published", nullptr},   {"hook", nullptr}, {"refused", nullptr}};
+  if (!s.value.empty()) object["value"] = s.value;
+  if (s.published) object["published"] = time_stamp(*s.published);
+  if (s.hook) object["hook"] = json_of(*s.hook);
+  if (!s.refusal.empty()) object["refused"] = s.refusal;
+  return object;
+}
+
 }  // namespace
+
+std::string status_document(const std::vector<instance_status>& all, wall_time now) {
+  json document = {{"schema", 1}, {"time", time_stamp(now)}, {"instances", json::array()}};
+  for (const instance_status& s : all) document["instances"].push_back(json_of(s));
+  return printable_json(document.dump(-1, ' ', false, json::error_handler_t::replace)) + '\n';
+}
 
 std::string status_line(const std::vector<instance_status>& all, wall_time now) {
   return valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now)).substr(0, most_bytes));

@@ -23,3 +23,6 @@ struct instance_status {
 
 /// One line of at most 2000 bytes without control characters: all about a single instance, or numbers about several.
 std::string status_line(const std::vector<instance_status>& all, std::chrono::system_clock::time_point now);
+
+/// The state as a JSON document of one line, which doc/dachost.status.schema.json describes.
+std::string status_document(const std::vector<instance_status>& all, std::chrono::system_clock::time_point now);

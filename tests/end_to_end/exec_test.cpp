@@ -530,8 +530,6 @@ TEST_F(exec, invalid_options_get_one_line_and_status_2) {
     texts args;
     const char* named;
   } rows[] = {{"a dry run of nothing", {"--dry-run"}, "--dry-run requires --exec"},
-              {"a choice without a program", {"--pick", "all"}, "--pick requires --exec"},
-              {"an interface without a program", {"--interface", "lo"}, "--interface requires --exec"},
               {"an interface without a name", {"--exec", "p", "--interface", ""}, "an interface name is empty"},
               {"an exclusion without a name", {"--exec", "p", "--interface", "!"}, "an interface name is empty"},
               {"no interface", {"--exec", "p", "--interface"}, "--interface"},

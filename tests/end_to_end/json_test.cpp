@@ -138,3 +138,34 @@ TEST_F(json_lines, have_the_kernels_list_of_addresses) {
     EXPECT_EQ(std::count_if(found.begin(), found.end(), [](const auto& a) { return a.second["scope"] == "link"; }), 2);
   });
 }
+
+TEST_F(json_lines, and_lines_of_text_have_picked_addresses_without_a_program) {
+  in_new_network([this] {
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
+    ASSERT_TRUE(ip("addr add fd00::1/64 dev lo nodad"));
+    const ending text = run({"--once", "--events", "value", "--pick", "stable", conf("publish null")}).end();
+    EXPECT_TRUE(text.out.ends_with("\tvalue\tgw\tnull\t2001:db8::1\n")) << text.out << text.err;
+
+    process p = run_json({"--pick", "stable", "--interface", "lo", conf("publish null")});
+    p.await_out("\"picked\":[\"2001:db8::1\"]");
+    ASSERT_TRUE(ip("addr change 2001:db8::1/64 dev lo nodad preferred_lft 0 valid_lft 1000"));
+    p.await_out("\"picked\":[]");
+    const std::vector<json> values = events(ended(p).out, "value");
+    ASSERT_EQ(values.size(), 2U) << "the value is published once";
+    EXPECT_EQ(values[1]["change"], true);
+  });
+}
+
+TEST_F(json_lines, are_summed_up_in_the_status_file) {
+  const std::string status = dir.path("status");
+  process p = run({"--status", status, conf("publish 2001:db8::10")});
+  await_text("status", R"("value":"2001:db8::10")");
+  conf("refuse bad");
+  p.signal(SIGHUP);
+  await_text("status", R"("refused":")" + dir.path("gw.conf") + ": bad; the old instance continues\"");
+  terminate(p);
+  EXPECT_EQ(schema_errors("dachost.status.schema.json", read_file(status)), "");
+  EXPECT_FALSE(std::filesystem::exists(status + ".tmp"));
+  EXPECT_EQ(run({"--once", "--status", dir.path("no/status"), conf("publish a")}).end().err,
+            "dachost: " + dir.path("no/status") + ": cannot be written: No such file or directory\n");
+}

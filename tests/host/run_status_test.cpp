@@ -6,9 +6,11 @@
 #include <utility>
 
 #include "tests/host/scripted_loop.h"
+#include "tests/support/json_schema.h"
+#include "tests/support/scratch.h"
+#include "tests/support/texts.h"
 
 using namespace std::chrono_literals;
-using texts = std::vector<std::string>;
 
 namespace {
 
@@ -31,10 +33,13 @@ class run_statuses : public testing::Test {
  protected:
   scripted_loop loop;
   scripted_manager manager;
+  scratch dir;
+  std::string path;  // of the status file
+  output err{loop, 2};
   std::unique_ptr<run_status> status;
 
   void make(const texts& instances = {"gw"}) {
-    status = std::make_unique<run_status>(loop, manager, instances);
+    status = std::make_unique<run_status>(loop, manager, instances, path, err);
     for (size_t i = 0; i < instances.size(); ++i) status->on_tag(i, instances[i] + ".example");
     status->on_ready();
     loop.pass(0s);
@@ -60,7 +65,7 @@ class run_statuses : public testing::Test {
 }  // namespace
 
 TEST_F(run_statuses, READY_is_sent_with_the_first_status) {
-  status = std::make_unique<run_status>(loop, manager, texts{"gw"});
+  status = std::make_unique<run_status>(loop, manager, texts{"gw"}, path, err);
   status->on_tag(0, "gw.example");
   EXPECT_EQ(manager.sent, texts{});
   status->on_ready();
@@ -188,6 +193,87 @@ TEST_F(run_statuses, STOPPING_ends_the_timers) {
   status->on_stop();
   EXPECT_EQ(manager.sent.back(), "STOPPING=1\nSTATUS=gw.example = 2001:db8::10");
   EXPECT_EQ(loop.timers(), 0U);
+}
+
+TEST_F(run_statuses, the_file_is_written_at_most_once_a_second_and_its_newest_text_at_the_end) {
+  path = dir.path("status");
+  make();
+  const auto value = [this] { return read_file(path).find(R"("value":"2001:db8::99")") != std::string::npos; };
+  publish(0, "2001:db8::99");
+  loop.pass(900ms);
+  EXPECT_FALSE(value());
+  const int works = loop.works;
+  loop.pass(100ms);
+  EXPECT_TRUE(value());
+  EXPECT_EQ(loop.works, works + 1);
+  publish(0, "null");
+  status->finish();
+  EXPECT_NE(read_file(path).find(R"("value":"null")"), std::string::npos);
+  loop.pass(100s);
+  EXPECT_EQ(loop.works, works + 2) << "nothing has changed";
+}
+
+TEST_F(run_statuses, the_file_has_what_changed_while_it_was_written) {
+  path = dir.path("status");
+  make();
+  loop.holds_work = true;
+  publish(0, "a");
+  loop.pass(10s);
+  publish(0, "b");
+  publish(0, "c");
+  loop.pass(10s);
+  EXPECT_EQ(loop.held_work(), 1U) << "the disk is slow";
+  loop.holds_work = false;
+  loop.release_work();
+  loop.pass(1s);
+  EXPECT_NE(read_file(path).find(R"("value":"c")"), std::string::npos);
+}
+
+TEST_F(run_statuses, the_file_that_cannot_be_written_is_reported_once_and_when_it_can) {
+  path = dir.path("missing/status");
+  make();
+  for (int n = 0; n < 3; ++n) {
+    publish(0, std::to_string(n));
+    loop.pass(1s);
+  }
+  EXPECT_EQ(loop.sinks[2].text, "dachost: " + path + ": cannot be written: No such file or directory\n");
+  std::filesystem::create_directory(dir.path("missing"));
+  publish(0, "4");
+  loop.pass(1s);
+  EXPECT_EQ(lines(loop.sinks[2].text).back(), "dachost: " + path + ": is written again");
+  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+}
+
+TEST_F(run_statuses, the_end_waits_two_seconds_for_the_file_and_then_for_a_signal) {
+  path = dir.path("status");
+  make();
+  loop.pass(1s);
+  loop.holds_work = true;
+  publish(0, "a");
+  loop.pass(0s);
+  const auto late = loop.call_in(10s, [this] {
+    EXPECT_TRUE(loop.is_restored);
+    loop.release_work();
+  });
+  const auto early = loop.call_in(1900ms, [this] { EXPECT_FALSE(loop.is_restored); });
+  status->finish();
+}
+
+TEST(status_document, is_valid_and_has_nulls_for_what_is_not_known) {
+  const wall_clock::time_point now{1000s};
+  std::vector<instance_status> all(2);
+  all[0].instance = "a\xff\x1b";
+  all[0].tag = "a.example";
+  all[1] = {"b", "b.example", "::1", now, hook_status{now - 200s, 2, "exit status 1"}, "b.conf: bad"};
+  const std::string text = status_document(all, now);
+  EXPECT_EQ(schema_errors("dachost.status.schema.json", text), "");
+  EXPECT_EQ(text, R"({"schema":1,"time":"1970-01-01T00:16:40.000Z","instances":[)"
+                  "{\"instance\":\"a\xef\xbf\xbd\\u001b\","
+                  R"("tag":"a.example","value":null,"published":null,"hook":null,"refused":null},)"
+                  R"({"instance":"b","tag":"b.example","value":"::1","published":"1970-01-01T00:16:40.000Z","hook":)"
+                  R"({"result":"failed","time":"1970-01-01T00:13:20.000Z","failures":2,"text":"exit status 1"},)"
+                  R"("refused":"b.conf: bad"}]})"
+                  "\n");
 }
 
 TEST(status_of_several, counts_them_and_names_the_first_failure) {

@@ -1,0 +1,75 @@
+#include "host/commands/status_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+#include <utility>
+
+#include "host/report.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+constexpr auto between_writes = 1s;
+
+int write_all(int fd, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t n = write(fd, text.data(), text.size());
+    if (n < 0 && errno != EINTR) return errno;
+    if (n > 0) text.remove_prefix(static_cast<size_t>(n));
+  }
+  return 0;
+}
+
+// The errno of a failure, or 0.
+int replace(const std::string& path, const std::string& text) {
+  const std::string next = path + ".tmp";
+  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  if (fd < 0) return errno;
+  int error = write_all(fd, text);
+  if (close(fd) != 0 && error == 0) error = errno;
+  if (error == 0 && rename(next.c_str(), path.c_str()) != 0) error = errno;
+  if (error != 0) unlink(next.c_str());
+  return error;
+}
+
+}  // namespace
+
+void status_file::update() {
+  if (_path.empty() || _state == state::waiting) return;
+  if (_state != state::clean) {
+    _state = state::outdated;
+    return;
+  }
+  _state = state::waiting;
+  _timer = _loop.call_at(std::max(_loop.now(), _next), [this] { write(); });
+}
+
+void status_file::write() {
+  _timer = nullptr;
+  _state = state::writing;
+  _loop.run_in_background([this, text = _text()]() -> event_loop::task {
+    const int error = replace(_path, text);
+    return [this, error] { on_written(error == 0 ? "" : std::strerror(error)); };
+  });
+}
+
+void status_file::on_written(const std::string& error) {
+  _next = _loop.now() + between_writes;
+  const bool failed_before = std::exchange(_has_failed, !error.empty());
+  if (_has_failed && !failed_before) report(_err, _path + ": cannot be written: " + error, severity::warning);
+  if (!_has_failed && failed_before) report(_err, _path + ": is written again", severity::info);
+  if (std::exchange(_state, state::clean) == state::outdated) update();
+}
+
+void status_file::finish() {
+  if (_state == state::waiting) write();
+  const auto limit = _loop.call_in(2s, [this] { _loop.restore_signals(); });
+  _loop.run_until([this] { return _state == state::clean; });
+}

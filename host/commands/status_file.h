@@ -1,0 +1,37 @@
+// Keeps a file up to date.
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "host/loop/event_loop.h"
+#include "host/loop/output.h"
+
+/// Replaces the file atomically, at most once a second, on a background thread: a disk that hangs does not delay the
+/// loop. Reports the first of several failures in a row, and their end.
+class status_file {
+ public:
+  /// `text` returns what the file is to contain. Without a path, does nothing.
+  status_file(event_loop& l, std::string path, output& err, std::function<std::string()> text)
+      : _loop(l), _path(std::move(path)), _err(err), _text(std::move(text)) {}
+
+  /// The text has changed.
+  void update();
+  /// Waits until the newest text is written. Stop signals end the wait by ending the process after two seconds.
+  void finish();
+
+ private:
+  enum class state { clean, waiting, writing, outdated };  // outdated: changed while it is written
+
+  void write();
+  void on_written(const std::string& error);
+
+  event_loop& _loop;
+  const std::string _path;
+  output& _err;
+  const std::function<std::string()> _text;
+  state _state = state::clean;
+  bool _has_failed = false;
+  steady_clock::time_point _next;  // not before
+  event_loop::handle _timer;
+};

@@ -86,7 +86,7 @@ class readers : public dachost_fixture {
 }  // namespace
 
 TEST_F(readers, of_standard_error_that_are_late_get_every_line_in_order) {
-  process p = run({"--json", "--events", "value", "--for", "0.001", conf("complain 4000")});
+  process p = run({"--json", "--events", "value", "--for", "0.001", conf("failures 4000")});
   await_journal("destroy gw 0");
   std::this_thread::sleep_for(1500ms);  // longer than a reader has after a signal
   EXPECT_TRUE(p.is_running()) << "the rest waits for its reader";
@@ -102,7 +102,7 @@ TEST_F(readers, of_standard_error_that_read_nothing_do_not_delay_values) {
   ASSERT_EQ(mkfifo(unread.c_str(), 0600), 0);
   const int fd = open(unread.c_str(), O_RDWR | O_CLOEXEC);
   process p = run({"--json", conf(gw.order())}, {"sh", "-c", "exec \"$@\" 2>'" + unread + '\'', "sh"});
-  gw.say("complain 4000");
+  gw.say("failures 4000");
   gw.say("publish a");
   p.await_out("\"value\":\"a\"");
   p.signal(SIGTERM);

@@ -113,7 +113,7 @@ TEST_F(wake_up, a_reader_of_standard_error_that_reads_again_gets_the_rest_at_onc
   const remote_control gw(dir.path("fifo"));
   process p = run({"--json", "--events", "value", conf(gw.order())});
   thirty_times([&](const std::string& n) {
-    gw.say("complain 2000");
+    gw.say("failures 2000");
     gw.say("fail end" + n);
     std::this_thread::sleep_for(100ms);
     p.await_err(": end" + n + '\n');

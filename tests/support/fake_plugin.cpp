@@ -8,12 +8,12 @@
 //   idle            dac_isrun returns 0
 //   odd records     dac_start publishes two records at once, their texts up to the last byte of the fields
 //   flood N         dac_start logs N messages "message 1 of N" ...
-//   complain N      the same as failures
+//   failures N      the same as log messages that report failures
 //   throw           dac_start throws std::system_error
 //   wait for N      dac_stop returns when N instances are being stopped, or after 20 seconds
 //   hold FILE       dac_stop returns when there is such a file, or after 20 seconds
 //   stop takes MS   dac_stop returns after that many milliseconds
-//   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N, complain N
+//   obey FIFO       from start to stop a thread reads orders there: publish TEXT, fail TEXT, flood N, failures N
 // Compiled with UNDEFINED, it needs a function that no library has.
 // Environment: FAKE_JOURNAL, a file that gets a line for every call; FAKE_ROOM, how many instances there can be.
 #include <unistd.h>
@@ -137,7 +137,7 @@ void obey(const instance& i, const std::string& line) {
   if (word == "publish") publish(i, rest);
   if (word == "fail") i.log(i.name.c_str(), DAC_LEVEL_FAILURE, rest.c_str(), 1, i.logparam);
   if (word == "flood") flood(i, std::stoi(rest), DAC_LEVEL_OTHER);
-  if (word == "complain") flood(i, std::stoi(rest), DAC_LEVEL_FAILURE);
+  if (word == "failures") flood(i, std::stoi(rest), DAC_LEVEL_FAILURE);
 }
 
 // The file is open for writing too, so that it does not end when a writer closes it.
@@ -229,7 +229,7 @@ int dac_start(int handle) {
   if (i.orders.contains("fail")) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, i.orders.at("fail").c_str(), 1, i.logparam);
   if (i.orders.contains("odd")) publish_odd_records(i);
   if (i.orders.contains("flood")) flood(i, std::stoi(i.orders.at("flood")), DAC_LEVEL_OTHER);
-  if (i.orders.contains("complain")) flood(i, std::stoi(i.orders.at("complain")), DAC_LEVEL_FAILURE);
+  if (i.orders.contains("failures")) flood(i, std::stoi(i.orders.at("failures")), DAC_LEVEL_FAILURE);
   start_listener(handle, i);
   return 0;
 }

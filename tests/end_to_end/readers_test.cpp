@@ -58,8 +58,10 @@ class socket_pair {
     _fds[1] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     set_buffer(listener, SO_RCVBUF, 4096);
     if (bind(listener, address, size) != 0 || listen(listener, 1) != 0 || getsockname(listener, address, &size) != 0 ||
-        connect(_fds[1], address, size) != 0 || (_fds[0] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC)) < 0)
+        connect(_fds[1], address, size) != 0)
       throw std::runtime_error("TCP");
+    _fds[0] = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    if (_fds[0] < 0) throw std::runtime_error("accept4");
     close(listener);
   }
 

@@ -12,7 +12,7 @@
 /// Reports changes at most once a second. Pings the watchdog only while every instance publishes.
 class run_status {
  public:
-  /// Without a path, keeps no file.
+  /// Without a path, writes no file.
   run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances, const std::string& path,
              output& err);
 

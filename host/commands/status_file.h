@@ -1,4 +1,4 @@
-// Keeps a file up to date.
+// Writes a file up to date.
 #pragma once
 
 #include <functional>

@@ -62,7 +62,7 @@ bool set(const std::string& interface, const std::string& name, const std::strin
 
 // The kernel sends such a list in several parts; a published value has room for a few of its addresses only.
 TEST_F(addresses, of_a_list_in_several_parts_are_all_known) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     std::string commands;
     std::set<std::string> expected;
     for (int n = 1; n <= 1000; ++n) {
@@ -80,7 +80,7 @@ TEST_F(addresses, of_a_list_in_several_parts_are_all_known) {
 
 // With so many addresses the published value is cut before the stable one, which the kernel lists last.
 TEST_F(addresses, that_are_stable_are_known_after_31_deprecated_ones) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
     for (int n = 0; n < 31; ++n)
       ASSERT_TRUE(ip("addr add 2001:db8:1111:2222:3333:4444:5555:" + std::to_string(1000 + n) +
@@ -95,7 +95,7 @@ TEST_F(addresses, that_are_stable_are_known_after_31_deprecated_ones) {
 
 // An address is stable when it is on one interface at least, whichever the kernel lists first.
 TEST_F(addresses, on_two_interfaces_with_different_flags_are_stable_in_both_orders) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     add_link();
     for (const auto& [address, on_v0, on_v1] : {std::tuple{"2001:db8::1", "", "preferred_lft 0"},
                                                 {"2001:db8::2", "preferred_lft 0", ""},
@@ -111,7 +111,7 @@ TEST_F(addresses, on_two_interfaces_with_different_flags_are_stable_in_both_orde
 }
 
 TEST_F(addresses, are_in_the_order_of_the_kernel) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     add_link();
     for (const char* address : {"2001:db8::2/64 dev v1", "2001:db8::7/64 dev lo", "2001:db8::1/64 dev v0",
                                 "2001:db8::3/64 dev v0", "2001:db8::5/64 dev lo"})
@@ -122,7 +122,7 @@ TEST_F(addresses, are_in_the_order_of_the_kernel) {
 }
 
 TEST_F(addresses, are_those_of_the_wanted_interfaces) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     add_link();
     ASSERT_TRUE(
         ip("addr add 2001:db8::1/64 dev lo nodad\naddr add 2001:db8::2/64 dev v0 nodad\n"
@@ -142,7 +142,7 @@ TEST_F(addresses, are_those_of_the_wanted_interfaces) {
 
 // The table of the manual page.
 TEST_F(addresses, pass_each_filter_by_their_state) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const struct row {
       const char* address;
       const char* settings;

@@ -189,7 +189,7 @@ class fleet : public testing::Test {
 }  // namespace
 
 TEST_F(fleet, of_three_machines_is_seen_by_a_subscriber_of_one_broker) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const broker b(dir);
     machine gateway(dir, 1, "gateway"), pump(dir, 2, "pump"), camera(dir, 3, "camera");
     gateway.add("2001:db8:1::1/64");
@@ -222,7 +222,7 @@ TEST_F(fleet, of_three_machines_is_seen_by_a_subscriber_of_one_broker) {
 }
 
 TEST_F(fleet, shows_those_who_come_later_what_every_machine_has) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const broker b(dir);
     machine gateway(dir, 1, "gateway"), pump(dir, 2, "pump");
     gateway.add("2001:db8:1::1/64");
@@ -241,7 +241,7 @@ TEST_F(fleet, shows_those_who_come_later_what_every_machine_has) {
 }
 
 TEST_F(fleet, sends_later_what_was_published_while_the_broker_was_away) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     auto b = std::make_unique<broker>(dir);
     machine gateway(dir, 1, "gateway");
     subscriber s;
@@ -262,7 +262,7 @@ TEST_F(fleet, sends_later_what_was_published_while_the_broker_was_away) {
 }
 
 TEST_F(fleet, ends_as_the_host_ends_that_refuses_its_file) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const broker b(dir);
     machine gateway(dir, 1, "gateway");
     gateway.publish_by("hostname =\n");
@@ -273,7 +273,7 @@ TEST_F(fleet, ends_as_the_host_ends_that_refuses_its_file) {
 }
 
 TEST_F(fleet, a_signal_to_the_script_leaves_no_process_running) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const broker b(dir);
     machine gateway(dir, 1, "gateway");
     for (const int sig : {SIGTERM, SIGINT, SIGHUP}) {

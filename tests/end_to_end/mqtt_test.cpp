@@ -174,7 +174,7 @@ constexpr char open_to_all[] = "allow_anonymous true\n";
 }  // namespace
 
 TEST_F(mqtt, values_arrive_over_TLS_once_and_in_order) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -196,7 +196,7 @@ TEST_F(mqtt, values_arrive_over_TLS_once_and_in_order) {
 }
 
 TEST_F(mqtt, newest_value_arrives_after_the_broker_is_killed) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -231,7 +231,7 @@ TEST_F(mqtt, newest_value_arrives_after_the_broker_is_killed) {
 }
 
 TEST_F(mqtt, newest_value_is_sent_again_when_the_broker_has_lost_it) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -247,7 +247,7 @@ TEST_F(mqtt, newest_value_is_sent_again_when_the_broker_has_lost_it) {
 }
 
 TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     const auto p = publisher(tls());
@@ -261,7 +261,7 @@ TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
 }
 
 TEST_F(mqtt, broker_that_closes_without_an_answer_to_MQTT_5_gets_MQTT_3) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -297,7 +297,7 @@ while True:
 }
 
 TEST_F(mqtt, wrong_password_is_reported_once) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     shell("mosquitto_passwd -c -b " + dir.path("passwords") + " gateway right");
     broker b(dir, "allow_anonymous false\npassword_file " + dir.path("passwords") + '\n');
@@ -309,7 +309,7 @@ TEST_F(mqtt, wrong_password_is_reported_once) {
 }
 
 TEST_F(mqtt, password_is_read_from_the_file_of_the_clients) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     shell("mosquitto_passwd -c -b " + dir.path("passwords") + " gateway 'right one'");
     mkdir(dir.path(".config").c_str(), 0700);
@@ -324,7 +324,7 @@ TEST_F(mqtt, password_is_read_from_the_file_of_the_clients) {
 }
 
 TEST_F(mqtt, refused_topic_is_reported_once) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, std::string(open_to_all) + "acl_file " +
                       dir.file("topic readwrite ip6dns/gateway/status\ntopic read #\n", "acl") + '\n');
@@ -341,7 +341,7 @@ TEST_F(mqtt, refused_topic_is_reported_once) {
 }
 
 TEST_F(mqtt, untrusted_certificate_is_refused) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -352,7 +352,7 @@ TEST_F(mqtt, untrusted_certificate_is_refused) {
 }
 
 TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -374,7 +374,7 @@ TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
 }
 
 TEST_F(mqtt, values_pass_a_broker_with_a_full_disk) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     ASSERT_EQ(unshare(CLONE_NEWNS), 0);
@@ -400,7 +400,7 @@ TEST_F(mqtt, values_pass_a_broker_with_a_full_disk) {
 }
 
 TEST_F(mqtt, killed_publisher_leaves_no_process_and_is_offline) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
@@ -417,7 +417,7 @@ TEST_F(mqtt, killed_publisher_leaves_no_process_and_is_offline) {
 }
 
 TEST_F(mqtt, stopped_publisher_leaves_no_process) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const auto p = publisher({});
     p->await_err("; retrying\n");
     const pid_t child = dachost();
@@ -434,7 +434,7 @@ TEST_F(mqtt, publisher_asks_dachost_for_values_and_the_picked_addresses) {
 }
 
 TEST_F(mqtt, publisher_ends_with_the_status_of_dachost) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     set_dachost("echo 'dachost: x: not found' >&2; exit 78");
     const auto p = publisher({});
     EXPECT_EQ(p->end().status, 78);
@@ -448,7 +448,7 @@ TEST_F(mqtt, missing_certificate_file_is_named) {
 }
 
 TEST_F(mqtt, outage_costs_no_processor_time) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     const auto p = publisher({});
     p->await_err("; retrying\n");
     const auto ticks = [&] {

@@ -124,7 +124,7 @@ class refused_run {
 class refused_calls : public testing::Test {
  protected:
   static void try_each(const std::vector<refusal>& refusals, bool to_file = false) {
-    in_a_network_of_its_own([&] {
+    in_new_network([&] {
       ASSERT_TRUE(ip("addr add 2001:db8::1/128 dev lo nodad"));
       prctl(PR_SET_CHILD_SUBREAPER, 1);
       for (const refusal& r : refusals) try_each_occurrence(r, to_file);

@@ -55,7 +55,8 @@ void run_status::on_refused(size_t i, const std::string& what) {
 }
 
 std::string run_status::on_hook(size_t i, wall_clock::time_point time, const std::string& failure) {
-  const int before = _instances[i].hook ? _instances[i].hook->failures : 0;
+  const std::optional<hook_status>& last = _instances[i].hook;
+  const int before = last ? last->failures : 0;
   if (before == 0) _failing_since[i] = _loop.now();
   _instances[i].hook = {time, failure.empty() ? 0 : before + 1, failure};
   change();

@@ -37,8 +37,8 @@ printed_address printed(const kernel_address& a) {
 }
 
 std::vector<std::string> texts_of(const std::vector<kernel_address>& all) {
-  std::vector<std::string> texts;
-  for (const kernel_address& a : all) texts.push_back(a.text);
+  std::vector<std::string> texts(all.size());
+  std::transform(all.begin(), all.end(), texts.begin(), [](const kernel_address& a) { return a.text; });
   return texts;
 }
 
@@ -91,8 +91,10 @@ void value_printer::read(wall_clock::time_point since) {
 void value_printer::read_again() {
   _timer = _loop.call_in(reading_interval, [this] { read_again(); });
   read(_loop.wall_time());
-  for (size_t i = 0; _list && i < _last.size(); ++i)
-    if (_last[i] && picked(_last[i]->what) != _last[i]->picked) print(i, _loop.wall_time(), _last[i]->what);
+  for (size_t i = 0; _list && i < _last.size(); ++i) {
+    const std::optional<shown> last = _last[i];
+    if (last && picked(last->what) != last->picked) print(i, _loop.wall_time(), last->what);
+  }
 }
 
 std::optional<std::vector<std::string>> value_printer::picked(const value& v) const {
@@ -103,8 +105,9 @@ std::optional<std::vector<std::string>> value_printer::picked(const value& v) co
 
 void value_printer::print(size_t i, wall_clock::time_point time, const value& v) {
   const std::optional<texts> now = picked(v);
-  const bool is_change = !_last[i] || !is_same(v, _last[i]->what) || (now && now != _last[i]->picked);
-  _last[i] = {v, now || !_last[i] ? now : _last[i]->picked};
+  const std::optional<shown> last = _last[i];
+  const bool is_change = !last || !is_same(v, last->what) || (now && now != last->picked);
+  _last[i] = {v, now || !last ? now : last->picked};
   printed_line line = {time, _names[i], "value", {{"tag", v.tag}, {"type", v.type, false}, {"value", v.text}}};
   line.fields.push_back({"change", is_change, false});
   line.fields.push_back({"picked", nullptr, !_filter.uses_published_value()});

@@ -1,4 +1,4 @@
-// Writes a file up to date.
+// Rewrites a file when its contents change.
 #pragma once
 
 #include <functional>

@@ -12,7 +12,7 @@ void report(output& err, const std::string& what, severity s) {
 }
 
 void outage::begin(const std::string& what) {
-  if (!std::exchange(_is_on, true)) report(_err, what);
+  if (!std::exchange(_is_on, true)) report(_err, what, severity::warning);
 }
 
 void outage::end(const std::string& what) {

@@ -69,7 +69,8 @@ void hook_runner::close() {
     const bool is_unfinished = is_pending(h) || (h.tried && !h.run);
     _has_given_up = _has_given_up || is_unfinished;
     if (is_unfinished && h.at != stage::idle)
-      report(h, _options.program + ": the run ends before the program gets the newest value");
+      report(h, severity::warning, "dropped",
+             _options.program + ": the run ends before the program gets the newest value");
     h.timer = nullptr;
     if (h.run)
       h.run->close();
@@ -205,7 +206,8 @@ void hook_runner::run_programs(hook& h, const std::vector<std::string>& settings
     start_queued();
   };
   const auto on_stuck = [this, &h](const std::string& program) {
-    report(h, program + ": still runs after SIGKILL; no other program is started for this instance");
+    report(h, severity::error, "stuck",
+           program + ": still runs after SIGKILL; no other program is started for this instance");
     start_queued();
   };
   h.run = std::make_unique<hook_run>(_environment.loop, _environment.programs, _options.timeout,
@@ -220,7 +222,7 @@ void hook_runner::finish(hook& h, const std::string& failures) {
   if (failures.empty())
     succeed(h);
   else
-    report(h, failures + "; " + schedule_retry(h));
+    report(h, severity::warning, "failed", failures + "; " + schedule_retry(h));
   consider(h);
 }
 
@@ -230,6 +232,7 @@ void hook_runner::succeed(hook& h) {
   h.failures = 0;
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
+  notify(h, severity::info, "ok", "");
   _unsaved.insert(&h);
   save_records();
 }
@@ -245,8 +248,13 @@ std::string hook_runner::schedule_retry(hook& h) {
   return "retry in about " + std::to_string(pause.count()) + " s";
 }
 
-void hook_runner::report(const hook& h, const std::string& what) {
-  ::report(_err, h.published->instance + ": " + what);
+void hook_runner::report(const hook& h, severity level, const char* result, const std::string& what) {
+  ::report(_err, h.published->instance + ": " + what, level);
+  notify(h, level, result, what);
+}
+
+void hook_runner::notify(const hook& h, severity level, const char* result, const std::string& what) const {
+  if (_observer) _observer({static_cast<size_t>(&h - _hooks.data()), level, result, what});
 }
 
 // ---------------------------------------------------------------- across restarts
@@ -256,7 +264,7 @@ void hook_runner::load_record(hook& h) {
   try {
     h.done = _environment.records.load(h.published->instance);
   } catch (const std::runtime_error& e) {
-    ::report(_err, std::string(e.what()) + "; ignored");
+    ::report(_err, std::string(e.what()) + "; ignored", severity::warning);
   }
   if (h.done) schedule_again(h, std::max(nanoseconds(0), nanoseconds(_environment.loop.wall_time() - h.done->time)));
 }

@@ -7,6 +7,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/display/printer.h"
@@ -39,6 +40,14 @@ struct update {
   std::string value;
 };
 
+/// How a run of a hook ended, or why there is none.
+struct hook_event {
+  size_t index;        // of the instance
+  severity level;      // info after a success
+  const char* result;  // ok, failed, stuck or dropped
+  std::string text;    // why; empty after a success
+};
+
 /// Runs the hook of each instance when its name or its filtered addresses differ from what the last successful run got,
 /// and again after some time. One run at a time for each instance; the newest value wins.
 class hook_runner {
@@ -55,6 +64,9 @@ class hook_runner {
   hook_runner(const environment& e, const hook_options& o, size_t instances, printer& p, output& err);
   hook_runner(const hook_runner&) = delete;
   hook_runner& operator=(const hook_runner&) = delete;
+
+  /// Calls `f` for each event. All except successes are reported on standard error, too.
+  void observe(std::function<void(const hook_event&)> f) { _observer = std::move(f); }
 
   /// Without a program in the options every value counts as handed over.
   void submit(size_t i, const update& u);
@@ -102,7 +114,8 @@ class hook_runner {
   void finish(hook& h, const std::string& failures);
   void succeed(hook& h);
   std::string schedule_retry(hook& h);
-  void report(const hook& h, const std::string& what);
+  void report(const hook& h, severity level, const char* result, const std::string& what);
+  void notify(const hook& h, severity level, const char* result, const std::string& what) const;
   void load_record(hook& h);
   void schedule_again(hook& h, std::chrono::nanoseconds age);
   void save_records();
@@ -111,6 +124,7 @@ class hook_runner {
   const hook_options& _options;
   printer& _printer;
   output& _err;
+  std::function<void(const hook_event&)> _observer;
   std::vector<hook> _hooks;
   std::deque<hook*> _queue;
   std::set<const hook*> _unsaved;

@@ -1170,3 +1170,36 @@ TEST_F(hook_directories, without_a_program_are_an_error_at_the_start) {
     EXPECT_EQ(e.what(), options.program + ": no program in this directory, see run-parts(8)");
   }
 }
+
+TEST_F(hooks, an_observer_gets_every_result) {
+  options.timeout = 1s;
+  make(2);
+  texts got;
+  runner->observe([&got](const hook_event& e) {
+    got.push_back(std::to_string(e.index) + ' ' + std::to_string(static_cast<int>(e.level)) + ' ' + e.result + ' ' +
+                  e.text);
+  });
+  submit("a", "t", 1);
+  end(exited(1));
+  EXPECT_EQ(std::exchange(got, {}), texts{"1 4 failed hook: exit status 1; retry in about 1 s"});
+  submit("b", "t", 1);
+  end(0);
+  EXPECT_EQ(std::exchange(got, {}), texts{"1 6 ok "});
+  submit("a");
+  loop.pass(3s);
+  EXPECT_EQ(std::exchange(got, {}),
+            texts{"0 3 stuck hook: still runs after SIGKILL; no other program is started for this instance"});
+  submit("b");
+  submit("c", "t", 1);
+  submit("d", "t", 1);
+  runner->close();
+  EXPECT_EQ(std::exchange(got, {}), (texts{"0 4 dropped hook: the run ends before the program gets the newest value",
+                                           "1 4 dropped hook: the run ends before the program gets the newest value"}));
+}
+
+TEST_F(hooks, an_observer_of_a_dry_run_gets_nothing) {
+  options.dry_run = true;
+  make();
+  runner->observe([](const hook_event& e) { ADD_FAILURE() << e.result; });
+  submit("a");
+}

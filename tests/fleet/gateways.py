@@ -114,5 +114,5 @@ def write_host_program(folder, options):
         extra += f" --splay {options.splay}"
     os.makedirs(folder)
     with open(folder + "/dachost", "w", encoding="utf-8") as f:
-        f.write(f"#!/bin/sh\nexec '{options.dachost}' \"$@\" -p '{options.plugin}' {extra}\n")
+        f.write(f"#!/bin/sh\nshift  # run\nexec '{options.dachost}' run -p '{options.plugin}' {extra} \"$@\"\n")
     os.chmod(folder + "/dachost", 0o755)

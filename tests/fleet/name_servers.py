@@ -61,7 +61,7 @@ options {{
   directory "{self.folder}"; pid-file "{self.path("pid")}"; session-keyfile none; lock-file none;
   listen-on {{ none; }}; listen-on-v6 {{ any; }};
   recursion no; dnssec-validation no; minimal-responses yes;
-  notify explicit; notify-delay 1; notify-rate 1000; serial-query-rate 1000; tcp-clients 10000; tcp-listen-queue 4096;
+  notify explicit; notify-delay 1; notify-rate 1000; serial-query-rate 1000; tcp-clients 10000; tcp-listen-queue 4096; update-quota 10000;
 }};
 logging {{
   channel updates {{ file "{self.path("updates")}"; print-time iso8601-utc; severity info; }};

@@ -65,7 +65,7 @@ def new_plot(title):
 
 
 def save(figure, axes, path):
-    axes.legend()
+    axes.legend(loc="upper center", bbox_to_anchor=(0.5, -0.13), ncol=2)
     figure.savefig(path, metadata={"Date": None})
 
 

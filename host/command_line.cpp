@@ -3,6 +3,8 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <sstream>
 #include <string_view>
@@ -38,7 +40,7 @@ std::string footer_of(command what) {
       return std::string(R"(Examples:
   dachost run --once gateway.conf           prints what this machine publishes
   dachost run --json gateway.conf           prints one JSON object per line
-  dachost run --exec ./update gateway.conf  starts ./update for every value
+  dachost run --exec ./update gateway.conf  starts ./update on each change
 )") + status_of_a_run;
     case command::top:
       return std::string(R"(Keys: q ends; arrows, PgUp, PgDn, Home and End scroll.
@@ -79,17 +81,40 @@ dachost(1).)";
 constexpr int wrong_usage = 2;
 constexpr double most_seconds = 1e9;  // fits nanoseconds, also when added to the clock
 
-std::optional<std::chrono::nanoseconds> seconds(const std::string& text) {
-  double s = 0;
+double seconds_per(std::string_view unit) {
+  if (unit.empty() || unit == "s") return 1;
+  if (unit == "m") return 60;
+  if (unit == "h") return 3600;
+  return unit == "d" ? 86400 : 0;
+}
+
+std::optional<std::chrono::nanoseconds> duration(const std::string& text) {
+  double n = 0;
   const char* end = text.data() + text.size();
-  const auto [last, failed] = std::from_chars(text.data(), end, s);
-  if (failed != std::errc() || last != end || !(s > 0 && s <= most_seconds)) return std::nullopt;
+  const auto [last, failed] = std::from_chars(text.data(), end, n);
+  const double per_unit = seconds_per({last, end});
+  const double s = n * per_unit;
+  if (failed != std::errc() || per_unit == 0 || !(s >= 0 && s <= most_seconds)) return std::nullopt;
   return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
 }
 
-std::string check_seconds(const std::string& text) {
-  return seconds(text) ? "" : "'" + text + "' is not a number of seconds above 0 and up to 1000000000";
+std::string check_duration(const std::string& text) {
+  return duration(text) ? "" : "expected a duration such as 90, 90s, 5m, 2h or 1d, got '" + text + "'";
 }
+
+std::string check_positive(const std::string& text) {
+  return duration(text) == std::chrono::nanoseconds(0) ? "expected more than '" + text + "'" : check_duration(text);
+}
+
+template <class TO>
+CLI::Option* add_duration(CLI::App& app, const std::string& name, TO& to, const std::string& text) {
+  return app
+      .add_option_function<std::string>(
+          name, [&to](const std::string& word) { to = *duration(word); }, text)
+      ->type_name("DURATION");
+}
+
+std::string check_directory(const std::string& text) { return text.empty() ? "a directory name is empty" : ""; }
 
 std::string check_file(const std::string& text) { return text.empty() ? "a file name is empty" : ""; }
 
@@ -110,11 +135,7 @@ CLI::App* add_command(CLI::App& app, options& o, command what, const std::string
 void add_ends(CLI::App* c, options& o) {
   CLI::Option* once =
       c->add_flag("--once", o.once, "Exit when every instance has published once")->disable_flag_override();
-  c->add_option_function<std::string>(
-       "--for", [&o](const std::string& text) { o.time = seconds(text); }, "Exit after that many seconds")
-      ->type_name("SECONDS")
-      ->check(check_seconds)
-      ->excludes(once);
+  add_duration(*c, "--for", o.time, "Exit after that time")->check(check_positive)->excludes(once);
 }
 
 std::string check_program(const std::string& text) { return text.empty() ? "a program name is empty" : ""; }
@@ -166,16 +187,37 @@ void add_filter(CLI::App& run, address_filter& f) {
       ->check(check_interface);
 }
 
+std::string check_jobs(const std::string& text) {
+  return text.find_first_not_of("0123456789") == std::string::npos && text.find_first_not_of('0') != std::string::npos
+             ? ""
+             : "expected a number above 0, got '" + text + "'";
+}
+
 void add_exec(CLI::App& run, hook_options& e) {
-  CLI::Option* exec = run.add_option("--exec", e.program, "Start this program for every value")
-                          ->type_name("PROGRAM")
-                          ->check(check_program);
+  CLI::Option* exec =
+      run.add_option("--exec", e.program, "Start this program, or those in this directory, when the addresses change")
+          ->type_name("PROGRAM")
+          ->check(check_program);
   add_filter(run, e.addresses);
-  run.add_option_function<std::string>(
-         "--exec-timeout", [&e](const std::string& text) { e.timeout = *seconds(text); },
-         "Stop a program that runs longer (default: 30)")
-      ->type_name("SECONDS")
-      ->check(check_seconds)
+  add_duration(run, "--hold", e.hold, "Keep the last addresses that long while there is none (default: 5m)")
+      ->check(check_duration)
+      ->needs(exec);
+  add_duration(run, "--again", e.again, "Start it again after that time without a change (default: 1d; 0: never)")
+      ->check(check_duration)
+      ->needs(exec);
+  add_duration(run, "--splay", e.splay, "Delay the first start by a random time up to this (default: 0)")
+      ->check(check_duration)
+      ->needs(exec);
+  add_duration(run, "--exec-timeout", e.timeout, "Stop a program that runs longer (default: 30s)")
+      ->check(check_positive)
+      ->needs(exec);
+  run.add_option("--jobs", e.jobs, "Run at most that many programs at once (default: 8)")
+      ->type_name("N")
+      ->check(check_jobs)
+      ->needs(exec);
+  run.add_option("--state", e.state, "Remember in this directory what the program got (default: $STATE_DIRECTORY)")
+      ->type_name("DIR")
+      ->check(check_directory)
       ->needs(exec);
   run.add_flag("--dry-run", e.dry_run, "Print what would be started")->disable_flag_override()->needs(exec);
 }
@@ -245,8 +287,14 @@ std::vector<std::string> words(int argc, const char* const* argv) {
 
 void restore_terminators(options& o) {
   std::replace(o.files.begin(), o.files.end(), std::string(its_path), std::string(terminator));
-  for (std::string* word : {&o.plugin, &o.hook.program, &o.status})
+  for (std::string* word : {&o.plugin, &o.hook.program, &o.hook.state, &o.status})
     if (*word == its_path) *word = terminator;
+}
+
+// The first of the directories that systemd's StateDirectory= creates.
+std::string default_state() {
+  const char* all = std::getenv("STATE_DIRECTORY");
+  return all ? std::string(all, std::strcspn(all, ":")) : "";
 }
 
 }  // namespace
@@ -271,6 +319,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
     return make_answer(app, e);
   }
   restore_terminators(o);
+  if (o.hook.state.empty()) o.hook.state = default_state();
   o.hook.once = o.once;
   return o;
 }

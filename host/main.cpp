@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <random>
 #include <system_error>
 
 #include "host/commands/commands.h"
@@ -39,6 +40,9 @@ int carry_out(event_loop& l, const options& o, output& out, output& err) {
   const plugin p = load_plugin(o.plugin);
   process_launcher programs;
   kernel_address_list addresses;
+  state_directory records(o.hook.state);
+  std::mt19937_64 source(std::random_device{}());
+  const auto random = [&source] { return std::uniform_real_distribution<double>()(source); };
   switch (o.what) {
     case command::top:
       return top(l, p, o, out, err);
@@ -51,7 +55,7 @@ int carry_out(event_loop& l, const options& o, output& out, output& err) {
     case command::run:
       break;
   }
-  return run({l, programs, addresses}, manager, p, o, out, err);
+  return run({l, programs, addresses, records, random}, manager, p, o, out, err);
 }
 
 int reply(const answer& a, output& out, output& err) {

@@ -12,3 +12,15 @@ enum class severity { error = 3, warning = 4, info = 6 };
 std::string report_line(const std::string& what);
 /// Writes that line; to the journal, with its level. Lines on standard error carry no time.
 void report(output& err, const std::string& what, severity s = severity::error);
+
+/// Reports the first of several failures in a row, and their end.
+class outage {
+ public:
+  explicit outage(output& err) : _err(err) {}
+  void begin(const std::string& what);
+  void end(const std::string& what);
+
+ private:
+  output& _err;
+  bool _is_on = false;
+};

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <string_view>
 
 #include "host/commands/commands.h"
 #include "host/commands/run_status.h"
@@ -12,6 +13,11 @@
 #include "host/report.h"
 
 namespace {
+
+const char* level_name(severity s) {
+  if (s == severity::error) return "error";
+  return s == severity::warning ? "warning" : "info";
+}
 
 std::unique_ptr<printer> make_printer(const options& o, output& out) {
   if (o.json) return make_json_printer(out, o.events.empty() ? event_names : o.events);
@@ -34,7 +40,9 @@ class runner : fleet_observer {
         _has_published(o.files.size()),
         _refusals(o.files.size()),
         _status(e.loop, m, instance_names(o.files), o.status, err),
-        _supervisor(e.loop, p, o.files, *this) {}
+        _supervisor(e.loop, p, o.files, *this) {
+    _hooks.observe([this](const hook_event& h) { on_hook(h); });
+  }
 
   int run();
 
@@ -43,6 +51,7 @@ class runner : fleet_observer {
   void on(const event& e, const value& v) override;
   void on(const event& e, const message& m) override;
   void on_refused(size_t i, const std::string& what) override;
+  void on_hook(const hook_event& h);
   void on_reload() override { _status.on_reload(); }
   void on_loaded() override { _status.on_ready(); }
 
@@ -93,15 +102,11 @@ void runner::on_tag(size_t i, const tag& t) {
 }
 
 void runner::on_refused(size_t i, const std::string& what) {
-  const bool has_old = _supervisor.instances().get(i);
+  const severity level = _supervisor.instances().get(i) ? severity::warning : severity::error;
   _refusals[i] = what;
-  report(_err, what, has_old ? severity::warning : severity::error);
-  _printer->print({_loop.wall_time(),
-                   name(i),
-                   "refused",
-                   {{"file", _options.files[i]}, {"text", what}},
-                   {},
-                   has_old ? "warning" : "error"});
+  report(_err, what, level);
+  _printer->print(
+      {_loop.wall_time(), name(i), "refused", {{"file", _options.files[i]}, {"text", what}}, {}, level_name(level)});
   _status.on_refused(i, what);
 }
 
@@ -114,7 +119,7 @@ void runner::on(const event& e, const message& m) {
                    "message",
                    {{"source", "plug-in", false}, {"text", m.text}},
                    {},
-                   is_failure ? "error" : "info"});
+                   level_name(is_failure ? severity::error : severity::info)});
   const bool is_reported = _refusals[e.index].find(m.text) != std::string::npos;
   if (is_failure && _options.json && !is_reported) report(_err, name(e.index) + ": " + m.text);
 }
@@ -127,6 +132,21 @@ void runner::on(const event& e, const value& v) {
   const std::string& whole = _tag_names[e.index];
   const bool is_cut = v.tag.size() >= DAC_NAME_SIZE - 1 && whole.starts_with(v.tag);
   _hooks.submit(e.index, {e.time, name(e.index), is_cut ? whole : v.tag, v.text});
+}
+
+void runner::on_hook(const hook_event& h) {
+  std::string text = h.text;
+  if (h.result == std::string_view("ok") || h.result == std::string_view("failed")) {
+    const std::string recovery = _status.on_hook(h.index, _loop.wall_time(), h.text);
+    if (!recovery.empty()) report(_err, name(h.index) + ": " + _options.hook.program + ": " + recovery, severity::info);
+    text += recovery;
+  }
+  _printer->print({_loop.wall_time(),
+                   name(h.index),
+                   "hook",
+                   {{"program", _options.hook.program}, {"result", h.result}, {"text", text}},
+                   {},
+                   level_name(h.level)});
 }
 
 bool runner::is_done() const {

@@ -7,8 +7,6 @@
 #include <system_error>
 #include <utility>
 
-#include "driver/dac.h"
-
 namespace {
 
 constexpr auto reading_interval = std::chrono::seconds(10);  // flags change without a publication
@@ -40,11 +38,6 @@ std::vector<std::string> texts_of(const std::vector<kernel_address>& all) {
   std::vector<std::string> texts(all.size());
   std::transform(all.begin(), all.end(), texts.begin(), [](const kernel_address& a) { return a.text; });
   return texts;
-}
-
-std::string without_cut_address(const std::string& published) {
-  if (published.size() < DAC_VALUE_SIZE - 1) return published;
-  return published.substr(0, published.rfind(','));
 }
 
 std::vector<std::string> split(const std::string& value) {

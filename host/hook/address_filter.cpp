@@ -162,12 +162,6 @@ bool is_on_wanted_interface(const address_filter& f, const std::string& name) {
   return (f.interfaces.empty() || has(f.interfaces, name)) && !has(f.excluded, name);
 }
 
-// A value that fills its field may have been cut in the middle of its last address, which is then another address.
-std::string without_what_was_cut(const std::string& value) {
-  if (value.size() < DAC_VALUE_SIZE - 1) return value;
-  return value.substr(0, value.rfind(','));
-}
-
 }  // namespace
 
 std::vector<kernel_address> kernel_address_list::all() {
@@ -197,6 +191,8 @@ std::string value_of(const std::vector<kernel_address>& addresses) {
   return value.empty() ? "null" : value;
 }
 
-std::string filtered(const address_filter& f, const std::string& published, address_list& kernel) {
-  return f.uses_published_value() ? without_what_was_cut(published) : value_of(choose(f, kernel.all()));
+// A value that fills its field may have been cut in the middle of its last address, which is then another address.
+std::string without_cut_address(const std::string& published) {
+  if (published.size() < DAC_VALUE_SIZE - 1) return published;
+  return published.substr(0, published.rfind(','));
 }

@@ -44,5 +44,5 @@ std::vector<kernel_address> choose(const address_filter& f, const std::vector<ke
 /// The addresses in the form of a published value: separated by commas, or "null".
 std::string value_of(const std::vector<kernel_address>& addresses);
 
-/// What a program gets for a published value. Throws what address_list::all() throws.
-std::string filtered(const address_filter& f, const std::string& published, address_list& kernel);
+/// A published value without its last address if that may have been cut.
+std::string without_cut_address(const std::string& published);

@@ -1,183 +1,287 @@
 #include "host/hook/hook_runner.h"
 
-#include <sys/wait.h>
-
 #include <algorithm>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
+#include <stdexcept>
 #include <system_error>
 #include <utility>
 
 #include "host/display/text.h"
-#include "host/report.h"
 
 namespace {
 
+using std::chrono::nanoseconds;
+
 constexpr auto first_pause = std::chrono::seconds(1);  // before the first retry
 constexpr auto longest_pause = std::chrono::seconds(60);
-constexpr auto kill_delay = std::chrono::seconds(1);  // from one signal to the next
-constexpr auto exit_grace = std::chrono::seconds(2);  // for a program that runs at the end
+constexpr auto reading_interval = std::chrono::seconds(10);  // flags of an address change without a publication
+constexpr auto reading_retry = std::chrono::seconds(1);
 
 std::chrono::seconds pause_after(int failures) {
   return failures > 6 ? longest_pause : std::min(first_pause * (1 << (failures - 1)), longest_pause);
 }
 
-std::string in_seconds(std::chrono::nanoseconds n) {
-  char text[32] = {};
-  std::snprintf(text, sizeof text, "%g s", std::chrono::duration<double>(n).count());
-  return text;
-}
-
-std::string describe(int status) {
-  if (WIFEXITED(status)) return "exit status " + std::to_string(WEXITSTATUS(status));
-  const int sig = WTERMSIG(status);
-  const char* name = sigdescr_np(sig);
-  return "ended by signal " + std::to_string(sig) + (name ? std::string(" (") + name + ')' : "");
+nanoseconds times(nanoseconds n, double factor) {
+  return std::chrono::duration_cast<nanoseconds>(std::chrono::duration<double, std::nano>(n) * factor);
 }
 
 }  // namespace
 
 hook_runner::hook_runner(const environment& e, const hook_options& o, size_t instances, printer& p, output& err)
-    : _environment(e), _options(o), _printer(p), _err(err), _hooks(instances) {}
-
-hook_runner::~hook_runner() {
-  for (const hook& h : _hooks)
-    if (h.exit) _environment.programs.signal(h.program, SIGKILL);
+    : _environment(e),
+      _options(o),
+      _printer(p),
+      _err(err),
+      _hooks(o.program.empty() ? 0 : instances),
+      _list_outage(err),
+      _state_outage(err) {
+  try {
+    programs_of(o.program);
+  } catch (const std::runtime_error& failed) {
+    throw std::runtime_error(o.program + ": " + failed.what());
+  }
+  for (hook& h : _hooks) {
+    h.earliest = e.loop.now() + times(o.splay, e.random());
+    h.null_from = e.loop.now() + o.hold;
+  }
 }
 
-void hook_runner::submit(size_t i, update u) {
-  if (_options.program.empty()) return;
+void hook_runner::submit(size_t i, const update& u) {
+  if (_hooks.empty() || _is_closed) return;
   hook& h = _hooks[i];
-  const update& newest = h.next ? *h.next : h.current;
-  if (u.value != newest.value || u.tag != newest.tag) h.failures = 0;
-  h.next = std::move(u);
-  if (_is_closed) return drop_pending(h);
-  if (h.at == stage::idle || h.at == stage::pausing) start(h);
+  if (!std::exchange(h.published, u)) load_record(h);
+  const bool is_filtered = !_options.addresses.uses_published_value();
+  read_addresses_at(_environment.loop.now() + (is_filtered ? nanoseconds(0) : reading_interval));
+  if (!is_filtered) offer_published(h);
 }
 
 bool hook_runner::is_idle() const {
-  return std::all_of(_hooks.begin(), _hooks.end(), [](const hook& h) { return h.at == stage::idle; });
+  return _next_reading > _environment.loop.now() &&
+         std::all_of(_hooks.begin(), _hooks.end(), [](const hook& h) { return h.at == stage::idle; });
 }
 
 void hook_runner::close() {
+  if (_next_reading <= _environment.loop.now()) read_addresses();
   _is_closed = true;
+  _next_reading = never;
+  _reading = nullptr;
+  _queue.clear();
   for (hook& h : _hooks) {
-    drop_pending(h);
-    if (h.at != stage::idle) set_deadline(h, std::min(h.deadline, _environment.loop.now() + exit_grace));
+    const bool is_unfinished = is_pending(h) || (h.tried && !h.run);
+    _has_given_up = _has_given_up || is_unfinished;
+    if (is_unfinished && h.at != stage::idle)
+      report(h, severity::warning, "dropped",
+             _options.program + ": the run ends before the program gets the newest value");
+    h.timer = nullptr;
+    if (h.run)
+      h.run->close();
+    else
+      h.at = stage::idle;
   }
 }
+
+// ---------------------------------------------------------------- what a hook should be given
+
+void hook_runner::read_addresses_at(time_point when) {
+  if (when >= _next_reading) return;
+  _next_reading = when;
+  _reading = _environment.loop.call_at(when, [this] { read_addresses(); });
+}
+
+void hook_runner::read_addresses() {
+  save_records();
+  _next_reading = never;
+  read_addresses_at(_environment.loop.now() + reading_interval);
+  if (_options.addresses.uses_published_value()) {
+    for (hook& h : _hooks)
+      if (h.published) offer_published(h);
+  } else if (const std::optional<std::string> value = kernel_value()) {
+    for (hook& h : _hooks)
+      if (h.published) offer(h, {h.published->tag, *value, _environment.loop.wall_time()});
+  }
+}
+
+// None if the list cannot be read: what the hooks have been given remains.
+std::optional<std::string> hook_runner::kernel_value() {
+  try {
+    const std::string value = value_of(choose(_options.addresses, _environment.addresses.all()));
+    _list_outage.end("addresses: can be read again");
+    return value;
+  } catch (const std::system_error& e) {
+    _has_given_up = _has_given_up || _options.once;
+    read_addresses_at(_environment.loop.now() + reading_retry);
+    _list_outage.begin(std::string("addresses: ") + e.what() + (_options.once ? "; no retry" : "; retry every second"));
+    return std::nullopt;
+  }
+}
+
+void hook_runner::offer_published(hook& h) {
+  offer(h, {h.published->tag, without_cut_address(h.published->value), h.published->time});
+}
+
+// Until the hold ends, a hook keeps what it has been given.
+void hook_runner::offer(hook& h, const hook_record& r) {
+  const auto now = _environment.loop.now();
+  if (r.value != "null") h.null_from = never;
+  if (r.value == "null" && h.null_from == never) h.null_from = now + _options.hold;
+  if (r.value == "null" && now < h.null_from && !_options.once) return read_addresses_at(h.null_from);
+  const bool is_new = !h.target || !h.target->is_same(r);
+  h.target = r;
+  if (is_new) consider(h);
+}
+
+// ---------------------------------------------------------------- when a hook runs
+
+bool hook_runner::is_pending(const hook& h) const {
+  const std::optional<hook_record>& last = h.tried ? h.tried : h.done;
+  return h.target && !(last && last->is_same(*h.target));
+}
+
+steady_clock::time_point hook_runner::due(const hook& h) const {
+  if (!h.target) return never;
+  if (is_pending(h)) return h.earliest;
+  return std::max(h.earliest, h.tried ? h.retry : h.again);
+}
+
+void hook_runner::consider(hook& h) {
+  if (_is_closed || h.at == stage::queued || h.at == stage::running) return;
+  const auto when = due(h);
+  h.timer = nullptr;
+  if (when <= _environment.loop.now()) {
+    h.at = stage::queued;
+    _queue.push_back(&h);
+    return start_queued();
+  }
+  h.at = when != never && (is_pending(h) || h.tried) ? stage::pausing : stage::idle;
+  if (when != never) h.timer = _environment.loop.call_at(when, [this, &h] { consider(h); });
+}
+
+// What a hook should be given may have changed while it was queued.
+void hook_runner::start_queued() {
+  while (!_queue.empty() && jobs() < _options.jobs) {
+    hook& h = *_queue.front();
+    _queue.pop_front();
+    h.at = stage::idle;
+    due(h) <= _environment.loop.now() ? start(h) : consider(h);
+  }
+}
+
+size_t hook_runner::jobs() const {
+  const auto is_job = [](const hook& h) { return h.run && !h.run->is_stuck(); };
+  return static_cast<size_t>(std::count_if(_hooks.begin(), _hooks.end(), is_job));
+}
+
+// ---------------------------------------------------------------- a run
 
 void hook_runner::start(hook& h) {
-  if (!h.next) return;
-  h.current = std::move(*h.next);
-  h.next.reset();
-  h.timer = nullptr;
-  h.at = stage::idle;
+  const char* reason = reason_for(h);
+  if (is_pending(h)) h.failures = 0;
+  h.tried = h.target;
+  const std::vector<std::string> settings = {"DAC_INSTANCE=" + h.published->instance,
+                                             "DAC_TAG=" + h.target->tag,
+                                             "DAC_VALUE=" + h.target->value,
+                                             "DAC_TIME=" + time_stamp(h.target->time),
+                                             "DAC_PREVIOUS=" + (h.done ? h.done->value : ""),
+                                             std::string("DAC_REASON=") + reason};
+  if (_options.dry_run) {
+    _printer.print(
+        {_environment.loop.wall_time(), h.published->instance, "exec", {{"program", _options.program}}, settings});
+    return finish(h, "");
+  }
   try {
-    launch(h);
-  } catch (const std::system_error& e) {
-    fail(h, std::string("cannot be started: ") + e.what());
+    run_programs(h, settings);
+  } catch (const std::runtime_error& e) {
+    finish(h, _options.program + ": " + e.what());
   }
 }
 
-void hook_runner::launch(hook& h) {
-  const update& u = h.current;
-  const std::vector<std::string> settings = {
-      "DAC_INSTANCE=" + u.instance, "DAC_TAG=" + u.tag,
-      "DAC_VALUE=" + filtered(_options.addresses, u.value, _environment.addresses), "DAC_TIME=" + time_stamp(u.time)};
-  if (_options.dry_run)
-    return _printer.print(
-        {_environment.loop.wall_time(), u.instance, "exec", {{"program", _options.program}}, settings});
-  h.program = _environment.programs.start(_options.program, settings);
-  h.exit = _environment.loop.on_exit(h.program, [this, &h](int status) { on_exit(h, status); });
+const char* hook_runner::reason_for(const hook& h) const {
+  if (h.tried && !is_pending(h)) return "retry";
+  if (!h.done) return "first";
+  return h.tried || is_pending(h) ? "change" : "again";
+}
+
+void hook_runner::run_programs(hook& h, const std::vector<std::string>& settings) {
+  const auto on_end = [this, &h](const std::string& failures) {
+    finish(h, failures);
+    start_queued();
+  };
+  const auto on_stuck = [this, &h](const std::string& program) {
+    report(h, severity::error, "stuck",
+           program + ": still runs after SIGKILL; no other program is started for this instance");
+    start_queued();
+  };
+  h.run = std::make_unique<hook_run>(_environment.loop, _environment.programs, _options.timeout,
+                                     programs_of(_options.program), settings, hook_run::callbacks{on_end, on_stuck});
   h.at = stage::running;
-  set_deadline(h, _environment.loop.now() + _options.timeout);
+  h.run->start();
 }
 
-void hook_runner::on_exit(hook& h, int status) {
-  const stage before = std::exchange(h.at, stage::idle);
-  h.exit = nullptr;
-  h.timer = nullptr;
-  if (before == stage::running && status == 0)
-    h.failures = 0;
-  else
-    fail(h, describe_exit(before, status));
-  if (h.at == stage::idle && h.next) start(h);
-}
-
-void hook_runner::escalate(hook& h) {
-  switch (h.at) {
-    case stage::running:
-      return send(h, SIGTERM, stage::terminating);
-    case stage::terminating:
-      return send(h, SIGKILL, stage::killing);
-    case stage::killing:
-    case stage::stuck:
-      return report_stuck(h);
-    case stage::pausing:
-      return start(h);
-    case stage::idle:
-      break;
-  }
-}
-
-void hook_runner::send(hook& h, int sig, stage next) {
-  _environment.programs.signal(h.program, sig);
-  h.at = next;
-  set_deadline(h, _environment.loop.now() + kill_delay);
-}
-
-// A program that survives SIGKILL (for example, blocked on a dead disk) keeps its place until the run ends, which
-// leaves it to the system.
-void hook_runner::report_stuck(hook& h) {
-  complain(h,
-           std::string("not even SIGKILL ends it; ") + (_is_closed ? "left to the system" : "nothing else is started"));
-  h.at = stage::stuck;
-  h.timer = nullptr;
-  h.deadline = steady_clock::time_point::max();
-  if (!_is_closed) return;
-  _has_given_up = true;
-  h.exit = nullptr;
+void hook_runner::finish(hook& h, const std::string& failures) {
+  h.run = nullptr;
   h.at = stage::idle;
+  if (failures.empty())
+    succeed(h);
+  else
+    report(h, severity::warning, "failed", failures + "; " + schedule_retry(h));
+  consider(h);
 }
 
-void hook_runner::set_deadline(hook& h, steady_clock::time_point when) {
-  h.deadline = when;
-  h.timer = _environment.loop.call_at(when, [this, &h] { escalate(h); });
+void hook_runner::succeed(hook& h) {
+  h.done = std::exchange(h.tried, std::nullopt);
+  h.done->time = _environment.loop.wall_time();
+  h.failures = 0;
+  schedule_again(h, nanoseconds(0));
+  if (_options.dry_run) return;
+  notify(h, severity::info, "ok", "");
+  _unsaved.insert(&h);
+  save_records();
 }
-
-void hook_runner::fail(hook& h, const std::string& what) { complain(h, what + "; " + schedule_retry(h)); }
 
 std::string hook_runner::schedule_retry(hook& h) {
-  if (h.next) return "a newer value is next";
+  const auto pause = pause_after(++h.failures);
+  h.retry = _options.once ? never : _environment.loop.now() + times(pause, 0.75 + 0.5 * _environment.random());
+  if (!_is_closed && is_pending(h)) return "the newer value is next";
   if (_is_closed || _options.once) {
     _has_given_up = true;
-    return "not tried again";
+    return "no retry";
   }
-  const auto pause = pause_after(++h.failures);
-  h.next = h.current;
-  h.at = stage::pausing;
-  set_deadline(h, _environment.loop.now() + pause);
-  return "tried again in " + in_seconds(pause);
+  return "retry in about " + std::to_string(pause.count()) + " s";
 }
 
-void hook_runner::drop_pending(hook& h) {
-  if (!h.next) return;
-  _has_given_up = true;
-  h.current = std::move(*h.next);
-  h.next.reset();
-  if (h.at == stage::pausing) h.at = stage::idle;
-  if (h.at == stage::idle) h.timer = nullptr;
-  complain(h, "the newest value is not kept, the run ends");
+void hook_runner::report(const hook& h, severity level, const char* result, const std::string& what) {
+  ::report(_err, h.published->instance + ": " + what, level);
+  notify(h, level, result, what);
 }
 
-std::string hook_runner::describe_exit(stage at, int status) const {
-  if (at == stage::running) return describe(status);
-  return _is_closed ? "still ran at the end and was stopped"
-                    : "ran longer than " + in_seconds(_options.timeout) + " and was stopped";
+void hook_runner::notify(const hook& h, severity level, const char* result, const std::string& what) const {
+  if (_observer) _observer({static_cast<size_t>(&h - _hooks.data()), level, result, what});
 }
 
-void hook_runner::complain(const hook& h, const std::string& what) {
-  report(_err, h.current.instance + ": " + _options.program + ": " + what);
+// ---------------------------------------------------------------- across restarts
+
+// A clock that has been set back makes the record one of the future; it then counts as new.
+void hook_runner::load_record(hook& h) {
+  try {
+    h.done = _environment.records.load(h.published->instance);
+  } catch (const std::runtime_error& e) {
+    ::report(_err, std::string(e.what()) + "; ignored", severity::warning);
+  }
+  if (h.done) schedule_again(h, std::max(nanoseconds(0), nanoseconds(_environment.loop.wall_time() - h.done->time)));
+}
+
+void hook_runner::schedule_again(hook& h, nanoseconds age) {
+  const nanoseconds rest = std::max(nanoseconds(0), _options.again - age);
+  h.again = _options.again == nanoseconds(0) ? never : _environment.loop.now() + rest;
+}
+
+void hook_runner::save_records() {
+  try {
+    for (; !_unsaved.empty(); _unsaved.erase(_unsaved.begin())) {
+      const hook& h = **_unsaved.begin();
+      _environment.records.save(h.published->instance, *h.done);
+      _state_outage.end("the state is saved again");
+    }
+  } catch (const std::runtime_error& e) {
+    _state_outage.begin(std::string(e.what()) + "; the state is not saved");
+  }
 }

@@ -1,22 +1,35 @@
-// Hands every published value to a hook: a program that is started for it.
+// Gives the addresses of this machine to a hook: a program that runs when they change.
 #pragma once
 
+#include <deque>
+#include <functional>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "host/display/printer.h"
 #include "host/hook/address_filter.h"
+#include "host/hook/hook_run.h"
 #include "host/hook/process.h"
+#include "host/hook/state_directory.h"
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
+#include "host/report.h"
 
 struct hook_options {
-  std::string program;  // empty: none
+  std::string program;  // or a directory of programs; empty: none
   std::chrono::nanoseconds timeout = std::chrono::seconds(30);
   address_filter addresses = {};
+  std::chrono::nanoseconds hold = std::chrono::minutes(5);   // before "null" replaces addresses
+  std::chrono::nanoseconds again = std::chrono::hours(24);   // after a success, with the same value; 0: never
+  std::chrono::nanoseconds splay = std::chrono::seconds(0);  // the first run waits for up to this long
+  size_t jobs = 8;                                           // programs at once
+  std::string state;                                         // directory; empty: none
   bool dry_run = false;
-  bool once = false;  // do not retry
+  bool once = false;  // no hold, no retry
 };
 
 /// A value as an instance published it.
@@ -27,8 +40,16 @@ struct update {
   std::string value;
 };
 
-/// One program at a time for each instance. While it runs, or a retry is pending, the newest value replaces the ones
-/// before.
+/// How a run of a hook ended, or why there is none.
+struct hook_event {
+  size_t index;        // of the instance
+  severity level;      // info after a success
+  const char* result;  // ok, failed, stuck or dropped
+  std::string text;    // why; empty after a success
+};
+
+/// Runs the hook of each instance when its name or its filtered addresses differ from what the last successful run got,
+/// and again after some time. One run at a time for each instance; the newest value wins.
 class hook_runner {
  public:
   /// What it uses of the outside.
@@ -36,55 +57,81 @@ class hook_runner {
     event_loop& loop;
     launcher& programs;
     address_list& addresses;
+    hook_store& records;
+    std::function<double()> random;  // at least 0, less than 1
   };
+  /// Throws std::runtime_error if the options name a directory without programs.
   hook_runner(const environment& e, const hook_options& o, size_t instances, printer& p, output& err);
-  /// Kills what still runs, without waiting for it.
-  ~hook_runner();
   hook_runner(const hook_runner&) = delete;
   hook_runner& operator=(const hook_runner&) = delete;
 
+  /// Calls `f` for each event. All except successes are reported on standard error, too.
+  void observe(std::function<void(const hook_event&)> f) { _observer = std::move(f); }
+
   /// Without a program in the options every value counts as handed over.
-  void submit(size_t i, update u);
-  /// Starts no more programs. One that runs has two seconds to end, and is killed then.
+  void submit(size_t i, const update& u);
+  /// Starts no more programs. One that runs has two seconds to end, and is stopped then.
   void close();
 
-  /// No program runs, and none is to be started.
+  /// No program runs, and none is to be started unless something changes or for `again`.
   bool is_idle() const;
   /// A value was not handed over successfully and will not be retried.
   bool has_given_up() const { return _has_given_up; }
 
  private:
-  enum class stage { idle, pausing, running, terminating, killing, stuck };
+  using time_point = steady_clock::time_point;
+  static constexpr time_point never = time_point::max();
+  enum class stage { idle, pausing, queued, running };
 
   struct hook {
     stage at = stage::idle;
-    update current;              // what the program was started with last
-    std::optional<update> next;  // what it is to be started with
-    int failures = 0;            // with this value, in a row
-    pid_t program = -1;
-    event_loop::handle exit;
-    steady_clock::time_point deadline;
+    std::optional<update> published;    // the newest
+    std::optional<hook_record> target;  // what the next run gets
+    std::optional<hook_record> done;    // what the last successful run got
+    std::optional<hook_record> tried;   // what the latest run got, unless it succeeded
+    int failures = 0;                   // with this value, in a row
+    time_point earliest;                // of the first run
+    time_point null_from;               // the hold ends; never: there are addresses
+    time_point retry = never;
+    time_point again = never;
     event_loop::handle timer;
+    std::unique_ptr<hook_run> run;
   };
 
+  void read_addresses();
+  void read_addresses_at(time_point when);
+  std::optional<std::string> kernel_value();
+  void offer_published(hook& h);
+  void offer(hook& h, const hook_record& r);
+  bool is_pending(const hook& h) const;
+  time_point due(const hook& h) const;
+  void consider(hook& h);
+  void start_queued();
+  size_t jobs() const;
   void start(hook& h);
-  void launch(hook& h);
-  void on_exit(hook& h, int status);
-  void escalate(hook& h);
-  void send(hook& h, int sig, stage next);
-  void report_stuck(hook& h);
-  void fail(hook& h, const std::string& what);
+  const char* reason_for(const hook& h) const;
+  void run_programs(hook& h, const std::vector<std::string>& settings);
+  void finish(hook& h, const std::string& failures);
+  void succeed(hook& h);
   std::string schedule_retry(hook& h);
-  void drop_pending(hook& h);
-  void set_deadline(hook& h, steady_clock::time_point when);
-  std::string describe_exit(stage at, int status) const;
-  void complain(const hook& h, const std::string& what);
+  void report(const hook& h, severity level, const char* result, const std::string& what);
+  void notify(const hook& h, severity level, const char* result, const std::string& what) const;
+  void load_record(hook& h);
+  void schedule_again(hook& h, std::chrono::nanoseconds age);
+  void save_records();
 
   const environment _environment;
   const hook_options& _options;
   printer& _printer;
   output& _err;
+  std::function<void(const hook_event&)> _observer;
   std::vector<hook> _hooks;
+  std::deque<hook*> _queue;
+  std::set<const hook*> _unsaved;
+  outage _list_outage;
+  outage _state_outage;
+  time_point _next_reading = never;
+  event_loop::handle _reading;
   bool _is_closed = false;
   bool _has_given_up = false;
 };

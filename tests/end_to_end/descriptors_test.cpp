@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "tests/support/dachost_fixture.h"
+#include "tests/support/network.h"
 
 namespace {
 
@@ -28,22 +29,26 @@ TEST_F(descriptors, suffice_for_100_programs_where_32_may_be_open) {
   EXPECT_EQ(lines(did()).size(), 100U);
 }
 
+// Each value has the kernel's addresses read.
 TEST_F(descriptors, are_as_many_after_100_programs_as_after_the_first) {
-  const remote_control gw(dir.path("fifo"));
-  process p =
-      run({"--pick", "stable", "--exec", program("echo . >>did; exit $(($(wc -l <did) % 2))"), conf(gw.order())},
-          {"prlimit", "--nofile=32"});
-  const auto hand_over = [&](size_t n) {
-    gw.say("publish 2001:db8::" + std::to_string(n));
-    return eventually([&] { return lines(did()).size() >= n; });
-  };
-  ASSERT_TRUE(hand_over(1));
-  EXPECT_TRUE(eventually([&] { return !p.err().empty() || open_in(p.pid()) > 0; }));
-  const long first = open_in(p.pid());
-  for (size_t n = 2; n <= 100; ++n) ASSERT_TRUE(hand_over(n)) << p.err();
-  EXPECT_TRUE(eventually([&] { return open_in(p.pid()) <= first; })) << open_in(p.pid()) << " after " << first;
-  p.signal(SIGTERM);
-  EXPECT_EQ(p.end().err.find("Too many open files"), std::string::npos);
+  in_new_network([this] {
+    const remote_control gw(dir.path("fifo"));
+    process p =
+        run({"--pick", "stable", "--exec", program("echo . >>did; exit $(($(wc -l <did) % 2))"), conf(gw.order())},
+            {"prlimit", "--nofile=32"});
+    const auto submit = [&](size_t n) {
+      EXPECT_TRUE(ip("addr add 2001:db8::" + std::to_string(n) + "/64 dev lo nodad"));
+      gw.say("publish " + std::to_string(n));
+      return eventually([&] { return lines(did()).size() >= n; });
+    };
+    ASSERT_TRUE(submit(1));
+    EXPECT_TRUE(eventually([&] { return !p.err().empty() || open_in(p.pid()) > 0; }));
+    const long first = open_in(p.pid());
+    for (size_t n = 2; n <= 100; ++n) ASSERT_TRUE(submit(n)) << p.err();
+    EXPECT_TRUE(eventually([&] { return open_in(p.pid()) <= first; })) << open_in(p.pid()) << " after " << first;
+    p.signal(SIGTERM);
+    EXPECT_EQ(p.end().err.find("Too many open files"), std::string::npos);
+  });
 }
 
 TEST_F(descriptors, are_as_many_after_50_reloads_and_refusals) {
@@ -63,18 +68,22 @@ TEST_F(descriptors, are_as_many_after_50_reloads_and_refusals) {
 }
 
 TEST_F(descriptors, are_closed_once) {
-  const remote_control gw(dir.path("fifo"));
-  process p =
-      run({"--pick", "stable", "--exec", program("echo $DAC_VALUE. >>did; exit 1"), conf(gw.order())}, watched());
-  for (const std::string value : {"::1", "::2", "::3"}) {
-    gw.say("publish " + value);
-    p.await_err("tried again in 1 s\n");
-  }
-  conf("publish null");
-  p.signal(SIGHUP);
-  p.await_out("\tnull\n");
-  p.signal(SIGTERM);
-  p.end();
+  in_new_network([this] {
+    const remote_control gw(dir.path("fifo"));
+    process p = run({"--pick", "stable", "--state", dir.path("."), "--exec",
+                     program("echo . >>did; [ $(wc -l <did) = 2 ]"), conf(gw.order())},
+                    watched());
+    for (const std::string n : {"1", "2", "3"}) {
+      ASSERT_TRUE(ip("addr add 2001:db8::" + n + "/64 dev lo nodad"));
+      gw.say("publish " + n);
+      p.await_err("retry in about 1 s\n");
+    }
+    conf("publish null");
+    p.signal(SIGHUP);
+    p.await_out("\tnull\t");
+    p.signal(SIGTERM);
+    p.end();
+  });
   expect_no_close_errors();
   for (const char* command : {"check", "tags", "info"}) {
     EXPECT_EQ(start({command, "-p", FAKE_PLUGIN, conf("refuse it")}, watched()).end().status, 1) << command;

@@ -102,6 +102,7 @@ class Server:
             self.aaaa("2001:db8::1", NSUPDATE_KEY=folder + "/unknown"),
             self.aaaa("2001:db8::1", NSUPDATE_KEY=folder + "/wrong"),
             self.aaaa("2001:db8::1", "gateway.test", NSUPDATE_ZONE="test"),
+            self.aaaa(",".join(f"2001:db8::{n}" for n in range(101))),
             self.aaaa("2001:db8::1", "alias.example"),
             self.aaaa("2001:db8::1", NSUPDATE_KEY=folder + "/empty"),
         ]
@@ -109,9 +110,10 @@ class Server:
         self.assertEqual(len(listed), len(seen))
         if self.product == "Knot DNS":
             listed[0] = listed[1]  # as the second row says
+            self.assert_runs(seen.pop(4))  # no limit
+            del listed[4]
         for ended, message in zip(seen, listed):
             self.assert_fails(ended, re.escape(message).replace(r"\.\.\.", ".*") + r"\n")
-        self.assertEqual(self.server.serial(), 1)
 
     # ------------------------------------------------------------ nsupdate-aaaa
 

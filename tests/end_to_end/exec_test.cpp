@@ -134,7 +134,7 @@ constexpr char wait_for_go[] = "while ! [ -e go ]; do sleep 0.01; done";
 
 // ---------------------------------------------------------------- what it is started with
 
-TEST_F(exec, gets_instance_tag_value_and_time_in_addition_to_the_hosts_environment) {
+TEST_F(exec, gets_its_variables_in_addition_to_the_hosts_environment) {
   const ending e =
       run({"--once", "--exec", program("unset DAC_CHECK_ABORT; env | grep -E '^(DAC_|OTHER)' | LC_ALL=C sort >did"),
            publish("2001:db8::1,fd00::2")},
@@ -143,8 +143,9 @@ TEST_F(exec, gets_instance_tag_value_and_time_in_addition_to_the_hosts_environme
   EXPECT_EQ(e.err, "");
   const size_t value = e.out.find("\tgw\tvalue\t");
   const std::string time = e.out.substr(e.out.rfind('\n', value) + 1, std::strlen("2026-01-31T12:34:56.789Z"));
-  EXPECT_EQ(lines(did()), (texts{"DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_TIME=" + time, "DAC_VALUE=2001:db8::1,fd00::2",
-                                 "DAC_VALUE_TOO=kept", "OTHER=kept"}));
+  EXPECT_EQ(lines(did()),
+            (texts{"DAC_INSTANCE=gw", "DAC_PREVIOUS=", "DAC_REASON=first", "DAC_TAG=gw", "DAC_TIME=" + time,
+                   "DAC_VALUE=2001:db8::1,fd00::2", "DAC_VALUE_TOO=kept", "OTHER=kept"}));
 }
 
 TEST_F(exec, gets_the_whole_name_though_a_record_holds_only_its_beginning) {
@@ -215,7 +216,7 @@ TEST_F(exec, is_tried_again_after_growing_pauses_until_it_succeeds) {
   process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $(wc -l <did) -ge 3 ] || exit 7"), publish("a")});
   await_did("a\na\na\n");
   EXPECT_EQ(terminate(p).err,
-            hook_message("exit status 7; tried again in 1 s") + hook_message("exit status 7; tried again in 2 s"));
+            hook_message("exit status 7; retry in about 1 s") + hook_message("exit status 7; retry in about 2 s"));
 }
 
 TEST_F(exec, is_tried_again_after_a_minute_at_the_most) {
@@ -223,14 +224,14 @@ TEST_F(exec, is_tried_again_after_a_minute_at_the_most) {
                     preloaded(SHORT_MINUTES));
   std::string expected;
   for (const int pause : {1, 2, 4, 8, 16, 32, 60, 60})
-    expected += hook_message("exit status 7; tried again in " + std::to_string(pause) + " s");
+    expected += hook_message("exit status 7; retry in about " + std::to_string(pause) + " s");
   p.await_err(expected);
   terminate(p);
 }
 
 TEST_F(exec, gets_a_newer_value_in_place_of_the_one_it_failed_with) {
   process p = start({"--exec", program("echo $DAC_VALUE >>did; [ $DAC_VALUE = good ]"), publish("bad")});
-  p.await_err("tried again in 2 s\n");
+  p.await_err("retry in about 2 s\n");
   publish_next(p, "worse");
   await_did("worse\n");
   publish_next(p, "good");
@@ -240,7 +241,7 @@ TEST_F(exec, gets_a_newer_value_in_place_of_the_one_it_failed_with) {
   EXPECT_TRUE(std::is_sorted(values.begin(), values.end() - 1)) << "first the bad, then the worse: " << did();
   EXPECT_EQ(values.back(), "good");
   const auto first_worse = std::find(values.begin(), values.end(), "worse") - values.begin();
-  EXPECT_EQ(failures.at(static_cast<size_t>(first_worse)) + '\n', hook_message("exit status 1; tried again in 1 s"));
+  EXPECT_EQ(failures.at(static_cast<size_t>(first_worse)) + '\n', hook_message("exit status 1; retry in about 1 s"));
 }
 
 TEST_F(exec, fails_and_a_newer_value_is_next) {
@@ -251,7 +252,7 @@ TEST_F(exec, fails_and_a_newer_value_is_next) {
   publish_next(p, "b");
   dir.file("", "go");
   await_did("b\n");
-  EXPECT_EQ(terminate(p).err, hook_message("exit status 3; a newer value is next"));
+  EXPECT_EQ(terminate(p).err, hook_message("exit status 3; the newer value is next"));
 }
 
 // ---------------------------------------------------------------- how it fails
@@ -265,7 +266,7 @@ TEST_F(exec, is_not_tried_again_with_once) {
     SCOPED_TRACE(r.body);
     const ending e = run({"--once", "--exec", program(r.body), publish("a")});
     EXPECT_EQ(e.status, 1);
-    EXPECT_EQ(e.err, hook_message(std::string(r.reason) + "; not tried again"));
+    EXPECT_EQ(e.err, hook_message(std::string(r.reason) + "; no retry"));
     EXPECT_EQ(lines_of(e.out, "value"), (std::vector<texts>{{"gw", "a"}}));
   }
 }
@@ -278,7 +279,6 @@ TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
     const char* reason;
   } rows[] = {{"no file", dir.path("missing"), "No such file or directory"},
               {"no name on the path", "no-such-program", "No such file or directory"},
-              {"a directory", dir.path(""), "Permission denied"},
               {"no leave to execute", dir.file("#!/bin/sh\n", "plain"), "Permission denied"},
               {"neither a program nor a script", dir.file("exit 0\n", "shapeless"), "Exec format error"}};
   chmod(dir.path("shapeless").c_str(), 0700);
@@ -288,7 +288,7 @@ TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
     EXPECT_EQ(e.status, 1);
     // Under the emulator the child process finds out, and can only end.
     const std::string reason = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
-    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + reason + "; not tried again\n");
+    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + reason + "; no retry\n");
   }
 }
 
@@ -297,14 +297,14 @@ TEST_F(exec, is_stopped_with_all_its_group_when_it_runs_too_long) {
   const std::string body = "trap 'echo asked >>did; exit' TERM; sleep 1000 & echo $! >pid; wait";
   process p = start({"--exec-timeout", "0.25", "--exec", program(body), publish("a")});
   await_did("asked");
-  p.await_err(hook_message("ran longer than 0.25 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("stopped after 0.25 s; retry in about 1 s"));
   terminate(p);
   expect_gone();
 }
 
 TEST_F(exec, may_run_for_half_a_minute) {
   process p = start({"--exec", program("sleep 1000"), publish("a")}, FAKE_PLUGIN, preloaded(SHORT_MINUTES));
-  p.await_err(hook_message("ran longer than 30 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("stopped after 30 s; retry in about 1 s"));
   terminate(p);
 }
 
@@ -313,7 +313,7 @@ TEST_F(exec, that_ignores_SIGTERM_is_killed) {
   process p = start({"--exec-timeout", "0.25", "--exec", program(body), publish("a")});
   await_did("deaf");
   expect_gone();
-  p.await_err(hook_message("ran longer than 0.25 s and was stopped; tried again in 1 s"));
+  p.await_err(hook_message("stopped after 0.25 s; retry in about 1 s"));
   terminate(p);
 }
 
@@ -324,7 +324,7 @@ TEST_F(exec, that_survives_SIGKILL_is_reported_and_left_to_the_system) {
   p.signal(SIGTERM);
   const ending e = p.end();
   EXPECT_EQ(e.status, 1);
-  EXPECT_TRUE(e.err.ends_with(hook_message("not even SIGKILL ends it; left to the system"))) << e.err;
+  EXPECT_TRUE(e.err.ends_with(hook_message("still runs after SIGKILL; no retry"))) << e.err;
   let_go(held);
 }
 
@@ -332,7 +332,7 @@ TEST_F(exec, that_survived_SIGKILL_is_tried_again_after_its_end) {
   if (!can_trace()) GTEST_SKIP() << "no process may be traced here";
   process p = start({"--exec-timeout", "0.5", "--exec", program(deaf), publish("a")});
   const pid_t held = hold();
-  p.await_err(hook_message("not even SIGKILL ends it; nothing else is started"));
+  p.await_err(hook_message("still runs after SIGKILL; no other program is started for this instance"));
   program("echo again >did");
   let_go(held);
   await_did("again");
@@ -365,8 +365,8 @@ TEST_F(exec, is_killed_when_it_runs_on_after_the_runs_end) {
       start({"--exec", program("trap '' TERM; sleep 1000 & echo $! >pid; echo begin >did; wait; wait"), publish("a")});
   await_did("begin");
   publish_next(p, "b");
-  EXPECT_EQ(terminate(p).err, hook_message("the newest value is not kept, the run ends") +
-                                  hook_message("still ran at the end and was stopped; not tried again"));
+  EXPECT_EQ(terminate(p).err, hook_message("the run ends before the program gets the newest value") +
+                                  hook_message("stopped at the end; no retry"));
   expect_gone();
 }
 
@@ -380,19 +380,19 @@ TEST_F(exec, leaves_a_value_without_a_program_and_once_says_so_by_its_status) {
     await_did("begin");
     publish_next(p, "b");
     p.signal(SIGTERM);
-    p.await_err(hook_message("the newest value is not kept, the run ends"));
+    p.await_err(hook_message("the run ends before the program gets the newest value"));
     dir.file("", "go");
     const ending e = p.end();
     EXPECT_EQ(e.status, once ? 1 : 0);
-    EXPECT_EQ(e.err, hook_message("the newest value is not kept, the run ends"));
+    EXPECT_EQ(e.err, hook_message("the run ends before the program gets the newest value"));
     for (const char* file : {"go", "did"}) std::filesystem::remove(dir.path(file));
   }
 }
 
 TEST_F(exec, is_not_tried_again_after_the_runs_end) {
   process p = start({"--exec", program("exit 1"), publish("a")});
-  p.await_err("tried again in 1 s\n");
-  EXPECT_TRUE(terminate(p).err.ends_with(hook_message("the newest value is not kept, the run ends")));
+  p.await_err("retry in about 1 s\n");
+  EXPECT_TRUE(terminate(p).err.ends_with(hook_message("the run ends before the program gets the newest value")));
 }
 
 TEST_F(exec, is_gone_when_the_run_fails) {
@@ -425,11 +425,13 @@ TEST_F(exec, is_only_shown_in_a_dry_run) {
   const ending e = run({"--once", "--dry-run", "--exec", program("echo ran >did"), publish("a")});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
-  const std::vector<texts> shown = lines_of(e.out, "exec");
+  std::vector<texts> shown = lines_of(e.out, "exec");
   ASSERT_EQ(shown.size(), 1U);
-  EXPECT_EQ(texts(shown[0].begin(), shown[0].end() - 1),
-            (texts{dir.path("prog"), "DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a"}));
-  EXPECT_TRUE(shown[0].back().starts_with("DAC_TIME=20")) << shown[0].back();
+  ASSERT_EQ(shown[0].size(), 7U);
+  EXPECT_TRUE(shown[0][4].starts_with("DAC_TIME=20")) << shown[0][4];
+  shown[0].erase(shown[0].begin() + 4);
+  EXPECT_EQ(shown[0], (texts{dir.path("prog"), "DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a",
+                             "DAC_PREVIOUS=", "DAC_REASON=first"}));
   EXPECT_EQ(did(), "");
 }
 
@@ -443,7 +445,12 @@ TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
                          {"event", "exec"},
                          {"instance", "gw"},
                          {"program", "prog"},
-                         {"environment", {{"DAC_INSTANCE", "gw"}, {"DAC_TAG", "gw"}, {"DAC_VALUE", "a"}}}}));
+                         {"environment",
+                          {{"DAC_INSTANCE", "gw"},
+                           {"DAC_TAG", "gw"},
+                           {"DAC_VALUE", "a"},
+                           {"DAC_PREVIOUS", ""},
+                           {"DAC_REASON", "first"}}}}));
 }
 
 // ---------------------------------------------------------------- which addresses
@@ -500,9 +507,8 @@ TEST_F(exec, reads_an_address_list_that_changed_again_up_to_five_times) {
       const char* torn;
       std::string kept;
       std::string err;
-    } rows[] = {
-        {"4", "2001:db8::1\n", ""},
-        {"5", "", hook_message("cannot be started: netlink: Resource temporarily unavailable; not tried again")}};
+    } rows[] = {{"4", "2001:db8::1\n", ""},
+                {"5", "", "dachost: addresses: netlink: Resource temporarily unavailable; no retry\n"}};
     const texts args = {"--once",
                         "--events",
                         "tag",

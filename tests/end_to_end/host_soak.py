@@ -80,7 +80,7 @@ class Host:
     def read_errors(self):
         for line in self.process.stderr:
             self.errors += line.startswith("dachost: ")
-            self.retries += "tried again" in line
+            self.retries += "retry in" in line
 
     def wait_for_first_value(self):
         while not self.published and self.process.poll() is None:

@@ -33,7 +33,7 @@ TEST_F(inherited, ignored_SIGCHLD_hides_no_exit_status) {
   const texts ignored = {"env", "--ignore-signal=CHLD"};
   const ending failed = run({"--once", "--exec", program("exit 3"), conf}, ignored).end();
   EXPECT_EQ(failed.status, 1);
-  EXPECT_EQ(failed.err, hook_message("exit status 3; not tried again"));
+  EXPECT_EQ(failed.err, hook_message("exit status 3; no retry"));
   const ending waited =
       run({"--once", "--exec", program("sh -c 'exit 4' & wait $!; echo $? >did"), conf}, ignored).end();
   EXPECT_EQ(waited.status, 0) << waited.err;

@@ -169,3 +169,24 @@ TEST_F(json_lines, are_summed_up_in_the_status_file) {
   EXPECT_EQ(run({"--once", "--status", dir.path("no/status"), conf("publish a")}).end().err,
             "dachost: " + dir.path("no/status") + ": cannot be written: No such file or directory\n");
 }
+
+TEST_F(json_lines, have_the_results_of_hooks) {
+  const std::string prog = program("[ -e go ]"), status = dir.path("status");
+  process p = run_json({"--status", status, "--exec", prog, conf("publish a")});
+  p.await_out(R"("result":"failed")");
+  await_text("status", R"("failures":)");
+  go();
+  p.await_out(R"("result":"ok")");
+  await_text("status", R"("hook":{"result":"ok")");
+  const ending e = ended(p);
+  std::vector<json> hooks = events(e.out, "hook");
+  ASSERT_GE(hooks.size(), 2U);
+  EXPECT_EQ(hooks[0]["level"], "warning");
+  EXPECT_EQ(hooks[0]["instance"], "gw");
+  EXPECT_EQ(hooks[0]["program"], prog);
+  EXPECT_NE(hooks[0]["text"].get<std::string>().find("exit status 1; retry"), std::string::npos) << hooks[0];
+  EXPECT_EQ(hooks.back()["level"], "info");
+  const auto recovery = hooks.back()["text"].get<std::string>();
+  EXPECT_TRUE(recovery.starts_with("works again after " + std::to_string(hooks.size() - 1) + " failure")) << recovery;
+  EXPECT_EQ(lines(e.err).back(), "dachost: gw: " + prog + ": " + recovery);
+}

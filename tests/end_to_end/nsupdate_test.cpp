@@ -66,7 +66,7 @@ class host {
     std::filesystem::rename(_dir.path("next"), _dir.path("shift"));
   }
   /// Waits for the value.
-  void publishes(const std::string& value) { _program->await_out("\tvalue\tgw.example.test\t" + value + '\n'); }
+  void publishes(const std::string& value) { _program->await_out("\tvalue\tgw.example.test\t" + value + '\t'); }
   /// Waits until the name has these addresses.
   bool gets(const texts& addresses) const { return _dns.gets("gw.example.test", addresses); }
   ending end() {
@@ -92,7 +92,7 @@ class host {
     std::istringstream emulator(EMULATOR);
     for (std::string word; emulator >> word;) argv.push_back(word);
     const std::string conf = _dir.file("hostname = gw.example.test");
-    argv.insert(argv.end(), {DACHOST, "run", "-p", PLUGIN, "--pick", "global", "--exec", script, conf});
+    argv.insert(argv.end(), {DACHOST, "run", "-p", PLUGIN, "--pick", "global", "--hold", "0", "--exec", script, conf});
     return argv;
   }
 };
@@ -302,7 +302,7 @@ TEST(name_record, is_updated_after_an_outage_of_the_name_server) {
     ASSERT_TRUE(del("2001:db8::10"));
     ASSERT_TRUE(add("2001:db8::20"));
     h.poll();
-    h->await_err("; tried again in 1 s\n");
+    h->await_err("; retry in about 1 s\n");
     dns.start();
     EXPECT_TRUE(h.gets({"2001:db8::20"}));
     const std::string out = h.end().out;
@@ -317,7 +317,7 @@ TEST(name_record, does_not_change_when_the_key_is_wrong) {
     dns.start();
     ASSERT_TRUE(add("2001:db8::10"));
     host h(dns, dns.wrong_key());
-    h->await_err(std::string("dachost: ip6dns: ") + script + ": exit status 2; tried again in 1 s\n");
+    h->await_err(std::string("dachost: ip6dns: ") + script + ": exit status 2; retry in about 1 s\n");
     EXPECT_EQ(dns.addresses("gw.example.test"), texts{});
     EXPECT_EQ(dns.serial(), 1U);
     h.end();

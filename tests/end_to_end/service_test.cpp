@@ -107,3 +107,15 @@ TEST_F(service, writes_levels_to_the_journal_and_to_nothing_else) {
   p.await_err("<4>dachost: " + dir.path("good.conf") + ": bad; the old instance continues\n");
   terminate(p);
 }
+
+TEST_F(service, shows_its_hook_in_its_status_and_failures_as_warnings) {
+  const std::string prog = program("[ -e go ]");
+  process p = serve({"--exec", prog, conf("publish a")});
+  manager.await("STATUS=gw = a, hook failed");
+  go();
+  manager.await("STATUS=gw = a, hook ok ");
+  terminate(p);
+  process j = in_journal({"run", "-p", FAKE_PLUGIN, "--exec", program("exit 1"), conf("publish a")});
+  j.await_err("<4>dachost: gw: " + dir.path("prog") + ": exit status 1; retry");
+  terminate(j);
+}

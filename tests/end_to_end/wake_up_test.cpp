@@ -68,7 +68,7 @@ TEST_F(wake_up, the_end_of_a_program_is_reported_at_once_when_it_failed) {
   thirty_times([&](const std::string&) {
     const std::string next = std::to_string(++status);
     gw.say("publish " + next);
-    p.await_err("exit status " + next + "; tried again in 1 s\n");
+    p.await_err("exit status " + next + "; retry in about 1 s\n");
   });
   p.signal(SIGTERM);
   p.end();

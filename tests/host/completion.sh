@@ -32,7 +32,7 @@ offers 'tags' ta
 offers 'top|tags' t
 offers '--version' --v
 offers '' publish
-offers '--help|--plugin|--json|--events|--status|--once|--for|--exec|--pick|--interface|--exec-timeout|--dry-run' run -
+offers '--help|--plugin|--json|--events|--status|--once|--for|--exec|--pick|--interface|--hold|--again|--splay|--exec-timeout|--jobs|--state|--dry-run' run -
 offers '--exec|--exec-timeout' run --exe
 offers '--help|--plugin|--once|--for' top --
 offers '--help|--plugin' check gateway.conf -

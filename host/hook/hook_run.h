@@ -1,0 +1,66 @@
+// One run of a hook: its programs, one after the other.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "host/hook/process.h"
+#include "host/loop/event_loop.h"
+
+/// The hook itself, or for a directory (whose path has a slash) the programs in it that run-parts(8) would run, in its
+/// order. Throws std::runtime_error for a directory that cannot be read or has no program.
+std::vector<std::string> programs_of(const std::string& hook);
+
+/// Starts the programs one after the other, also after one has failed, as run-parts(8) does. One that runs longer than
+/// the timeout gets SIGTERM and, a second later, SIGKILL.
+class hook_run {
+ public:
+  struct callbacks {
+    std::function<void(const std::string& failures)> on_end;   // "" on success; may destroy the run
+    std::function<void(const std::string& program)> on_stuck;  // it survives SIGKILL
+  };
+  hook_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
+           std::vector<std::string> settings, callbacks c);
+  /// Kills the program without waiting for it.
+  ~hook_run();
+  hook_run(const hook_run&) = delete;
+  hook_run& operator=(const hook_run&) = delete;
+
+  /// Starts the first program. Calls no callback before it returns.
+  void start();
+  /// Starts no further program. The running one has two seconds, then it is stopped; one that is stuck is abandoned.
+  void close();
+
+  bool is_stuck() const { return _at == stage::stuck; }
+
+ private:
+  enum class stage { starting, running, terminating, killing, stuck };
+
+  void launch();
+  void on_exit(int status);
+  void start_next();
+  void escalate();
+  void send(int sig, stage next);
+  void wait_for_end();
+  void abandon();
+  void end();
+  void add_failure(const std::string& what);
+  void set_deadline(steady_clock::time_point when);
+  std::string describe_exit(int status) const;
+
+  event_loop& _loop;
+  launcher& _launcher;
+  const std::chrono::nanoseconds _timeout;
+  const std::vector<std::string> _programs;
+  const std::vector<std::string> _settings;
+  callbacks _callbacks;
+  size_t _current = 0;  // of the programs: the one that runs or is started
+  std::string _failures;
+  stage _at = stage::starting;
+  bool _is_closed = false;
+  pid_t _program = -1;
+  event_loop::handle _exit;
+  steady_clock::time_point _deadline = steady_clock::time_point::max();
+  event_loop::handle _timer;
+};

@@ -1,0 +1,127 @@
+#include "host/hook/state_directory.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstdint>
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+namespace {
+
+constexpr char header[] = "dachost state 1";
+
+[[noreturn]] void fail(const std::string& file) { throw std::system_error(errno, std::generic_category(), file); }
+
+class descriptor {
+ public:
+  descriptor(const std::string& file, int flags) : _file(file), _fd(open(file.c_str(), flags | O_CLOEXEC, 0600)) {
+    if (_fd < 0) fail(file);
+  }
+  ~descriptor() { close(_fd); }
+  descriptor(const descriptor&) = delete;
+  descriptor& operator=(const descriptor&) = delete;
+
+  void write(std::string_view text) const {
+    while (!text.empty()) {
+      const ssize_t n = ::write(_fd, text.data(), text.size());
+      if (n < 0 && errno != EINTR) fail(_file);
+      if (n > 0) text.remove_prefix(static_cast<size_t>(n));
+    }
+  }
+  // Whatever the umask is.
+  void make_readable() const {
+    if (fchmod(_fd, 0600) != 0) fail(_file);
+  }
+  void sync() const {
+    if (fsync(_fd) != 0) fail(_file);
+  }
+
+ private:
+  const std::string& _file;
+  int _fd;
+};
+
+int64_t seconds_of(const hook_record& r) {
+  return std::chrono::floor<std::chrono::seconds>(r.time.time_since_epoch()).count();
+}
+
+std::optional<hook_record> parse(const std::string& text) {
+  std::istringstream lines(text);
+  std::string first;
+  std::string time;
+  hook_record r;
+  for (std::string* line : {&first, &time, &r.tag, &r.value})
+    if (!std::getline(lines, *line) || lines.eof()) return std::nullopt;  // the last line, too, has an end
+  int64_t s = 0;
+  const auto [last, failed] = std::from_chars(time.data(), time.data() + time.size(), s);
+  constexpr int64_t latest = 9'000'000'000;  // fits the clock
+  if (s < 0 || s > latest || first != header || failed != std::errc() || last != time.data() + time.size())
+    return std::nullopt;
+  r.time = std::chrono::system_clock::time_point(std::chrono::seconds(s));
+  return lines.peek() == EOF && !r.value.empty() ? std::optional(r) : std::nullopt;
+}
+
+bool is_plain(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
+}
+
+uint64_t hash(const std::string& text) {  // FNV-1a
+  uint64_t h = 0xcbf29ce484222325U;
+  for (const unsigned char c : text) h = (h ^ c) * 0x100000001b3U;
+  return h;
+}
+
+// As in a URL. A name that is too long for a file is cut and gets a hash of the whole.
+std::string file_name(const std::string& instance) {
+  constexpr size_t longest = 200;
+  std::string name;
+  char escape[24] = {};
+  for (const unsigned char c : instance) {
+    std::snprintf(escape, sizeof escape, is_plain(c) ? "%c" : "%%%02X", c);
+    name += escape;
+  }
+  if (name.size() <= longest) return name + ".state";
+  std::snprintf(escape, sizeof escape, "-%016llx", static_cast<unsigned long long>(hash(instance)));
+  return name.substr(0, longest) + escape + ".state";
+}
+
+}  // namespace
+
+std::string state_directory::file_of(const std::string& instance) const { return _path + '/' + file_name(instance); }
+
+std::optional<hook_record> state_directory::load(const std::string& instance) {
+  if (_path.empty()) return std::nullopt;
+  const std::string file = file_of(instance);
+  std::ifstream in(file);
+  if (!in && errno == ENOENT) return std::nullopt;
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (!in) fail(file);
+  const std::optional<hook_record> r = parse(text.str());
+  if (!r) throw std::runtime_error(file + ": damaged");
+  return r;
+}
+
+// After a power failure the file is either the old one or the new one.
+void state_directory::save(const std::string& instance, const hook_record& r) {
+  if (_path.empty()) return;
+  const std::string file = file_of(instance);
+  const std::string next = file + ".tmp";
+  unlink(next.c_str());
+  {
+    const descriptor out(next, O_WRONLY | O_CREAT | O_EXCL);
+    out.make_readable();
+    out.write(std::string(header) + '\n' + std::to_string(seconds_of(r)) + '\n' + r.tag + '\n' + r.value + '\n');
+    out.sync();
+  }
+  if (rename(next.c_str(), file.c_str()) != 0) fail(file);
+  descriptor(_path, O_RDONLY | O_DIRECTORY).sync();
+}

@@ -1,0 +1,38 @@
+// What a hook was given, stored across restarts.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+
+#include "host/interface.h"
+
+/// What a hook gets, or the last successful run got.
+struct hook_record {
+  std::string tag;
+  std::string value;
+  std::chrono::system_clock::time_point time;
+
+  bool is_same(const hook_record& other) const { return tag == other.tag && value == other.value; }
+};
+
+class hook_store : public interface {
+ public:
+  /// The instance's record; none if there is none. Throws std::runtime_error if it is damaged or cannot be read.
+  virtual std::optional<hook_record> load(const std::string& instance) = 0;
+  /// Replaces the instance's record. Throws std::runtime_error.
+  virtual void save(const std::string& instance, const hook_record& r) = 0;
+};
+
+/// One file per instance, replaced atomically. With an empty path there are no records.
+class state_directory : public hook_store {
+ public:
+  explicit state_directory(std::string path) : _path(std::move(path)) {}
+  std::optional<hook_record> load(const std::string& instance) override;
+  void save(const std::string& instance, const hook_record& r) override;
+
+ private:
+  std::string file_of(const std::string& instance) const;
+
+  const std::string _path;
+};

@@ -1,0 +1,237 @@
+// When dachost runs a hook: changes, hold, repetition, jobs, saved state and directories of programs.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "tests/support/dachost_fixture.h"
+#include "tests/support/network.h"
+
+using namespace std::chrono_literals;
+
+namespace {
+
+class hook : public dachost_fixture {
+ protected:
+  /// A program that appends these variables to "did".
+  std::string records(const std::string& variables, const std::string& more = "") const {
+    return program("echo \"" + variables + "\" >>did\n" + more);
+  }
+  /// A hundred times as fast, so that minutes take a second.
+  static texts fast(texts environment = {}) { return preloaded(SHORT_MINUTES, std::move(environment)); }
+  std::string state() const {
+    std::filesystem::create_directory(dir.path("state"));
+    return dir.path("state");
+  }
+  std::string saved() const { return read_file(dir.path("state/gw.state")); }
+  bool await_saved(const std::string& text) const {
+    return eventually([&] { return saved().find(text) != std::string::npos; });
+  }
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------- changes
+
+TEST_F(hook, runs_for_changes_only_and_gets_the_previous_value_and_the_reason) {
+  const remote_control gw(dir.path("fifo"));
+  process p = run({"--exec", records("$DAC_REASON $DAC_PREVIOUS $DAC_VALUE"), conf(gw.order() + "publish a")});
+  await_did("first  a\n");
+  for (int n = 0; n < 20; ++n) gw.say("publish a");
+  gw.say("publish b");
+  await_did("change a b\n");
+  gw.say("publish a");
+  await_did("change b a\n");
+  EXPECT_EQ(terminate(p).err, "");
+  EXPECT_EQ(did(), "first  a\nchange a b\nchange b a\n");
+}
+
+TEST_F(hook, runs_again_without_a_change) {
+  process p = run({"--again", "10m", "--exec", records("$DAC_REASON $DAC_PREVIOUS"), conf("publish a")}, fast());
+  await_did("first \nagain a\nagain a\n");
+  terminate(p);
+}
+
+TEST_F(hook, is_not_run_again_if_the_time_is_0) {
+  process p = run({"--again", "0", "--exec", records("$DAC_REASON"), conf("publish a")}, fast());
+  await_did("first\n");
+  std::this_thread::sleep_for(1s);
+  terminate(p);
+  EXPECT_EQ(did(), "first\n");
+}
+
+// No value is published then.
+TEST_F(hook, runs_within_ten_seconds_after_an_address_became_deprecated) {
+  in_new_network([this] {
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad\naddr add 2001:db8::2/64 dev lo nodad"));
+    process p = run({"--pick", "stable", "--exec", records("$DAC_REASON $DAC_VALUE"), conf("publish a")});
+    await_did("first 2001:db8::2,2001:db8::1\n");
+    ASSERT_TRUE(ip("addr change 2001:db8::2/64 dev lo preferred_lft 0"));
+    await_did("change 2001:db8::1\n");
+    terminate(p);
+  });
+}
+
+// ---------------------------------------------------------------- hold
+
+TEST_F(hook, gets_null_after_the_hold) {
+  const remote_control gw(dir.path("fifo"));
+  const std::string file = conf(gw.order() + "publish a"), slow = dir.path("slow");
+  process p = run({"--hold", "300", "--exec", records("$DAC_VALUE"), file}, fast({"REAL_SECONDS_FROM=" + slow}));
+  await_did("a\n");
+  dir.file("", "slow");
+  gw.say("publish null");
+  gw.say("publish a");
+  gw.say("publish null");
+  gw.say("fail after it");
+  p.await_out("after it\n");
+  std::this_thread::sleep_for(500ms);
+  EXPECT_EQ(did(), "a\n");
+  terminate(p);
+  process q = run({"--hold", "300", "--exec", records("$DAC_VALUE"), conf("publish null")}, fast());
+  await_did("null\n");
+  terminate(q);
+}
+
+TEST_F(hook, is_not_given_null_for_five_minutes_after_the_start) {
+  const auto begin = std::chrono::steady_clock::now();
+  process p = run({"--exec", records("$DAC_VALUE"), conf("publish null")}, fast());
+  await_did("null\n");
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, 3s - 50ms);
+  terminate(p);
+}
+
+TEST_F(hook, gets_null_at_once_with_once) {
+  EXPECT_EQ(run({"--once", "--exec", records("$DAC_VALUE"), conf("publish null")}).end().status, 0);
+  EXPECT_EQ(did(), "null\n");
+}
+
+// ---------------------------------------------------------------- jobs and splay
+
+TEST_F(hook, has_at_most_eight_programs_at_once_or_as_many_as_wanted) {
+  const std::string body = "mkdir run.$DAC_INSTANCE; ls -d run.* | wc -l >>did; sleep 0.2; rmdir run.$DAC_INSTANCE";
+  for (const int most : {8, 3}) {
+    texts args = {"--once", "--exec", program(body)};
+    if (most != 8) args.insert(args.end(), {"--jobs", std::to_string(most)});
+    for (int n = 0; n < 40; ++n) args.push_back(conf("publish a", "i" + std::to_string(n)));
+    EXPECT_EQ(run(args).end().status, 0);
+    const texts all = lines(did());
+    EXPECT_EQ(all.size(), 40U);
+    for (const std::string& n : all) EXPECT_LE(std::stoi(n), most);
+    std::filesystem::remove(dir.path("did"));
+  }
+}
+
+TEST_F(hook, starts_within_the_splay) {
+  process p = run({"--once", "--splay", "100s", "--exec", records("done"), conf("publish a")}, fast());
+  EXPECT_EQ(p.end().status, 0);
+  EXPECT_EQ(did(), "done\n");
+}
+
+// ---------------------------------------------------------------- state
+
+TEST_F(hook, does_not_run_after_a_restart_without_a_change) {
+  const texts args = {"--state", state(), "--exec", records("$DAC_REASON $DAC_PREVIOUS"), conf("publish a")};
+  process first = run(args);
+  ASSERT_TRUE(await_saved("\na\n"));
+  terminate(first);
+  texts once = args;
+  once.insert(once.begin(), "--once");
+  EXPECT_EQ(run(once).end().status, 0);
+  EXPECT_EQ(did(), "first \n");
+  conf("publish b");
+  EXPECT_EQ(run(once).end().status, 0);
+  EXPECT_EQ(did(), "first \nchange a\n");
+}
+
+TEST_F(hook, saves_its_state_in_the_first_directory_of_systemd) {
+  const std::string first = state();
+  const ending e = run({"--once", "--exec", records("$DAC_REASON"), conf("publish a")},
+                       {"env", "STATE_DIRECTORY=" + first + ":" + dir.path("second")})
+                       .end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_NE(saved().find("\ngw\na\n"), std::string::npos) << saved();
+  EXPECT_EQ(run({"--json", "--once", conf("publish a")}, {"env", "STATE_DIRECTORY=" + first}).end().status, 0)
+      << "without a program";
+}
+
+TEST_F(hook, runs_though_its_state_is_damaged_or_cannot_be_written) {
+  const texts args = {"--once", "--state", state(), "--exec", records("$DAC_REASON"), conf("publish a")};
+  dir.file("damaged", "state/gw.state");
+  const ending damaged = run(args).end();
+  EXPECT_EQ(damaged.status, 0);
+  EXPECT_EQ(damaged.err, "dachost: " + dir.path("state/gw.state") + ": damaged; ignored\n");
+  std::filesystem::remove_all(dir.path("state"));
+  const ending missing = run(args).end();
+  EXPECT_EQ(missing.status, 0);
+  EXPECT_EQ(missing.err,
+            "dachost: " + dir.path("state/gw.state.tmp") + ": No such file or directory; the state is not saved\n");
+  EXPECT_EQ(did(), "first\nfirst\n");
+}
+
+TEST_F(hook, saves_its_state_when_that_is_possible_again) {
+  const std::string path = state();
+  std::filesystem::remove(path);
+  process p = run({"--state", path, "--exec", records("ran"), conf("publish a")});
+  p.await_err("the state is not saved\n");
+  state();
+  p.await_err("dachost: the state is saved again\n");
+  EXPECT_NE(saved(), "");
+  terminate(p);
+}
+
+// ---------------------------------------------------------------- directories
+
+TEST_F(hook, runs_the_programs_of_a_directory_in_order) {
+  std::filesystem::create_directory(dir.path("hooks"));
+  for (const char* name : {"20-second", "10-first", "ignored.sh", "30-not-executable"}) {
+    const std::string file =
+        dir.file("#!/bin/sh\necho \"${0##*/} $DAC_VALUE\" >>'" + dir.path("did") + "'\n", std::string("hooks/") + name);
+    if (std::string(name) != "30-not-executable") chmod(file.c_str(), 0700);
+  }
+  EXPECT_EQ(run({"--once", "--exec", dir.path("hooks"), conf("publish a")}).end().status, 0);
+  EXPECT_EQ(did(), "10-first a\n20-second a\n");
+  dir.file("#!/bin/sh\nexit 3\n", "hooks/10-first");
+  const ending e = run({"--once", "--exec", dir.path("hooks"), conf("publish b")}).end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: gw: " + dir.path("hooks/10-first") + ": exit status 3; no retry\n");
+  EXPECT_EQ(did(), "10-first a\n20-second a\n20-second b\n");
+}
+
+TEST_F(hook, cannot_be_a_directory_without_a_program) {
+  std::filesystem::create_directory(dir.path("hooks"));
+  const ending e = run({"--exec", dir.path("hooks"), conf("publish a")}).end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.out, "");
+  EXPECT_EQ(e.err, "dachost: " + dir.path("hooks") + ": no program in this directory, see run-parts(8)\n");
+}
+
+// ---------------------------------------------------------------- the command line
+
+TEST_F(hook, options_that_are_wrong_get_one_line_and_status_2) {
+  const struct row {
+    texts args;
+    const char* named;
+  } rows[] = {
+      {{"--hold", "5m"}, "--hold requires --exec"},
+      {{"--again", "5m"}, "--again requires --exec"},
+      {{"--splay", "5m"}, "--splay requires --exec"},
+      {{"--jobs", "5"}, "--jobs requires --exec"},
+      {{"--state", "x"}, "--state requires --exec"},
+      {{"--exec", "p", "--hold", "5 m"}, "--hold: expected a duration such as 90, 90s, 5m, 2h or 1d, got '5 m'"},
+      {{"--exec", "p", "--again", "-1"}, "'-1'"},
+      {{"--exec", "p", "--splay", "1y"}, "'1y'"},
+      {{"--exec", "p", "--exec-timeout", "0m"}, "expected more than '0m'"},
+      {{"--exec", "p", "--jobs", "0"}, "--jobs: expected a number above 0, got '0'"},
+      {{"--exec", "p", "--jobs", "x"}, "'x'"},
+      {{"--exec", "p", "--state", ""}, "a directory name is empty"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.named);
+    texts args = {"x.conf"};
+    args.insert(args.end(), r.args.begin(), r.args.end());
+    const ending e = run(args).end();
+    EXPECT_EQ(e.status, 2);
+    EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+    EXPECT_NE(e.err.find(r.named), std::string::npos) << e.err;
+  }
+}

@@ -1,0 +1,157 @@
+// What hooks were given, stored in files.
+#include "host/hook/state_directory.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <set>
+#include <stdexcept>
+
+#include "tests/support/scratch.h"
+#include "tests/support/texts.h"
+
+using namespace std::chrono_literals;
+using time_point = std::chrono::system_clock::time_point;
+
+namespace {
+
+class state_files : public testing::Test {
+ protected:
+  scratch dir;
+  state_directory state{dir.path("")};
+
+  static std::string text_of(const std::optional<hook_record>& r) {
+    return r ? r->tag + ' ' + r->value + ' ' + std::to_string(r->time.time_since_epoch() / 1s) : "none";
+  }
+  std::string loaded(const std::string& instance = "gw") { return text_of(state.load(instance)); }
+  void save(const std::string& instance, const std::string& value) {
+    state.save(instance, {"a.example", value, time_point(1700000000s)});
+  }
+  std::string error_of(const std::string& instance = "gw") {
+    try {
+      return loaded(instance);
+    } catch (const std::runtime_error& e) {
+      return e.what();
+    }
+  }
+  std::set<std::string> files() const {
+    std::set<std::string> names;
+    for (const auto& f : std::filesystem::directory_iterator(dir.path(""))) names.insert(f.path().filename());
+    return names;
+  }
+};
+
+}  // namespace
+
+TEST_F(state_files, store_a_record_for_each_instance) {
+  EXPECT_EQ(loaded(), "none");
+  save("gw", "2001:db8::1,2001:db8::2");
+  save("other", "null");
+  state_directory later(dir.path(""));
+  EXPECT_EQ(text_of(later.load("gw")), "a.example 2001:db8::1,2001:db8::2 1700000000");
+  EXPECT_EQ(text_of(later.load("other")), "a.example null 1700000000");
+  EXPECT_EQ(text_of(later.load("none")), "none");
+  save("gw", "2001:db8::3");
+  EXPECT_EQ(loaded(), "a.example 2001:db8::3 1700000000");
+  EXPECT_EQ(files(), (std::set<std::string>{"gw.state", "other.state"})) << "no temporary file is left";
+}
+
+TEST_F(state_files, have_a_documented_form) {
+  save("gw", "2001:db8::1,2001:db8::2");
+  EXPECT_EQ(read_file(dir.path("gw.state")), "dachost state 1\n1700000000\na.example\n2001:db8::1,2001:db8::2\n");
+}
+
+TEST_F(state_files, preserve_every_byte_of_a_name) {
+  state.save("gw", {"\xe4 \t\x01 =", "a", time_point(1s)});
+  EXPECT_EQ(loaded(), "\xe4 \t\x01 = a 1");
+  state.save("gw", {"", "a", time_point(0s)});
+  EXPECT_EQ(loaded(), " a 0");
+}
+
+TEST_F(state_files, have_safe_names) {
+  const std::string longer(300, 'x');
+  const std::string names[] = {"/etc/ip6dns/gw.conf", "../gw", "..",   ".",    "a b",        "a%20b",
+                               "\xc3\xa4\n",          "GW",    "gw#2", longer, longer + 'y', std::string(200, '/')};
+  int n = 0;
+  for (const std::string& name : names) save(name, "value" + std::to_string(n++));
+  n = 0;
+  for (const std::string& name : names)
+    EXPECT_EQ(loaded(name), "a.example value" + std::to_string(n++) + " 1700000000") << name;
+  EXPECT_EQ(files().size(), std::size(names));
+  EXPECT_TRUE(files().contains("%2Fetc%2Fip6dns%2Fgw.conf.state"));
+  EXPECT_TRUE(files().contains("a%20b.state"));
+  EXPECT_TRUE(files().contains("a%2520b.state"));
+}
+
+TEST_F(state_files, are_readable_by_their_owner_alone_under_every_umask) {
+  for (const mode_t mask : {0777, 0, 022}) {
+    const mode_t before = umask(mask);
+    save("gw", "a");
+    umask(before);
+    struct stat s {};
+    ASSERT_EQ(stat(dir.path("gw.state").c_str(), &s), 0);
+    EXPECT_EQ(s.st_mode & 07777, 0600U);
+  }
+}
+
+TEST_F(state_files, that_are_damaged_are_an_error) {
+  save("gw", "2001:db8::1");
+  const std::string good = read_file(dir.path("gw.state"));
+  for (size_t n = 0; n < good.size(); ++n) {
+    dir.file(good.substr(0, n), "gw.state");
+    EXPECT_EQ(error_of(), dir.path("") + "/gw.state: damaged") << n;
+  }
+  for (const std::string& text :
+       {std::string("dachost state 2\n1\na\nb\n"), std::string("dachost state 1\nx\na\nb\n"),
+        std::string("dachost state 1\n1x\na\nb\n"), std::string("dachost state 1\n\na\nb\n"),
+        std::string("dachost state 1\n-1\na\nb\n"), std::string("dachost state 1\n9000000001\na\nb\n"),
+        std::string("dachost state 1\n99999999999999999999\na\nb\n"), std::string("dachost state 1\n1\na\n\n"),
+        good + '\n', good + 'x', std::string(4096, '\0'), std::string(4096, '\n')}) {
+    dir.file(text, "gw.state");
+    EXPECT_EQ(error_of(), dir.path("") + "/gw.state: damaged") << text;
+  }
+  dir.file(good, "gw.state");
+  EXPECT_EQ(error_of(), "a.example 2001:db8::1 1700000000");
+}
+
+TEST_F(state_files, that_are_damaged_are_replaced) {
+  dir.file("", "gw.state");
+  save("gw", "a");
+  EXPECT_EQ(loaded(), "a.example a 1700000000");
+}
+
+TEST_F(state_files, survive_a_temporary_file_of_a_crash) {
+  const std::string left = dir.file("dachost sta", "gw.state.tmp");
+  chmod(left.c_str(), 0);
+  save("gw", "a");
+  EXPECT_EQ(loaded(), "a.example a 1700000000");
+}
+
+TEST_F(state_files, that_cannot_be_read_or_written_are_an_error) {
+  std::filesystem::create_directory(dir.path("gw.state"));
+  EXPECT_NE(error_of().find("gw.state"), std::string::npos);
+  EXPECT_THROW(save("gw", "a"), std::runtime_error);
+  state_directory missing(dir.path("missing"));
+  EXPECT_EQ(text_of(missing.load("gw")), "none");
+  try {
+    missing.save("gw", {"a", "b", time_point(1s)});
+    FAIL() << "no exception";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(e.what(), dir.path("missing") + "/gw.state.tmp: No such file or directory");
+  }
+}
+
+TEST_F(state_files, preserve_the_old_record_if_the_new_one_cannot_be_written) {
+  save("gw", "a");
+  std::filesystem::create_directories(dir.path("gw.state.tmp/x"));
+  EXPECT_THROW(save("gw", "b"), std::runtime_error);
+  EXPECT_EQ(loaded(), "a.example a 1700000000");
+}
+
+TEST(state_directory, without_a_path_stores_nothing) {
+  state_directory none("");
+  none.save("gw", {"a", "b", time_point(1s)});
+  EXPECT_FALSE(none.load("gw"));
+}

@@ -79,7 +79,7 @@ dachost(1).)";
 // ---------------------------------------------------------------- options
 
 constexpr int wrong_usage = 2;
-constexpr double most_seconds = 1e9;  // fits nanoseconds, also when added to the clock
+constexpr double most_seconds = 1e9;  // fits nanoseconds even after the clock is added
 
 double seconds_per(std::string_view unit) {
   if (unit.empty() || unit == "s") return 1;
@@ -199,7 +199,7 @@ void add_exec(CLI::App& run, hook_options& e) {
           ->type_name("PROGRAM")
           ->check(check_program);
   add_filter(run, e.addresses);
-  add_duration(run, "--hold", e.hold, "Keep the last addresses that long while there is none (default: 5m)")
+  add_duration(run, "--hold", e.hold, "Hold the last addresses that long while there is none (default: 5m)")
       ->check(check_duration)
       ->needs(exec);
   add_duration(run, "--again", e.again, "Start it again after that time without a change (default: 1d; 0: never)")
@@ -246,9 +246,7 @@ void add_run(CLI::App& app, options& o) {
          "Print these events only, for example value,hook")
       ->type_name("NAMES")
       ->check(check_events);
-  run->add_option("--status", o.status, "Keep this file up to date with the state, as JSON")
-      ->type_name("FILE")
-      ->check(check_file);
+  run->add_option("--status", o.status, "Write the state to this file, as JSON")->type_name("FILE")->check(check_file);
   add_ends(run, o);
   add_exec(*run, o.hook);
 }

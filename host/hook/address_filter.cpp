@@ -27,7 +27,7 @@ struct request {
   ifaddrmsg body;
 };
 
-void ask_for_addresses(int fd) {
+void request_addresses(int fd) {
   request r{};
   r.header.nlmsg_len = sizeof r;
   r.header.nlmsg_type = RTM_GETADDR;
@@ -105,7 +105,7 @@ bool read_messages(listing& l) {
 }
 
 listing list_addresses(int fd) {
-  ask_for_addresses(fd);
+  request_addresses(fd);
   listing l{fd};
   while (!read_messages(l)) {
   }

@@ -118,7 +118,7 @@ void hook_runner::offer_published(hook& h) {
   offer(h, {h.published->tag, without_cut_address(h.published->value), h.published->time});
 }
 
-// Until the hold ends, a hook keeps what it has been given.
+// Until the hold ends, the addresses of the last hook remain valid.
 void hook_runner::offer(hook& h, const hook_record& r) {
   const auto now = _environment.loop.now();
   if (r.value != "null") h.null_from = never;

@@ -52,7 +52,7 @@ struct hook_event {
 /// and again after some time. One run at a time for each instance; the newest value wins.
 class hook_runner {
  public:
-  /// What it uses of the outside.
+  /// The interfaces that it uses.
   struct environment {
     event_loop& loop;
     launcher& programs;
@@ -68,14 +68,14 @@ class hook_runner {
   /// Calls `f` for each event. All except successes are reported on standard error, too.
   void observe(std::function<void(const hook_event&)> f) { _observer = std::move(f); }
 
-  /// Without a program in the options every value counts as handed over.
+  /// Does nothing if the options name no program.
   void submit(size_t i, const update& u);
   /// Starts no more programs. One that runs has two seconds to end, and is stopped then.
   void close();
 
   /// No program runs, and none is to be started unless something changes or for `again`.
   bool is_idle() const;
-  /// A value was not handed over successfully and will not be retried.
+  /// A value was not handled and will not be retried.
   bool has_given_up() const { return _has_given_up; }
 
  private:

@@ -36,7 +36,7 @@ class descriptor {
       if (n > 0) text.remove_prefix(static_cast<size_t>(n));
     }
   }
-  // Whatever the umask is.
+  // Regardless of the umask.
   void make_readable() const {
     if (fchmod(_fd, 0600) != 0) fail(_file);
   }

@@ -628,7 +628,7 @@ TEST_F(dachost, bytes_that_are_not_UTF_8_become_replacement_characters_in_json) 
                "b"},
               {"a character cut off by the record's size", std::string(78, 'x') + "\xc3\xa4",
                std::string(78, 'x') + "\xef\xbf\xbd"},
-              {"a character of its own", "\xc3\xa4", "\xc3\xa4"}};
+              {"a single character", "\xc3\xa4", "\xc3\xa4"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     const ending e = run_to_end({"run", "--once", "--json", file("gw.conf", "hostname=" + r.hostname)});
@@ -800,9 +800,9 @@ TEST_F(dachost, SIGHUP_replaces_nothing_when_the_plugin_is_full) {
     p.signal(SIGHUP);
     p.await_err(path("b.conf"));
   });
-  const std::string kept =
+  const std::string unchanged =
       ": refused without a reason; the plug-in may have no room for another instance; the old instance continues";
-  EXPECT_EQ(lines(e.err), (texts{"dachost: " + path("a.conf") + kept, "dachost: " + path("b.conf") + kept}));
+  EXPECT_EQ(lines(e.err), (texts{"dachost: " + path("a.conf") + unchanged, "dachost: " + path("b.conf") + unchanged}));
   expect_gone({"a 0", "b 1"});
 }
 

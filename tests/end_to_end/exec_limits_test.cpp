@@ -105,7 +105,7 @@ TEST_F(exec_limits, a_success_resets_the_pause) {
   end(p);
 }
 
-TEST_F(exec_limits, the_same_value_published_again_keeps_the_pause) {
+TEST_F(exec_limits, the_same_value_published_again_does_not_reset_the_pause) {
   const remote_control gw(dir.path("fifo"));
   process p = run({"--exec", program("echo run >>did; exit 1"), conf(gw.order() + "publish a")},
                   preloaded(SHORT_MINUTES, {"REAL_SECONDS_FROM=" + dir.path("slow")}));
@@ -152,12 +152,12 @@ TEST_F(exec_limits, pauses_of_one_instance_do_not_delay_another) {
 
 TEST_F(exec_limits, DAC_variables_are_in_the_environment_once_though_inherited) {
   const ending e = run({"--once", "--exec", prints_environment(), conf("publish a")},
-                       {"env", "DAC_INSTANCE=x", "DAC_TAG=x", "DAC_VALUE=x", "DAC_TIME=x", "DAC_TIMES=kept"})
+                       {"env", "DAC_INSTANCE=x", "DAC_TAG=x", "DAC_VALUE=x", "DAC_TIME=x", "DAC_TIMES=unchanged"})
                        .end();
   EXPECT_EQ(e.err, "");
   texts all = lines(did());
   expect_each_once(all);
-  EXPECT_EQ(std::count(all.begin(), all.end(), "DAC_TIMES=kept"), 1);
+  EXPECT_EQ(std::count(all.begin(), all.end(), "DAC_TIMES=unchanged"), 1);
   for (const char* line : {"DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a"})
     EXPECT_EQ(std::count(all.begin(), all.end(), line), 1) << line;
 }

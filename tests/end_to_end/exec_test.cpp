@@ -118,7 +118,7 @@ class exec : public testing::Test {
     waitpid(child, nullptr, __WALL);
     return can;
   }
-  static void let_go(pid_t killed) {
+  static void release(pid_t killed) {
     while (waitpid(killed, nullptr, __WALL) == killed) continue;
   }
   /// The line that reports an error of the program.
@@ -138,14 +138,14 @@ TEST_F(exec, gets_its_variables_in_addition_to_the_hosts_environment) {
   const ending e =
       run({"--once", "--exec", program("unset DAC_CHECK_ABORT; env | grep -E '^(DAC_|OTHER)' | LC_ALL=C sort >did"),
            publish("2001:db8::1,fd00::2")},
-          {"OTHER=kept", "DAC_VALUE=not this", "DAC_VALUE_TOO=kept"});
+          {"OTHER=unchanged", "DAC_VALUE=not this", "DAC_VALUE_TOO=unchanged"});
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
   const size_t value = e.out.find("\tgw\tvalue\t");
   const std::string time = e.out.substr(e.out.rfind('\n', value) + 1, std::strlen("2026-01-31T12:34:56.789Z"));
   EXPECT_EQ(lines(did()),
             (texts{"DAC_INSTANCE=gw", "DAC_PREVIOUS=", "DAC_REASON=first", "DAC_TAG=gw", "DAC_TIME=" + time,
-                   "DAC_VALUE=2001:db8::1,fd00::2", "DAC_VALUE_TOO=kept", "OTHER=kept"}));
+                   "DAC_VALUE=2001:db8::1,fd00::2", "DAC_VALUE_TOO=unchanged", "OTHER=unchanged"}));
 }
 
 TEST_F(exec, gets_the_whole_name_though_a_record_holds_only_its_beginning) {
@@ -325,7 +325,7 @@ TEST_F(exec, that_survives_SIGKILL_is_reported_and_left_to_the_system) {
   const ending e = p.end();
   EXPECT_EQ(e.status, 1);
   EXPECT_TRUE(e.err.ends_with(hook_message("still runs after SIGKILL; no retry"))) << e.err;
-  let_go(held);
+  release(held);
 }
 
 TEST_F(exec, that_survived_SIGKILL_is_tried_again_after_its_end) {
@@ -334,7 +334,7 @@ TEST_F(exec, that_survived_SIGKILL_is_tried_again_after_its_end) {
   const pid_t held = hold();
   p.await_err(hook_message("still runs after SIGKILL; no other program is started for this instance"));
   program("echo again >did");
-  let_go(held);
+  release(held);
   await_did("again");
   terminate(p);
 }
@@ -456,7 +456,7 @@ TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
 // ---------------------------------------------------------------- which addresses
 
 TEST_F(exec, gets_the_published_value_if_all_addresses_are_picked) {
-  const std::string whole = "2001:db8::1," + std::string(987, 'a');  // fills the record: the last one may go on
+  const std::string whole = "2001:db8::1," + std::string(987, 'a');  // fills the record: the last one may be cut
   const struct row {
     const char* label;
     std::string published;
@@ -476,7 +476,7 @@ TEST_F(exec, gets_the_published_value_if_all_addresses_are_picked) {
 }
 
 TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_addresses) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
     ASSERT_TRUE(ip("addr add 2001:db8::2/64 dev lo nodad preferred_lft 0"));
     ASSERT_TRUE(ip("addr add fd00::3/64 dev lo nodad"));
@@ -501,11 +501,11 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
 
 // A list that changed while it was read may lack an address that is there all the time.
 TEST_F(exec, reads_an_address_list_that_changed_again_up_to_five_times) {
-  in_a_network_of_its_own([this] {
+  in_new_network([this] {
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
     const struct row {
       const char* torn;
-      std::string kept;
+      std::string left;
       std::string err;
     } rows[] = {{"4", "2001:db8::1\n", ""},
                 {"5", "", "dachost: addresses: netlink: Resource temporarily unavailable; no retry\n"}};
@@ -522,7 +522,7 @@ TEST_F(exec, reads_an_address_list_that_changed_again_up_to_five_times) {
       const ending e = run(args, preloaded(TORN_LIST, {std::string("TORN_LISTS=") + r.torn}));
       EXPECT_EQ(e.err, r.err);
       EXPECT_EQ(e.status, r.err.empty() ? 0 : 1);
-      EXPECT_EQ(did(), r.kept);
+      EXPECT_EQ(did(), r.left);
       std::filesystem::remove(dir.path("did"));
     }
   });

@@ -19,7 +19,7 @@ import time
 
 INSTANCES = 256
 PHASES = 4
-STRAY_KB = 8192  # what the C library keeps of heaps and stacks that come and go
+STRAY_KB = 8192  # heaps and stacks that the C library caches
 
 # One program in ten fails, one in a hundred hangs. Only words of the shell: it starts no program.
 HOOK = """#!/bin/sh
@@ -143,7 +143,7 @@ def is_settled(host, directory):
 
 
 def settle(host, directory, limit):
-    """Waits until the newest values are handed over: the longest pause before a retry is a minute."""
+    """Waits until the newest values are handled: the longest pause before a retry is a minute."""
     end = time.monotonic() + limit
     while time.monotonic() < end and host.process.poll() is None:
         before = host.events
@@ -173,15 +173,15 @@ def count(host, directory):
     for name, values in host.published.items():
         runs, errors = records(directory, name)
         wrong += errors
-        handed_over = {(t, v) for t, v, outcome in runs if outcome == "done"}
+        handled = {(t, v) for t, v, outcome in runs if outcome == "done"}
         started = {(t, v) for t, v, _ in runs}
         totals["published"] += len(values)
         totals["programs"] += len(runs)
         for _, _, outcome in runs:
             totals[outcome] += 1
-        totals["handed over"] += sum(v in handed_over for v in values)
-        totals["replaced"] += sum(v not in handed_over for v in values[:-1])
-        totals["lost"] += values[-1] not in handed_over
+        totals["handled"] += sum(v in handled for v in values)
+        totals["replaced"] += sum(v not in handled for v in values[:-1])
+        totals["lost"] += values[-1] not in handled
         totals["not published"] += len(started - set(values))
         order = [values.index(v) for v in (run[:2] for run in runs) if v in values]
         totals["out of order"] += order != sorted(order)

@@ -264,7 +264,7 @@ TEST_F(nsupdate_aaaa, a_failed_prerequisite_is_reported_as_a_CNAME) {
 // ---------------------------------------------------------------- from end to end
 
 TEST(name_record, follows_the_addresses_and_disappears_with_the_last_public_one) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     name_server dns;
     dns.start();
     host h(dns, dns.key());
@@ -292,7 +292,7 @@ TEST(name_record, follows_the_addresses_and_disappears_with_the_last_public_one)
 }
 
 TEST(name_record, is_updated_after_an_outage_of_the_name_server) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     name_server dns;
     dns.start();
     ASSERT_TRUE(add("2001:db8::10"));
@@ -312,7 +312,7 @@ TEST(name_record, is_updated_after_an_outage_of_the_name_server) {
 }
 
 TEST(name_record, does_not_change_when_the_key_is_wrong) {
-  in_a_network_of_its_own([] {
+  in_new_network([] {
     name_server dns;
     dns.start();
     ASSERT_TRUE(add("2001:db8::10"));

@@ -156,7 +156,7 @@ TEST_F(processor_time, is_not_used_while_the_only_table_waits_for_a_value) {
 
 // ---------------------------------------------------------------- rates
 
-TEST_F(processor_time, tables_follow_once_a_second_however_often_values_are_published) {
+TEST_F(processor_time, tables_follow_once_a_second_even_if_values_are_published_more_often) {
   const remote_control gw(dir.path("fifo"));
   const auto begin = std::chrono::steady_clock::now();
   process p = top({conf(gw.order() + "publish a")});
@@ -171,7 +171,7 @@ TEST_F(processor_time, tables_follow_once_a_second_however_often_values_are_publ
   EXPECT_LE(count(e.out, "dachost top"), static_cast<size_t>(seconds.count()) + 2) << e.out;
 }
 
-TEST_F(processor_time, retries_keep_their_pauses) {
+TEST_F(processor_time, retries_observe_their_pauses) {
   process p = run({"--exec", program("date +%s%N >>did; exit 1"), conf("publish a")});
   p.await_err("retry in about 4 s\n");
   const texts starts = lines(did());

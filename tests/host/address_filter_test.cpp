@@ -239,7 +239,7 @@ TEST_F(kernel_list, has_text_bytes_interface_scope_and_flags_of_each_address) {
   EXPECT_EQ(all[1].flags, unsigned{IFA_F_MANAGETEMPADDR | IFA_F_DEPRECATED});
 }
 
-TEST_F(kernel_list, keeps_the_kernels_order_and_repetitions) {
+TEST_F(kernel_list, preserves_the_kernels_order_and_repetitions) {
   EXPECT_EQ(texts_in({entry(address("2001:db8::9")) + entry(address("2001:db8::1")),
                       entry(address("2001:db8::9"), {0, RT_SCOPE_UNIVERSE, 2}) + done()}),
             (texts{"2001:db8::9", "2001:db8::1", "2001:db8::9"}));

@@ -341,7 +341,7 @@ TEST_F(hooks, a_program_that_is_late_gets_SIGTERM_and_then_SIGKILL) {
   EXPECT_EQ(reported(), "gw: hook: stopped after 1.5 s; retry in about 1 s\n");
 }
 
-TEST_F(hooks, a_late_program_fails_whatever_its_status) {
+TEST_F(hooks, a_late_program_fails_with_any_status) {
   options.timeout = 1s;
   make();
   submit("a");
@@ -350,7 +350,7 @@ TEST_F(hooks, a_late_program_fails_whatever_its_status) {
   EXPECT_EQ(reported(), "gw: hook: stopped after 1 s; retry in about 1 s\n");
 }
 
-TEST_F(hooks, a_program_that_survives_SIGKILL_is_reported_once_and_keeps_its_place) {
+TEST_F(hooks, a_program_that_survives_SIGKILL_is_reported_once_and_blocks_its_instance) {
   make();
   submit("a");
   loop.pass(32s - 1ns);
@@ -583,7 +583,7 @@ TEST_F(filtered_hooks, run_when_the_flags_of_an_address_change) {
   EXPECT_EQ(last("DAC_REASON"), "change");
 }
 
-TEST_F(filtered_hooks, keep_their_addresses_while_the_list_cannot_be_read) {
+TEST_F(filtered_hooks, hold_their_addresses_while_the_list_cannot_be_read) {
   make();
   addresses.fails = true;
   submit("x");
@@ -883,7 +883,7 @@ TEST_F(hooks, at_most_eight_programs_run_at_once_and_the_others_start_in_order) 
   EXPECT_FALSE(runner->is_idle());
 }
 
-TEST_F(hooks, a_failure_to_start_lets_the_next_program_start) {
+TEST_F(hooks, a_failure_to_start_does_not_prevent_the_next_program) {
   options.jobs = 1;
   make(3);
   programs.fails = true;
@@ -982,7 +982,7 @@ TEST_F(hooks, run_after_a_restart_with_other_addresses_or_another_name) {
   EXPECT_EQ(last("DAC_REASON"), "change");
 }
 
-TEST_F(hooks, keep_the_saved_addresses_during_the_hold_after_a_restart) {
+TEST_F(hooks, hold_the_saved_addresses_during_the_hold_after_a_restart) {
   records.saved["gw"] = {"a.example", "a", loop.wall};
   make();
   submit("null");

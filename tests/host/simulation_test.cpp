@@ -206,7 +206,7 @@ class world {
 
   size_t room = 0;  // for instances
   size_t creations = 0;
-  size_t readings = 1;        // of all files, as far as they are asked for
+  size_t readings = 1;        // of all files, as far as requested
   time_point work_started{};  // of the background work
   size_t chaos = 0;           // steps left until the world calms down
   bool may_hang = false;

@@ -10,11 +10,6 @@ ROOT = Path(__file__).resolve().parent.parent.parent
 LIST = ROOT / "tests" / "lint" / "words.txt"
 # What no one reads as prose: inputs of fuzzers, generated files and the list itself.
 SKIPPED = ["tests/fuzz/corpus/*", "tests/abi/*", "*.svg", "tests/lint/words.txt"]
-# Not rewritten yet.
-SKIPPED += ["host/hook/*", "host/command_line.cpp", "tests/support/network.h", "tests/host/address_filter_test.cpp",
-            "tests/host/hook_runner_test.cpp", "tests/host/simulation_test.cpp", "tests/end_to_end/dachost_test.cpp",
-            "tests/end_to_end/descriptors_test.cpp", "tests/end_to_end/exec_*", "tests/end_to_end/host_soak.py",
-            "tests/end_to_end/nsupdate_test.cpp", "tests/end_to_end/processor_time_test.cpp"]
 
 
 def rules():

@@ -7,4 +7,3 @@
 
 /// Runs `body` in a child process in a new network namespace. Its failed expectations are printed and fail this test.
 void in_new_network(const std::function<void()>& body);
-inline void in_a_network_of_its_own(const std::function<void()>& body) { in_new_network(body); }

@@ -48,7 +48,7 @@ hook_runner::hook_runner(const environment& e, const hook_options& o, size_t ins
 void hook_runner::submit(size_t i, const update& u) {
   if (_hooks.empty() || _is_closed) return;
   hook& h = _hooks[i];
-  if (!std::exchange(h.published, u)) load_record(h);
+  if (std::exchange(h.published, u).instance.empty()) load_record(h);
   const bool is_filtered = !_options.addresses.uses_published_value();
   read_addresses_at(_environment.loop.now() + (is_filtered ? nanoseconds(0) : reading_interval));
   if (!is_filtered) offer_published(h);
@@ -93,10 +93,10 @@ void hook_runner::read_addresses() {
   read_addresses_at(_environment.loop.now() + reading_interval);
   if (_options.addresses.uses_published_value()) {
     for (hook& h : _hooks)
-      if (h.published) offer_published(h);
+      if (!h.published.instance.empty()) offer_published(h);
   } else if (const std::optional<std::string> value = kernel_value()) {
     for (hook& h : _hooks)
-      if (h.published) offer(h, {h.published->tag, *value, _environment.loop.wall_time()});
+      if (!h.published.instance.empty()) offer(h, {h.published.tag, *value, _environment.loop.wall_time()});
   }
 }
 
@@ -115,7 +115,7 @@ std::optional<std::string> hook_runner::kernel_value() {
 }
 
 void hook_runner::offer_published(hook& h) {
-  offer(h, {h.published->tag, without_cut_address(h.published->value), h.published->time});
+  offer(h, {h.published.tag, without_cut_address(h.published.value), h.published.time});
 }
 
 // Until the hold ends, the addresses of the last hook remain valid.
@@ -161,7 +161,10 @@ void hook_runner::start_queued() {
     hook& h = *_queue.front();
     _queue.pop_front();
     h.at = stage::idle;
-    due(h) <= _environment.loop.now() ? start(h) : consider(h);
+    if (h.target && due(h) <= _environment.loop.now())
+      start(h, *h.target);
+    else
+      consider(h);
   }
 }
 
@@ -172,19 +175,19 @@ size_t hook_runner::jobs() const {
 
 // ---------------------------------------------------------------- a run
 
-void hook_runner::start(hook& h) {
+void hook_runner::start(hook& h, const hook_record& target) {
   const char* reason = reason_for(h);
   if (is_pending(h)) h.failures = 0;
-  h.tried = h.target;
-  const std::vector<std::string> settings = {"DAC_INSTANCE=" + h.published->instance,
-                                             "DAC_TAG=" + h.target->tag,
-                                             "DAC_VALUE=" + h.target->value,
-                                             "DAC_TIME=" + time_stamp(h.target->time),
+  h.tried = target;
+  const std::vector<std::string> settings = {"DAC_INSTANCE=" + h.published.instance,
+                                             "DAC_TAG=" + target.tag,
+                                             "DAC_VALUE=" + target.value,
+                                             "DAC_TIME=" + time_stamp(target.time),
                                              "DAC_PREVIOUS=" + (h.done ? h.done->value : ""),
                                              std::string("DAC_REASON=") + reason};
   if (_options.dry_run) {
     _printer.print(
-        {_environment.loop.wall_time(), h.published->instance, "exec", {{"program", _options.program}}, settings});
+        {_environment.loop.wall_time(), h.published.instance, "exec", {{"program", _options.program}}, settings});
     return finish(h, "");
   }
   try {
@@ -227,8 +230,8 @@ void hook_runner::finish(hook& h, const std::string& failures) {
 }
 
 void hook_runner::succeed(hook& h) {
-  h.done = std::exchange(h.tried, std::nullopt);
-  h.done->time = _environment.loop.wall_time();
+  if (h.tried) h.done = {h.tried->tag, h.tried->value, _environment.loop.wall_time()};
+  h.tried = std::nullopt;
   h.failures = 0;
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
@@ -249,7 +252,7 @@ std::string hook_runner::schedule_retry(hook& h) {
 }
 
 void hook_runner::report(const hook& h, severity level, const char* result, const std::string& what) {
-  ::report(_err, h.published->instance + ": " + what, level);
+  ::report(_err, h.published.instance + ": " + what, level);
   notify(h, level, result, what);
 }
 
@@ -262,7 +265,7 @@ void hook_runner::notify(const hook& h, severity level, const char* result, cons
 // A clock that has been set back makes the record one of the future; it then counts as new.
 void hook_runner::load_record(hook& h) {
   try {
-    h.done = _environment.records.load(h.published->instance);
+    h.done = _environment.records.load(h.published.instance);
   } catch (const std::runtime_error& e) {
     ::report(_err, std::string(e.what()) + "; ignored", severity::warning);
   }
@@ -278,7 +281,7 @@ void hook_runner::save_records() {
   try {
     for (; !_unsaved.empty(); _unsaved.erase(_unsaved.begin())) {
       const hook& h = **_unsaved.begin();
-      _environment.records.save(h.published->instance, *h.done);
+      if (h.done) _environment.records.save(h.published.instance, *h.done);
       _state_outage.end("the state is saved again");
     }
   } catch (const std::runtime_error& e) {

@@ -85,7 +85,7 @@ class hook_runner {
 
   struct hook {
     stage at = stage::idle;
-    std::optional<update> published;    // the newest
+    update published = {};              // the newest; without an instance: none yet
     std::optional<hook_record> target;  // what the next run gets
     std::optional<hook_record> done;    // what the last successful run got
     std::optional<hook_record> tried;   // what the latest run got, unless it succeeded
@@ -108,7 +108,7 @@ class hook_runner {
   void consider(hook& h);
   void start_queued();
   size_t jobs() const;
-  void start(hook& h);
+  void start(hook& h, const hook_record& target);
   const char* reason_for(const hook& h) const;
   void run_programs(hook& h, const std::vector<std::string>& settings);
   void finish(hook& h, const std::string& failures);

@@ -75,7 +75,7 @@ bool is_plain(unsigned char c) {
 
 uint64_t hash(const std::string& text) {  // FNV-1a
   uint64_t h = 0xcbf29ce484222325U;
-  for (const unsigned char c : text) h = (h ^ c) * 0x100000001b3U;
+  for (const char c : text) h = (h ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
   return h;
 }
 
@@ -84,8 +84,9 @@ std::string file_name(const std::string& instance) {
   constexpr size_t longest = 200;
   std::string name;
   char escape[24] = {};
-  for (const unsigned char c : instance) {
-    std::snprintf(escape, sizeof escape, is_plain(c) ? "%c" : "%%%02X", c);
+  for (const char c : instance) {
+    const auto byte = static_cast<unsigned char>(c);
+    std::snprintf(escape, sizeof escape, is_plain(byte) ? "%c" : "%%%02X", byte);
     name += escape;
   }
   if (name.size() <= longest) return name + ".state";
@@ -100,12 +101,12 @@ std::string state_directory::file_of(const std::string& instance) const { return
 std::optional<hook_record> state_directory::load(const std::string& instance) {
   if (_path.empty()) return std::nullopt;
   const std::string file = file_of(instance);
-  std::ifstream in(file);
+  const std::ifstream in(file);
   if (!in && errno == ENOENT) return std::nullopt;
   std::ostringstream text;
   text << in.rdbuf();
   if (!in) fail(file);
-  const std::optional<hook_record> r = parse(text.str());
+  std::optional<hook_record> r = parse(text.str());
   if (!r) throw std::runtime_error(file + ": damaged");
   return r;
 }

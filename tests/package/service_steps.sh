@@ -108,6 +108,7 @@ check 'an update by hand works' sh -e ./try
 check 'the record is there' has_record 2001:db8::10
 check 'the drop-in is installed' sh -ec 'cd /usr/share/doc/ip6dns/examples; . /live/install_drop_in'
 check 'the unit updates the record' eventually has_record 2001:db8::53
+check 'the status has the hook' eventually says ip6dns 'hook ok'
 check 'the journal has no warning' [ -z "$(journalctl -q -o cat -p warning _PID="$(pid ip6dns)")" ]
 check 'it has information' [ -n "$(journalctl -q -o cat -p info _PID="$(pid ip6dns)")" ]
 ip -6 addr add 2001:db8::20/64 dev lo nodad
@@ -115,9 +116,11 @@ check 'a new address becomes a record' eventually has_record 2001:db8::20
 systemctl stop named
 ip -6 addr del 2001:db8::20/64 dev lo
 check 'a failed hook is a warning' eventually logged ip6dns warning nsupdate-aaaa
+check 'the status has the failure' eventually says ip6dns 'hook failed'
 systemctl start named
 gone() { records >found && ! grep -Fx 2001:db8::20 found; }
 check 'the record follows after the outage' eventually gone
+check 'the status has the hook again' eventually says ip6dns 'hook ok'
 cp override.conf /etc/systemd/system/dachost@ip6dns.service.d
 for name in camera nas; do
   sed -i "s/grant gateway name gateway.example. AAAA;/& grant gateway name $name.example. AAAA;/" /etc/bind/named.conf.local

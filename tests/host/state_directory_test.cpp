@@ -107,7 +107,7 @@ TEST_F(state_files, have_safe_names) {
 }
 
 TEST_F(state_files, are_readable_by_their_owner_alone_under_every_umask) {
-  for (const mode_t mask : {0777, 0, 022}) {
+  for (const mode_t mask : {0777U, 0U, 022U}) {
     const mode_t before = umask(mask);
     save("gw", "a");
     umask(before);

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
@@ -53,12 +54,18 @@ int64_t seconds_of(const hook_record& r) {
   return std::chrono::floor<std::chrono::seconds>(r.time.time_since_epoch()).count();
 }
 
-std::optional<hook_record> parse(const std::string& text) {
+struct saved {
+  hook_record record;
+  std::string settings;
+};
+
+std::optional<saved> parse(const std::string& text) {
   std::istringstream lines(text);
   std::string first;
   std::string time;
   hook_record r;
-  for (std::string* line : {&first, &time, &r.tag, &r.value})
+  std::string settings;
+  for (std::string* line : {&first, &time, &r.tag, &r.value, &settings})
     if (!std::getline(lines, *line) || lines.eof()) return std::nullopt;  // the last line, too, has an end
   int64_t s = 0;
   const auto [last, failed] = std::from_chars(time.data(), time.data() + time.size(), s);
@@ -66,7 +73,7 @@ std::optional<hook_record> parse(const std::string& text) {
   if (s < 0 || s > latest || first != header || failed != std::errc() || last != time.data() + time.size())
     return std::nullopt;
   r.time = std::chrono::system_clock::time_point(std::chrono::seconds(s));
-  return lines.peek() == EOF && !r.value.empty() ? std::optional(r) : std::nullopt;
+  return lines.peek() == EOF && !r.value.empty() ? std::optional(saved{r, settings}) : std::nullopt;
 }
 
 bool is_plain(unsigned char c) {
@@ -96,6 +103,22 @@ std::string file_name(const std::string& instance) {
 
 }  // namespace
 
+std::string settings_of(const std::string& hook, const char* const* environment) {
+  // Of systemd and of shells.
+  const std::set<std::string> changing = {"INVOCATION_ID", "JOURNAL_STREAM",   "OLDPWD", "PWD",
+                                          "SHLVL",         "SYSTEMD_EXEC_PID", "_"};
+  std::set<std::string> all;
+  for (; *environment; ++environment) {
+    const std::string variable = *environment;
+    if (!changing.contains(variable.substr(0, variable.find('=')))) all.insert(variable);
+  }
+  std::string text = hook;
+  for (const std::string& variable : all) text += '\0' + variable;
+  char digits[24];
+  std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(hash(text)));
+  return digits;
+}
+
 std::string state_directory::file_of(const std::string& instance) const { return _path + '/' + file_name(instance); }
 
 std::optional<hook_record> state_directory::load(const std::string& instance) {
@@ -106,9 +129,9 @@ std::optional<hook_record> state_directory::load(const std::string& instance) {
   std::ostringstream text;
   text << in.rdbuf();
   if (!in) fail(file);
-  std::optional<hook_record> r = parse(text.str());
-  if (!r) throw std::runtime_error(file + ": damaged");
-  return r;
+  const std::optional<saved> s = parse(text.str());
+  if (!s) throw std::runtime_error(file + ": damaged");
+  return s->settings == _settings ? std::optional(s->record) : std::nullopt;
 }
 
 // After a power failure the file is either the old one or the new one.
@@ -120,7 +143,8 @@ void state_directory::save(const std::string& instance, const hook_record& r) {
   {
     const descriptor out(next, O_WRONLY | O_CREAT | O_EXCL);
     out.make_readable();
-    out.write(std::string(header) + '\n' + std::to_string(seconds_of(r)) + '\n' + r.tag + '\n' + r.value + '\n');
+    out.write(std::string(header) + '\n' + std::to_string(seconds_of(r)) + '\n' + r.tag + '\n' + r.value + '\n' +
+              _settings + '\n');
     out.sync();
   }
   if (rename(next.c_str(), file.c_str()) != 0) fail(file);

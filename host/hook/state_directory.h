@@ -24,10 +24,15 @@ class hook_store : public interface {
   virtual void save(const std::string& instance, const hook_record& r) = 0;
 };
 
-/// One file per instance, replaced atomically. With an empty path there are no records.
+/// Identifies a hook and the environment that it is started with, except what changes with each start.
+std::string settings_of(const std::string& hook, const char* const* environment);
+
+/// One file per instance, replaced atomically. With an empty path there are no records. A record that was saved with
+/// other settings is not loaded, so that a hook runs after its settings have changed.
 class state_directory : public hook_store {
  public:
-  explicit state_directory(std::string path) : _path(std::move(path)) {}
+  explicit state_directory(std::string path, std::string settings = "none")
+      : _path(std::move(path)), _settings(std::move(settings)) {}
   std::optional<hook_record> load(const std::string& instance) override;
   void save(const std::string& instance, const hook_record& r) override;
 
@@ -35,4 +40,5 @@ class state_directory : public hook_store {
   std::string file_of(const std::string& instance) const;
 
   const std::string _path;
+  const std::string _settings;
 };

@@ -1017,6 +1017,18 @@ TEST_F(hooks, run_at_once_after_a_long_time_off) {
   EXPECT_EQ(last("DAC_REASON"), "again");
 }
 
+TEST_F(hooks, wait_for_the_splay_before_a_run_that_is_due_at_the_start) {
+  options.splay = 100s;
+  random = 0.3;
+  records.saved["gw"] = {"a.example", "a", loop.wall - 100000h};
+  make();
+  submit("a");
+  loop.pass(30s - 1ns);
+  EXPECT_EQ(starts(), 0U);
+  loop.pass(1ns);
+  EXPECT_EQ(last("DAC_REASON"), "again");
+}
+
 TEST_F(hooks, ignore_a_damaged_record_and_report_it_once) {
   records.fails = "state/gw: damaged";
   make();

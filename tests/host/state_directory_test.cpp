@@ -60,7 +60,28 @@ TEST_F(state_files, store_a_record_for_each_instance) {
 
 TEST_F(state_files, have_a_documented_form) {
   save("gw", "2001:db8::1,2001:db8::2");
-  EXPECT_EQ(read_file(dir.path("gw.state")), "dachost state 1\n1700000000\na.example\n2001:db8::1,2001:db8::2\n");
+  EXPECT_EQ(read_file(dir.path("gw.state")), "dachost state 1\n1700000000\na.example\n2001:db8::1,2001:db8::2\nnone\n");
+}
+
+TEST_F(state_files, of_other_settings_are_not_loaded) {
+  save("gw", "a");
+  EXPECT_EQ(text_of(state_directory(dir.path(""), "0123").load("gw")), "none");
+  state_directory(dir.path(""), "0123").save("gw", {"a.example", "b", time_point(1s)});
+  EXPECT_EQ(text_of(state_directory(dir.path(""), "0123").load("gw")), "a.example b 1");
+  EXPECT_EQ(loaded(), "none");
+}
+
+TEST(settings, identify_the_hook_and_its_environment_but_not_a_start) {
+  const char* const before[] = {"A=1", "B=2", "INVOCATION_ID=1", "JOURNAL_STREAM=8:1", "SYSTEMD_EXEC_PID=7", nullptr};
+  const char* const restarted[] = {"B=2", "A=1",  "INVOCATION_ID=2", "JOURNAL_STREAM=8:2", "SYSTEMD_EXEC_PID=8",
+                                   "_=x", nullptr};
+  const char* const changed[] = {"A=1", "B=3", nullptr};
+  const char* const removed[] = {"A=1", nullptr};
+  const std::string s = settings_of("update", before);
+  EXPECT_EQ(settings_of("update", restarted), s);
+  EXPECT_NE(settings_of("other", before), s);
+  EXPECT_NE(settings_of("update", changed), s);
+  EXPECT_NE(settings_of("update", removed), s);
 }
 
 TEST_F(state_files, preserve_every_byte_of_a_name) {
@@ -86,7 +107,7 @@ TEST_F(state_files, have_safe_names) {
 }
 
 TEST_F(state_files, are_readable_by_their_owner_alone_under_every_umask) {
-  for (const mode_t mask : {0777, 0, 022}) {
+  for (const mode_t mask : {0777U, 0U, 022U}) {
     const mode_t before = umask(mask);
     save("gw", "a");
     umask(before);
@@ -104,11 +125,12 @@ TEST_F(state_files, that_are_damaged_are_an_error) {
     EXPECT_EQ(error_of(), dir.path("") + "/gw.state: damaged") << n;
   }
   for (const std::string& text :
-       {std::string("dachost state 2\n1\na\nb\n"), std::string("dachost state 1\nx\na\nb\n"),
-        std::string("dachost state 1\n1x\na\nb\n"), std::string("dachost state 1\n\na\nb\n"),
-        std::string("dachost state 1\n-1\na\nb\n"), std::string("dachost state 1\n9000000001\na\nb\n"),
-        std::string("dachost state 1\n99999999999999999999\na\nb\n"), std::string("dachost state 1\n1\na\n\n"),
-        good + '\n', good + 'x', std::string(4096, '\0'), std::string(4096, '\n')}) {
+       {std::string("dachost state 2\n1\na\nb\nnone\n"), std::string("dachost state 1\nx\na\nb\nnone\n"),
+        std::string("dachost state 1\n1x\na\nb\nnone\n"), std::string("dachost state 1\n\na\nb\nnone\n"),
+        std::string("dachost state 1\n-1\na\nb\nnone\n"), std::string("dachost state 1\n9000000001\na\nb\nnone\n"),
+        std::string("dachost state 1\n99999999999999999999\na\nb\nnone\n"),
+        std::string("dachost state 1\n1\na\n\nnone\n"), good + '\n', good + 'x', std::string(4096, '\0'),
+        std::string(4096, '\n')}) {
     dir.file(text, "gw.state");
     EXPECT_EQ(error_of(), dir.path("") + "/gw.state: damaged") << text;
   }

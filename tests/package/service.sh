@@ -28,4 +28,6 @@ block 'The server: BIND' 2 >"$scratch/named.conf.local"
 commands 'The server: BIND' 3 >"$scratch/load"
 commands 'The gateway' 1 >"$scratch/try"
 commands 'The gateway' 2 >"$scratch/install_drop_in"
+block 'Other hosts in the prefix' 2 >"$scratch/override.conf"
+commands 'Other hosts in the prefix' 3 >"$scratch/install_hosts"
 "$here/../support/boot.sh" "$cache" "$package" "$scratch" service_steps.sh

@@ -13,7 +13,7 @@ steps=$4
 depends=$(dpkg-deb -f "$package" Depends)
 depends=$(echo "$depends" | sed 's/([^)]*)//g; s/,/ /g')
 # shellcheck disable=SC2086 # one word per package
-tree=$("$here/debian_tree.sh" "$cache" bind9 bind9-dnsutils iproute2 $depends) || {
+tree=$("$here/debian_tree.sh" "$cache" bind9 bind9-dnsutils iproute2 python3-dnspython $depends) || {
   status=$?
   echo "$tree"
   exit "$status"

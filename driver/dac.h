@@ -7,7 +7,7 @@
  *
  * Tags after each function:
  *   [any thread]        may be called from every thread, at the same time as any other function
- *   [instance stopped]  no worker runs on the instance, and no other call on it is in flight
+ *   [instance stopped]  no worker runs on the instance, and no other call on it is in progress
  *   [worker thread]     called on the instance's worker thread. Return soon, because dac_stop waits for the callback.
  *                       Do not call dac_stop or dac_destroy for this instance.
  *
@@ -18,7 +18,7 @@
  * Loading the library sets, for the whole process, mallopt(M_ARENA_MAX, 1), mallopt(M_MMAP_THRESHOLD, 1048576) and
  * mallopt(M_TRIM_THRESHOLD, 1048576). It also exports its own table of instances, g_dachandls: do not use it.
  *
- * The plug-in does not check how it is used. libdac-check.so, loaded instead of it, does: see dac(3).
+ * The plug-in does not check how a host uses it. To check a host, load libdac-check.so instead: see dac(3).
  */
 #ifndef IP6DNS_DAC_H
 #define IP6DNS_DAC_H
@@ -35,10 +35,10 @@
 enum {
   DAC_NAME_SIZE = 80,    /* tag name in a record, terminator included */
   DAC_VALUE_SIZE = 1000, /* value in a record, terminator included */
-  DAC_TYPE_TEXT = 6,     /* the one tag's type */
+  DAC_TYPE_TEXT = 6,     /* type of the tag */
   DAC_WRITE_REFUSED = 4, /* result of the device writes: there is no device */
-  DAC_LEVEL_OTHER = 0,   /* level codes of log messages: progress, */
-  DAC_LEVEL_FAILURE = 2  /* failure */
+  DAC_LEVEL_OTHER = 0,   /* level of a log message that reports progress */
+  DAC_LEVEL_FAILURE = 2  /* level of a log message that reports a failure */
 };
 
 #ifdef __cplusplus
@@ -61,7 +61,7 @@ typedef struct dac_tagvalue {
 #ifdef __cplusplus
 #define DAC_ASSERT(condition) static_assert(condition, "the host reads fixed offsets")
 #else
-#define DAC_ASSERT(condition) _Static_assert(condition, "the host reads fixed places")
+#define DAC_ASSERT(condition) _Static_assert(condition, "the host reads fixed offsets")
 #endif
 DAC_ASSERT(offsetof(dac_tagvalue, time) == 80);
 DAC_ASSERT(offsetof(dac_tagvalue, type) == 96);
@@ -70,26 +70,27 @@ DAC_ASSERT(offsetof(dac_tagvalue, value) == 104);
 DAC_ASSERT(sizeof(dac_tagvalue) == 1104);
 #undef DAC_ASSERT
 
-/* Gets a log message. `hostlevel` is one of DAC_LEVEL_*, `flag` is 1. Texts are valid during the call. [any thread] */
+/* Receives a log message. `hostlevel` is one of DAC_LEVEL_*, and `flag` is 1. Strings are valid only during the call.
+ * [any thread] */
 typedef void (*cblog)(const char* name, int hostlevel, const char* text, int flag, void* param);
 
-/* Gets `count` records (always 1), valid during the call. Values include unique-local (fd00::...), temporary and
- * deprecated addresses: the interface list does not distinguish them. [worker thread] */
+/* Receives `count` records (always 1), valid only during the call. Values include unique-local (fd00::...), temporary
+ * and deprecated addresses: the interface list does not distinguish them. [worker thread] */
 typedef void (*cbdata)(const dac_tagvalue* records, int count, void* param);
 
 /* Never called. */
 typedef void (*cbaux)(void* param);
 
-/* Gets a tag. `type` is DAC_TYPE_TEXT, `flag` is 1. In the extended form, `text1` is "" and `text2` describes the tag.
- */
+/* Receives a tag. `type` is DAC_TYPE_TEXT, and `flag` is 1. In the extended form, `text1` is "" and `text2` describes
+ * the tag. */
 typedef void (*cbtag)(const char* name, int type, int flag, void* param);
 typedef void (*cbtagex)(const char* name, int type, int flag, const char* text1, const char* text2, void* param);
 
 /* Creates a stopped instance from `cfgfile`. Returns its handle, 0 to 2048, or -1. `name`, `cfgfile` and `aux1` are
  * required; `log` and `data` may be null. Callbacks and parameters must outlive the instance.
- * After -1, `log` has got one message about the file. If memory ran out, the message is that of a file that cannot be
- * opened or that has no host name. `log` gets no message if an argument is missing, 1024 instances exist, or the C++
- * heap has no memory. [any thread] */
+ * Before it returns -1, it sends `log` one message about the file. If memory ran out, the message reports a file that
+ * cannot be opened or that has no host name. It sends no message if an argument is missing, 1024 instances exist, or
+ * the C++ heap has no memory. [any thread] */
 DAC_EXPORT int dac_create(const char* name, const char* cfgfile, cblog log, void* logparam, cbaux aux1, void* aux1param,
                           cbdata data, void* dataparam, cbaux aux2, void* aux2param);
 
@@ -100,15 +101,15 @@ DAC_EXPORT void dac_destroy(int handle);
  * [any thread] [instance stopped] */
 DAC_EXPORT int dac_start(int handle);
 
-/* Stops the worker, waits for its end (about 0.1 s plus the time of a running data callback) and returns 0. Returns 0
- * at once if no worker runs. [any thread], but only one call at a time per instance */
+/* Stops the worker, waits until it has ended (about 0.1 s plus the time of a running data callback) and returns 0.
+ * Returns 0 immediately if no worker runs. [any thread], but only one call at a time per instance */
 DAC_EXPORT int dac_stop(int handle);
 
-/* Returns 1 while the worker runs, otherwise 0; 0 for an unknown handle. [any thread] */
+/* Returns 1 while the worker runs, otherwise 0, also for an unknown handle. [any thread] */
 DAC_EXPORT int dac_isrun(int handle);
 
-/* Returns DAC_WRITE_REFUSED: there is no device. Does not read further arguments. One function with two names.
- * [any thread] */
+/* Returns DAC_WRITE_REFUSED: there is no device. Does not read further arguments. Both names are the same
+ * function. [any thread] */
 DAC_EXPORT int dac_devicewriteobj(int handle, ...);
 DAC_EXPORT int dac_devicewriteval(int handle, ...);
 
@@ -121,9 +122,8 @@ DAC_EXPORT int dac_getalltags(int handle, cbtag callback, void* param);
 DAC_EXPORT int dac_getalltagsex(int handle, cbtagex callback, void* param);
 
 /* Writes {"status":"running","host":"..."} into `buf` and returns 0. The status is "stop" if no worker runs. Writes an
- * empty text if the text has more than `*size` characters. Sets `*size` to the text's length MINUS ONE. The check
- * ignores the terminator, so pass at least two bytes more than that: one for the length, one for the terminator. [any
- * thread] */
+ * empty string if the text has more than `*size` characters. Sets `*size` to the text's length MINUS ONE. The check
+ * does not count the terminator, so pass at least two bytes more than the stored `*size`. [any thread] */
 DAC_EXPORT int dac_getinfo(int handle, char* buf, size_t* size);
 
 /* Points to DAC_VERSION_TEXT. Read-only. */

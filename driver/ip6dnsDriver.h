@@ -10,11 +10,11 @@
 #include "driver/dac.h"
 #include "driver/logDac.h"
 
-/// Constructed stopped. Takes no locks: where dac.h requires it, the host does not call at the same time.
+/// Constructed stopped. Takes no locks: the host follows the rules of dac.h about concurrent calls.
 class ip6dnsDriver {
  public:
   ip6dnsDriver() = default;
-  // compat: does not stop the worker: destroying a running instance is a caller error.
+  // compat: does not stop the worker. Destroying a running instance is a caller error.
   ~ip6dnsDriver() = default;
   ip6dnsDriver(const ip6dnsDriver&) = delete;
   ip6dnsDriver& operator=(const ip6dnsDriver&) = delete;
@@ -27,10 +27,10 @@ class ip6dnsDriver {
   /// Reads "hostname" from the file into _hostname. False if the file cannot be opened.
   bool loadConfig(const char* path);
 
-  /// Starts a worker without checking if one runs. Throws std::system_error if the system refuses a thread, and
+  /// Starts a worker without checking whether one runs. Throws std::system_error if the system refuses a thread, and
   /// std::bad_alloc if there is no memory.
   void Start();
-  /// Stops the worker and waits for its end. Does nothing without a worker.
+  /// Stops the worker and waits until it has ended. Does nothing without a worker.
   void Stop();
   bool IsRun() const { return _running != 0; }
 
@@ -41,25 +41,25 @@ class ip6dnsDriver {
   void GetInfo(char* buf, size_t* size) const;
 
  private:
-  logDac _log;                                // all messages of the instance
+  logDac _log;                                // delivers all messages of the instance
   ym::string_<> _hostname;                    // "hostname" of the configuration: the tag's name
   ym::string_<> _name;                        // the instance's name
   ym::string_<> _cfgfile;                     // path of the configuration
-  cblog _cblog = nullptr;                     // the same that _log holds
-  void* _cblogparam = nullptr;                // the same that _log holds
+  cblog _cblog = nullptr;                     // the callback that _log uses
+  void* _cblogparam = nullptr;                // the parameter that _log uses
   cbaux _cbaux1 = nullptr;                    // required, never called
   void* _cbaux1param = nullptr;               // never read
   cbdata _cbdata = nullptr;                   // receives the records; may be null
-  void* _cbdataparam = nullptr;               // its last argument
+  void* _cbdataparam = nullptr;               // last argument of _cbdata
   cbaux _cbaux2 = nullptr;                    // never called
   void* _cbaux2param = nullptr;               // never read
   [[maybe_unused]] char _reserved[260] = {};  // never used
   int64_t _lastcheck = 0;                     // time() of the last poll
-  ym::string_<> _lastip6;                     // text of the last poll that changed or republished it
+  ym::string_<> _lastip6;                     // text of the last poll that was due for publication
   ym::string_<> _ip6;                         // text of the current poll
   dac_tagvalue _tag = {};                     // the record; its time is that of the last publication
-  // compat: plain integers, shared by worker and host threads without lock or atomics. Each is written whole, and the
-  // worker reads _stop again after the sleep of every round.
+  // compat: plain integers, shared by worker and host threads without lock or atomics. Each is one aligned word, and
+  // the worker reads _stop again after the sleep of every round.
   int32_t _stop = 0;               // 1 asks the worker to end
   int32_t _running = 0;            // 1 while the worker runs; written by the worker only
   std::thread* _thread = nullptr;  // from Start to Stop

@@ -15,7 +15,7 @@ class logDac : public ym::ilog {
   logDac(const logDac&) = delete;
   logDac& operator=(const logDac&) = delete;
 
-  // Loggers on the heap use the pools. Returns null, and constructs nothing, when there is no memory.
+  // Loggers on the heap use the pools. If there is no memory, `new` returns null and constructs nothing.
   static void* operator new(size_t n) noexcept;
   static void operator delete(void* p) noexcept;
 
@@ -27,8 +27,8 @@ class logDac : public ym::ilog {
   [[gnu::format(printf, 3, 4)]] int append(int level, const char* fmt, ...) override;
 
   /// Delivers "[tag]message", or the message alone if `tag` is null or empty. Cuts the prefix "[tag]" to 80 characters.
-  /// Returns the characters delivered; 0 if `level` is above the threshold; -1 without a callback, if formatting fails,
-  /// and if the message without its prefix is empty or has 30720 characters or more.
+  /// Returns the number of characters delivered, or 0 if `level` is above the threshold. Returns -1 if there is no
+  /// callback, if formatting fails, or if the message without its prefix is empty or has 30720 characters or more.
   [[gnu::format(printf, 4, 0)]] int push(int level, const char* tag, const char* fmt, va_list args) override;
   int getlevel() override;
   void setlevel(int level) override;

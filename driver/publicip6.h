@@ -3,8 +3,8 @@
 
 #include "com/ymlib3/ym_string"
 
-/// True if the 16 bytes of an address, in network order, are published: all addresses except loopback, multicast,
-/// link-local, site-local, IPv4-mapped and IPv4-compatible ones.
+/// True if the address (16 bytes in network order) is public. Every address is, except loopback, multicast, link-local,
+/// site-local, IPv4-mapped and IPv4-compatible ones.
 // compat: the unspecified address, unique-local, temporary and deprecated addresses are published.
 bool is_public_ip6(const unsigned char* a) noexcept;
 

@@ -17,7 +17,7 @@ struct options {
   std::string plugin;  // empty: find_plugin()
   std::vector<std::string> files;
   bool json = false;
-  std::set<std::string> events;  // to print; empty: those of the format
+  std::set<std::string> events;  // to print; empty: the default of the format
   bool once = false;
   std::string status;                            // file that shows the state; empty: none
   std::optional<std::chrono::nanoseconds> time;  // how long to run

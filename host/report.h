@@ -1,16 +1,16 @@
-// The one place that writes "dachost: ...".
+// Reports errors. Only this code writes "dachost: ...".
 #pragma once
 
 #include <string>
 
 #include "host/loop/output.h"
 
-/// As the journal has them.
+/// The journal's numbers.
 enum class severity { error = 3, warning = 4, info = 6 };
 
 /// The printable line that reports an error.
 std::string report_line(const std::string& what);
-/// Writes that line; to the journal, with its level. Lines on standard error carry no time.
+/// Writes that line, with its level if `err` is the journal. Lines on standard error contain no time.
 void report(output& err, const std::string& what, severity s = severity::error);
 
 /// Reports the first of several failures in a row, and their end.

@@ -1,5 +1,5 @@
-// The sub-commands. Each returns the exit status: 0, 1 when it failed, or of run and top EX_CONFIG (78) when they have
-// started nothing because a file was refused.
+// The sub-commands. Each returns the exit status: 0 on success, 1 on failure. run and top return EX_CONFIG (78) if they
+// have started nothing because a file was refused.
 #pragma once
 
 #include <string>

@@ -12,7 +12,7 @@
 /// Reports changes at most once a second. Pings the watchdog only while every instance publishes.
 class run_status {
  public:
-  /// Without a path, writes no file.
+  /// Writes no file if the path is empty.
   run_status(event_loop& l, service_manager& m, const std::vector<std::string>& instances, const std::string& path,
              output& err);
 
@@ -44,7 +44,7 @@ class run_status {
   std::vector<instance_status> _instances;
   std::vector<steady_clock::time_point> _alive;          // when each instance published last, or was created
   std::vector<steady_clock::time_point> _failing_since;  // by instance, while its hook fails
-  std::string _unsent;                                   // the service's newest state, until the manager has got it
+  std::string _unsent;                                   // the newest state that the manager has not received yet
   steady_clock::time_point _next_update;                 // not before
   event_loop::handle _update, _tick;
   status_file _file;

@@ -11,11 +11,11 @@
 /// loop. Reports the first of several failures in a row, and their end.
 class status_file {
  public:
-  /// `text` returns what the file is to contain. Without a path, does nothing.
+  /// `text` returns the new contents of the file. If the path is empty, no file is written.
   status_file(event_loop& l, std::string path, output& err, std::function<std::string()> text)
       : _loop(l), _path(std::move(path)), _err(err), _text(std::move(text)) {}
 
-  /// The text has changed.
+  /// Call this when the text has changed.
   void update();
   /// Waits until the newest text is written. Stop signals end the wait by ending the process after two seconds.
   void finish();

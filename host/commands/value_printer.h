@@ -25,7 +25,7 @@ class value_printer {
 
   struct shown {
     value what;
-    std::optional<texts> picked;  // none: the list has not been readable
+    std::optional<texts> picked;  // none: the list could not be read
   };
 
   void read(wall_clock::time_point since);

@@ -1,4 +1,4 @@
-// How a run is printed: as tab-separated lines or as JSON.
+// Prints the events of a run, as tab-separated lines or as JSON.
 #pragma once
 
 #include <cstddef>
@@ -22,7 +22,7 @@ struct printed_address {
 };
 
 struct printed_line {
-  /// A null pointer is something unknown.
+  /// A null pointer means that the value is unknown.
   using field_value =
       std::variant<int, bool, std::string, std::vector<std::string>, std::vector<printed_address>, std::nullptr_t>;
   struct field {
@@ -39,7 +39,7 @@ struct printed_line {
 };
 
 inline const std::set<std::string> event_names = {"version", "tag", "message", "value", "exec", "hook", "refused"};
-/// Those that are printed unless others are selected. As text, standard error has the rest.
+/// The events that text output contains by default. The others are reported on standard error.
 inline const std::set<std::string> text_events = {"version", "tag", "message", "value", "exec"};
 
 class printer : public interface {

@@ -1,4 +1,4 @@
-// Instances as lines of a table.
+// Formats instances as lines of a table.
 #pragma once
 
 #include <chrono>

@@ -1,4 +1,4 @@
-// The screen of a terminal: a table that scrolls, with lines below it for notes.
+// The screen of a terminal: a table that scrolls, and notes below it.
 #pragma once
 
 #include <termios.h>
@@ -13,8 +13,8 @@
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 
-/// Takes the terminal on standard input and output when it is first shown, and restores it when destroyed. Writes
-/// through `out` only, so that a stopped terminal never blocks the host.
+/// Takes control of the terminal on standard input and output at the first show(), and restores it when destroyed.
+/// Writes through `out` only, so that a stopped terminal never blocks the host.
 class terminal {
  public:
   /// Calls `redraw` when the screen must be drawn again. Throws std::runtime_error with the reason if the terminal
@@ -24,11 +24,11 @@ class terminal {
   terminal(const terminal&) = delete;
   terminal& operator=(const terminal&) = delete;
 
-  /// Shows the rows below the head line. Does nothing while the terminal still takes an earlier screen.
+  /// Shows the rows below the head line. Does nothing while an earlier screen is still being written.
   void show(const std::string& head, const std::vector<row>& rows);
   /// Shows a line about an error of file i until a key is pressed. Each file has at most one.
   void note(size_t i, const std::string& line);
-  /// The user has pressed q.
+  /// True after the user has pressed q.
   bool is_closed() const { return _is_closed; }
 
  private:
@@ -51,13 +51,13 @@ class terminal {
   event_loop& _loop;
   output& _out;
   std::function<void()> _redraw;
-  termios _settings{};  // before
+  termios _settings{};  // to restore
   bool _is_taken = false;
   size_t _height = 24;
   size_t _width = 80;
   std::vector<std::string> _shown;  // the lines on the screen; empty: unknown
   size_t _rows = 0;
-  size_t _first = 0;                                   // row on the screen
+  size_t _first = 0;                                   // first row on the screen
   std::vector<std::pair<size_t, std::string>> _notes;  // file and line, newest last
   std::string _input;                                  // the beginning of a key
   bool _is_closed = false;

@@ -1,4 +1,4 @@
-// Texts as they are printed.
+// Formats text for output.
 #pragma once
 
 #include <chrono>
@@ -9,7 +9,7 @@
 /// The text with every control character written as \xNN, so that it is one line and cannot change a terminal.
 std::string printable(std::string_view text);
 
-/// A JSON document of one line with every control character written as an escape. Only its strings may contain any.
+/// A JSON document of one line with every control character escaped. Only strings in `document` may contain any.
 std::string printable_json(std::string_view document);
 
 /// The fields in printable form, separated by tabs.

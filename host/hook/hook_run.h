@@ -8,11 +8,11 @@
 #include "host/hook/process.h"
 #include "host/loop/event_loop.h"
 
-/// The hook itself, or for a directory (whose path has a slash) the programs in it that run-parts(8) would run, in its
-/// order. Throws std::runtime_error for a directory that cannot be read or has no program.
+/// Returns the hook itself or, for a directory (whose path has a slash), the programs that run-parts(8) would run, in
+/// the same order. Throws std::runtime_error for a directory that cannot be read or has no program.
 std::vector<std::string> programs_of(const std::string& hook);
 
-/// Starts the programs one after the other, also after one has failed, as run-parts(8) does. One that runs longer than
+/// Starts the programs one after the other, even if one fails, as run-parts(8) does. A program that runs longer than
 /// the timeout gets SIGTERM and, a second later, SIGKILL.
 class hook_run {
  public:
@@ -29,7 +29,7 @@ class hook_run {
 
   /// Starts the first program. Calls no callback before it returns.
   void start();
-  /// Starts no further program. The running one has two seconds, then it is stopped; one that is stuck is abandoned.
+  /// Starts no further program. A running program has two seconds to end, then it is stopped. Abandons a stuck program.
   void close();
 
   bool is_stuck() const { return _at == stage::stuck; }
@@ -55,7 +55,7 @@ class hook_run {
   const std::vector<std::string> _programs;
   const std::vector<std::string> _settings;
   callbacks _callbacks;
-  size_t _current = 0;  // of the programs: the one that runs or is started
+  size_t _current = 0;  // index of the program that runs or is started next
   std::string _failures;
   stage _at = stage::starting;
   bool _is_closed = false;

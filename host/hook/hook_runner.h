@@ -25,7 +25,7 @@ struct hook_options {
   address_filter addresses = {};
   std::chrono::nanoseconds hold = std::chrono::minutes(5);   // before "null" replaces addresses
   std::chrono::nanoseconds again = std::chrono::hours(24);   // after a success, with the same value; 0: never
-  std::chrono::nanoseconds splay = std::chrono::seconds(0);  // the first run waits for up to this long
+  std::chrono::nanoseconds splay = std::chrono::seconds(0);  // longest delay of the first run
   size_t jobs = 8;                                           // programs at once
   std::string state;                                         // directory; empty: none
   bool dry_run = false;
@@ -49,7 +49,7 @@ struct hook_event {
 };
 
 /// Runs the hook of each instance when its name or its filtered addresses differ from what the last successful run got,
-/// and again after some time. One run at a time for each instance; the newest value wins.
+/// and again after some time. Runs one hook at a time per instance, with the newest value.
 class hook_runner {
  public:
   /// The interfaces that it uses.
@@ -65,17 +65,17 @@ class hook_runner {
   hook_runner(const hook_runner&) = delete;
   hook_runner& operator=(const hook_runner&) = delete;
 
-  /// Calls `f` for each event. All except successes are reported on standard error, too.
+  /// Calls `f` for each event. Events other than successes are also reported on standard error.
   void observe(std::function<void(const hook_event&)> f) { _observer = std::move(f); }
 
   /// Does nothing if the options name no program.
   void submit(size_t i, const update& u);
-  /// Starts no more programs. One that runs has two seconds to end, and is stopped then.
+  /// Starts no more programs. A running program has two seconds to end, then it is stopped.
   void close();
 
-  /// No program runs, and none is to be started unless something changes or for `again`.
+  /// True if no program runs, and none will be started until something changes or `again` has passed.
   bool is_idle() const;
-  /// A value was not handled and will not be retried.
+  /// True if a value was not handled and will not be retried.
   bool has_given_up() const { return _has_given_up; }
 
  private:
@@ -91,7 +91,7 @@ class hook_runner {
     std::optional<hook_record> tried;   // what the latest run got, unless it succeeded
     int failures = 0;                   // with this value, in a row
     time_point earliest;                // of the first run
-    time_point null_from;               // the hold ends; never: there are addresses
+    time_point null_from;               // when the hold ends; never: there are addresses
     time_point retry = never;
     time_point again = never;
     event_loop::handle timer;

@@ -1,4 +1,4 @@
-// What a hook was given, stored across restarts.
+// Stores what each hook got, across restarts.
 #pragma once
 
 #include <chrono>
@@ -18,13 +18,13 @@ struct hook_record {
 
 class hook_store : public interface {
  public:
-  /// The instance's record; none if there is none. Throws std::runtime_error if it is damaged or cannot be read.
+  /// The instance's record, if there is one. Throws std::runtime_error if it is damaged or cannot be read.
   virtual std::optional<hook_record> load(const std::string& instance) = 0;
   /// Replaces the instance's record. Throws std::runtime_error.
   virtual void save(const std::string& instance, const hook_record& r) = 0;
 };
 
-/// Identifies a hook and the environment that it is started with, except what changes with each start.
+/// Identifies a hook and its environment, without the variables that change with each start.
 std::string settings_of(const std::string& hook, const char* const* environment);
 
 /// One file per instance, replaced atomically. With an empty path there are no records. A record that was saved with

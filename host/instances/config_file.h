@@ -1,12 +1,12 @@
-// What the host finds out about a configuration file without the plug-in.
+// Checks that the host makes on a configuration file without the plug-in.
 #pragma once
 
 #include <string>
 
-/// "FILE: not a regular file", "FILE: larger than 1 MiB", or "" when the plug-in may open the file: reading it
-/// then cannot wait for another process or be endless. Leaves a missing file to the plug-in.
+/// "FILE: not a regular file", "FILE: larger than 1 MiB", or "" if the plug-in may open the file. Reading such a file
+/// does not wait for another process, and it ends. Returns "" for a missing file, which the plug-in reports.
 std::string unreadable(const std::string& file);
 
-/// "line N hides hostname: TEXT ..." for the first line whose text the scanner takes for the beginning of the key
-/// hostname, or "".
+/// "line N hides hostname: TEXT ..." for the first line whose text the scanner reads as the beginning of the key
+/// hostname, or "" if there is none.
 std::string hidden_hostname(const std::string& file);

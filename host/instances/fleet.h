@@ -17,7 +17,7 @@ class fleet {
 
   /// File i's instance, or null.
   instance* get(size_t i) const { return _slots[i].now.get(); }
-  /// Returns the instance that ran on the file so far.
+  /// Replaces file i's instance and returns the previous one.
   std::unique_ptr<instance> replace(size_t i, std::unique_ptr<instance> next);
 
  private:

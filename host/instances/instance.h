@@ -12,11 +12,11 @@
 /// Its destructor stops and destroys the driver instance. The plug-in must outlive it.
 class instance {
  public:
-  /// Gets what the instance reports. [any thread]
+  /// Receives what the instance reports. [any thread]
   using sink = std::function<void(report_item)>;
 
-  /// A new stopped instance, or null when the file is unreadable() or the plug-in refuses it; then the reason is the
-  /// last failure that the sink has got, if any.
+  /// Creates a stopped instance. Returns null if the file is unreadable() or the plug-in refuses it. The reason is then
+  /// the last failure that the sink has received, if any.
   static std::unique_ptr<instance> make(const plugin& p, const std::string& name, const std::string& file, sink s);
   ~instance();
   instance(const instance&) = delete;
@@ -24,7 +24,7 @@ class instance {
 
   /// Throws std::system_error when the system refuses a thread.
   void start() { _plugin.start(_handle); }
-  /// Waits for the worker's end; does nothing on a stopped instance.
+  /// Waits until the worker has ended. Does nothing if the instance is stopped.
   void stop() { _plugin.stop(_handle); }
 
   int handle() const { return _handle; }

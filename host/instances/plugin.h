@@ -21,10 +21,10 @@ struct plugin {
   std::function<int(int, char*, size_t*)> getinfo;
 };
 
-/// Loads the library, found by find_plugin() if `file` is empty. Throws std::runtime_error, one line that names the
-/// file and the error, when it cannot be loaded or lacks an entry point, those included that this host does not call.
+/// Loads the library; find_plugin() finds it if `file` is empty. Throws std::runtime_error if the library cannot be
+/// loaded or lacks an entry point, even one that this host does not call. The message is one line with file and error.
 plugin load_plugin(const std::string& file);
 
-/// The first that exists of: this executable's directory, ../lib/TRIPLET/dac, ../lib/dac and .. from there; the last is
-/// where a build has it. Otherwise the bare name, which the dynamic loader searches.
+/// Searches this executable's directory, and relative to it ../lib/TRIPLET/dac, ../lib/dac and .. (in a build
+/// directory). Returns the first library that exists, otherwise the bare name, for which the dynamic loader searches.
 std::string find_plugin();

@@ -9,7 +9,7 @@
 #include "host/interface.h"
 #include "host/loop/event_loop.h"
 
-/// Gets what a supervisor reports about its instances.
+/// Receives what a supervisor reports about its instances.
 class fleet_observer : public interface {
  public:
   /// File i has a new instance, with this tag.
@@ -19,13 +19,13 @@ class fleet_observer : public interface {
   virtual void on(const event& e, const message& m) = 0;
   /// File i was refused: the reason and the consequence.
   virtual void on_refused(size_t i, const std::string& what) = 0;
-  /// The files are read again.
+  /// A reload begins: the files will be read again.
   virtual void on_reload() {}
-  /// The instances run, also those whose new files were refused.
+  /// The instances run, including those whose new files were refused.
   virtual void on_loaded() {}
 };
 
-/// Calls into the plug-in that may block run in the background, so that they never delay a signal.
+/// Runs blocking calls into the plug-in in the background, so that they never delay a signal.
 class supervisor {
  public:
   /// Handles SIGHUP, SIGINT, SIGQUIT and SIGTERM until it is destroyed.
@@ -37,12 +37,12 @@ class supervisor {
   void start_all();
   /// True after a stop signal, after a file was refused at the start, or if an instance could not be started.
   bool is_to_stop() const { return _cause != cause::none; }
-  /// Stops and destroys all instances. False when the plug-in does not return within 30 seconds; then only
+  /// Stops and destroys all instances. Returns false if the plug-in does not return within 30 seconds. Then only
   /// event_loop::exit() can end the process.
   bool stop();
 
   bool has_refused() const { return _cause == cause::refusal; }
-  /// Why an instance could not be started, if one could not.
+  /// Why an instance could not be started, or "".
   const std::string& failure() const { return _failure; }
 
  private:

@@ -1,4 +1,4 @@
-// The one place where the host waits and reads clocks.
+// The only place where the host waits and reads clocks.
 #pragma once
 
 #include <sys/types.h>
@@ -15,8 +15,8 @@
 using steady_clock = std::chrono::steady_clock;
 using wall_clock = std::chrono::system_clock;
 
-/// Calls handlers one at a time, all on the thread that runs the loop. Functions without [any thread] belong to that
-/// thread.
+/// Calls handlers one at a time, all on the thread that runs the loop. Functions without [any thread] may be called
+/// only on that thread.
 class event_loop : public interface {
  public:
   using task = std::function<void()>;
@@ -29,13 +29,13 @@ class event_loop : public interface {
   /// [any thread]
   virtual wall_clock::time_point wall_time() const = 0;
 
-  /// Calls handlers until the condition holds, which is checked before each.
+  /// Calls handlers until the condition holds. Checks the condition before each handler.
   virtual void run_until(const std::function<bool()>& condition) = 0;
 
   /// Calls the task in the loop, after the tasks that were posted before. [any thread]
   virtual void post(task t) = 0;
   /// Calls `work`, which may block and must not throw, on a separate thread, and posts the task that it returns. If
-  /// the system refuses a thread, calls it before returning.
+  /// the system refuses a thread, calls `work` on this thread.
   virtual void run_in_background(std::function<task()> work) = 0;
 
   /// Calls work(0) to work(n - 1), up to 512 of them at once, and returns when all have returned. Fewer at once when
@@ -52,8 +52,8 @@ class event_loop : public interface {
   /// Writes as much as possible without blocking. Returns the number of bytes or a negative errno; -EAGAIN: try later.
   virtual ssize_t write(int fd, std::string_view bytes) = 0;
 
-  /// Calls back for each of these signals. SIGINT, SIGQUIT and SIGTSTP stay ignored when the parent process set them
-  /// so.
+  /// Calls back for each of these signals. SIGINT, SIGQUIT and SIGTSTP stay ignored if the parent process ignores
+  /// them.
   virtual handle on_signals(std::initializer_list<int> signals, std::function<void(int)> f) = 0;
   /// Restores the default action of SIGINT, SIGQUIT and SIGTERM, even for a signal that was already handled.
   virtual void restore_signals() = 0;

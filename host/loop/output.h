@@ -7,8 +7,8 @@
 
 #include "host/loop/event_loop.h"
 
-/// Writes each line as soon as the descriptor takes it. Until then the line waits here; the caller never waits. After a
-/// failure lines are dropped.
+/// Writes each line as soon as the descriptor accepts it. Until then the line is queued; the caller never waits. After
+/// a failure, lines are dropped.
 class output {
  public:
   /// The journal reads a level at the start of each line.
@@ -42,8 +42,8 @@ class output {
   void watch(event_loop::readiness r);
 };
 
-/// Runs the loop until both are written. Once `is_to_stop` holds, waits at most one second more and drops the rest.
+/// Runs the loop until both outputs are written. Once `is_to_stop` holds, waits at most one more second and drops the
+/// rest.
 void drain(event_loop& l, output& out, output& err, const std::function<bool()>& is_to_stop);
-/// Runs the loop until both are written. Stop signals, even one that was handled before, end the
-/// process.
+/// Runs the loop until both outputs are written. Stop signals end the process, even one that was handled before.
 void drain_or_die(event_loop& l, output& out, output& err);

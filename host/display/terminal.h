@@ -51,7 +51,7 @@ class terminal {
   event_loop& _loop;
   output& _out;
   std::function<void()> _redraw;
-  termios _settings{};  // to restore
+  termios _settings{};  // the original ones
   bool _is_taken = false;
   size_t _height = 24;
   size_t _width = 80;

@@ -9,7 +9,7 @@
 /// The text with every control character written as \xNN, so that it is one line and cannot change a terminal.
 std::string printable(std::string_view text);
 
-/// A JSON document of one line with every control character escaped. Only strings in `document` may contain any.
+/// A JSON document of one line with every control character escaped. Only its strings may contain some.
 std::string printable_json(std::string_view document);
 
 /// The fields in printable form, separated by tabs.

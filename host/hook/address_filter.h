@@ -31,8 +31,8 @@ class kernel_address_list : public address_list {
 struct address_filter {
   enum class kind { all, global, stable };
   kind which = kind::all;
-  std::vector<std::string> interfaces = {};  // only these; empty: all
-  std::vector<std::string> excluded = {};    // not these interfaces
+  std::vector<std::string> interfaces = {};  // only these interfaces; empty: all
+  std::vector<std::string> excluded = {};    // none of these interfaces
 
   /// True if nothing is filtered, so that a program gets the published value.
   bool uses_published_value() const { return which == kind::all && interfaces.empty() && excluded.empty(); }

@@ -1,4 +1,4 @@
-// Stores what each hook got, across restarts.
+// Stores what each hook got, so that it survives a restart.
 #pragma once
 
 #include <chrono>

@@ -4,7 +4,8 @@
 #include <string>
 
 /// "FILE: not a regular file", "FILE: larger than 1 MiB", or "" if the plug-in may open the file. Reading such a file
-/// does not wait for another process, and it ends. Returns "" for a missing file, which the plug-in reports.
+/// neither waits for another process nor continues without end. Returns "" for a missing file, which the plug-in
+/// reports.
 std::string unreadable(const std::string& file);
 
 /// "line N hides hostname: TEXT ..." for the first line whose text the scanner reads as the beginning of the key

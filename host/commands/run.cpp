@@ -2,8 +2,11 @@
 #include <sysexits.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
+#include <stdexcept>
 #include <string_view>
+#include <system_error>
 
 #include "host/commands/commands.h"
 #include "host/commands/run_status.h"
@@ -22,6 +25,18 @@ const char* level_name(severity s) {
 std::unique_ptr<printer> make_printer(const options& o, output& out) {
   if (o.json) return make_json_printer(out, o.events.empty() ? event_names : o.events);
   return make_text_printer(out, o.events.empty() ? text_events : o.events);
+}
+
+// The status file replaces what has its name.
+void protect_files(const options& o) {
+  using std::filesystem::file_type;
+  std::error_code ignored;
+  const file_type type = std::filesystem::symlink_status(o.status, ignored).type();
+  if (type != file_type::regular && type != file_type::not_found && type != file_type::none)
+    throw std::runtime_error(o.status + ": not a regular file");
+  for (const std::string& file : o.files)
+    if (std::filesystem::equivalent(o.status, file, ignored))
+      throw std::runtime_error(o.status + ": is a configuration file; --status would replace it");
 }
 
 class runner : fleet_observer {
@@ -159,6 +174,7 @@ bool runner::is_done() const {
 
 int run(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
         output& err) {
+  protect_files(o);
   return runner(e, m, p, o, out, err).run();
 }
 

@@ -33,6 +33,7 @@ hook_runner::hook_runner(const environment& e, const hook_options& o, size_t ins
       _err(err),
       _hooks(o.program.empty() ? 0 : instances),
       _list_outage(err),
+      _room_outage(err),
       _state_outage(err) {
   try {
     programs_of(o.program);
@@ -115,7 +116,12 @@ std::optional<std::string> hook_runner::kernel_value() {
 }
 
 void hook_runner::offer_published(hook& h) {
-  offer(h, {h.published.tag, without_cut_address(h.published.value), h.published.time});
+  const std::string whole = without_cut_address(h.published.value);
+  if (whole != h.published.value)
+    _room_outage.begin("addresses: the published value is full; --pick global and --pick stable have no such limit");
+  else
+    _room_outage.end("addresses: the published value is no longer full");
+  offer(h, {h.published.tag, whole, h.published.time});
 }
 
 // Until the hold ends, the addresses of the last hook remain valid.

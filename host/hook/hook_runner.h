@@ -129,6 +129,7 @@ class hook_runner {
   std::deque<hook*> _queue;
   std::set<const hook*> _unsaved;
   outage _list_outage;
+  outage _room_outage;  // of a published value
   outage _state_outage;
   time_point _next_reading = never;
   event_loop::handle _reading;

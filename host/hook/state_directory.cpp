@@ -8,6 +8,7 @@
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <set>
 #include <sstream>
@@ -124,6 +125,10 @@ std::string state_directory::file_of(const std::string& instance) const { return
 std::optional<hook_record> state_directory::load(const std::string& instance) {
   if (_path.empty()) return std::nullopt;
   const std::string file = file_of(instance);
+  std::error_code ignored;
+  const bool exists = std::filesystem::exists(file, ignored);
+  if (exists && !std::filesystem::is_regular_file(file, ignored))
+    throw std::runtime_error(file + ": not a regular file");
   const std::ifstream in(file);
   if (!in && errno == ENOENT) return std::nullopt;
   std::ostringstream text;

@@ -1,5 +1,6 @@
 // The contract of `dachost run --json`: every line of these runs is validated against doc/dachost.schema.json.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <map>
 #include <nlohmann/json.hpp>
@@ -168,6 +169,21 @@ TEST_F(json_lines, are_summed_up_in_the_status_file) {
   EXPECT_FALSE(std::filesystem::exists(status + ".tmp"));
   EXPECT_EQ(run({"--once", "--status", dir.path("no/status"), conf("publish a")}).end().err,
             "dachost: " + dir.path("no/status") + ": cannot be written: No such file or directory\n");
+}
+
+TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
+  const std::string file = conf("publish a"), fifo = dir.path("fifo"), link = dir.path("link");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  std::filesystem::create_symlink(file, link);
+  for (const std::string& special : {fifo, link, dir.path("")}) {
+    const ending e = run({"--once", "--status", special, file}).end();
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.err, "dachost: " + special + ": not a regular file\n");
+  }
+  const ending e = run({"--once", "--status", file, file}).end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: " + file + ": is a configuration file; --status would replace it\n");
+  EXPECT_EQ(read_file(file), "publish a");
 }
 
 TEST_F(json_lines, have_the_results_of_hooks) {

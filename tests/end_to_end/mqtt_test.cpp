@@ -447,6 +447,14 @@ TEST_F(mqtt, missing_certificate_file_is_named) {
   EXPECT_NE(e.err.find("publish-mqtt: error: /no/such/file: cannot be read"), std::string::npos) << e.err;
 }
 
+TEST_F(mqtt, topics_that_no_broker_accepts_are_refused) {
+  for (const std::string bad : {"", "a/#", "a/+/b"}) {
+    const ending e = process({publish_mqtt, "gw.conf", bad}).end();
+    EXPECT_EQ(e.status, 2);
+    EXPECT_NE(e.err.find("TOPIC: expected a name without + and #, got '" + bad + "'"), std::string::npos) << e.err;
+  }
+}
+
 TEST_F(mqtt, outage_costs_no_processor_time) {
   in_new_network([this] {
     const auto p = publisher({});

@@ -297,6 +297,18 @@ TEST_F(hooks, a_newer_value_replaces_a_failed_one_at_once) {
   EXPECT_EQ(last_value(), "b");
 }
 
+TEST_F(hooks, a_value_that_is_full_is_reported_once_and_so_is_its_end) {
+  make();
+  const std::string full = "2001:db8::1," + std::string(987, '5');
+  submit(full);
+  end(0);
+  EXPECT_EQ(reported(), "addresses: the published value is full; --pick global and --pick stable have no such limit\n");
+  submit(full);
+  EXPECT_EQ(reported(), "");
+  submit("2001:db8::2");
+  EXPECT_EQ(reported(), "addresses: the published value is no longer full\n");
+}
+
 TEST_F(hooks, a_program_that_cannot_be_started_is_tried_again) {
   make();
   programs.fails = true;

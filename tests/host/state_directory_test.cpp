@@ -144,6 +144,11 @@ TEST_F(state_files, that_are_damaged_are_replaced) {
   EXPECT_EQ(loaded(), "a.example a 1700000000");
 }
 
+TEST_F(state_files, that_are_not_regular_are_an_error_and_not_waited_for) {
+  ASSERT_EQ(mkfifo(dir.path("gw.state").c_str(), 0600), 0);
+  EXPECT_EQ(error_of(), dir.path("") + "/gw.state: not a regular file");
+}
+
 TEST_F(state_files, survive_a_temporary_file_of_a_crash) {
   const std::string left = dir.file("dachost sta", "gw.state.tmp");
   chmod(left.c_str(), 0);

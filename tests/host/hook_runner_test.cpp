@@ -1094,15 +1094,15 @@ class hook_directories : public hooks {
 };
 
 TEST_F(hook_directories, are_run_in_the_order_of_run_parts) {
-  for (const char* name : {"b", "a", "B", "10_x", "9", "a-b", "_", "-"}) add(name);
-  for (const char* name : {"a.sh", "a~", "x y", "\xc3\xa4", ".hidden"}) add(name);
+  for (const char* name : {"b", "a", "B", "10_x", "9", "a-b", "_", "-", "A", "Z", "z", "0"}) add(name);
+  for (const char* name : {"@x", "[x", "`x", "{x", ":x", "a.sh", "a~", "x y", "\xc3\xa4", ".hidden"}) add(name);
   add("not-executable", 0600);
   std::filesystem::create_directory(dir.path("directory"));
   std::filesystem::create_symlink(dir.path("a"), dir.path("link"));
   std::filesystem::create_symlink(dir.path("missing"), dir.path("broken"));
   make();
   submit("v");
-  const texts expected = {"-", "10_x", "9", "B", "_", "a", "a-b", "b", "link"};
+  const texts expected = {"-", "0", "10_x", "9", "A", "B", "Z", "_", "a", "a-b", "b", "link", "z"};
   for (size_t n = 1; n <= expected.size(); ++n) {
     ASSERT_EQ(started(), texts(expected.begin(), expected.begin() + static_cast<std::ptrdiff_t>(n)));
     EXPECT_EQ(programs.starts[n - 1].settings, programs.starts[0].settings);

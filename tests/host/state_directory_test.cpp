@@ -106,6 +106,33 @@ TEST_F(state_files, have_safe_names) {
   EXPECT_TRUE(files().contains("a%2520b.state"));
 }
 
+TEST_F(state_files, have_names_with_the_plain_characters_of_their_instances) {
+  save("AZaz09-_.", "v");
+  save("@[`{/:", "v");
+  EXPECT_EQ(files(), (std::set<std::string>{"AZaz09-_..state", "%40%5B%60%7B%2F%3A.state"}));
+}
+
+TEST_F(state_files, of_long_names_have_the_first_200_characters_and_a_hash) {
+  const std::string longest = 'a' + std::string(199, 'x');
+  save(longest, "v");
+  EXPECT_EQ(files(), std::set<std::string>{longest + ".state"});
+  save(longest + 'y', "v");
+  save(longest + 'z', "v");
+  std::set<std::string> hashes;
+  for (const std::string& name : files())
+    if (name.starts_with(longest + '-')) hashes.insert(name.substr(longest.size() + 1));
+  ASSERT_EQ(hashes.size(), 2U) << "two names have two files";
+  for (const std::string& h : hashes) {
+    EXPECT_EQ(h.size(), 16 + std::string(".state").size());
+    EXPECT_EQ(h.find_first_not_of("0123456789abcdef"), 16U);
+  }
+}
+
+TEST_F(state_files, of_the_latest_time_are_loaded) {
+  dir.file("dachost state 1\n9000000000\na\nb\nnone\n", "gw.state");
+  EXPECT_EQ(error_of().find("damaged"), std::string::npos) << error_of();
+}
+
 TEST_F(state_files, are_readable_by_their_owner_alone_under_every_umask) {
   for (const mode_t mask : {0777U, 0U, 022U}) {
     const mode_t before = umask(mask);

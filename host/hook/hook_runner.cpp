@@ -219,8 +219,8 @@ void hook_runner::run_programs(hook& h, const std::vector<std::string>& settings
            program + ": still runs after SIGKILL; no other program is started for this instance");
     start_queued();
   };
-  h.run = std::make_unique<hook_run>(_environment.loop, _environment.programs, _options.timeout,
-                                     programs_of(_options.program), settings, hook_run::callbacks{on_end, on_stuck});
+  h.run = std::make_unique<timed_run>(_environment.loop, _environment.programs, _options.timeout,
+                                      programs_of(_options.program), settings, timed_run::callbacks{on_end, on_stuck});
   h.at = stage::running;
   h.run->start();
 }

@@ -12,9 +12,9 @@
 
 #include "host/display/printer.h"
 #include "host/hook/address_filter.h"
-#include "host/hook/hook_run.h"
 #include "host/hook/process.h"
 #include "host/hook/state_directory.h"
+#include "host/hook/timed_run.h"
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 #include "host/report.h"
@@ -95,7 +95,7 @@ class hook_runner {
     time_point retry = never;
     time_point again = never;
     event_loop::handle timer;
-    std::unique_ptr<hook_run> run;
+    std::unique_ptr<timed_run> run;
   };
 
   void read_addresses();

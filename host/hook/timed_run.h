@@ -1,4 +1,4 @@
-// One run of a hook: its programs, one after the other.
+// One run of a hook: its programs, one after the other, each with a time limit.
 #pragma once
 
 #include <functional>
@@ -14,18 +14,18 @@ std::vector<std::string> programs_of(const std::string& hook);
 
 /// Starts the programs one after the other, even if one fails, as run-parts(8) does. A program that runs longer than
 /// the timeout gets SIGTERM and, a second later, SIGKILL.
-class hook_run {
+class timed_run {
  public:
   struct callbacks {
     std::function<void(const std::string& failures)> on_end;   // "" on success; may destroy the run
     std::function<void(const std::string& program)> on_stuck;  // it survives SIGKILL
   };
-  hook_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
-           std::vector<std::string> settings, callbacks c);
+  timed_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
+            std::vector<std::string> settings, callbacks c);
   /// Kills the program without waiting for it.
-  ~hook_run();
-  hook_run(const hook_run&) = delete;
-  hook_run& operator=(const hook_run&) = delete;
+  ~timed_run();
+  timed_run(const timed_run&) = delete;
+  timed_run& operator=(const timed_run&) = delete;
 
   /// Starts the first program. Calls no callback before it returns.
   void start();

@@ -1,4 +1,4 @@
-#include "host/hook/hook_run.h"
+#include "host/hook/timed_run.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -56,8 +56,8 @@ std::vector<std::string> programs_of(const std::string& hook) {
   return programs;
 }
 
-hook_run::hook_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
-                   std::vector<std::string> settings, callbacks c)
+timed_run::timed_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
+                     std::vector<std::string> settings, callbacks c)
     : _loop(l),
       _launcher(p),
       _timeout(timeout),
@@ -65,11 +65,11 @@ hook_run::hook_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout,
       _settings(std::move(settings)),
       _callbacks(std::move(c)) {}
 
-hook_run::~hook_run() {
+timed_run::~timed_run() {
   if (_exit) _launcher.signal(_program, SIGKILL);
 }
 
-void hook_run::start() {
+void timed_run::start() {
   try {
     launch();
   } catch (const std::system_error& e) {
@@ -79,32 +79,32 @@ void hook_run::start() {
   }
 }
 
-void hook_run::close() {
+void timed_run::close() {
   _is_closed = true;
   set_deadline(std::min(_deadline, _loop.now() + exit_grace));
 }
 
-void hook_run::launch() {
+void timed_run::launch() {
   _program = _launcher.start(_programs[_current], _settings);
   _exit = _loop.on_exit(_program, [this](int status) { on_exit(status); });
   _at = stage::running;
   set_deadline(_loop.now() + _timeout);
 }
 
-void hook_run::on_exit(int status) {
+void timed_run::on_exit(int status) {
   _exit = nullptr;
   if (_at != stage::running || status != 0) add_failure(describe_exit(status));
   start_next();
 }
 
-void hook_run::start_next() {
+void timed_run::start_next() {
   if (++_current == _programs.size()) return end();
   if (!_is_closed) return start();
   add_failure("not started before the end");
   end();
 }
 
-void hook_run::escalate() {
+void timed_run::escalate() {
   switch (_at) {
     case stage::starting:
       return start_next();
@@ -119,43 +119,43 @@ void hook_run::escalate() {
   }
 }
 
-void hook_run::send(int sig, stage next) {
+void timed_run::send(int sig, stage next) {
   _launcher.signal(_program, sig);
   _at = next;
   set_deadline(_loop.now() + kill_delay);
 }
 
 // A program may survive SIGKILL, for example blocked on a dead disk.
-void hook_run::wait_for_end() {
+void timed_run::wait_for_end() {
   _at = stage::stuck;
   _timer = nullptr;
   _deadline = steady_clock::time_point::max();
   _is_closed ? abandon() : _callbacks.on_stuck(_programs[_current]);
 }
 
-void hook_run::abandon() {
+void timed_run::abandon() {
   _exit = nullptr;
   add_failure("still runs after SIGKILL");
   end();
 }
 
-void hook_run::end() {
+void timed_run::end() {
   _timer = nullptr;
   const auto on_end = std::move(_callbacks.on_end);
   on_end(std::string(_failures));  // may destroy this
 }
 
-void hook_run::add_failure(const std::string& what) {
+void timed_run::add_failure(const std::string& what) {
   if (!_failures.empty()) _failures += ", ";
   _failures += _programs[_current] + ": " + what;
 }
 
-void hook_run::set_deadline(steady_clock::time_point when) {
+void timed_run::set_deadline(steady_clock::time_point when) {
   _deadline = when;
   _timer = _loop.call_at(when, [this] { escalate(); });
 }
 
-std::string hook_run::describe_exit(int status) const {
+std::string timed_run::describe_exit(int status) const {
   if (_at == stage::running) return describe(status);
   return _is_closed ? "stopped at the end" : "stopped after " + in_seconds(_timeout);
 }

@@ -35,7 +35,9 @@ int unblocked(int fd) {
 // ETIME: drain() gave up on the reader.
 const char* reason_of(int error) { return error == ETIME ? "timed out waiting for the reader" : std::strerror(error); }
 
-int carry_out(event_loop& l, const options& o, output& out, output& err) {
+// `reloads` survives the command: a SIGHUP while the process ends does not end it by the signal.
+int carry_out(event_loop& l, const options& o, output& out, output& err, event_loop::handle& reloads) {
+  if (o.what == command::run || o.what == command::top) reloads = l.on_signals({SIGHUP}, [](int) {});
   systemd manager;
   const plugin p = load_plugin(o.plugin);
   process_launcher programs;
@@ -63,11 +65,11 @@ int reply(const answer& a, output& out, output& err) {
   return a.status;
 }
 
-int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
+int obey(event_loop& l, int argc, char** argv, output& out, output& err, event_loop::handle& reloads) {
   try {
     const auto parsed = parse(argc, argv);
     if (const auto* a = std::get_if<answer>(&parsed)) return reply(*a, out, err);
-    return carry_out(l, std::get<options>(parsed), out, err);
+    return carry_out(l, std::get<options>(parsed), out, err, reloads);
   } catch (const std::exception& e) {
     report(err, e.what());
     return 1;
@@ -77,7 +79,8 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
 int serve(event_loop& l, int argc, char** argv) {
   output out(l, unblocked(STDOUT_FILENO));
   output err(l, unblocked(STDERR_FILENO), is_journal(STDERR_FILENO));
-  int status = obey(l, argc, argv, out, err);
+  event_loop::handle reloads;
+  int status = obey(l, argc, argv, out, err, reloads);
   drain_or_die(l, out, err);
   if (out.error() != 0) {
     report(err, std::string("standard output: ") + reason_of(out.error()));

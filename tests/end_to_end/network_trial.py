@@ -239,7 +239,10 @@ class Trial(unittest.TestCase):
 
     def tearDown(self):
         for host in self.hosts:
-            self.assertEqual(host.stop(), (0, []), host.name)
+            status, errors = host.stop()
+            if host.name == "all":  # 300 addresses do not fit into a published value
+                errors = [line for line in errors if "addresses: the published value is" not in line]
+            self.assertEqual((status, errors), (0, []), host.name)
 
     # ------------------------------------------------------------ observation
 

@@ -10,7 +10,7 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/run_status.h"
-#include "host/commands/value_printer.h"
+#include "host/commands/value_events.h"
 #include "host/display/printer.h"
 #include "host/instances/supervisor.h"
 #include "host/report.h"
@@ -79,7 +79,7 @@ class runner : fleet_observer {
   output& _out;
   output& _err;
   std::unique_ptr<printer> _printer;
-  value_printer _values;
+  value_events _values;
   hook_runner _hooks;
   std::vector<std::string> _tag_names;  // by file
   std::vector<bool> _has_published;     // by file

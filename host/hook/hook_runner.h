@@ -21,7 +21,7 @@
 
 struct hook_options {
   std::string program;  // or a directory of programs; empty: none
-  std::chrono::nanoseconds timeout = std::chrono::seconds(30);
+  std::chrono::nanoseconds timeout = default_time_limit;
   address_filter addresses = {};
   std::chrono::nanoseconds hold = std::chrono::minutes(5);   // before "null" replaces addresses
   std::chrono::nanoseconds again = std::chrono::hours(24);   // after a success, with the same value; 0: never

@@ -1,12 +1,15 @@
 // One run of a hook: its programs, one after the other, each with a time limit.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <string>
 #include <vector>
 
 #include "host/hook/process.h"
 #include "host/loop/event_loop.h"
+
+constexpr auto default_time_limit = std::chrono::seconds(30);
 
 /// Returns the hook itself or, for a directory (whose path has a slash), the programs that run-parts(8) would run, in
 /// the same order. Throws std::runtime_error for a directory that cannot be read or has no program.

@@ -1,5 +1,5 @@
 // Values and the addresses that are printed with them, step by step in virtual time.
-#include "host/commands/value_printer.h"
+#include "host/commands/value_events.h"
 
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
@@ -34,19 +34,19 @@ class scripted_addresses : public address_list {
   }
 };
 
-class value_printers : public testing::Test {
+class value_events_of_a_run : public testing::Test {
  protected:
   scripted_loop loop;
   scripted_addresses addresses;
   address_filter filter;
   output out{loop, 1};
   std::unique_ptr<printer> lines_;
-  std::unique_ptr<value_printer> values;
+  std::unique_ptr<value_events> values;
 
   void make(bool is_json = true, const std::set<std::string>& events = event_names) {
     lines_ = is_json ? make_json_printer(out, events) : make_text_printer(out, events);
     values =
-        std::make_unique<value_printer>(loop, addresses, filter, is_json, *lines_, std::vector<std::string>{"a", "b"});
+        std::make_unique<value_events>(loop, addresses, filter, is_json, *lines_, std::vector<std::string>{"a", "b"});
   }
   void publish(const std::string& text, size_t i = 0) {
     values->print({loop.wall, i, value{"tag", 6, text}}, {"tag", 6, text});
@@ -67,7 +67,7 @@ class value_printers : public testing::Test {
 
 }  // namespace
 
-TEST_F(value_printers, without_a_filter_pick_what_is_published) {
+TEST_F(value_events_of_a_run, without_a_filter_pick_what_is_published) {
   addresses.add("fd00::1");
   make();
   publish("2001:db8::1,2001:db8::2");
@@ -81,7 +81,7 @@ TEST_F(value_printers, without_a_filter_pick_what_is_published) {
   EXPECT_EQ(object()["picked"], json{std::string(996, '1')}) << "the last address may be cut";
 }
 
-TEST_F(value_printers, with_a_filter_pick_from_the_kernels_list) {
+TEST_F(value_events_of_a_run, with_a_filter_pick_from_the_kernels_list) {
   filter.which = address_filter::kind::stable;
   make();
   publish("2001:db8::1");
@@ -94,7 +94,7 @@ TEST_F(value_printers, with_a_filter_pick_from_the_kernels_list) {
   EXPECT_EQ(o["picked"], json{"2001:db8::5"});
 }
 
-TEST_F(value_printers, name_flags_and_scopes_as_ip_does) {
+TEST_F(value_events_of_a_run, name_flags_and_scopes_as_ip_does) {
   addresses.add("::1", 0xfff & ~unsigned{IFA_F_OPTIMISTIC}, RT_SCOPE_HOST);
   addresses.add("::2", 0, RT_SCOPE_LINK);
   addresses.add("::3", IFA_F_OPTIMISTIC, RT_SCOPE_SITE);
@@ -114,7 +114,7 @@ TEST_F(value_printers, name_flags_and_scopes_as_ip_does) {
   for (size_t n = 0; n < 5; ++n) EXPECT_EQ(all[n]["scope"], scopes[n]);
 }
 
-TEST_F(value_printers, are_changed_by_value_tag_or_picked_addresses) {
+TEST_F(value_events_of_a_run, are_changed_by_value_tag_or_picked_addresses) {
   filter.which = address_filter::kind::global;
   make();
   const auto is_change = [this](const std::string& text, size_t i = 0) {
@@ -136,7 +136,7 @@ TEST_F(value_printers, are_changed_by_value_tag_or_picked_addresses) {
   EXPECT_TRUE(object()["change"]);
 }
 
-TEST_F(value_printers, print_again_within_ten_seconds_what_the_filter_chooses_otherwise) {
+TEST_F(value_events_of_a_run, print_again_within_ten_seconds_what_the_filter_chooses_otherwise) {
   filter.which = address_filter::kind::stable;
   addresses.add("2001:db8::1");
   make();
@@ -160,7 +160,7 @@ TEST_F(value_printers, print_again_within_ten_seconds_what_the_filter_chooses_ot
   EXPECT_EQ(loop.timers(), 0U);
 }
 
-TEST_F(value_printers, read_the_list_once_for_values_that_are_older_than_it) {
+TEST_F(value_events_of_a_run, read_the_list_once_for_values_that_are_older_than_it) {
   make();
   loop.wall = wall_clock::time_point(100s);
   for (size_t i = 0; i < 2; ++i) values->print({loop.wall - 1ms, i, value{"tag", 6, "a"}}, {"tag", 6, "a"});
@@ -172,7 +172,7 @@ TEST_F(value_printers, read_the_list_once_for_values_that_are_older_than_it) {
   EXPECT_EQ(addresses.readings, 3) << "a clock that was set back";
 }
 
-TEST_F(value_printers, say_when_the_list_cannot_be_read) {
+TEST_F(value_events_of_a_run, say_when_the_list_cannot_be_read) {
   filter.which = address_filter::kind::global;
   addresses.fails = true;
   make();
@@ -186,7 +186,7 @@ TEST_F(value_printers, say_when_the_list_cannot_be_read) {
   EXPECT_EQ(object()["picked"], json{"2001:db8::1"});
 }
 
-TEST_F(value_printers, add_picked_addresses_to_text_only_with_a_filter) {
+TEST_F(value_events_of_a_run, add_picked_addresses_to_text_only_with_a_filter) {
   make(false);
   publish("a");
   EXPECT_EQ(printed(), texts{"1970-01-01T00:00:00.000Z\ta\tvalue\ttag\ta"});
@@ -204,7 +204,7 @@ TEST_F(value_printers, add_picked_addresses_to_text_only_with_a_filter) {
   EXPECT_EQ(printed(), texts{"1970-01-01T00:00:00.003Z\ta\tvalue\ttag\ta\tunknown"});
 }
 
-TEST_F(value_printers, read_nothing_when_values_are_not_printed) {
+TEST_F(value_events_of_a_run, read_nothing_when_values_are_not_printed) {
   filter.which = address_filter::kind::global;
   make(true, {"tag"});
   publish("a");

@@ -12,10 +12,10 @@
 
 /// Prints each value that an instance publishes. If a filter chooses addresses, also prints the newest value again when
 /// the chosen addresses differ, at most ten seconds after the kernel's list has changed.
-class value_printer {
+class value_events {
  public:
-  value_printer(event_loop& l, address_list& a, const address_filter& f, bool with_addresses, printer& p,
-                const std::vector<std::string>& instances);
+  value_events(event_loop& l, address_list& a, const address_filter& f, bool with_addresses, printer& p,
+               const std::vector<std::string>& instances);
 
   void print(const event& e, const value& v);
   void stop() { _timer = nullptr; }

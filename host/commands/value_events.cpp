@@ -1,4 +1,4 @@
-#include "host/commands/value_printer.h"
+#include "host/commands/value_events.h"
 
 #include <linux/rtnetlink.h>
 
@@ -51,8 +51,8 @@ bool is_same(const value& a, const value& b) { return a.tag == b.tag && a.type =
 
 }  // namespace
 
-value_printer::value_printer(event_loop& l, address_list& a, const address_filter& f, bool with_addresses, printer& p,
-                             const std::vector<std::string>& instances)
+value_events::value_events(event_loop& l, address_list& a, const address_filter& f, bool with_addresses, printer& p,
+                           const std::vector<std::string>& instances)
     : _loop(l),
       _addresses(a),
       _filter(f),
@@ -61,7 +61,7 @@ value_printer::value_printer(event_loop& l, address_list& a, const address_filte
       _names(instances),
       _last(instances.size()) {}
 
-void value_printer::print(const event& e, const value& v) {
+void value_events::print(const event& e, const value& v) {
   if (!_printer.prints("value")) return;
   const bool has_filter = !_filter.uses_published_value();
   if (has_filter || _with_addresses) read(e.time);
@@ -70,7 +70,7 @@ void value_printer::print(const event& e, const value& v) {
 }
 
 // All instances publish the addresses of the same machine: a list that is newer than a value serves it, too.
-void value_printer::read(wall_clock::time_point since) {
+void value_events::read(wall_clock::time_point since) {
   const auto now = _loop.wall_time();
   if (_list && since < _read_at && _read_at <= now) return;
   _read_at = now;
@@ -81,7 +81,7 @@ void value_printer::read(wall_clock::time_point since) {
   }
 }
 
-void value_printer::read_again() {
+void value_events::read_again() {
   _timer = _loop.call_in(reading_interval, [this] { read_again(); });
   read(_loop.wall_time());
   for (size_t i = 0; _list && i < _last.size(); ++i) {
@@ -90,13 +90,13 @@ void value_printer::read_again() {
   }
 }
 
-std::optional<std::vector<std::string>> value_printer::picked(const value& v) const {
+std::optional<std::vector<std::string>> value_events::picked(const value& v) const {
   if (_filter.uses_published_value()) return split(without_cut_address(v.text));
   if (!_list) return std::nullopt;
   return texts_of(choose(_filter, *_list));
 }
 
-void value_printer::print(size_t i, wall_clock::time_point time, const value& v) {
+void value_events::print(size_t i, wall_clock::time_point time, const value& v) {
   const std::optional<texts> now = picked(v);
   const std::optional<shown> last = _last[i];
   const bool is_change = !last || !is_same(v, last->what) || (now && now != last->picked);

@@ -52,7 +52,18 @@ void hook_runner::submit(size_t i, const update& u) {
   if (std::exchange(h.published, u).instance.empty()) load_record(h);
   const bool is_filtered = !_options.addresses.uses_published_value();
   read_addresses_at(_environment.loop.now() + (is_filtered ? nanoseconds(0) : reading_interval));
-  if (!is_filtered) offer_published(h);
+  if (is_filtered) return;
+  report_room();
+  offer_published(h);
+}
+
+// The instances of a machine publish the same addresses, one shortly after the other.
+void hook_runner::report_room() {
+  const auto is_full = [](const hook& h) { return without_cut_address(h.published.value) != h.published.value; };
+  if (std::any_of(_hooks.begin(), _hooks.end(), is_full))
+    _room_outage.begin("addresses: the published value is full; --pick global and --pick stable have no such limit");
+  else
+    _room_outage.end("addresses: the published value is no longer full");
 }
 
 bool hook_runner::is_idle() const {
@@ -116,12 +127,7 @@ std::optional<std::string> hook_runner::kernel_value() {
 }
 
 void hook_runner::offer_published(hook& h) {
-  const std::string whole = without_cut_address(h.published.value);
-  if (whole != h.published.value)
-    _room_outage.begin("addresses: the published value is full; --pick global and --pick stable have no such limit");
-  else
-    _room_outage.end("addresses: the published value is no longer full");
-  offer(h, {h.published.tag, whole, h.published.time});
+  offer(h, {h.published.tag, without_cut_address(h.published.value), h.published.time});
 }
 
 // Until the hold ends, the addresses of the last hook remain valid.

@@ -101,6 +101,7 @@ class hook_runner {
   void read_addresses();
   void read_addresses_at(time_point when);
   std::optional<std::string> kernel_value();
+  void report_room();
   void offer_published(hook& h);
   void offer(hook& h, const hook_record& r);
   bool is_pending(const hook& h) const;

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <optional>
 #include <random>
 #include <system_error>
 
@@ -35,9 +36,26 @@ int unblocked(int fd) {
 // ETIME: drain() gave up on the reader.
 const char* reason_of(int error) { return error == ETIME ? "timed out waiting for the reader" : std::strerror(error); }
 
-// `reloads` survives the command: a SIGHUP while the process ends does not end it by the signal.
-int carry_out(event_loop& l, const options& o, output& out, output& err, event_loop::handle& reloads) {
-  if (o.what == command::run || o.what == command::top) reloads = l.on_signals({SIGHUP}, [](int) {});
+// From its construction, no SIGHUP ends the process by the signal. After its destruction they stay pending.
+class hangup_guard {
+ public:
+  explicit hangup_guard(event_loop& l) : _handler(l.on_signals({SIGHUP}, [](int) {})) {}
+  ~hangup_guard() {
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &hangup, nullptr);
+  }
+  hangup_guard(const hangup_guard&) = delete;
+  hangup_guard& operator=(const hangup_guard&) = delete;
+
+ private:
+  const event_loop::handle _handler;
+};
+
+int carry_out(event_loop& l, const options& o, output& out, output& err) {
+  std::optional<hangup_guard> guard;
+  if (o.what == command::run || o.what == command::top) guard.emplace(l);
   systemd manager;
   const plugin p = load_plugin(o.plugin);
   process_launcher programs;
@@ -65,11 +83,11 @@ int reply(const answer& a, output& out, output& err) {
   return a.status;
 }
 
-int obey(event_loop& l, int argc, char** argv, output& out, output& err, event_loop::handle& reloads) {
+int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
   try {
     const auto parsed = parse(argc, argv);
     if (const auto* a = std::get_if<answer>(&parsed)) return reply(*a, out, err);
-    return carry_out(l, std::get<options>(parsed), out, err, reloads);
+    return carry_out(l, std::get<options>(parsed), out, err);
   } catch (const std::exception& e) {
     report(err, e.what());
     return 1;
@@ -79,8 +97,7 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err, event_l
 int serve(event_loop& l, int argc, char** argv) {
   output out(l, unblocked(STDOUT_FILENO));
   output err(l, unblocked(STDERR_FILENO), is_journal(STDERR_FILENO));
-  event_loop::handle reloads;
-  int status = obey(l, argc, argv, out, err, reloads);
+  int status = obey(l, argc, argv, out, err);
   drain_or_die(l, out, err);
   if (out.error() != 0) {
     report(err, std::string("standard output: ") + reason_of(out.error()));

@@ -95,6 +95,14 @@ TEST_F(reload, and_a_stop_signal_during_a_reload_end_the_run) {
   expect_all_gone();
 }
 
+// A gateway's manager may send it at any moment, and a death by a signal counts as a failure.
+TEST_F(reload, while_the_process_ends_does_not_change_its_exit_status) {
+  process stopped = run({conf("publish first")}, preloaded(LATE_HANGUP, {}));
+  stopped.await_out("\tfirst\n");
+  EXPECT_EQ(terminate(stopped).status, 0);
+  EXPECT_EQ(run({"--once", conf("publish first")}, preloaded(LATE_HANGUP, {})).end().status, 0);
+}
+
 // One after the other would take 50 seconds.
 TEST_F(reload, of_500_instances_stops_them_at_the_same_time) {
   texts args;

@@ -149,7 +149,6 @@ bool hook_runner::is_pending(const hook& h) const {
 }
 
 steady_clock::time_point hook_runner::due(const hook& h) const {
-  if (!h.target) return never;
   if (is_pending(h)) return h.earliest;
   return std::max(h.earliest, h.tried ? h.retry : h.again);
 }
@@ -157,14 +156,13 @@ steady_clock::time_point hook_runner::due(const hook& h) const {
 void hook_runner::consider(hook& h) {
   if (_is_closed || h.at == stage::queued || h.at == stage::running) return;
   const auto when = due(h);
-  h.timer = nullptr;
   if (when <= _environment.loop.now()) {
     h.at = stage::queued;
     _queue.push_back(&h);
     return start_queued();
   }
   h.at = when != never && (is_pending(h) || h.tried) ? stage::pausing : stage::idle;
-  if (when != never) h.timer = _environment.loop.call_at(when, [this, &h] { consider(h); });
+  h.timer = when == never ? nullptr : _environment.loop.call_at(when, [this, &h] { consider(h); });
 }
 
 // What a hook should be given may have changed while it was queued.
@@ -173,7 +171,7 @@ void hook_runner::start_queued() {
     hook& h = *_queue.front();
     _queue.pop_front();
     h.at = stage::idle;
-    if (h.target && due(h) <= _environment.loop.now())
+    if (due(h) <= _environment.loop.now())
       start(h, *h.target);
     else
       consider(h);

@@ -128,7 +128,6 @@ void timed_run::send(int sig, stage next) {
 // A program may survive SIGKILL, for example blocked on a dead disk.
 void timed_run::wait_for_end() {
   _at = stage::stuck;
-  _timer = nullptr;
   _deadline = steady_clock::time_point::max();
   _is_closed ? abandon() : _callbacks.on_stuck(_programs[_current]);
 }

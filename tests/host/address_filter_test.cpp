@@ -459,6 +459,14 @@ TEST(address_filters, choose_a_stable_address_after_31_deprecated_ones) {
   EXPECT_EQ(texts_of(choose({kind::stable}, list)), texts{"2001:db8::1"});
 }
 
+TEST(address_filters, use_the_published_value_only_if_they_exclude_nothing) {
+  EXPECT_TRUE(address_filter{}.uses_published_value());
+  EXPECT_FALSE(address_filter{kind::global}.uses_published_value());
+  EXPECT_FALSE(address_filter{kind::stable}.uses_published_value());
+  EXPECT_FALSE((address_filter{kind::all, {"eth0"}, {}}.uses_published_value()));
+  EXPECT_FALSE((address_filter{kind::all, {}, {"eth0"}}.uses_published_value()));
+}
+
 TEST(published_value, loses_the_last_address_if_it_fills_its_field) {
   std::string value = "2001:db8::1";
   while (value.size() + 13 < DAC_VALUE_SIZE - 1) value += ",2001:db8::" + std::to_string(10 + value.size() % 90);

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <linux/if_addr.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -503,6 +504,29 @@ TEST_F(hooks, a_program_that_survives_SIGKILL_is_left_to_the_system_at_the_end) 
   EXPECT_TRUE(runner->has_given_up());
   EXPECT_EQ(loop.timers(), 0U);
   EXPECT_EQ(loop.awaited(), 0U);
+  runner = nullptr;
+  EXPECT_EQ(programs.signals, (std::vector<scripted_launcher::signal_call>{{101, SIGTERM}, {101, SIGKILL}}));
+}
+
+TEST_F(hooks, the_end_does_not_wait_for_the_next_reading_of_the_addresses) {
+  make();
+  submit("a");
+  end(0);
+  loop.pass(9s);
+  submit("b");
+  runner->close();
+  loop.pass(1s);
+  end(0);
+  EXPECT_TRUE(runner->is_idle());
+}
+
+// The number of a process that has ended may belong to another program.
+TEST_F(hooks, a_run_that_has_ended_sends_no_signal) {
+  timed_run run(loop, programs, 5s, {"hook"}, {}, {[](const std::string&) {}, [](const std::string&) {}});
+  run.start();
+  end(0);
+  loop.pass(1h);
+  EXPECT_TRUE(programs.signals.empty());
 }
 
 TEST_F(hooks, once_means_no_retry) {
@@ -694,6 +718,18 @@ TEST_F(hooks, hold_the_published_value_too) {
   EXPECT_EQ(starts(), 1U);
   loop.pass(1ns);
   EXPECT_EQ(last_value(), "null");
+}
+
+TEST_F(hooks, hold_from_the_first_null_and_not_from_the_last_reading) {
+  make();
+  submit("a");
+  end(0);
+  loop.pass(9s);
+  submit("null");
+  loop.pass(5min - 1ns);
+  EXPECT_EQ(starts(), 1U);
+  loop.pass(1ns);
+  EXPECT_EQ(starts(), 2U);
 }
 
 TEST_F(hooks, hold_the_last_of_several_values_that_come_together) {
@@ -1081,6 +1117,20 @@ TEST_F(hooks, report_once_that_the_state_is_not_saved_and_save_it_later) {
   EXPECT_EQ(records.saves, saves);
 }
 
+TEST_F(hooks, save_the_state_again_every_ten_seconds_and_not_with_each_value) {
+  records.fails = "state: No space left on device";
+  make();
+  submit("a");
+  end(0);
+  for (int n = 0; n < 9; ++n) {
+    loop.pass(1s);
+    submit("a");
+  }
+  EXPECT_EQ(records.saves, 1);
+  loop.pass(1s);
+  EXPECT_EQ(records.saves, 2);
+}
+
 // ---------------------------------------------------------------- directories
 
 class hook_directories : public hooks {
@@ -1152,6 +1202,34 @@ TEST_F(hook_directories, run_the_other_programs_after_one_that_cannot_be_started
             "No such file or directory; retry in about 1 s\n");
 }
 
+// The program before it has ended, and its process number may belong to another program.
+TEST_F(hook_directories, send_no_signal_for_a_program_that_cannot_be_started_after_another) {
+  for (const char* name : {"a", "b"}) add(name);
+  make();
+  submit("v");
+  programs.fails = true;
+  loop.end(101, 0);
+  loop.pass(0s);
+  EXPECT_TRUE(programs.signals.empty());
+  EXPECT_EQ(failures(), "gw: DIR/b: cannot be started: No such file or directory; retry in about 1 s\n");
+}
+
+TEST_F(hook_directories, that_cannot_be_opened_are_an_error_with_the_reason) {
+  add("a");
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none = {0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  std::string error;
+  try {
+    make();
+  } catch (const std::runtime_error& e) {
+    error = e.what();
+  }
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(error, options.program + ": Too many open files");
+}
+
 TEST_F(hook_directories, give_each_program_the_whole_timeout) {
   for (const char* name : {"a", "b"}) add(name);
   options.timeout = 5s;
@@ -1204,6 +1282,15 @@ TEST_F(hook_directories, without_a_program_are_an_error_at_the_start) {
   } catch (const std::runtime_error& e) {
     EXPECT_EQ(e.what(), options.program + ": no program in this directory, see run-parts(8)");
   }
+}
+
+TEST_F(hooks, a_path_of_a_program_is_started_as_it_is) {
+  const scratch dir;
+  options.program = dir.file("", "hook.sh");
+  make();
+  submit("v");
+  ASSERT_EQ(starts(), 1U);
+  EXPECT_EQ(programs.starts[0].program, options.program);
 }
 
 TEST_F(hooks, an_observer_gets_every_result) {

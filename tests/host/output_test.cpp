@@ -37,6 +37,11 @@ TEST_F(outputs, a_line_is_written_at_once) {
   EXPECT_EQ(out.error(), 0);
 }
 
+TEST_F(outputs, are_not_the_journal_unless_they_are_said_to_be) {
+  EXPECT_FALSE(out.is_journal());
+  EXPECT_TRUE(output(loop, 3, true).is_journal());
+}
+
 TEST_F(outputs, a_descriptor_is_watched_for_its_other_end_from_the_beginning) {
   ASSERT_TRUE(loop.watch_of(1));
   EXPECT_EQ(watched(), readiness::none);

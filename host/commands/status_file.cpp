@@ -21,8 +21,8 @@ constexpr auto between_writes = 1s;
 int write_all(int fd, std::string_view text) {
   while (!text.empty()) {
     const ssize_t n = write(fd, text.data(), text.size());
-    if (n < 0 && errno != EINTR) return errno;
-    if (n > 0) text.remove_prefix(static_cast<size_t>(n));
+    if (n == -1 && errno != EINTR) return errno;
+    if (n != -1) text.remove_prefix(static_cast<size_t>(n));
   }
   return 0;
 }
@@ -31,7 +31,7 @@ int write_all(int fd, std::string_view text) {
 int replace(const std::string& path, const std::string& text) {
   const std::string next = path + ".tmp";
   const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
-  if (fd < 0) return errno;
+  if (fd == -1) return errno;
   int error = write_all(fd, text);
   if (close(fd) != 0 && error == 0) error = errno;
   if (error == 0 && rename(next.c_str(), path.c_str()) != 0) error = errno;

@@ -19,13 +19,14 @@
 namespace {
 
 constexpr char header[] = "dachost state 1";
+constexpr mode_t owner_only = S_IRUSR | S_IWUSR;
 
 [[noreturn]] void fail(const std::string& file) { throw std::system_error(errno, std::generic_category(), file); }
 
 class descriptor {
  public:
-  descriptor(const std::string& file, int flags) : _file(file), _fd(open(file.c_str(), flags | O_CLOEXEC, 0600)) {
-    if (_fd < 0) fail(file);
+  descriptor(const std::string& file, int flags) : _file(file), _fd(open(file.c_str(), flags | O_CLOEXEC, owner_only)) {
+    if (_fd == -1) fail(file);
   }
   ~descriptor() { close(_fd); }
   descriptor(const descriptor&) = delete;
@@ -34,13 +35,13 @@ class descriptor {
   void write(std::string_view text) const {
     while (!text.empty()) {
       const ssize_t n = ::write(_fd, text.data(), text.size());
-      if (n < 0 && errno != EINTR) fail(_file);
-      if (n > 0) text.remove_prefix(static_cast<size_t>(n));
+      if (n == -1 && errno != EINTR) fail(_file);
+      if (n != -1) text.remove_prefix(static_cast<size_t>(n));
     }
   }
   // Regardless of the umask.
   void make_readable() const {
-    if (fchmod(_fd, 0600) != 0) fail(_file);
+    if (fchmod(_fd, owner_only) != 0) fail(_file);
   }
   void sync() const {
     if (fsync(_fd) != 0) fail(_file);
@@ -69,10 +70,10 @@ std::optional<saved> parse(const std::string& text) {
   for (std::string* line : {&first, &time, &r.tag, &r.value, &settings})
     if (!std::getline(lines, *line) || lines.eof()) return std::nullopt;  // the last line, too, has an end
   int64_t s = 0;
-  const auto [last, failed] = std::from_chars(time.data(), time.data() + time.size(), s);
+  const char* const end = time.data() + time.size();
+  const auto [last, failed] = std::from_chars(time.data(), end, s);
   constexpr int64_t latest = 9'000'000'000;  // fits the clock
-  if (s < 0 || s > latest || first != header || failed != std::errc() || last != time.data() + time.size())
-    return std::nullopt;
+  if (s < 0 || s > latest || first != header || failed != std::errc() || last != end) return std::nullopt;
   r.time = std::chrono::system_clock::time_point(std::chrono::seconds(s));
   return lines.peek() == EOF && !r.value.empty() ? std::optional(saved{r, settings}) : std::nullopt;
 }
@@ -120,10 +121,11 @@ std::string settings_of(const std::string& hook, const char* const* environment)
   return digits;
 }
 
-std::string state_directory::file_of(const std::string& instance) const { return _path + '/' + file_name(instance); }
+std::string state_directory::file_of(const std::string& instance) const {
+  return _path.empty() ? "" : _path + '/' + file_name(instance);
+}
 
 std::optional<hook_record> state_directory::load(const std::string& instance) {
-  if (_path.empty()) return std::nullopt;
   const std::string file = file_of(instance);
   std::error_code ignored;
   const bool exists = std::filesystem::exists(file, ignored);
@@ -141,8 +143,8 @@ std::optional<hook_record> state_directory::load(const std::string& instance) {
 
 // After a power failure the file is either the old one or the new one.
 void state_directory::save(const std::string& instance, const hook_record& r) {
-  if (_path.empty()) return;
   const std::string file = file_of(instance);
+  if (file.empty()) return;
   const std::string next = file + ".tmp";
   unlink(next.c_str());
   {

@@ -2,6 +2,7 @@
 #include "host/hook/state_directory.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -9,6 +10,7 @@
 #include <set>
 #include <stdexcept>
 
+#include "tests/support/fake_disk.h"
 #include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
@@ -84,6 +86,12 @@ TEST(settings, identify_the_hook_and_its_environment_but_not_a_start) {
   EXPECT_NE(settings_of("update", removed), s);
 }
 
+// Otherwise an upgrade would make every hook run.
+TEST(settings, have_the_same_identity_in_every_version) {
+  const char* const none[] = {nullptr};
+  EXPECT_EQ(settings_of("foobar", none), "85944171f73967e8") << "a published test vector of FNV-1a";
+}
+
 TEST_F(state_files, preserve_every_byte_of_a_name) {
   state.save("gw", {"\xe4 \t\x01 =", "a", time_point(1s)});
   EXPECT_EQ(loaded(), "\xe4 \t\x01 = a 1");
@@ -126,6 +134,11 @@ TEST_F(state_files, of_long_names_have_the_first_200_characters_and_a_hash) {
     EXPECT_EQ(h.size(), 16 + std::string(".state").size());
     EXPECT_EQ(h.find_first_not_of("0123456789abcdef"), 16U);
   }
+}
+
+TEST_F(state_files, of_long_names_have_the_same_names_in_every_version) {
+  save(std::string(201, 'x'), "v");
+  EXPECT_EQ(files(), std::set<std::string>{std::string(200, 'x') + "-3631500d06f3bba7.state"});
 }
 
 TEST_F(state_files, of_the_latest_time_are_loaded) {
@@ -195,6 +208,59 @@ TEST_F(state_files, that_cannot_be_read_or_written_are_an_error) {
   } catch (const std::runtime_error& e) {
     EXPECT_EQ(e.what(), dir.path("missing") + "/gw.state.tmp: No such file or directory");
   }
+}
+
+TEST_F(state_files, that_cannot_be_opened_are_not_called_damaged) {
+  save("gw", "a");
+  rlimit before{};
+  getrlimit(RLIMIT_NOFILE, &before);
+  const rlimit none = {0, before.rlim_max};
+  setrlimit(RLIMIT_NOFILE, &none);
+  const std::string error = error_of();
+  setrlimit(RLIMIT_NOFILE, &before);
+  EXPECT_EQ(error, dir.path("") + "/gw.state: Too many open files");
+}
+
+TEST_F(state_files, are_on_the_disk_before_they_replace_others_and_before_a_save_returns) {
+  fake_disk::recording disk;
+  save("gw", "a");
+  const texts of_file = {"open gw.state.tmp",  "fchmod gw.state.tmp", "write gw.state.tmp",
+                         "fsync gw.state.tmp", "close gw.state.tmp",  "rename gw.state.tmp"};
+  const texts of_directory = {"open ", "fsync ", "close "};
+  EXPECT_EQ(texts(disk.made.begin(), disk.made.begin() + 6), of_file);
+  EXPECT_EQ(texts(disk.made.begin() + 6, disk.made.end()), of_directory);
+}
+
+TEST_F(state_files, are_complete_when_the_disk_accepts_a_part_or_a_signal_interrupts) {
+  fake_disk::recording disk;
+  disk.most_bytes = {0, 1, 0, 2, 16};
+  save("gw", "2001:db8::1");
+  EXPECT_TRUE(disk.most_bytes.empty());
+  EXPECT_EQ(loaded(), "a.example 2001:db8::1 1700000000");
+}
+
+TEST_F(state_files, have_the_old_or_the_new_record_when_a_call_fails) {
+  save("gw", "old");
+  fake_disk::recording disk;
+  std::string error;
+  const auto save_new = [&] {
+    try {
+      disk.made.clear();
+      error.clear();
+      save("gw", "new");
+    } catch (const std::runtime_error& e) {
+      error = e.what();
+    }
+  };
+  constexpr int of_close = 5, of_rename = 6;  // the file is complete at its close
+  const int failed = fail_each(disk.calls, save_new, [&](int n, bool has_failed) {
+    const bool is_old = has_failed && n <= of_rename && n != of_close;
+    EXPECT_EQ(loaded(), is_old ? "a.example old 1700000000" : "a.example new 1700000000") << disk.made.back();
+    const bool is_reported = error.find(dir.path("")) != std::string::npos;
+    EXPECT_EQ(is_reported, has_failed && !disk.made[static_cast<size_t>(n - 1)].starts_with("close")) << error;
+    save("gw", "old");
+  });
+  EXPECT_EQ(failed, 9);
 }
 
 TEST_F(state_files, preserve_the_old_record_if_the_new_one_cannot_be_written) {

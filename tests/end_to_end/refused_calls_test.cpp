@@ -1,6 +1,6 @@
 // What dachost does when a system call fails: each call, at each of its occurrences in a run with a hook, JSON and a
-// reload. It reports the error and ends with status 1, or it continues; it never hangs, and never prints or passes on
-// a part of a value.
+// reload. It reports the error and ends with status 1, or it continues; it never hangs, and never prints, passes on or
+// saves a part of a value.
 //
 // REFUSALS is the greatest number of occurrences of each call that are tried. Without it forty are, of requests for
 // memory every 29th.
@@ -36,11 +36,14 @@ int most_occurrences() {
 }
 int step(const refusal& r) { return std::getenv("REFUSALS") ? 1 : r.step; }
 
+enum class extra { none, file, state };  // standard output is a file; the state is saved
+
 // Its directory, its files and its results.
 class refused_run {
  public:
-  refused_run(refusal r, int n, bool to_file) : _refusal(std::move(r)), _number(n) {
-    if (to_file) _settings.out_file = _dir.path("out");
+  refused_run(refusal r, int n, extra e) : _refusal(std::move(r)), _number(n), _extra(e) {
+    if (e == extra::file) _settings.out_file = _dir.path("out");
+    if (e == extra::state) std::filesystem::create_directory(_dir.path("state"));
     _dir.file("hostname = one\n", "gw.conf");
     _dir.file("#!/bin/sh\necho \"$DAC_TAG $DAC_VALUE\" >>'" + _dir.path("did") + "'\necho printed\n", "prog");
     if (chmod(_dir.path("prog").c_str(), 0700) != 0) throw std::runtime_error("chmod");
@@ -48,11 +51,22 @@ class refused_run {
 
   /// False when the call does not occur that often.
   bool carry_out() {
-    process p({"env", "LD_PRELOAD=" REFUSED_CALLS,
-               "REFUSED=" + _refusal.call + ' ' + std::to_string(_number) + ' ' + std::to_string(_refusal.error),
-               "REFUSED_MARK=" + _dir.path("mark"), DACHOST, "run", "-p", BARE_PLUGIN, "--json", "--pick", "stable",
-               "--exec", _dir.path("prog"), _dir.path("gw.conf")},
-              _settings);
+    texts command = {"env",
+                     "LD_PRELOAD=" REFUSED_CALLS,
+                     "REFUSED=" + _refusal.call + ' ' + std::to_string(_number) + ' ' + std::to_string(_refusal.error),
+                     "REFUSED_MARK=" + _dir.path("mark"),
+                     DACHOST,
+                     "run",
+                     "-p",
+                     BARE_PLUGIN,
+                     "--json",
+                     "--pick",
+                     "stable",
+                     "--exec",
+                     _dir.path("prog"),
+                     _dir.path("gw.conf")};
+    if (_extra == extra::state) command.insert(command.end(), {"--state", _dir.path("state")});
+    process p(command, _settings);
     const bool has_one = await_hook(p, "one 2001:db8::1\n");
     _dir.file("hostname = two\n", "gw.conf");
     if (p.is_running()) p.signal(SIGHUP);
@@ -71,6 +85,7 @@ class refused_run {
  private:
   const refusal _refusal;
   const int _number;
+  const extra _extra;
   const scratch _dir;
   process_settings _settings;
   ending _end{};
@@ -104,6 +119,18 @@ class refused_run {
       require(line == "one 2001:db8::1" || line == "two 2001:db8::1" || line == "one null" || line == "two null",
               "whole values in the hook, not " + line);
     if (_end.status == 0 && is_complete) judge_events();
+    if (_extra == extra::state) judge_state(is_complete);
+  }
+
+  /// One that is damaged is as bad as one that is outdated without a message.
+  void judge_state(bool is_complete) {
+    const bool is_there = std::filesystem::exists(_dir.path("state/gw.state"));
+    const texts state = lines(read_file(_dir.path("state/gw.state")));
+    const bool is_whole = state.size() == 5 && state[0] == "dachost state 1" && state[3] == "2001:db8::1" &&
+                          (state[2] == "one" || state[2] == "two") && state[4].size() == 16;
+    require(!is_there || is_whole, "a whole state file");
+    const bool is_reported = _end.err.find("the state is not saved") != std::string::npos;
+    require(!is_complete || _end.status != 0 || is_reported || (is_whole && state[2] == "two"), "a saved state");
   }
 
   /// A run to the end prints every event once. A plug-in without memory finds no address for a while.
@@ -123,17 +150,17 @@ class refused_run {
 // In parallel, because the runs spend most of their time waiting.
 class refused_calls : public testing::Test {
  protected:
-  static void try_each(const std::vector<refusal>& refusals, bool to_file = false) {
+  static void try_each(const std::vector<refusal>& refusals, extra more = extra::none) {
     in_new_network([&] {
       ASSERT_TRUE(ip("addr add 2001:db8::1/128 dev lo nodad"));
       prctl(PR_SET_CHILD_SUBREAPER, 1);
-      for (const refusal& r : refusals) try_each_occurrence(r, to_file);
+      for (const refusal& r : refusals) try_each_occurrence(r, more);
       expect_no_child();
     });
   }
 
  private:
-  static void try_each_occurrence(const refusal& r, bool to_file) {
+  static void try_each_occurrence(const refusal& r, extra more) {
     std::atomic<int> next = 0, ended = 0, failed = 0;
     std::atomic<bool> is_over = false;
     std::mutex printing;
@@ -141,7 +168,7 @@ class refused_calls : public testing::Test {
       while (!is_over) {
         const int turn = next++, n = turn * step(r);
         if (turn >= most_occurrences()) return;
-        refused_run run(r, n, to_file);
+        refused_run run(r, n, more);
         try {
           if (!run.carry_out()) is_over = true;
         } catch (const std::exception& e) {
@@ -189,7 +216,18 @@ TEST_F(refused_calls, to_write_leave_no_part_of_a_line) {
 }
 
 TEST_F(refused_calls, to_write_into_a_file_leave_no_part_of_a_line) {
-  try_each({{"write_out", 0}, {"write_out", EINTR}, {"write_out", EAGAIN}, {"write_out", ENOSPC}}, true);
+  try_each({{"write_out", 0}, {"write_out", EINTR}, {"write_out", EAGAIN}, {"write_out", ENOSPC}}, extra::file);
+}
+
+TEST_F(refused_calls, to_save_the_state_leave_a_whole_state_file) {
+  try_each({{"open", EMFILE},
+            {"fchmod", EPERM},
+            {"write_file", 0},
+            {"write_file", EINTR},
+            {"write_file", ENOSPC},
+            {"fsync", EIO},
+            {"rename", EIO}},
+           extra::state);
 }
 
 TEST_F(refused_calls, to_the_kernels_addresses_end_in_a_message) {

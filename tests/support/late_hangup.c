@@ -1,5 +1,5 @@
 /*
- * Preloaded into a program: sends it SIGHUP each time that it restores the default action of SIGHUP, and once more when
+ * Preloaded into a program: sends it SIGHUP each time that it restores the default action of SIGHUP, and again when
  * its static objects are gone. Does not affect its children.
  */
 #include <dlfcn.h>

@@ -78,7 +78,6 @@ dachost(1).)";
 
 // ---------------------------------------------------------------- options
 
-constexpr int wrong_usage = 2;
 constexpr double most_seconds = 1e9;  // fits nanoseconds even after the clock is added
 
 double seconds_per(std::string_view unit) {

@@ -24,9 +24,11 @@ struct options {
   hook_options hook;
 };
 
+constexpr int wrong_usage = 2;  // exit status
+
 /// The reply when there is nothing to run: help, version or a usage error.
 struct answer {
-  int status;  // 0, or 2 for wrong usage
+  int status;  // 0 or wrong_usage
   std::string text;
 };
 

@@ -9,6 +9,7 @@
 #include <new>
 #include <optional>
 #include <random>
+#include <stdexcept>
 #include <system_error>
 
 #include "host/commands/commands.h"
@@ -88,6 +89,9 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
     const auto parsed = parse(argc, argv);
     if (const auto* a = std::get_if<answer>(&parsed)) return reply(*a, out, err);
     return carry_out(l, std::get<options>(parsed), out, err);
+  } catch (const std::invalid_argument& e) {
+    report(err, e.what());
+    return wrong_usage;
   } catch (const std::exception& e) {
     report(err, e.what());
     return 1;

@@ -1,7 +1,11 @@
 // run: prints what the instances report, and passes their values to a hook.
+#include <net/if.h>
 #include <sysexits.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <stdexcept>
@@ -12,6 +16,7 @@
 #include "host/commands/run_status.h"
 #include "host/commands/value_events.h"
 #include "host/display/printer.h"
+#include "host/hook/timed_run.h"
 #include "host/instances/supervisor.h"
 #include "host/report.h"
 
@@ -28,15 +33,28 @@ std::unique_ptr<printer> make_printer(const options& o, output& out) {
 }
 
 // The status file replaces what has its name.
-void protect_files(const options& o) {
+void check_status_file(const options& o) {
   using std::filesystem::file_type;
   std::error_code ignored;
   const file_type type = std::filesystem::symlink_status(o.status, ignored).type();
   if (type != file_type::regular && type != file_type::not_found && type != file_type::none)
-    throw std::runtime_error(o.status + ": not a regular file");
+    throw std::invalid_argument(o.status + ": not a regular file");
   for (const std::string& file : o.files)
     if (std::filesystem::equivalent(o.status, file, ignored))
-      throw std::runtime_error(o.status + ": is a configuration file; --status would replace it");
+      throw std::invalid_argument(o.status + ": is a configuration file; --status would replace it");
+}
+
+void check_state_directory(const std::string& path) {
+  if (!path.empty() && access((path + "/.").c_str(), W_OK | X_OK) != 0)
+    throw std::invalid_argument("--state: " + path + ": " + std::strerror(errno));
+}
+
+// An interface may appear later, and an exclusion of one that is not there has its effect.
+void check_interfaces(const address_filter& f, output& err) {
+  char real[IF_NAMESIZE] = {};  // an alternative name selects nothing
+  for (const std::string& name : f.interfaces)
+    if (!if_indextoname(if_nametoindex(name.c_str()), real) || name != real)
+      report(err, "--interface " + name + ": no interface has this name now", severity::warning);
 }
 
 class runner : fleet_observer {
@@ -174,7 +192,12 @@ bool runner::is_done() const {
 
 int run(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
         output& err) {
-  protect_files(o);
+  check_status_file(o);
+  if (!o.hook.program.empty()) {
+    check_hook(o.hook.program);
+    check_state_directory(o.hook.state);
+  }
+  check_interfaces(o.hook.addresses, err);
   return runner(e, m, p, o, out, err).run();
 }
 

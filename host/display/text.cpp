@@ -33,6 +33,10 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+bool is_plain(unsigned char c) {
+  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' || c == '-';
+}
+
 std::string printable_json(std::string_view document) {
   std::string out;
   while (!document.empty()) {

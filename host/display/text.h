@@ -9,6 +9,9 @@
 /// The text with every control character written as \xNN, so that it is one line and cannot change a terminal.
 std::string printable(std::string_view text);
 
+/// An ASCII letter or digit, an underscore or a hyphen.
+bool is_plain(unsigned char c);
+
 /// A JSON document of one line with every control character escaped. Only its strings may contain some.
 std::string printable_json(std::string_view document);
 

@@ -35,11 +35,6 @@ hook_runner::hook_runner(const environment& e, const hook_options& o, size_t ins
       _list_outage(err),
       _room_outage(err),
       _state_outage(err) {
-  try {
-    programs_of(o.program);
-  } catch (const std::runtime_error& failed) {
-    throw std::runtime_error(o.program + ": " + failed.what());
-  }
   for (hook& h : _hooks) {
     h.earliest = e.loop.now() + times(o.splay, e.random());
     h.null_from = e.loop.now() + o.hold;

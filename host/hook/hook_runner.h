@@ -60,7 +60,6 @@ class hook_runner {
     hook_store& records;
     std::function<double()> random;  // at least 0, less than 1
   };
-  /// Throws std::runtime_error if the options name a directory without programs.
   hook_runner(const environment& e, const hook_options& o, size_t instances, printer& p, output& err);
   hook_runner(const hook_runner&) = delete;
   hook_runner& operator=(const hook_runner&) = delete;

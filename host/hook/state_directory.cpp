@@ -16,6 +16,8 @@
 #include <system_error>
 #include <utility>
 
+#include "host/display/text.h"
+
 namespace {
 
 constexpr char header[] = "dachost state 1";
@@ -78,10 +80,6 @@ std::optional<saved> parse(const std::string& text) {
   return lines.peek() == EOF && !r.value.empty() ? std::optional(saved{r, settings}) : std::nullopt;
 }
 
-bool is_plain(unsigned char c) {
-  return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' || c == '.';
-}
-
 uint64_t hash(const std::string& text) {  // FNV-1a
   uint64_t h = 0xcbf29ce484222325U;
   for (const char c : text) h = (h ^ static_cast<unsigned char>(c)) * 0x100000001b3U;
@@ -95,7 +93,7 @@ std::string file_name(const std::string& instance) {
   char escape[24] = {};
   for (const char c : instance) {
     const auto byte = static_cast<unsigned char>(c);
-    std::snprintf(escape, sizeof escape, is_plain(byte) ? "%c" : "%%%02X", byte);
+    std::snprintf(escape, sizeof escape, is_plain(byte) || c == '.' ? "%c" : "%%%02X", byte);
     name += escape;
   }
   if (name.size() <= longest) return name + ".state";

@@ -454,9 +454,9 @@ TEST_F(dachost, check_tags_and_info_create_a_stopped_instance_and_destroy_it) {
 }
 
 TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
-  const std::string conf = file("++", "hostname=h");
+  chmod(file("++", "hostname=h").c_str(), 0700);
   const auto check_there = [&](const texts& args) {
-    texts argv = {"sh", "-c", "cd \"$0\" && exec \"$@\"", path("")};
+    texts argv = {"sh", "-c", "cd \"$0\" && PATH=$PATH: exec \"$@\"", path("")};
     for (const std::string& word : command_line(DACHOST, args)) argv.push_back(word);
     return process(argv).end();
   };

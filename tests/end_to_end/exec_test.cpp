@@ -279,25 +279,74 @@ TEST_F(exec, is_not_tried_again_with_once) {
   }
 }
 
+TEST_F(exec, that_is_no_program_is_an_error_at_the_start) {
+  const std::string plain = dir.file("#!/bin/sh\n", "plain"), conf = publish("a");
+  std::filesystem::create_directory(dir.path("bin"));
+  std::filesystem::create_directory(dir.path("bin/folder"));
+  const struct row {
+    std::string program;
+    const char* reason;
+  } rows[] = {{dir.path("missing"), "not found"},       {plain, "not executable"},
+              {plain + "/prog", "not found"},           {"/dev/null", "not executable"},
+              {"no-such-program", "not found on PATH"}, {"plain", "not found on PATH"},
+              {"folder", "not found on PATH"}};
+  for (const row& r : rows) {
+    for (const char* way : {"--once", "--dry-run"}) {
+      SCOPED_TRACE(r.program + ' ' + way);
+      const ending e = run({way, "--exec", r.program, conf}, {"PATH=/usr/bin:" + dir.path("") + ':' + dir.path("bin")});
+      EXPECT_EQ(e.status, 2);
+      EXPECT_EQ(e.out, "");
+      EXPECT_EQ(e.err, "dachost: --exec: " + r.program + ": " + r.reason + '\n');
+    }
+  }
+}
+
+TEST_F(exec, that_is_found_where_posix_spawnp_searches_is_accepted_at_the_start) {
+  program("");
+  const std::string here = "cd '" + dir.path("") + "' && exec \"$@\"", conf = publish("a");
+  for (const texts& path : {texts{"PATH=/nowhere:/usr/bin:"}, {"PATH=:/usr/bin"}, {"PATH=/usr/bin:."}}) {
+    SCOPED_TRACE(path[0]);
+    texts argv = {"sh", "-c", here, "sh", "env", path[0]};
+    for (const texts& more :
+         {split(EMULATOR, ' '), {DACHOST, "run", "-p", FAKE_PLUGIN, "--once", "--exec", "prog", conf}})
+      argv.insert(argv.end(), more.begin(), more.end());
+    const ending e = process(argv).end();
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.status, 0);
+  }
+  const ending unset = run({"--once", "--exec", "true", conf}, {"-u", "PATH"});
+  EXPECT_EQ(unset.err, "");
+  EXPECT_EQ(unset.status, 0);
+}
+
+// What makes these fail cannot be seen in the file's mode.
 TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
-  const std::string conf = publish("a");
   const struct row {
     const char* label;
-    std::string file;
+    const char* text;
     const char* reason;
-  } rows[] = {{"no file", dir.path("missing"), "No such file or directory"},
-              {"no name on the path", "no-such-program", "No such file or directory"},
-              {"no leave to execute", dir.file("#!/bin/sh\n", "plain"), "Permission denied"},
-              {"neither a program nor a script", dir.file("exit 0\n", "shapeless"), "Exec format error"}};
-  chmod(dir.path("shapeless").c_str(), 0700);
+  } rows[] = {{"no interpreter", "#!/no/such/interpreter\n", "No such file or directory"},
+              {"neither a program nor a script", "exit 0\n", "Exec format error"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
-    const ending e = run({"--once", "--exec", r.file, conf}, {"PATH=/usr/bin:/bin"});
+    const std::string file = dir.file(r.text, "prog");
+    chmod(file.c_str(), 0700);
+    const ending e = run({"--once", "--exec", file, publish("a")});
     EXPECT_EQ(e.status, 1);
     // Under the emulator the child process finds out, and can only end.
     const std::string reason = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
-    EXPECT_EQ(e.err, "dachost: gw: " + r.file + ": " + reason + "; no retry\n");
+    EXPECT_EQ(e.err, hook_message(reason + "; no retry"));
   }
+}
+
+TEST_F(exec, that_disappears_later_is_reported_and_retried) {
+  process p = start({"--exec", program("echo ran >did"), publish("a")});
+  await_did("ran");
+  std::filesystem::remove(dir.path("prog"));
+  publish_next(p, "b");
+  p.await_err(hook_message((is_emulated ? "exit status 127" : "cannot be started: No such file or directory") +
+                           std::string("; retry in about 1 s")));
+  terminate(p);
 }
 
 // On a slow machine it may be stopped before it has done anything; then it is tried again.
@@ -444,7 +493,7 @@ TEST_F(exec, is_only_shown_in_a_dry_run) {
 }
 
 TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
-  const ending e = run({"--once", "--dry-run", "--json", "--exec", "prog", publish("a")});
+  const ending e = run({"--once", "--dry-run", "--json", "--exec", "true", publish("a")});
   json shown = json::parse(lines(e.out).at(3));
   EXPECT_EQ(shown["environment"]["DAC_TIME"], json::parse(lines(e.out).at(2))["time"]);
   shown.erase("time");
@@ -452,7 +501,7 @@ TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
   EXPECT_EQ(shown, (json{{"schema", 1},
                          {"event", "exec"},
                          {"instance", "gw"},
-                         {"program", "prog"},
+                         {"program", "true"},
                          {"environment",
                           {{"DAC_INSTANCE", "gw"},
                            {"DAC_TAG", "gw"},

@@ -155,26 +155,40 @@ TEST_F(hook, saves_its_state_in_the_first_directory_of_systemd) {
       << "without a program";
 }
 
-TEST_F(hook, runs_though_its_state_is_damaged_or_cannot_be_written) {
-  const texts args = {"--once", "--state", state(), "--exec", records("$DAC_REASON"), conf("publish a")};
+TEST_F(hook, runs_though_its_state_is_damaged) {
+  const std::string path = state();
   dir.file("damaged", "state/gw.state");
-  const ending damaged = run(args).end();
-  EXPECT_EQ(damaged.status, 0);
-  EXPECT_EQ(damaged.err, "dachost: " + dir.path("state/gw.state") + ": damaged; ignored\n");
-  std::filesystem::remove_all(dir.path("state"));
-  const ending missing = run(args).end();
-  EXPECT_EQ(missing.status, 0);
-  EXPECT_EQ(missing.err,
-            "dachost: " + dir.path("state/gw.state.tmp") + ": No such file or directory; the state is not saved\n");
-  EXPECT_EQ(did(), "first\nfirst\n");
+  const ending e = run({"--once", "--state", path, "--exec", records("$DAC_REASON"), conf("publish a")}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "dachost: " + dir.path("state/gw.state") + ": damaged; ignored\n");
+  EXPECT_EQ(did(), "first\n");
 }
 
-TEST_F(hook, saves_its_state_when_that_is_possible_again) {
+TEST_F(hook, does_not_start_with_a_state_directory_that_cannot_be_used) {
+  const std::string locked = dir.path("locked"), file = dir.file("", "file"), missing = dir.path("missing");
+  std::filesystem::create_directory(locked);
+  std::filesystem::permissions(locked, std::filesystem::perms::owner_read);
+  std::vector<std::pair<std::string, const char*>> rows = {{missing, "No such file or directory"},
+                                                           {file, "Not a directory"}};
+  if (access((locked + "/.").c_str(), W_OK) != 0) rows.emplace_back(locked, "Permission denied");  // not for root
+  for (const auto& [path, reason] : rows) {
+    const texts args = {"--exec", records("ran"), conf("publish a")};
+    texts given = args;
+    given.insert(given.begin(), {"--state", path});
+    for (const ending& e : {run(given).end(), run(args, {"env", "STATE_DIRECTORY=" + path}).end()}) {
+      EXPECT_EQ(e.status, 2);
+      EXPECT_EQ(e.out, "");
+      EXPECT_EQ(e.err, "dachost: --state: " + path + ": " + reason + '\n');
+    }
+  }
+  EXPECT_EQ(did(), "");
+}
+
+TEST_F(hook, runs_though_its_state_cannot_be_saved_and_saves_it_when_that_is_possible_again) {
   const std::string path = state();
-  std::filesystem::remove(path);
-  process p = run({"--state", path, "--exec", records("ran"), conf("publish a")});
-  p.await_err("the state is not saved\n");
-  state();
+  process p = run({"--state", path, "--exec", program("mv state away; echo ran >>did"), conf("publish a")});
+  p.await_err("dachost: " + path + "/gw.state.tmp: No such file or directory; the state is not saved\n");
+  std::filesystem::rename(dir.path("away"), path);
   p.await_err("dachost: the state is saved again\n");
   EXPECT_NE(saved(), "");
   terminate(p);
@@ -201,9 +215,9 @@ TEST_F(hook, runs_the_programs_of_a_directory_in_order) {
 TEST_F(hook, cannot_be_a_directory_without_a_program) {
   std::filesystem::create_directory(dir.path("hooks"));
   const ending e = run({"--exec", dir.path("hooks"), conf("publish a")}).end();
-  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.status, 2);
   EXPECT_EQ(e.out, "");
-  EXPECT_EQ(e.err, "dachost: " + dir.path("hooks") + ": no program in this directory, see run-parts(8)\n");
+  EXPECT_EQ(e.err, "dachost: --exec: " + dir.path("hooks") + ": no program in this directory, see run-parts(8)\n");
 }
 
 // ---------------------------------------------------------------- the command line

@@ -88,7 +88,7 @@ TEST_F(json_lines, are_valid_for_refused_files) {
 TEST_F(json_lines, are_valid_for_the_plug_in_that_ships) {
   const std::string file = dir.file("hostname = gateway.example");
   for (const texts& args : {texts{"run", "--once", "--json", "-p", PLUGIN, file},
-                            texts{"run", "--once", "--json", "--dry-run", "--exec", "x", "-p", PLUGIN, file}}) {
+                            texts{"run", "--once", "--json", "--dry-run", "--exec", "true", "-p", PLUGIN, file}}) {
     const ending e = start(args).end();
     EXPECT_EQ(e.status, 0) << e.err;
     expect_valid(e.out);
@@ -177,11 +177,11 @@ TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
   std::filesystem::create_symlink(file, link);
   for (const std::string& special : {fifo, link, dir.path("")}) {
     const ending e = run({"--once", "--status", special, file}).end();
-    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.status, 2);
     EXPECT_EQ(e.err, "dachost: " + special + ": not a regular file\n");
   }
   const ending e = run({"--once", "--status", file, file}).end();
-  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.status, 2);
   EXPECT_EQ(e.err, "dachost: " + file + ": is a configuration file; --status would replace it\n");
   EXPECT_EQ(read_file(file), "publish a");
 }

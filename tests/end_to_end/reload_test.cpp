@@ -193,17 +193,20 @@ TEST_F(command_line, a_file_given_three_times_has_three_instances) {
 TEST_F(command_line, names_with_equals_signs_tabs_and_escapes_are_whole_in_a_dry_run) {
   const std::string name = "a=b\tc\x1b[1m d", file = conf("publish v=w", name);
   const std::string shown = "a=b\\x09c\\x1b[1m d";
-  const ending text = run({"--once", "--dry-run", "--exec", "p=q\tr", file}).end();
+  std::filesystem::copy("/bin/true", dir.path("p=q\tr"));
+  const std::string prog = dir.path("p=q\tr");
+  const ending text = run({"--once", "--dry-run", "--exec", prog, file}).end();
   const texts commands = lines_of(text.out, "exec");
   ASSERT_EQ(commands.size(), 1U);
   const texts fields = split(commands[0], '\t');
   ASSERT_EQ(fields.size(), 9U);
-  EXPECT_EQ(texts(fields.begin(), fields.begin() + 6),
-            (texts{shown, "exec", "p=q\\x09r", "DAC_INSTANCE=" + shown, "DAC_TAG=" + shown, "DAC_VALUE=v=w"}));
+  EXPECT_EQ(
+      texts(fields.begin(), fields.begin() + 6),
+      (texts{shown, "exec", dir.path("p=q\\x09r"), "DAC_INSTANCE=" + shown, "DAC_TAG=" + shown, "DAC_VALUE=v=w"}));
   json event;
-  for (const std::string& line : lines(run({"--once", "--json", "--dry-run", "--exec", "p=q\tr", file}).end().out))
+  for (const std::string& line : lines(run({"--once", "--json", "--dry-run", "--exec", prog, file}).end().out))
     if (json::parse(line)["event"] == "exec") event = json::parse(line);
-  EXPECT_EQ(event["program"], "p=q\tr");
+  EXPECT_EQ(event["program"], prog);
   EXPECT_EQ(event["instance"], name);
   for (const char* variable : {"DAC_TIME", "DAC_PREVIOUS", "DAC_REASON"}) event["environment"].erase(variable);
   EXPECT_EQ(event["environment"], (json{{"DAC_INSTANCE", name}, {"DAC_TAG", name}, {"DAC_VALUE", "v=w"}}));

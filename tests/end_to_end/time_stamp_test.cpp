@@ -49,7 +49,7 @@ TEST_F(time_stamp, has_three_digits_of_milliseconds) {
 TEST_F(time_stamp, is_the_same_in_DAC_TIME_and_in_a_dry_run) {
   run_at("1700000000.007", {"--exec", program("echo $DAC_TIME >did")}, "XXX-14");
   EXPECT_EQ(did(), "2023-11-14T22:13:20.007Z\n");
-  const texts shown = lines_of(run_at("1700000000.007", {"--dry-run", "--exec", "prog"}, "XXX-14").out, "exec");
+  const texts shown = lines_of(run_at("1700000000.007", {"--dry-run", "--exec", "true"}, "XXX-14").out, "exec");
   ASSERT_EQ(shown.size(), 1U);
   EXPECT_TRUE(shown[0].find("\tDAC_TIME=2023-11-14T22:13:20.007Z\t") != std::string::npos) << shown[0];
 }

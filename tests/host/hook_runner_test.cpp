@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <stdexcept>
@@ -1270,16 +1271,6 @@ TEST_F(hook_directories, are_read_for_each_run) {
   EXPECT_EQ(started().back(), "c");
 }
 
-TEST_F(hook_directories, without_a_program_are_an_error_at_the_start) {
-  add("a.sh");
-  try {
-    make();
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(e.what(), options.program + ": no program in this directory, see run-parts(8)");
-  }
-}
-
 TEST_F(hooks, a_path_of_a_program_is_started_as_it_is) {
   const scratch dir;
   options.program = dir.file("", "hook.sh");
@@ -1288,6 +1279,79 @@ TEST_F(hooks, a_path_of_a_program_is_started_as_it_is) {
   ASSERT_EQ(starts(), 1U);
   EXPECT_EQ(programs.starts[0].program, options.program);
 }
+
+// ---------------------------------------------------------------- at the start
+
+class hook_check : public testing::Test {
+ protected:
+  scratch dir;
+  const std::string path_before = std::getenv("PATH");
+
+  hook_check() { setenv("PATH", ("/nowhere:" + dir.path("bin") + ":/bin").c_str(), 1); }
+  ~hook_check() override { setenv("PATH", path_before.c_str(), 1); }
+  hook_check(const hook_check&) = delete;
+  hook_check& operator=(const hook_check&) = delete;
+
+  std::string add(const std::string& name, mode_t mode = 0700) const {
+    std::filesystem::create_directories(std::filesystem::path(dir.path(name)).parent_path());
+    EXPECT_EQ(chmod(dir.file("", name).c_str(), mode), 0);
+    return dir.path(name);
+  }
+  /// "" if the hook is accepted.
+  static std::string reason_against(const std::string& hook) {
+    try {
+      check_hook(hook);
+      return "";
+    } catch (const std::invalid_argument& e) {
+      const std::string begin = "--exec: " + hook + ": ", text = e.what();
+      EXPECT_TRUE(text.starts_with(begin)) << text;
+      return text.substr(begin.size());
+    }
+  }
+};
+
+TEST_F(hook_check, accepts_executable_files_and_names_on_the_path) {
+  EXPECT_EQ(reason_against(add("a.sh")), "");
+  add("bin/on-path");
+  EXPECT_EQ(reason_against("on-path"), "");
+  EXPECT_EQ(reason_against("sh"), "");
+}
+
+TEST_F(hook_check, searches_the_working_directory_for_an_empty_part_of_the_path) {
+  add("here");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path(""));
+  EXPECT_EQ(reason_against("here"), "not found on PATH");
+  for (const char* path : {"", ":/bin", "/bin:", "/nowhere::/bin"}) {
+    setenv("PATH", path, 1);
+    EXPECT_EQ(reason_against("here"), "") << path;
+  }
+  std::filesystem::current_path(before);
+}
+
+TEST_F(hook_check, searches_the_systems_directories_without_a_path) {
+  unsetenv("PATH");
+  EXPECT_EQ(reason_against("sh"), "");
+  EXPECT_EQ(reason_against("on-path"), "not found on PATH");
+}
+
+TEST_F(hook_check, refuses_what_cannot_be_started) {
+  EXPECT_EQ(reason_against(dir.path("missing")), "not found");
+  EXPECT_EQ(reason_against(add("plain", 0600)), "not executable");
+  EXPECT_EQ(reason_against("/dev/null"), "not executable");
+  add("bin/plain", 0600);
+  std::filesystem::create_directory(dir.path("bin/folder"));
+  for (const char* name : {"missing", "plain", "folder"}) EXPECT_EQ(reason_against(name), "not found on PATH");
+}
+
+TEST_F(hook_check, refuses_a_directory_without_a_program) {
+  add("hooks/a.sh");
+  EXPECT_EQ(reason_against(dir.path("hooks")), "no program in this directory, see run-parts(8)");
+  add("hooks/a");
+  EXPECT_EQ(reason_against(dir.path("hooks")), "");
+}
+
+// ---------------------------------------------------------------- events
 
 TEST_F(hooks, an_observer_gets_every_result) {
   options.timeout = 1s;

@@ -134,7 +134,7 @@ class world {
     generations.resize(n);
     hooks.resize(n);
     room = 2 * n;
-    how.hook.program = "hook";
+    how.hook.program = "true";
     how.hook.timeout = chance(50) ? nanoseconds(30s) : 1ms + up_to(5s);
     how.once = how.hook.once = chance(10);
     constexpr nanoseconds holds[] = {0s, 3s, 300s}, agains[] = {0s, 20s, 24h}, splays[] = {0s, 0s, 30s};
@@ -718,7 +718,7 @@ class simulated_launcher : public launcher {
   pid_t start(const std::string& name, const std::vector<std::string>& settings) override {
     std::map<std::string, std::string> environment;
     for (const std::string& s : settings) environment[s.substr(0, s.find('='))] = s.substr(s.find('=') + 1);
-    _world.expect(name == "hook" && environment.size() == 6, "another program, or with other settings");
+    _world.expect(name == "true" && environment.size() == 6, "another program, or with other settings");
     const size_t i = std::stoul(environment.at("DAC_INSTANCE").substr(1));
     const pid_t pid = ++_world.next_id;
     _world.note("instance " + std::to_string(i) + " starts program " + std::to_string(pid) + " with " +

@@ -4,8 +4,12 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <array>
+#include <cctype>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <numeric>
 #include <string_view>
 #include <vector>
 
@@ -14,6 +18,7 @@ namespace {
 constexpr off_t most_bytes = off_t{1} << 20;
 constexpr std::string_view hostname = "hostname";
 constexpr size_t most_shown = 60;
+constexpr size_t most_errors = 3;  // in a misspelt word
 
 // Where the characters of a key are in the text.
 using key = std::vector<size_t>;
@@ -35,16 +40,18 @@ std::string shown_line(const std::string& text, size_t at) {
   return line.size() > most_shown ? line.substr(0, most_shown) + "..." : line;
 }
 
-std::string describe(const std::string& text, size_t at) {
+std::string describe(const std::string& text, size_t at, const char* what) {
   const auto number = 1 + std::count(text.begin(), text.begin() + static_cast<std::ptrdiff_t>(at), '\n');
-  return "line " + std::to_string(number) + " hides hostname: \"" + shown_line(text, at) + "\"; begin comments with #";
+  return "line " + std::to_string(number) + what + ": \"" + shown_line(text, at) + '"';
 }
 
 size_t end_of(const std::string& text, size_t at, const char* ends) {
   return std::min(text.find_first_of(ends, at), text.size());
 }
 
-std::string find_hidden(const std::string& text) {
+// Reads as the driver does: a key has no spaces and no line feeds, and ends with an equals sign, a comment or a
+// section.
+void for_each_key(const std::string& text, const std::function<void(const key& k, bool has_value)>& f) {
   key k;
   for (size_t at = text.starts_with("\xef\xbb\xbf") ? 3 : 0; at < text.size(); ++at) {
     const char c = text[at];
@@ -53,11 +60,38 @@ std::string find_hidden(const std::string& text) {
       k.push_back(at);
       continue;
     }
-    if (c == '=' && is_hidden(text, k)) return describe(text, k[0]);
+    f(k, c == '=');
     k.clear();
     at = end_of(text, at, c == '=' ? "\n" : c == '[' ? "]\r\n" : "\r\n");
   }
-  return "";
+  f(k, false);
+}
+
+struct match {
+  size_t errors;
+  size_t at;  // where it ends in the text
+};
+
+// The part of a key that is most like the word hostname: fewest characters are missing, added or replaced.
+match best_match(const std::string& text, const key& k) {
+  std::array<size_t, hostname.size() + 1> errors{};  // with which the first characters of the word end here
+  std::iota(errors.begin(), errors.end(), 0);
+  match best = {hostname.size(), 0};
+  for (const size_t at : k) {
+    size_t diagonal = 0;
+    for (size_t i = 1; i < errors.size(); ++i) {
+      const size_t replaced = diagonal + (std::tolower(static_cast<unsigned char>(text[at])) != hostname[i - 1]);
+      diagonal = errors[i];
+      errors[i] = std::min({replaced, errors[i] + 1, errors[i - 1] + 1});
+    }
+    if (errors.back() <= best.errors) best = {errors.back(), at};
+  }
+  return best;
+}
+
+std::string contents(const std::string& file) {
+  std::ifstream in(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(in), {}};
 }
 
 }  // namespace
@@ -71,9 +105,23 @@ std::string unreadable(const std::string& file) {
   return "";
 }
 
-// Reads as the driver does: a key has no spaces and no line feeds, and ends with an equals sign, a comment or a
-// section.
 std::string hidden_hostname(const std::string& file) {
-  std::ifstream in(file, std::ios::binary);
-  return find_hidden(std::string(std::istreambuf_iterator<char>(in), {}));
+  const std::string text = contents(file);
+  std::string found;
+  for_each_key(text, [&](const key& k, bool has_value) {
+    if (!found.empty() || !has_value || !is_hidden(text, k)) return;
+    found = describe(text, k[0], " hides hostname") + "; begin comments with #";
+  });
+  return found;
+}
+
+std::string hostname_like_line(const std::string& file) {
+  const std::string text = contents(file);
+  match best = {most_errors, std::string::npos};
+  for_each_key(text, [&](const key& k, bool /*has_value*/) {
+    match m = best_match(text, k);
+    if (k.size() > hostname.size()) ++m.errors;  // the word itself is a better match than a part of a key
+    if (m.errors <= best.errors) best = m;
+  });
+  return best.at == std::string::npos ? "" : describe(text, best.at, "");
 }

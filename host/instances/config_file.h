@@ -11,3 +11,6 @@ std::string unreadable(const std::string& file);
 /// "line N hides hostname: TEXT ..." for the first line whose text the scanner reads as the beginning of the key
 /// hostname, or "" if there is none.
 std::string hidden_hostname(const std::string& file);
+
+/// "line N: TEXT" for the last line that sets hostname or, without one, whose key is most like it; "" if none is.
+std::string hostname_like_line(const std::string& file);

@@ -30,8 +30,9 @@ std::string remedy(const std::string& file, const std::string& reason) {
   if (const int error = error_of_reading(file)) return std::string(": ") + std::strerror(error);
   const std::string hidden = hidden_hostname(file);
   if (!hidden.empty() && reason.starts_with("not config hostname")) return ": " + hidden;
+  const std::string line = hostname_like_line(file);
   for (const auto& [begin, text] : remedies)
-    if (reason.starts_with(begin)) return text;
+    if (reason.starts_with(begin)) return text + (line.empty() ? "" : "; check " + line);
   return "";
 }
 

@@ -386,7 +386,8 @@ TEST_F(dachost, check_prints_the_plugins_message_with_a_remedy_and_continues) {
   EXPECT_EQ(lines(e.out),
             (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
                    path("") + ": not a regular file", "not config hostname in " + unnamed + name_it,
-                   "hostname contains illegal characters in " + colon + spell_it, good + ": ok, host name h"}));
+                   "hostname contains illegal characters in " + colon + spell_it + "; check line 1: \"hostname=a:b\"",
+                   good + ": ok, host name h"}));
 }
 
 TEST_F(dachost, check_names_stray_text_in_front_of_the_host_name) {
@@ -399,6 +400,13 @@ TEST_F(dachost, check_names_stray_text_in_front_of_the_host_name) {
             (texts{"not config hostname in " + hidden + ": " + line_2, second + ": ok, host name a, but " + line_2}));
   EXPECT_EQ(run_to_end({"run", "--once", hidden}).err,
             "dachost: not config hostname in " + hidden + ": " + line_2 + "; nothing is started\n");
+}
+
+TEST_F(dachost, check_and_run_name_the_line_of_a_misspelt_key) {
+  const std::string misspelt = file("misspelt.conf", "# Pump house\nhostnme = a\n");
+  const std::string message = "not config hostname in " + misspelt + name_it + "; check line 2: \"hostnme = a\"";
+  EXPECT_EQ(lines(run_to_end({"check", misspelt}).out), texts{message});
+  EXPECT_EQ(run_to_end({"run", "--once", misspelt}).err, "dachost: " + message + "; nothing is started\n");
 }
 
 TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
@@ -663,7 +671,8 @@ TEST_F(dachost, an_instance_is_named_after_its_file_or_its_path_if_names_collide
 
 TEST_F(dachost, a_refused_file_prevents_every_start) {
   const std::string a = file("a.conf", "hostname=a"), bad = file("bad.conf", "hostname=");
-  const std::string reason = "dachost: not config hostname in " + bad + name_it + "; nothing is started\n";
+  const std::string reason =
+      "dachost: not config hostname in " + bad + name_it + "; check line 1: \"hostname=\"; nothing is started\n";
   const texts failure = {tabbed({"bad", "failure", "not config hostname in " + bad})};
   const ending text = run_to_end({"run", a, bad});
   EXPECT_EQ(text.status, 78);
@@ -766,8 +775,8 @@ TEST_F(dachost, SIGHUP_reads_the_files_again) {
 TEST_F(dachost, SIGHUP_leaves_the_instance_of_a_broken_file_running) {
   const ending e = rewrite("hostname=a:b", [](process& p) { p.await_err("\n"); });
   const std::string conf = path("gw.conf");
-  EXPECT_EQ(e.err,
-            "dachost: hostname contains illegal characters in " + conf + spell_it + "; the old instance continues\n");
+  EXPECT_EQ(e.err, "dachost: hostname contains illegal characters in " + conf + spell_it +
+                       "; check line 1: \"hostname=a:b\"; the old instance continues\n");
   EXPECT_EQ(lines_of(e.out, "tag"), texts{tag_line("gw", "before")});
   EXPECT_EQ(lines_of(e.out, "message"), started_and_stopped("gw"));
 }

@@ -57,6 +57,28 @@ TEST_F(config_file, names_the_line_that_hides_the_host_name) {
   EXPECT_EQ(found(longest + "y\nhostname = a"), "line 1 hides hostname: \"" + longest + "...\"" + rest);
 }
 
+TEST_F(config_file, has_the_line_that_is_most_like_a_host_name) {
+  const auto found = [this](const std::string& text) { return hostname_like_line(dir.file(text)); };
+  EXPECT_EQ(found("hostnme = a"), "line 1: \"hostnme = a\"");
+  EXPECT_EQ(found("# comment\nport = 1\nHostnam = a # b\nname = c\n"), "line 3: \"Hostnam = a # b\"");
+  for (const char* key : {"hotsname", "ostname", "hostnames", "host-name", "host_name", "my_hostname", "h0stnam3"})
+    EXPECT_EQ(found(std::string("a = b\n") + key + " = c\n"), std::string("line 2: \"") + key + " = c\"") << key;
+  EXPECT_EQ(found("stray\nhostnme = a"), "line 2: \"hostnme = a\"") << "not the line of the stray text";
+  EXPECT_EQ(found("hostname a"), "line 1: \"hostname a\"");
+  EXPECT_EQ(found("\nhostname: a\nport = 1\n"), "line 2: \"hostname: a\"");
+  EXPECT_EQ(found("hostname gateway # comment\n"), "line 1: \"hostname gateway # comment\"");
+  EXPECT_EQ(found("hostnm = a\nhostnme = b\nhstnm = c"), "line 2: \"hostnme = b\"");
+  EXPECT_EQ(found("hostname = a\nHOST NAME =\nold_hostname = b\nhostnme = c"), "line 2: \"HOST NAME =\"")
+      << "the last one counts";
+}
+
+TEST_F(config_file, without_anything_like_a_host_name_has_no_such_line) {
+  for (const char* text :
+       {"", "port = 1", "username = a", "# hostname = a", "; hostnme = a", "port = hostname", "[hostname]"})
+    EXPECT_EQ(hostname_like_line(dir.file(text)), "") << text;
+  EXPECT_EQ(hostname_like_line(dir.path("none")), "");
+}
+
 TEST_F(config_file, hides_no_host_name_where_the_driver_reads_none) {
   for (const char* text :
        {"", "hostname = a", "\xef\xbb\xbfhostname=a", "host name = a", "stray", "stray\nport = 1\nhostname = a",

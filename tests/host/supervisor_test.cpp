@@ -421,12 +421,19 @@ TEST(diagnosis, names_the_file_once_and_adds_a_remedy) {
   EXPECT_EQ(diagnose(file, "refused"), file + ": refused");
   EXPECT_EQ(diagnose(empty, "refused"), empty + ": refused");
   EXPECT_EQ(diagnose(file, "in " + file + " is no sense"), "in " + file + " is no sense");
-  EXPECT_EQ(diagnose(file, "not config hostname in " + file),
-            "not config hostname in " + file + ": a line hostname = NAME is needed, see ip6dns.conf(5)");
+  EXPECT_EQ(diagnose(empty, "not config hostname in " + empty),
+            "not config hostname in " + empty + ": a line hostname = NAME is needed, see ip6dns.conf(5)");
   EXPECT_EQ(diagnose(file, "hostname contains illegal characters"),
-            file + ": hostname contains illegal characters: none of ' \" ( ) : may be in it, see ip6dns.conf(5)");
+            file +
+                ": hostname contains illegal characters: none of ' \" ( ) : may be in it, see ip6dns.conf(5); "
+                "check line 1: \"hostname = a\"");
   EXPECT_EQ(diagnose(dir.path("none"), "refused"), dir.path("none") + ": refused: No such file or directory");
   EXPECT_EQ(diagnose(dir.path(""), dir.path("") + ": not a regular file"), dir.path("") + ": not a regular file");
+  dir.file("hostnme = a\n");
+  EXPECT_EQ(diagnose(file, "not config hostname in " + file),
+            "not config hostname in " + file +
+                ": a line hostname = NAME is needed, see ip6dns.conf(5); "
+                "check line 1: \"hostnme = a\"");
   dir.file("stray\nhostname = a\n");
   EXPECT_EQ(diagnose(file, "not config hostname in " + file),
             "not config hostname in " + file + ": line 1 hides hostname: \"stray\"; begin comments with #");

@@ -72,11 +72,15 @@ class subscriber {
     await(std::string(topic) + " {\"event\":\"value\",\"value\":\"" + std::to_string(number) + "\"}");
   }
   void await_status(const std::string& status) { await(std::string(topic) + "/status " + status); }
-  /// The numbers of the values received, in order.
-  std::vector<int> values() {
+  /// What has been received. Ends the subscriber.
+  std::string received() {
     _process.signal(SIGTERM);
+    return _process.end().out;
+  }
+  /// The numbers of the values received, in order. Ends the subscriber.
+  std::vector<int> values() {
     std::vector<int> all;
-    for (const std::string& line : lines(_process.end().out))
+    for (const std::string& line : lines(received()))
       if (const size_t at = line.find(R"("value":")"); at != std::string::npos) all.push_back(std::atoi(&line[at + 9]));
     return all;
   }
@@ -127,17 +131,24 @@ class mqtt : public testing::Test {
     std::ofstream(dir.path("values"), std::ios::app) << "{\"event\":\"value\",\"value\":\"" << number << "\"}\n";
   }
 
-  std::unique_ptr<process> publisher(const texts& options) const {
+  std::unique_ptr<process> publisher(const texts& options, const std::string& script = publish_mqtt) const {
     texts argv = {"env",
                   "PATH=" + dir.path("bin") + ':' + std::getenv("PATH"),
                   "HOME=" + dir.path(""),
-                  publish_mqtt,
+                  script,
                   "ip6dns.conf",
                   topic,
                   "-h",
                   "127.0.0.1"};
     argv.insert(argv.end(), options.begin(), options.end());
     return std::make_unique<process>(argv);
+  }
+  /// The script with pauses of 2 seconds at most in place of a minute.
+  std::string impatient() const {
+    std::string copy = dir.path("publish-mqtt");
+    shell(std::string("sed 's/^LONGEST_PAUSE = 60 /LONGEST_PAUSE = 2 /' ") + publish_mqtt + " >" + copy +
+          "; chmod +x " + copy + "; grep -q '^LONGEST_PAUSE = 2 ' " + copy);
+    return copy;
   }
   texts tls() const { return {"--cafile", dir.path("ca.crt")}; }
 
@@ -169,6 +180,7 @@ class mqtt : public testing::Test {
   }
 };
 
+constexpr char connection_lost[] = "publish-mqtt: 127.0.0.1:1883: connection lost; retrying\n";
 constexpr char open_to_all[] = "allow_anonymous true\n";
 
 }  // namespace
@@ -216,6 +228,7 @@ TEST_F(mqtt, newest_value_arrives_after_the_broker_is_killed) {
     s.await_status("online");
     add(4);
     s.await_value(4);
+    p->await_err(": connected again after 00:00:");
     const std::string err = stop(*p);
     EXPECT_EQ(count(err, ": connected again after 00:00:"), 1U) << err;
     EXPECT_EQ(count(err, "; retrying"),
@@ -256,6 +269,7 @@ TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
     b.start();
     subscriber s;
     s.await_value(1);
+    p->await_err("connected again");
     EXPECT_EQ(count(stop(*p), "connected again"), 1U);
   });
 }
@@ -320,6 +334,62 @@ TEST_F(mqtt, password_is_read_from_the_file_of_the_clients) {
     add(1);
     subscriber({"-u", "gateway", "-P", "right one"}).await_value(1);
     EXPECT_EQ(stop(*p), "");
+  });
+}
+
+TEST_F(mqtt, publishers_with_one_identifier_back_off) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    subscriber s;
+    const auto p = publisher({"-i", "twin"}), q = publisher({"-i", "twin"});
+    for (process* each : {p.get(), q.get()}) each->await_err(connection_lost);
+    process({"sleep", "15"}).end();
+    for (process* each : {p.get(), q.get()}) EXPECT_EQ(stop(*each), connection_lost);
+    const size_t connections = count(s.received(), "/status online\n");
+    EXPECT_GE(connections, 3U);
+    EXPECT_LE(connections, 12U);  // with a connection per second there are more than 15
+  });
+}
+
+TEST_F(mqtt, takeovers_are_reported_once_and_their_end_once) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({"-i", "twin"}, impatient()), q = publisher({"-i", "twin"}, impatient());
+    for (process* each : {p.get(), q.get()}) each->await_err(connection_lost);
+    process({"sleep", "8"}).end();
+    EXPECT_EQ(stop(*q), connection_lost);
+    p->await_err("connected again");
+    const std::string err = stop(*p);
+    ASSERT_EQ(lines(err).size(), 2U) << err;
+    EXPECT_TRUE(err.starts_with(connection_lost)) << err;
+  });
+}
+
+TEST_F(mqtt, each_reason_of_an_outage_is_reported_once) {
+  in_new_network([this] {
+    const texts closing_broker = {"python3", "-c", R"(
+import socket
+server = socket.create_server(("127.0.0.1", 1883))
+while True:
+    server.accept()[0].close()
+    print("closed", flush=True)
+)"};
+    const auto p = publisher({}, impatient());
+    p->await_err("Connection refused; retrying\n");
+    for (const bool again : {false, true}) {
+      process closing(closing_broker);
+      closing.await_out("closed\nclosed\nclosed\n");
+      if (!again) p->await_err("connection lost; retrying\n");
+      closing.signal(SIGKILL);
+      closing.end_unread();
+      process({"sleep", "3"}).end();
+    }
+    const std::string err = stop(*p);
+    EXPECT_EQ(lines(err).size(), 2U) << err;
   });
 }
 

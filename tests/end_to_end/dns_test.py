@@ -84,6 +84,11 @@ class Server:
         self.set_up()
         self.follow(blocks(section("The gateway"))[0])
 
+    def test_deletes_the_old_name(self):
+        self.set_up(also=["old.example."], records=ZONE + "old AAAA 2001:db8::10\n")
+        self.follow(blocks(section("The gateway"))[2])
+        self.assertEqual(self.server.dig("old.example", "AAAA"), [])
+
     def test_updates_the_hosts(self):
         self.set_up(also=["camera.example.", "nas.example."])
         self.follow(blocks(section("Other hosts in the prefix"))[0])
@@ -106,6 +111,8 @@ class Server:
             self.aaaa("2001:db8::1", "alias.example"),
             self.aaaa("2001:db8::1", NSUPDATE_KEY=folder + "/empty"),
         ]
+        self.server.stop()
+        seen.append(self.aaaa("2001:db8::1"))
         listed = re.findall(r"(?m)^\| `(.*?)` \|", section("The gateway"))
         self.assertEqual(len(listed), len(seen))
         if self.product == "Knot DNS":

@@ -168,9 +168,13 @@ void runner::on(const event& e, const value& v) {
 }
 
 void runner::on_hook(const hook_event& h) {
+  if (h.result == std::string_view("saved")) {  // no run
+    _status.on_hook(h.index, h.time, "");
+    return;
+  }
   std::string text = h.text;
   if (h.result == std::string_view("ok") || h.result == std::string_view("failed")) {
-    const std::string recovery = _status.on_hook(h.index, _loop.wall_time(), h.text);
+    const std::string recovery = _status.on_hook(h.index, h.time, h.text);
     if (!recovery.empty()) report(_err, name(h.index) + ": " + _options.hook.program + ": " + recovery, severity::info);
     text += recovery;
   }

@@ -133,7 +133,13 @@ void hook_runner::offer(hook& h, const hook_record& r) {
   if (r.value == "null" && now < h.null_from && !_options.once) return read_addresses_at(h.null_from);
   const bool is_new = !h.target || !h.target->is_same(r);
   h.target = r;
-  if (is_new) consider(h);
+  if (!is_new) return;
+  if (_options.dry_run && !is_pending(h) && due(h) > now)
+    ::report(_err,
+             h.published.instance + ": " + _options.program + ": not started, because nothing has changed since " +
+                 time_stamp(h.done->time),
+             severity::info);
+  consider(h);
 }
 
 // ---------------------------------------------------------------- when a hook runs
@@ -189,6 +195,7 @@ void hook_runner::start(hook& h, const hook_record& target) {
                                              "DAC_VALUE=" + target.value,
                                              "DAC_TIME=" + time_stamp(target.time),
                                              "DAC_PREVIOUS=" + (h.done ? h.done->value : ""),
+                                             "DAC_PREVIOUS_TAG=" + (h.done ? h.done->tag : ""),
                                              std::string("DAC_REASON=") + reason};
   if (_options.dry_run) {
     _printer.print(
@@ -240,7 +247,7 @@ void hook_runner::succeed(hook& h) {
   h.failures = 0;
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
-  notify(h, severity::info, "ok", "");
+  notify(h, severity::info, "ok", "", h.done->time);
   _unsaved.insert(&h);
   save_records();
 }
@@ -258,11 +265,12 @@ std::string hook_runner::schedule_retry(hook& h) {
 
 void hook_runner::report(const hook& h, severity level, const char* result, const std::string& what) {
   ::report(_err, h.published.instance + ": " + what, level);
-  notify(h, level, result, what);
+  notify(h, level, result, what, _environment.loop.wall_time());
 }
 
-void hook_runner::notify(const hook& h, severity level, const char* result, const std::string& what) const {
-  if (_observer) _observer({static_cast<size_t>(&h - _hooks.data()), level, result, what});
+void hook_runner::notify(const hook& h, severity level, const char* result, const std::string& what,
+                         wall_clock::time_point time) const {
+  if (_observer) _observer({static_cast<size_t>(&h - _hooks.data()), level, result, what, time});
 }
 
 // ---------------------------------------------------------------- across restarts
@@ -274,7 +282,9 @@ void hook_runner::load_record(hook& h) {
   } catch (const std::runtime_error& e) {
     ::report(_err, std::string(e.what()) + "; ignored", severity::warning);
   }
-  if (h.done) schedule_again(h, std::max(nanoseconds(0), nanoseconds(_environment.loop.wall_time() - h.done->time)));
+  if (!h.done) return;
+  schedule_again(h, std::max(nanoseconds(0), nanoseconds(_environment.loop.wall_time() - h.done->time)));
+  notify(h, severity::info, "saved", "", h.done->time);
 }
 
 void hook_runner::schedule_again(hook& h, nanoseconds age) {

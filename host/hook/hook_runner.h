@@ -44,8 +44,9 @@ struct update {
 struct hook_event {
   size_t index;        // of the instance
   severity level;      // info after a success
-  const char* result;  // ok, failed, stuck or dropped
+  const char* result;  // ok, failed, stuck, dropped, or saved: ok before a restart
   std::string text;    // why; empty after a success
+  wall_clock::time_point time;
 };
 
 /// Runs the hook of each instance when its name or its filtered addresses differ from what the last successful run got,
@@ -115,7 +116,8 @@ class hook_runner {
   void succeed(hook& h);
   std::string schedule_retry(hook& h);
   void report(const hook& h, severity level, const char* result, const std::string& what);
-  void notify(const hook& h, severity level, const char* result, const std::string& what) const;
+  void notify(const hook& h, severity level, const char* result, const std::string& what,
+              wall_clock::time_point time) const;
   void load_record(hook& h);
   void schedule_again(hook& h, std::chrono::nanoseconds age);
   void save_records();

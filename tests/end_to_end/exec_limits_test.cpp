@@ -14,7 +14,8 @@ class exec_limits : public dachost_fixture {
     return program("tr '\\0' '\\n' </proc/$$/environ | grep -a ^DAC_ >>did; echo . >>did\n" + more);
   }
   static void expect_each_once(const texts& environment) {
-    for (const char* name : {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=", "DAC_REASON="})
+    for (const char* name :
+         {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON="})
       EXPECT_EQ(std::count_if(environment.begin(), environment.end(),
                               [&](const std::string& line) { return line.starts_with(name); }),
                 1)

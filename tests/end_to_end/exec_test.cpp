@@ -144,8 +144,8 @@ TEST_F(exec, gets_its_variables_in_addition_to_the_hosts_environment) {
   const size_t value = e.out.find("\tgw\tvalue\t");
   const std::string time = e.out.substr(e.out.rfind('\n', value) + 1, std::strlen("2026-01-31T12:34:56.789Z"));
   EXPECT_EQ(lines(did()),
-            (texts{"DAC_INSTANCE=gw", "DAC_PREVIOUS=", "DAC_REASON=first", "DAC_TAG=gw", "DAC_TIME=" + time,
-                   "DAC_VALUE=2001:db8::1,fd00::2", "DAC_VALUE_TOO=unchanged", "OTHER=unchanged"}));
+            (texts{"DAC_INSTANCE=gw", "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON=first", "DAC_TAG=gw",
+                   "DAC_TIME=" + time, "DAC_VALUE=2001:db8::1,fd00::2", "DAC_VALUE_TOO=unchanged", "OTHER=unchanged"}));
 }
 
 TEST_F(exec, gets_the_whole_name_though_a_record_holds_only_its_beginning) {
@@ -484,11 +484,11 @@ TEST_F(exec, is_only_shown_in_a_dry_run) {
   EXPECT_EQ(e.err, "");
   std::vector<texts> shown = lines_of(e.out, "exec");
   ASSERT_EQ(shown.size(), 1U);
-  ASSERT_EQ(shown[0].size(), 7U);
+  ASSERT_EQ(shown[0].size(), 8U);
   EXPECT_TRUE(shown[0][4].starts_with("DAC_TIME=20")) << shown[0][4];
   shown[0].erase(shown[0].begin() + 4);
   EXPECT_EQ(shown[0], (texts{dir.path("prog"), "DAC_INSTANCE=gw", "DAC_TAG=gw", "DAC_VALUE=a",
-                             "DAC_PREVIOUS=", "DAC_REASON=first"}));
+                             "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON=first"}));
   EXPECT_EQ(did(), "");
 }
 
@@ -507,6 +507,7 @@ TEST_F(exec, is_a_separate_object_in_a_json_dry_run) {
                            {"DAC_TAG", "gw"},
                            {"DAC_VALUE", "a"},
                            {"DAC_PREVIOUS", ""},
+                           {"DAC_PREVIOUS_TAG", ""},
                            {"DAC_REASON", "first"}}}}));
 }
 

@@ -143,6 +143,32 @@ TEST_F(hook, does_not_run_after_a_restart_without_a_change) {
   EXPECT_EQ(did(), "first \nchange a\n");
 }
 
+TEST_F(hook, has_its_last_success_in_the_status_file_and_in_a_dry_run_after_a_restart) {
+  texts args = {"--state", state(), "--exec", records("$DAC_REASON"), conf("publish a")};
+  process first = run(args);
+  ASSERT_TRUE(await_saved("\na\n"));
+  terminate(first);
+  args.insert(args.begin(), {"--once", "--status", dir.path("status")});
+  EXPECT_EQ(run(args).end().status, 0);
+  const std::string status = read_file(dir.path("status"));
+  EXPECT_NE(status.find(R"("hook":{"result":"ok","time":"20)"), std::string::npos) << status;
+  args.insert(args.begin(), "--dry-run");
+  const ending e = run(args).end();
+  EXPECT_NE(e.err.find("/prog: not started, because nothing has changed since 20"), std::string::npos) << e.err;
+  EXPECT_EQ(lines_of(e.out, "exec"), texts{});
+  EXPECT_EQ(did(), "first\n");
+}
+
+TEST_F(hook, gets_the_name_that_it_had_before_a_reload) {
+  const std::string file = dir.file("hostname = old", "gw.conf");
+  process p = start({"run", "-p", PLUGIN, "--exec", records("$DAC_PREVIOUS_TAG-$DAC_TAG"), "--hold", "0", file});
+  await_did("-old\n");
+  dir.file("hostname = new", "gw.conf");
+  p.signal(SIGHUP);
+  await_did("old-new\n");
+  terminate(p);
+}
+
 TEST_F(hook, saves_its_state_in_the_first_directory_of_systemd) {
   const std::string first = state();
   const ending e = run({"--once", "--exec", records("$DAC_REASON"), conf("publish a")},

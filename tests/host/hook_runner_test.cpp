@@ -137,7 +137,7 @@ TEST_F(hooks, a_program_gets_instance_tag_value_time_previous_value_and_reason) 
   EXPECT_EQ(programs.starts[0].program, "hook");
   EXPECT_EQ(programs.starts[0].settings,
             (texts{"DAC_INSTANCE=gw", "DAC_TAG=a.example", "DAC_VALUE=2001:db8::1", "DAC_TIME=1970-01-01T00:00:01.005Z",
-                   "DAC_PREVIOUS=", "DAC_REASON=first"}));
+                   "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON=first"}));
 }
 
 TEST_F(hooks, nothing_is_started_without_a_program) {
@@ -551,7 +551,7 @@ TEST_F(hooks, a_dry_run_prints_what_would_be_started) {
   submit("a");
   EXPECT_EQ(loop.sinks[1].text,
             "1970-01-01T00:00:02.000Z\tgw\texec\thook\tDAC_INSTANCE=gw\tDAC_TAG=a.example\tDAC_VALUE=a\t"
-            "DAC_TIME=1970-01-01T00:00:02.000Z\tDAC_PREVIOUS=\tDAC_REASON=first\n");
+            "DAC_TIME=1970-01-01T00:00:02.000Z\tDAC_PREVIOUS=\tDAC_PREVIOUS_TAG=\tDAC_REASON=first\n");
   EXPECT_EQ(starts(), 0U);
   EXPECT_TRUE(runner->is_idle());
 }
@@ -565,7 +565,8 @@ TEST_F(hooks, a_dry_run_prints_changes_only_and_saves_nothing) {
   submit("b");
   const std::string printed = loop.sinks[1].text;
   EXPECT_EQ(std::count(printed.begin(), printed.end(), '\n'), 2);
-  EXPECT_NE(printed.find("\tDAC_PREVIOUS=a\tDAC_REASON=change\n"), std::string::npos) << printed;
+  EXPECT_NE(printed.find("\tDAC_PREVIOUS=a\tDAC_PREVIOUS_TAG=a.example\tDAC_REASON=change\n"), std::string::npos)
+      << printed;
   EXPECT_EQ(records.saves, 0);
 }
 
@@ -798,6 +799,7 @@ TEST_F(hooks, run_for_a_change_of_value_or_name_only) {
   submit("b", "b.example");
   EXPECT_EQ(last("DAC_REASON"), "change");
   EXPECT_EQ(last("DAC_PREVIOUS"), "b");
+  EXPECT_EQ(last("DAC_PREVIOUS_TAG"), "a.example");
   EXPECT_EQ(starts(), 3U);
 }
 
@@ -1040,6 +1042,7 @@ TEST_F(hooks, run_after_a_restart_with_other_addresses_or_another_name) {
   make();
   submit("b", "b.example");
   EXPECT_EQ(last("DAC_REASON"), "change");
+  EXPECT_EQ(last("DAC_PREVIOUS_TAG"), "a.example");
 }
 
 TEST_F(hooks, hold_the_saved_addresses_during_the_hold_after_a_restart) {
@@ -1377,6 +1380,44 @@ TEST_F(hooks, an_observer_gets_every_result) {
   runner->close();
   EXPECT_EQ(std::exchange(got, {}), (texts{"0 4 dropped hook: the run ends before the program gets the newest value",
                                            "1 4 dropped hook: the run ends before the program gets the newest value"}));
+}
+
+TEST_F(hooks, an_observer_gets_the_last_success_that_was_saved) {
+  loop.wall = wall_clock::time_point(1000h);
+  records.saved["gw"] = {"a.example", "a", loop.wall - 1h};
+  make();
+  texts got;
+  runner->observe([&](const hook_event& e) {
+    got.push_back(e.result + std::string(" before ") + std::to_string((loop.wall - e.time) / 1min) + " min");
+  });
+  submit("a");
+  EXPECT_EQ(got, texts{"saved before 60 min"});
+  submit("b");
+  end(0);
+  EXPECT_EQ(got, (texts{"saved before 60 min", "ok before 0 min"}));
+}
+
+TEST_F(hooks, a_dry_run_says_why_it_starts_nothing) {
+  records.saved["gw"] = {"a.example", "a", wall_clock::time_point(1s)};
+  options.dry_run = true;
+  loop.wall = wall_clock::time_point(2s);
+  make();
+  submit("a");
+  EXPECT_EQ(reported(), "gw: hook: not started, because nothing has changed since 1970-01-01T00:00:01.000Z\n");
+  submit("a");
+  submit("b");
+  EXPECT_EQ(reported(), "");
+  EXPECT_NE(loop.sinks[1].text.find("DAC_VALUE=b\t"), std::string::npos);
+}
+
+TEST_F(hooks, a_dry_run_shows_what_runs_again_though_nothing_has_changed) {
+  records.saved["gw"] = {"a.example", "a", wall_clock::time_point(1s)};
+  options.dry_run = true;
+  loop.wall = wall_clock::time_point(25h);
+  make();
+  submit("a");
+  EXPECT_EQ(reported(), "");
+  EXPECT_NE(loop.sinks[1].text.find("DAC_REASON=again\n"), std::string::npos);
 }
 
 TEST_F(hooks, an_observer_of_a_dry_run_gets_nothing) {

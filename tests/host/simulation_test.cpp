@@ -718,7 +718,7 @@ class simulated_launcher : public launcher {
   pid_t start(const std::string& name, const std::vector<std::string>& settings) override {
     std::map<std::string, std::string> environment;
     for (const std::string& s : settings) environment[s.substr(0, s.find('='))] = s.substr(s.find('=') + 1);
-    _world.expect(name == "true" && environment.size() == 6, "another program, or with other settings");
+    _world.expect(name == "true" && environment.size() == 7, "another program, or with other settings");
     const size_t i = std::stoul(environment.at("DAC_INSTANCE").substr(1));
     const pid_t pid = ++_world.next_id;
     _world.note("instance " + std::to_string(i) + " starts program " + std::to_string(pid) + " with " +

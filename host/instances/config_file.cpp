@@ -69,20 +69,23 @@ void for_each_key(const std::string& text, const std::function<void(const key& k
 
 struct match {
   size_t errors;
-  size_t at;  // where it ends in the text
+  size_t at = std::string::npos;  // where it ends in the text
 };
 
 // The part of a key that is most like the word hostname: fewest characters are missing, added or replaced.
 match best_match(const std::string& text, const key& k) {
-  std::array<size_t, hostname.size() + 1> errors{};  // with which the first characters of the word end here
-  std::iota(errors.begin(), errors.end(), 0);
-  match best = {hostname.size(), 0};
+  std::array<size_t, hostname.size()> errors{};  // with which the first 1, 2 ... characters of the word end here
+  std::iota(errors.begin(), errors.end(), 1);
+  match best{hostname.size()};
   for (const size_t at : k) {
     size_t diagonal = 0;
-    for (size_t i = 1; i < errors.size(); ++i) {
-      const size_t replaced = diagonal + (std::tolower(static_cast<unsigned char>(text[at])) != hostname[i - 1]);
-      diagonal = errors[i];
-      errors[i] = std::min({replaced, errors[i] + 1, errors[i - 1] + 1});
+    size_t left = 0;
+    auto e = errors.begin();
+    for (const char c : hostname) {
+      const size_t replaced = diagonal + (std::tolower(static_cast<unsigned char>(text[at])) != c);
+      diagonal = *e;
+      left = *e = std::min({replaced, *e + 1, left + 1});
+      ++e;
     }
     if (errors.back() <= best.errors) best = {errors.back(), at};
   }
@@ -117,7 +120,7 @@ std::string hidden_hostname(const std::string& file) {
 
 std::string hostname_like_line(const std::string& file) {
   const std::string text = contents(file);
-  match best = {most_errors, std::string::npos};
+  match best{most_errors};
   for_each_key(text, [&](const key& k, bool /*has_value*/) {
     match m = best_match(text, k);
     if (k.size() > hostname.size()) ++m.errors;  // the word itself is a better match than a part of a key

@@ -70,6 +70,18 @@ TEST_F(config_file, has_the_line_that_is_most_like_a_host_name) {
   EXPECT_EQ(found("hostnm = a\nhostnme = b\nhstnm = c"), "line 2: \"hostnme = b\"");
   EXPECT_EQ(found("hostname = a\nHOST NAME =\nold_hostname = b\nhostnme = c"), "line 2: \"HOST NAME =\"")
       << "the last one counts";
+  EXPECT_EQ(found("hostnme\nhostnme = a"), "line 2: \"hostnme = a\"") << "the last part of a key counts";
+}
+
+// h0s7n4me has three errors.
+TEST_F(config_file, has_a_line_like_a_host_name_with_the_fewest_errors) {
+  const auto line = [this](const std::string& text) { return hostname_like_line(dir.file(text)).substr(0, 7); };
+  EXPECT_EQ(line("h0s7n4me = a\nport = 1"), "line 1:");
+  EXPECT_EQ(line("h0s7n4m3 = a"), "") << "four are too many";
+  EXPECT_EQ(line("hostnome = a\nhostnaxx = b"), "line 1:") << "the end of the word counts, too";
+  EXPECT_EQ(line("ostname = a\nhotsname = b"), "line 1:");
+  EXPECT_EQ(line("hostnme = a\nhotsname = b"), "line 1:");
+  EXPECT_EQ(line("hoostname = a\nh0s7n4me = b"), "line 1:");
 }
 
 TEST_F(config_file, without_anything_like_a_host_name_has_no_such_line) {

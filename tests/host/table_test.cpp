@@ -5,6 +5,8 @@
 
 #include <clocale>
 
+#include "host/display/text.h"
+
 using namespace std::chrono_literals;
 using texts = std::vector<std::string>;
 
@@ -77,6 +79,12 @@ TEST_F(table_lines, fitted_text_is_what_a_terminal_can_show) {
        12, "a\\xc2\\x9b1m"},
   };
   for (const auto& r : rows) EXPECT_EQ(fitted(r.text, r.width), r.expected) << r.label;
+}
+
+TEST_F(table_lines, control_characters_end_with_their_text) {
+  const std::string_view text = "\xc2\x80";
+  EXPECT_EQ(printable(text), "\\xc2\\x80");
+  EXPECT_EQ(printable(text.substr(0, 1)), "\xc2");
 }
 
 TEST_F(table_lines, are_question_marks_where_the_locale_has_no_such_character) {

@@ -254,6 +254,12 @@ class Hosts(unittest.TestCase):
     def test_a_server_that_is_away_is_a_failure(self):
         self.assertEqual(self.run_with(), (1, "nsupdate-hosts: Connection refused\n"))
 
+    def test_the_largest_numbers_are_valid(self):
+        for name, number in (("PORT", "65535"), ("TTL", "2147483647"), ("TIMEOUT", "3600")):
+            with self.subTest(name):
+                ended = self.run_with(**{"NSUPDATE_" + name: number})
+                self.assertEqual(ended, (1, "nsupdate-hosts: Connection refused\n"))
+
     def run_against(self, answer, **settings):
         """With a server that does `answer`, Python code, for the connection c."""
         code = "import dns.message, dns.query, socket; s = socket.create_server(('127.0.0.1', 53));"

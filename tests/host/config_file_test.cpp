@@ -81,7 +81,7 @@ TEST_F(config_file, has_a_line_like_a_host_name_with_the_fewest_errors) {
   EXPECT_EQ(line("hostnome = a\nhostnaxx = b"), "line 1:") << "the end of the word counts, too";
   EXPECT_EQ(line("ostname = a\nhotsname = b"), "line 1:");
   EXPECT_EQ(line("hostnme = a\nhotsname = b"), "line 1:");
-  EXPECT_EQ(line("hoostname = a\nh0s7n4me = b"), "line 1:");
+  EXPECT_EQ(line("hostxname = a\nh0s7n4me = b"), "line 1:");
 }
 
 TEST_F(config_file, without_anything_like_a_host_name_has_no_such_line) {

@@ -9,8 +9,6 @@
 
 namespace {
 
-constexpr auto reading_interval = std::chrono::seconds(10);  // flags change without a publication
-
 // As ip(8) calls them.
 constexpr std::pair<unsigned, const char*> flag_names[] = {
     {IFA_F_TEMPORARY, "temporary"},         {IFA_F_NODAD, "nodad"},         {IFA_F_OPTIMISTIC, "optimistic"},

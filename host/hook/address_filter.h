@@ -3,6 +3,7 @@
 
 #include <netinet/in.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -16,6 +17,9 @@ struct kernel_address {
   unsigned char scope;  // RT_SCOPE_*
   unsigned flags;       // IFA_F_*
 };
+
+/// From one reading of the list to the next: flags change without a publication.
+constexpr auto reading_interval = std::chrono::seconds(10);
 
 class address_list : public interface {
  public:

@@ -13,7 +13,6 @@ using std::chrono::nanoseconds;
 
 constexpr auto first_pause = std::chrono::seconds(1);  // before the first retry
 constexpr auto longest_pause = std::chrono::seconds(60);
-constexpr auto reading_interval = std::chrono::seconds(10);  // flags of an address change without a publication
 constexpr auto reading_retry = std::chrono::seconds(1);
 
 std::chrono::seconds pause_after(int failures) {
@@ -172,7 +171,7 @@ void hook_runner::start_queued() {
     hook& h = *_queue.front();
     _queue.pop_front();
     h.at = stage::idle;
-    if (due(h) <= _environment.loop.now())
+    if (h.target && due(h) <= _environment.loop.now())
       start(h, *h.target);
     else
       consider(h);

@@ -1,9 +1,9 @@
 #include "host/instances/instance.h"
 
 #include <span>
-#include <string_view>
 #include <utility>
 
+#include "host/display/text.h"
 #include "host/instances/config_file.h"
 
 namespace {
@@ -12,13 +12,6 @@ void never_called(void* /*param*/) {}
 
 void collect(const char* name, int type, int flag, const char* text1, const char* text2, void* param) {
   static_cast<std::vector<tag>*>(param)->push_back({name, type, flag, text1, text2});
-}
-
-/// The text of a fixed-size field, terminated or not.
-template <size_t SIZE>
-std::string field(const char (&text)[SIZE]) {
-  const std::string_view all(text, SIZE);
-  return std::string(all.substr(0, all.find('\0')));
 }
 
 }  // namespace
@@ -64,5 +57,5 @@ void instance::on_log(const char* /*name*/, int level, const char* text, int /*f
 
 void instance::on_data(const dac_tagvalue* records, int count, void* param) {
   for (const dac_tagvalue& r : std::span(records, static_cast<size_t>(count)))
-    static_cast<const instance*>(param)->_sink(value{field(r.name), r.type, field(r.value)});
+    static_cast<const instance*>(param)->_sink(value{std::string(field(r.name)), r.type, std::string(field(r.value))});
 }

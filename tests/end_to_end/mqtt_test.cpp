@@ -358,7 +358,8 @@ TEST_F(mqtt, takeovers_are_reported_once_and_their_end_once) {
     certify();
     broker b(dir, open_to_all);
     b.start();
-    const auto p = publisher({"-i", "twin"}, impatient()), q = publisher({"-i", "twin"}, impatient());
+    const auto setting = impatient();
+    const auto p = publisher({"-i", "twin"}, setting), q = publisher({"-i", "twin"}, setting);
     for (process* each : {p.get(), q.get()}) each->await_err(connection_lost);
     process({"sleep", "8"}).end();
     EXPECT_EQ(stop(*q), connection_lost);

@@ -242,7 +242,8 @@ class Trial(unittest.TestCase):
             status, errors = host.stop()
             if host.name == "all":  # 300 addresses do not fit into a published value
                 errors = [line for line in errors if "addresses: the published value is" not in line]
-            self.assertEqual((status, errors), (0, []), host.name)
+            missing = ["dachost: --interface wan0: no interface has this name now\n"] if "wan0" in host.name else []
+            self.assertEqual((status, errors), (0, missing), host.name)
 
     # ------------------------------------------------------------ observation
 

@@ -133,11 +133,12 @@ void hook_runner::offer(hook& h, const hook_record& r) {
   const bool is_new = !h.target || !h.target->is_same(r);
   h.target = r;
   if (!is_new) return;
-  if (_options.dry_run && !is_pending(h) && due(h) > now)
+  if (_options.dry_run && h.done && !is_pending(h) && due(h) > now) {
     ::report(_err,
              h.published.instance + ": " + _options.program + ": not started, because nothing has changed since " +
                  time_stamp(h.done->time),
              severity::info);
+  }
   consider(h);
 }
 
@@ -241,12 +242,13 @@ void hook_runner::finish(hook& h, const std::string& failures) {
 }
 
 void hook_runner::succeed(hook& h) {
-  if (h.tried) h.done = {h.tried->tag, h.tried->value, _environment.loop.wall_time()};
+  const auto now = _environment.loop.wall_time();
+  if (h.tried) h.done = {h.tried->tag, h.tried->value, now};
   h.tried = std::nullopt;
   h.failures = 0;
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
-  notify(h, severity::info, "ok", "", h.done->time);
+  notify(h, severity::info, "ok", "", now);
   _unsaved.insert(&h);
   save_records();
 }

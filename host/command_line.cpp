@@ -22,8 +22,9 @@ namespace {
 constexpr char status_of_a_run[] = R"(
 Exit status: 0 on success, also after SIGINT or SIGTERM; 1 if the plug-in could
 not be loaded, a thread could not be created, the output could not be written,
-or with --once a program failed or did not get its value; 2 for wrong usage; 78
-if a file was refused at the start.)";
+or with --once a program failed or did not get its value; 2 for wrong usage or
+an unusable program, state directory or status file; 78 if a file was refused
+at the start.)";
 
 constexpr char status_of_a_table[] = R"(
 Exit status: 0 on success, also after SIGINT or SIGTERM; 1 if the plug-in could

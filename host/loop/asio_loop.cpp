@@ -211,8 +211,10 @@ class asio_loop final : public event_loop {
       epoll_event ready[16];
       const int n = epoll_wait(_descriptors.native_handle(), ready, std::size(ready), 0);
       await_descriptors();
-      for (int k = 0; k < n; ++k)
-        if (const auto w = _watches.find(ready[k].data.u64); w != _watches.end()) call(w->second);
+      for (int k = 0; k < n; ++k) {
+        const uint64_t id = ready[k].data.u64;  // a copy: on x86-64 the original is not aligned
+        if (const auto w = _watches.find(id); w != _watches.end()) call(w->second);
+      }
     });
   }
 

@@ -204,13 +204,7 @@ class no_threads {
   no_threads& operator=(const no_threads&) = delete;
 
   /// What runs the program may need threads itself.
-  static bool possible() {
-#if defined(__SANITIZE_THREAD__)
-    return false;
-#else
-    return EMULATOR[0] == 0;
-#endif
-  }
+  static bool possible() { return !NEEDS_THREADS; }
 
  private:
   rlimit _before{};

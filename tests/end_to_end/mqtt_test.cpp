@@ -526,6 +526,33 @@ TEST_F(mqtt, topics_that_no_broker_accepts_are_refused) {
   }
 }
 
+TEST_F(mqtt, impossible_options_are_refused) {
+  const std::string text = dir.file("no certificate", "text");
+  const std::vector<texts> cases = {{"-p", "0"},       {"-p", "65536"}, {"-p", "x"},        {"-k", "0"},
+                                    {"-k", "-1"},      {"-k", "65536"}, {"--expiry", "-1"}, {"--expiry", "4294967296"},
+                                    {"--cafile", text}};
+  for (const texts& bad : cases) {
+    const ending e = process({publish_mqtt, "gw.conf", "topic", bad[0], bad[1]}).end();
+    EXPECT_EQ(e.status, 2) << bad[1];
+    EXPECT_NE(e.err.find(bad[0] == "--cafile" ? text : bad[0]), std::string::npos) << e.err;
+    EXPECT_EQ(e.err.find("Traceback"), std::string::npos) << e.err;
+  }
+}
+
+TEST_F(mqtt, newest_value_that_the_broker_does_not_get_is_reported_at_the_end) {
+  in_new_network([this] {
+    const std::string message = std::string(topic) + ": this program ends before the broker has the newest value\n";
+    const auto away = publisher({});
+    away->await_err("; retrying\n");
+    EXPECT_EQ(count(stop(*away), message), 0U) << "there is no value";
+    std::filesystem::remove(dir.path("dachost.pid"));
+    set_dachost(R"(echo '{"event":"value","value":"1"}'; echo $$ >)" + dir.path("dachost.pid") + "; exec sleep 1000");
+    const auto p = publisher({});
+    dachost();
+    EXPECT_EQ(count(stop(*p), message), 1U);
+  });
+}
+
 TEST_F(mqtt, outage_costs_no_processor_time) {
   in_new_network([this] {
     const auto p = publisher({});

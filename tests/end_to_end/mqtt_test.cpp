@@ -33,13 +33,14 @@ void shell(const std::string& command) {
 class broker {
  public:
   broker(const scratch& dir, const std::string& rules)
-      : _conf(dir.file("user root\npersistence true\npersistence_location " + dir.path("state/") +
+      : _state(dir.path("state")),
+        _conf(dir.file("user root\npersistence true\npersistence_location " + dir.path("state/") +
                            "\nautosave_interval 1\nautosave_on_changes true\nlistener 1883 127.0.0.1\n"
                            "listener 1884\nlistener 8883 127.0.0.1\ncafile " +
                            dir.path("ca.crt") + "\ncertfile " + dir.path("broker.crt") + "\nkeyfile " +
                            dir.path("broker.key") + '\n' + rules,
                        "mosquitto.conf")) {
-    mkdir(dir.path("state").c_str(), 0700);
+    mkdir(_state.c_str(), 0700);
   }
 
   void start() {
@@ -50,6 +51,10 @@ class broker {
     _process->signal(SIGKILL);
     EXPECT_EQ(_process->end_unread(), -SIGKILL);
   }
+  /// Waits until the broker's state on the disk contains the text.
+  void saves(const std::string& text) const {
+    EXPECT_TRUE(eventually([&] { return read_file(_state + "/mosquitto.db").find(text) != std::string::npos; }));
+  }
   ~broker() {
     if (_process) _process->signal(SIGTERM);
     if (_process) _process->end_unread();
@@ -58,6 +63,7 @@ class broker {
   broker& operator=(const broker&) = delete;
 
  private:
+  std::string _state;
   std::string _conf;
   std::unique_ptr<process> _process;
 };
@@ -94,6 +100,13 @@ class subscriber {
     return argv;
   }
 };
+
+/// The message that the broker has retained on the topic followed by `suffix`, as a line; "" if there is none.
+std::string retained(const std::string& suffix) {
+  return process({"mosquitto_sub", "-h", "127.0.0.1", "-t", topic + suffix, "--retained-only", "-C", "1", "-W", "1"})
+      .end()
+      .out;
+}
 
 size_t count(const std::string& text, const std::string& part) {
   size_t n = 0;
@@ -143,13 +156,15 @@ class mqtt : public testing::Test {
     argv.insert(argv.end(), options.begin(), options.end());
     return std::make_unique<process>(argv);
   }
-  /// The script with pauses of 2 seconds at most in place of a minute.
-  std::string impatient() const {
-    std::string copy = dir.path("publish-mqtt");
-    shell(std::string("sed 's/^LONGEST_PAUSE = 60 /LONGEST_PAUSE = 2 /' ") + publish_mqtt + " >" + copy +
-          "; chmod +x " + copy + "; grep -q '^LONGEST_PAUSE = 2 ' " + copy);
+  /// The script with another number of seconds for one of its constants.
+  std::string with_constant(const std::string& name, int before, int after) const {
+    const std::string copy = dir.path("publish-mqtt"), assigned = '^' + name + " = ";
+    const std::string number = std::to_string(after);
+    shell("sed 's/" + assigned + std::to_string(before) + " /" + name + " = " + number + " /' " + publish_mqtt + " >" +
+          copy + "; chmod +x " + copy + "; grep -q '" + assigned + number + " ' " + copy);
     return copy;
   }
+  std::string impatient() const { return with_constant("LONGEST_PAUSE", 60, 2); }
   texts tls() const { return {"--cafile", dir.path("ca.crt")}; }
 
   /// The process that plays dachost, once it runs.
@@ -161,6 +176,14 @@ class mqtt : public testing::Test {
   }
   static bool is_gone(pid_t id) {
     return eventually([&] { return kill(id, 0) != 0; });
+  }
+
+  /// The end of a publisher that refuses its options. Stops one that retries.
+  static ending end_at_the_start(process& p) {
+    p.await_err("\n");
+    if (p.err().starts_with("usage:")) return p.end();
+    p.signal(SIGTERM);
+    return p.end();
   }
 
   static std::string stop(process& p) {
@@ -256,6 +279,39 @@ TEST_F(mqtt, newest_value_is_sent_again_when_the_broker_has_lost_it) {
     b.start();
     subscriber().await_value(1);
     stop(*p);
+  });
+}
+
+TEST_F(mqtt, online_expires_when_the_publisher_ends_during_an_outage) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({}, with_constant("ONLINE_SECONDS", 300, 9));
+    subscriber().await_status("online");
+    b.saves("online");
+    b.kill();
+    p->signal(SIGKILL);
+    EXPECT_EQ(p->end_unread(), -SIGKILL);
+    b.start();
+    EXPECT_TRUE(eventually([&] { return retained("/status").empty(); })) << retained("/status");
+  });
+}
+
+TEST_F(mqtt, online_stays_while_the_publisher_is_connected) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({}, with_constant("ONLINE_SECONDS", 300, 9));
+    subscriber s;
+    const std::string line = std::string(topic) + "/status online";
+    s.await(line + '\n' + line + '\n' + line + '\n' + line + '\n' + line);  // one every three seconds
+    EXPECT_EQ(retained("/status"), "online\n");
+    EXPECT_EQ(stop(*p), "");
+    EXPECT_EQ(retained("/status"), "offline\n");
+    process({"sleep", "10"}).end();
+    EXPECT_EQ(retained("/status"), "offline\n") << "it does not expire";
   });
 }
 
@@ -516,6 +572,62 @@ TEST_F(mqtt, missing_certificate_file_is_named) {
   const ending e = publisher({"--cafile", "/no/such/file"})->end();
   EXPECT_EQ(e.status, 2);
   EXPECT_NE(e.err.find("publish-mqtt: error: /no/such/file: cannot be read"), std::string::npos) << e.err;
+}
+
+TEST_F(mqtt, unusable_client_certificate_ends_the_publisher_at_the_start) {
+  certify();
+  const auto file = [this](const char* name) { return dir.path(name); };
+  shell("cd " + dir.path("") + "; openssl ec -aes128 -passout pass:x -in broker.key -out locked.key 2>/dev/null");
+  shell("cat " + file("broker.crt") + ' ' + file("broker.key") + " >" + file("both.pem"));
+  const std::string text = dir.file("no certificate", "text"), missing = file("missing");
+  const std::string crt = file("broker.crt"), key = file("broker.key"), ca_key = file("ca.key");
+  shell("cd " + dir.path("") + "; openssl genrsa -out rsa.key 2048 2>/dev/null");
+  shell("cd " + dir.path("") +
+        "; openssl req -x509 -days 2 -subj /CN=weak -newkey rsa:512 -nodes -keyout weak.key "
+        "-out weak.crt 2>/dev/null");
+  const std::string locked = file("locked.key"), folder = dir.path(""), rsa = file("rsa.key"), weak = file("weak.crt");
+  const struct row {
+    texts options;
+    std::string message;
+  } rows[] = {
+      {{"--cert", missing, "--key", key}, missing + ": cannot be read: No such file or directory"},
+      {{"--cert", crt, "--key", missing}, missing + ": cannot be read: No such file or directory"},
+      {{"--cert", folder, "--key", key}, folder + ": cannot be read: Is a directory"},
+      {{"--cert", crt, "--key", folder}, folder + ": cannot be read: Is a directory"},
+      {{"--cert", text, "--key", key}, text + ": contains no certificate in PEM format"},
+      {{"--cert", crt, "--key", text}, text + ": contains no private key in PEM format"},
+      {{"--cert", crt, "--key", crt}, crt + ": contains no private key in PEM format"},
+      {{"--cert", key, "--key", key}, key + ": contains no certificate in PEM format"},
+      {{"--cert", crt}, crt + ": contains no private key in PEM format; --key names the file that does"},
+      {{"--cert", crt, "--key", ca_key}, ca_key + ": is not the key of the certificate in " + crt},
+      {{"--cert", crt, "--key", rsa}, rsa + ": is not the key of the certificate in " + crt},
+      {{"--cert", weak, "--key", file("weak.key")}, weak + ": cannot be used: [SSL: EE_KEY_TOO_SMALL]"},
+      {{"--cert", crt, "--key", locked}, locked + ": the private key has a pass phrase; a key without one is required"},
+      {{"--key", key}, "--key: the certificate is missing; --cert names it"},
+  };
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.message);
+    const auto p = publisher(r.options);
+    const ending e = end_at_the_start(*p);
+    EXPECT_EQ(e.status, 2);
+    EXPECT_EQ(count(e.err, "publish-mqtt: error: " + r.message), 1U) << e.err;
+    EXPECT_EQ(count(e.err, "Traceback"), 0U) << e.err;
+  }
+  in_new_network([&] {
+    for (const texts& good : {texts{"--cert", crt, "--key", key}, texts{"--cert", file("both.pem")}}) {
+      const auto p = publisher(good);
+      p->await_err("publish-mqtt: 127.0.0.1:8883: Connection refused; retrying\n");
+      stop(*p);
+    }
+  });
+}
+
+TEST_F(mqtt, IPv6_broker_is_reported_in_brackets) {
+  in_new_network([this] {
+    const auto p = publisher({"-h", "::1"});
+    p->await_err("publish-mqtt: [::1]:1883: Connection refused; retrying\n");
+    stop(*p);
+  });
 }
 
 TEST_F(mqtt, topics_that_no_broker_accepts_are_refused) {

@@ -136,40 +136,51 @@ TEST_F(nsupdate_aaaa, sends_one_update_that_deletes_and_adds) {
 }
 
 TEST_F(nsupdate_aaaa, reports_an_unusable_setting_in_one_line) {
+  const std::string host_name = " a name of ASCII letters, digits, dots, hyphens and underscores";
+  const std::string addresses = " addresses separated by commas, or null", server = " an address or a host name";
+  const std::string port = " a number from 1 to 65535", ttl = " a number of seconds from 0 to 2147483647";
+  const std::string timeout = " a number of seconds from 1 to 3600";
   const struct row {
     const char* label;
     const char* setting;
     std::string message;
   } rows[] = {
-      {"no name", "DAC_TAG=", "DAC_TAG is not set"},
-      {"a name of two words", "DAC_TAG=gw example", "DAC_TAG may not be 'gw example'"},
-      {"a name and more", "DAC_TAG=gw\tAAAA", "DAC_TAG may not be 'gw?AAAA'"},
+      {"no name", "DAC_TAG=", "DAC_TAG is not set; expected" + host_name},
+      {"a name of two words", "DAC_TAG=gw example", "DAC_TAG: expected" + host_name + ", got 'gw example'"},
+      {"a name and more", "DAC_TAG=gw\tAAAA", "DAC_TAG: expected" + host_name + ", got 'gw?AAAA'"},
       {"a name beyond ASCII", "NSUPDATE_NAME=gw\xc3\xa4",
-       "NSUPDATE_NAME may not be 'gw?"
-       "?'"},
-      {"no value", "DAC_VALUE=", "DAC_VALUE is not set"},
-      {"a word", "DAC_VALUE=none", "DAC_VALUE may not be 'none'"},
-      {"a word after an address", "DAC_VALUE=::5,null", "DAC_VALUE may not be 'null'"},
-      {"an empty address", "DAC_VALUE=::5,,::6", "DAC_VALUE may not be '::5,,::6'"},
-      {"a comma at the end", "DAC_VALUE=::5,", "DAC_VALUE may not be '::5,'"},
-      {"a comma at the beginning", "DAC_VALUE=,::5", "DAC_VALUE may not be ',::5'"},
-      {"a comma alone", "DAC_VALUE=,", "DAC_VALUE may not be ','"},
-      {"a space", "DAC_VALUE=::5, ::6", "DAC_VALUE may not be ' ::6'"},
-      {"a pattern", "DAC_VALUE=*", "DAC_VALUE may not be '*'"},
-      {"no server", "NSUPDATE_SERVER=", "NSUPDATE_SERVER is not set"},
-      {"a server and more", "NSUPDATE_SERVER=a b", "NSUPDATE_SERVER may not be 'a b'"},
-      {"a port by name", "NSUPDATE_PORT=domain", "NSUPDATE_PORT may not be 'domain'"},
-      {"a time with a unit", "NSUPDATE_TTL=1h", "NSUPDATE_TTL may not be '1h'"},
-      {"a negative time", "NSUPDATE_TIMEOUT=-1", "NSUPDATE_TIMEOUT may not be '-1'"},
-      {"zero time", "NSUPDATE_TIMEOUT=00", "NSUPDATE_TIMEOUT may not be '00'"},
-      {"a backslash", "NSUPDATE_SERVER=a\\nb", "NSUPDATE_SERVER may not be 'a\\nb'"},
-      {"a second line", "DAC_TAG=gw\nsend", "DAC_TAG may not be 'gw?send'"},
-      {"a line feed at the end", "DAC_TAG=gw\n", "DAC_TAG may not be 'gw?'"},
-      {"two zones", "NSUPDATE_ZONE=a b", "NSUPDATE_ZONE may not be 'a b'"},
-      {"no key", "NSUPDATE_KEY=", "NSUPDATE_KEY is not set"},
+       "NSUPDATE_NAME: expected" + host_name +
+           ", got 'gw?"
+           "?'"},
+      {"no value", "DAC_VALUE=", "DAC_VALUE is not set; expected" + addresses},
+      {"a word", "DAC_VALUE=none", "DAC_VALUE: expected" + addresses + ", got 'none'"},
+      {"a word after an address", "DAC_VALUE=::5,null", "DAC_VALUE: expected" + addresses + ", got '::5,null'"},
+      {"an empty address", "DAC_VALUE=::5,,::6", "DAC_VALUE: expected" + addresses + ", got '::5,,::6'"},
+      {"a comma at the end", "DAC_VALUE=::5,", "DAC_VALUE: expected" + addresses + ", got '::5,'"},
+      {"a comma at the beginning", "DAC_VALUE=,::5", "DAC_VALUE: expected" + addresses + ", got ',::5'"},
+      {"a comma alone", "DAC_VALUE=,", "DAC_VALUE: expected" + addresses + ", got ','"},
+      {"a space", "DAC_VALUE=::5, ::6", "DAC_VALUE: expected" + addresses + ", got '::5, ::6'"},
+      {"a pattern", "DAC_VALUE=*", "DAC_VALUE: expected" + addresses + ", got '*'"},
+      {"no server", "NSUPDATE_SERVER=", "NSUPDATE_SERVER is not set; expected" + server},
+      {"a server and more", "NSUPDATE_SERVER=a b", "NSUPDATE_SERVER: expected" + server + ", got 'a b'"},
+      {"a port by name", "NSUPDATE_PORT=domain", "NSUPDATE_PORT: expected" + port + ", got 'domain'"},
+      {"port 0", "NSUPDATE_PORT=0", "NSUPDATE_PORT: expected" + port + ", got '0'"},
+      {"a port of 17 bits", "NSUPDATE_PORT=65536", "NSUPDATE_PORT: expected" + port + ", got '65536'"},
+      {"a time with a unit", "NSUPDATE_TTL=1h", "NSUPDATE_TTL: expected" + ttl + ", got '1h'"},
+      {"a time of 32 bits", "NSUPDATE_TTL=2147483648", "NSUPDATE_TTL: expected" + ttl + ", got '2147483648'"},
+      {"a time of 64 bits", "NSUPDATE_TTL=18446744073709551617",
+       "NSUPDATE_TTL: expected" + ttl + ", got '18446744073709551617'"},
+      {"a negative time", "NSUPDATE_TIMEOUT=-1", "NSUPDATE_TIMEOUT: expected" + timeout + ", got '-1'"},
+      {"zero time", "NSUPDATE_TIMEOUT=00", "NSUPDATE_TIMEOUT: expected" + timeout + ", got '00'"},
+      {"a time of an hour", "NSUPDATE_TIMEOUT=3601", "NSUPDATE_TIMEOUT: expected" + timeout + ", got '3601'"},
+      {"a backslash", "NSUPDATE_SERVER=a\\nb", "NSUPDATE_SERVER: expected" + server + ", got 'a\\nb'"},
+      {"a second line", "DAC_TAG=gw\nsend", "DAC_TAG: expected" + host_name + ", got 'gw?send'"},
+      {"a line feed at the end", "DAC_TAG=gw\n", "DAC_TAG: expected" + host_name + ", got 'gw?'"},
+      {"two zones", "NSUPDATE_ZONE=a b", "NSUPDATE_ZONE: expected" + host_name + ", got 'a b'"},
+      {"no key", "NSUPDATE_KEY=", "NSUPDATE_KEY is not set; expected a file with one TSIG key"},
       {"a missing key file", "NSUPDATE_KEY=/no/key", "NSUPDATE_KEY: /no/key cannot be read"},
       {"no nsupdate", "PATH=/no/programs", "nsupdate is missing; install the package bind9-dnsutils"},
-      {"a word for null", "NSUPDATE_NULL=never", "NSUPDATE_NULL may not be 'never'"},
+      {"a word for null", "NSUPDATE_NULL=never", "NSUPDATE_NULL: expected delete or keep, got 'never'"},
   };
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
@@ -178,6 +189,16 @@ TEST_F(nsupdate_aaaa, reports_an_unusable_setting_in_one_line) {
     EXPECT_EQ(e.out, "");
     EXPECT_EQ(e.err, "nsupdate-aaaa: " + r.message + '\n');
     EXPECT_EQ(asked(), "");
+  }
+}
+
+TEST_F(nsupdate_aaaa, accepts_the_least_and_the_largest_numbers) {
+  for (const texts& numbers : {texts{"1", "0", "1"}, texts{"65535", "2147483647", "3600"}, texts{"08", "09", "008"}}) {
+    const ending e =
+        run({"NSUPDATE_PORT=" + numbers[0], "NSUPDATE_TTL=" + numbers[1], "NSUPDATE_TIMEOUT=" + numbers[2]});
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.status, 0);
+    EXPECT_TRUE(asked().starts_with("-v -t " + numbers[2] + '\n')) << asked();
   }
 }
 

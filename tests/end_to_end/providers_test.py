@@ -102,6 +102,9 @@ class Webhook(Example):
         body = self.server.requests.pop()[2]
         self.assertEqual((body["tag"], body["instance"]), (names["DAC_TAG"], names["DAC_INSTANCE"]))
 
+    def test_the_longest_timeout_is_an_hour(self):
+        self.assertEqual(self.post(WEBHOOK_TIMEOUT="3600"), (0, ""))
+
     def test_the_token_comes_from_a_file_and_is_on_no_command_line(self):
         token = self.file("token", "s3cret-T0ken\n")
         self.assertEqual(self.post(WEBHOOK_TOKEN_FILE=token), (0, ""))
@@ -132,16 +135,16 @@ class Webhook(Example):
         self.assertRegex(message, "^curl: .*timed out")
 
     def test_an_unusable_setting_is_reported_in_one_line(self):
+        timeout = "WEBHOOK_TIMEOUT: expected a number of seconds from 1 to 3600"
         not_a_url = "WEBHOOK_URL contains characters that a URL may not contain"
         empty, two, quote = self.file("empty", ""), self.file("two", "a\nb\n"), self.file("quote", 'a"b\n')
         rows = [
-            ({"DAC_VALUE": ""}, "DAC_VALUE is not set"),
-            ({"WEBHOOK_URL": ""}, "WEBHOOK_URL is not set"),
+            ({"DAC_VALUE": ""}, "DAC_VALUE is not set; expected addresses separated by commas, or null"),
+            ({"WEBHOOK_URL": ""}, "WEBHOOK_URL is not set; expected a URL that begins with https:// or http://"),
             ({"WEBHOOK_URL": "file:///etc/passwd"}, "WEBHOOK_URL must begin with https:// or http://"),
             ({"WEBHOOK_URL": self.url + '"\noutput = "x'}, not_a_url),
             ({"WEBHOOK_URL": self.url + '"x'}, not_a_url),
-            ({"WEBHOOK_TIMEOUT": "0"}, "WEBHOOK_TIMEOUT may not be '0'"),
-            ({"WEBHOOK_TIMEOUT": "1m"}, "WEBHOOK_TIMEOUT may not be '1m'"),
+            *(({"WEBHOOK_TIMEOUT": t}, f"{timeout}, got '{t}'") for t in ("0", "1m", "3601", "-1", "1" + 20 * "0")),
             ({"WEBHOOK_TOKEN_FILE": "/no/file"}, "WEBHOOK_TOKEN_FILE: /no/file cannot be read"),
             ({"WEBHOOK_TOKEN_FILE": empty}, f"WEBHOOK_TOKEN_FILE: {empty} must contain one token"),
             ({"WEBHOOK_TOKEN_FILE": two}, f"WEBHOOK_TOKEN_FILE: {two} must contain one token"),
@@ -227,12 +230,16 @@ class LexiconArguments(Example):
         self.assertEqual(calls, ["gandi list example.org AAAA --name gateway.example.org --output JSON "])
 
     def test_an_unusable_setting_is_reported_in_one_line(self):
+        addresses = "expected addresses separated by commas, or null"
+        ttl = "LEX_TTL: expected a number of seconds from 0 to 2147483647"
         rows = [
-            ({"DAC_VALUE": ""}, "DAC_VALUE is not set"),
-            ({"DAC_VALUE": "2001:db8::1,"}, "DAC_VALUE: expected addresses or null, got '2001:db8::1,'"),
-            ({"DAC_TAG": ""}, "DAC_TAG is not set"),
-            ({"LEX_PROVIDER": ""}, "LEX_PROVIDER is not set"),
-            ({"LEX_DOMAIN": ""}, "LEX_DOMAIN is not set"),
+            ({"DAC_VALUE": ""}, "DAC_VALUE is not set; " + addresses),
+            ({"DAC_VALUE": "2001:db8::1,"}, f"DAC_VALUE: {addresses}, got '2001:db8::1,'"),
+            ({"DAC_TAG": ""}, "DAC_TAG is not set; expected a host name"),
+            ({"LEX_PROVIDER": ""}, "LEX_PROVIDER is not set; expected a provider that lexicon --help lists"),
+            ({"LEX_DOMAIN": ""}, "LEX_DOMAIN is not set; expected the domain that the name is in"),
+            ({"LEX_TTL": "1h"}, ttl + ", got '1h'"),
+            ({"LEX_TTL": "2147483648"}, ttl + ", got '2147483648'"),
             ({"LEX_NULL": "never"}, "LEX_NULL: expected delete or keep, got 'never'"),
             ({"PATH": "/no/programs"}, "lexicon is missing; install the package lexicon"),
         ]

@@ -33,4 +33,4 @@ else
 fi
 
 cp "$here/live_steps.sh" "$scratch"
-"$here/../support/boot.sh" "$cache" "$package" "$scratch" live_steps.sh
+"$here/../support/boot.sh" "$cache" "$scratch" live_steps.sh

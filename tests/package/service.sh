@@ -30,4 +30,4 @@ commands 'The gateway' 1 >"$scratch/try"
 commands 'The gateway' 2 >"$scratch/install_drop_in"
 block 'Other hosts in the prefix' 2 >"$scratch/override.conf"
 commands 'Other hosts in the prefix' 3 >"$scratch/install_hosts"
-"$here/../support/boot.sh" "$cache" "$package" "$scratch" service_steps.sh
+"$here/../support/boot.sh" "$cache" "$scratch" service_steps.sh

@@ -1,19 +1,14 @@
 #!/bin/sh
-# Boots Debian 12 with the package's dependencies and a name server, runs DIRECTORY/STEPS there as root, as /live/STEPS,
-# and prints the line that it ends with, "passed ...". What it changes is lost at the end. Exits with 77 and prints the
-# reason where this is impossible.
-#   boot.sh CACHE PACKAGE DIRECTORY STEPS
+# Boots Debian 12, runs DIRECTORY/STEPS there as root, as /live/STEPS, and prints the line that it ends with, "passed ...".
+# What it changes is lost at the end. Exits with 77 and prints the reason where this is impossible.
+#   boot.sh CACHE DIRECTORY STEPS
 set -eu
 here=$(cd "$(dirname "$0")" && pwd)
 cache=$1
-package=$2
-directory=$3
-steps=$4
+directory=$2
+steps=$3
 
-depends=$(dpkg-deb -f "$package" Depends)
-depends=$(echo "$depends" | sed 's/([^)]*)//g; s/,/ /g')
-# shellcheck disable=SC2086 # one word per package
-tree=$("$here/debian_tree.sh" "$cache" bind9 bind9-dnsutils iproute2 python3-dnspython $depends) || {
+tree=$("$here/debian_tree.sh" "$cache") || {
   status=$?
   echo "$tree"
   exit "$status"

@@ -1032,6 +1032,15 @@ TEST_F(hooks, do_not_run_after_a_restart_with_unchanged_addresses_until_a_day_ha
   EXPECT_EQ(last("DAC_REASON"), "again");
 }
 
+TEST_F(hooks, begin_with_a_short_pause_after_a_restart) {
+  records.saved["gw"] = {"a.example", "a", loop.wall};
+  make();
+  submit("a");
+  loop.pass(24h);
+  end(exited(1));
+  EXPECT_EQ(reported(), "gw: hook: exit status 1; retry in about 1 s\n");
+}
+
 TEST_F(hooks, run_after_a_restart_with_other_addresses_or_another_name) {
   records.saved["gw"] = {"a.example", "a", loop.wall};
   make();

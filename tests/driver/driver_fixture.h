@@ -91,7 +91,7 @@ class driver_fixture : public testing::Test {
     return pools::read<T>(reinterpret_cast<const char*>(&d) + offset);
   }
   /// A flag that the worker may write at the same time. Not instrumented, because such flags are plain integers.
-  [[gnu::no_sanitize("thread")]] int32_t flag(size_t offset) const {
+  __attribute__((no_sanitize("thread"))) int32_t flag(size_t offset) const {
     return *reinterpret_cast<const volatile int32_t*>(reinterpret_cast<const char*>(&d) + offset);
   }
   template <class T>

@@ -12,6 +12,7 @@
 #include <string>
 #include <utility>
 
+#include "tests/support/before_sanitizer.h"
 #include "tests/support/c_heap.h"
 #include "tests/support/immortal.h"
 
@@ -104,10 +105,7 @@ int watched_munmap(void* at, size_t length) {
 
 }  // namespace
 
-// The thread sanitizer maps pages and queries their size before it is initialised. Until then it must not instrument,
-// intercept or guard anything here.
-#define BEFORE_SANITIZER __attribute__((no_sanitize("thread")))
-
+// The thread sanitizer maps pages and queries their size before it is initialised.
 extern "C" BEFORE_SANITIZER void* mmap(void* at, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
   if (ready) return watched_mmap(at, length, prot, flags, fd, offset);
   return reinterpret_cast<void*>(syscall(SYS_mmap, at, length, prot, flags, fd, offset));

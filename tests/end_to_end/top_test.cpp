@@ -346,6 +346,32 @@ TEST_F(top_screen, cuts_long_lines_and_follows_the_size_of_the_terminal) {
   expect_restored(t);
 }
 
+// A table is drawn every second in any case. 20 sizes in a row take less than 16 seconds only if a new size is drawn at
+// once.
+TEST_F(top_screen, follows_each_new_size_at_once) {
+  dir.file("publish null", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "q ends");
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(16);
+  for (size_t height = 9; height < 29; ++height) {
+    t.resize(80, static_cast<int>(height));
+    t.await([&](const texts& all) { return all.size() == height && all.back() == "q ends"; });
+  }
+  EXPECT_LT(std::chrono::steady_clock::now(), end);
+}
+
+TEST_F(top_screen, has_24_lines_of_80_columns_if_the_terminal_does_not_know_its_size) {
+  dir.file("publish " + std::string(100, 'v'), "gw.conf");
+  prepare("--for 1 gw.conf");
+  const std::string command = "stty rows 0 columns 0; TERM=xterm sh " + dir.path("go");
+  const ending e = process({"script", "-qec", command, "/dev/null"}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_NE(e.out.find("\x1b[24;1H\x1b[Kq ends"), std::string::npos) << e.out;
+  std::smatch row;
+  ASSERT_TRUE(std::regex_search(e.out, row, std::regex("\x1b\\[K(gw .*>)\x1b"))) << e.out;
+  EXPECT_EQ(row.str(1).size(), 80U);
+}
+
 TEST_F(top_screen, scrolls_through_more_instances_than_lines) {
   terminal t(dir.path(""), 100, 13);
   open(t, many(35, "publish null"), "rows 1-10 of 35; arrows, PgUp, PgDn, Home and End scroll; q ends");

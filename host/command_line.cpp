@@ -2,10 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <limits>
 #include <sstream>
 #include <string_view>
 #include <system_error>
@@ -88,35 +90,46 @@ double seconds_per(std::string_view unit) {
   return unit == "d" ? 86400 : 0;
 }
 
-std::optional<std::chrono::nanoseconds> duration(const std::string& text) {
+// More seconds than a double holds become infinity. None if the text is not a number and a unit.
+std::optional<double> seconds(const std::string& text) {
   double n = 0;
   const char* end = text.data() + text.size();
-  const auto [last, failed] = std::from_chars(text.data(), end, n);
+  if (text.empty() || (std::isdigit(static_cast<unsigned char>(text[0])) == 0 && text[0] != '.')) return std::nullopt;
+  const auto [last, failed] = std::from_chars(text.data(), end, n, std::chars_format::fixed);
   const double per_unit = seconds_per({last, end});
-  const double s = n * per_unit;
-  if (failed != std::errc() || per_unit == 0 || !(s >= 0 && s <= most_seconds)) return std::nullopt;
-  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(s));
+  if (failed == std::errc::invalid_argument || per_unit == 0) return std::nullopt;
+  return failed == std::errc() ? n * per_unit : std::numeric_limits<double>::infinity();
+}
+
+std::string expected(const std::string& what, const std::string& text) {
+  return "expected " + what + ", got '" + text + "'";
 }
 
 std::string check_duration(const std::string& text) {
-  return duration(text) ? "" : "expected a duration such as 90, 90s, 5m, 2h or 1d, got '" + text + "'";
+  const std::optional<double> s = seconds(text);
+  if (!s) return expected("a duration such as 90, 90s, 5m, 2h or 1d", text);
+  return *s > most_seconds ? expected("at most 11574d", text) : "";
 }
 
 std::string check_positive(const std::string& text) {
-  return duration(text) == std::chrono::nanoseconds(0) ? "expected more than '" + text + "'" : check_duration(text);
+  return seconds(text) == 0.0 ? expected("more than 0, for example 90s", text) : check_duration(text);
+}
+
+std::chrono::nanoseconds duration(const std::string& text) {
+  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds(text).value()));
 }
 
 template <class TO>
 CLI::Option* add_duration(CLI::App& app, const std::string& name, TO& to, const std::string& text) {
   return app
       .add_option_function<std::string>(
-          name, [&to](const std::string& word) { to = *duration(word); }, text)
+          name, [&to](const std::string& word) { to = duration(word); }, text)
       ->type_name("DURATION");
 }
 
-std::string check_directory(const std::string& text) { return text.empty() ? "a directory name is empty" : ""; }
+std::string check_directory(const std::string& text) { return text.empty() ? expected("a directory name", text) : ""; }
 
-std::string check_file(const std::string& text) { return text.empty() ? "a file name is empty" : ""; }
+std::string check_file(const std::string& text) { return text.empty() ? expected("a file name", text) : ""; }
 
 CLI::App* add_command(CLI::App& app, options& o, command what, const std::string& name, const std::string& text) {
   CLI::App* c = app.add_subcommand(name, text);
@@ -138,7 +151,7 @@ void add_ends(CLI::App* c, options& o) {
   add_duration(*c, "--for", o.time, "Exit after that time")->check(check_positive)->excludes(once);
 }
 
-std::string check_program(const std::string& text) { return text.empty() ? "a program name is empty" : ""; }
+std::string check_program(const std::string& text) { return text.empty() ? expected("a program name", text) : ""; }
 
 constexpr std::pair<std::string_view, address_filter::kind> filters[] = {{"all", address_filter::kind::all},
                                                                          {"global", address_filter::kind::global},
@@ -151,11 +164,11 @@ std::optional<address_filter::kind> filter_named(const std::string& text) {
 }
 
 std::string check_filter(const std::string& text) {
-  return filter_named(text) ? "" : "'" + text + "' is none of all, global, stable";
+  return filter_named(text) ? "" : expected("all, global or stable", text);
 }
 
 std::string check_interface(const std::string& text) {
-  return text.empty() || text == "!" ? "an interface name is empty" : "";
+  return text.empty() || text == "!" ? expected("the name of an interface", text) : "";
 }
 
 void add_interface(address_filter& f, const std::string& text) {
@@ -190,7 +203,7 @@ void add_filter(CLI::App& run, address_filter& f) {
 std::string check_jobs(const std::string& text) {
   return text.find_first_not_of("0123456789") == std::string::npos && text.find_first_not_of('0') != std::string::npos
              ? ""
-             : "expected a number above 0, got '" + text + "'";
+             : expected("a number above 0", text);
 }
 
 void add_exec(CLI::App& run, hook_options& e) {
@@ -230,8 +243,10 @@ std::vector<std::string> split(const std::string& text) {
 }
 
 std::string check_events(const std::string& text) {
+  std::string names;
+  for (const std::string& name : event_names) names += (names.empty() ? "" : ", ") + name;
   for (const std::string& name : split(text + ','))
-    if (!event_names.contains(name)) return "'" + name + "' is not an event; see dachost(1)";
+    if (!event_names.contains(name)) return expected("names of " + names + ", separated by commas", name);
   return "";
 }
 
@@ -258,10 +273,60 @@ std::string hint_for(const std::vector<std::string>& words) {
   return "";
 }
 
-std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::string& hint) {
+// ---------------------------------------------------------------- errors
+
+constexpr char sub_commands[] = "run, top, check, tags or info";
+
+std::string explain_unknown(const std::string& word, const std::string& command) {
+  if (!command.empty()) return word + ": not an option of " + command;
+  if (word.starts_with('-')) return word + ": expected a sub-command first: " + sub_commands;
+  return expected(std::string("a sub-command: ") + sub_commands, word);
+}
+
+// The value in --FLAG=VALUE.
+std::string value_of_flag(const std::string& flag, const std::vector<std::string>& words) {
+  for (const std::string& word : words)
+    if (word.starts_with(flag + '=')) return word.substr(flag.size() + 1);
+  return "";
+}
+
+// CLI11's errors contain a name and a sentence, and no parts that could be read separately.
+std::optional<std::string> text_before(const std::string& text, std::string_view sentence) {
+  const size_t at = text.find(sentence);
+  return at == std::string::npos ? std::nullopt : std::optional(text.substr(0, at));
+}
+
+std::string explain(const std::string& error, const std::vector<std::string>& words) {
+  if (const auto flag = text_before(error, " was given a disallowed flag override"))
+    return "--" + *flag + ": " + expected("no value", value_of_flag("--" + *flag, words));
+  if (const auto option = text_before(error, ": At Most 1 required")) return *option + ": may be given only once";
+  if (const auto option = text_before(error, ": 1 required ")) {
+    const size_t type = option->size() + std::strlen(": 1 required ");
+    return *option + ": expected a value after it: " + error.substr(type, error.find(' ', type) - type);
+  }
+  if (const auto option = text_before(error, " requires "))
+    return *option + ": works only with " + error.substr(option->size() + std::strlen(" requires "));
+  if (const auto option = text_before(error, " excludes "))
+    return *option + ": cannot be combined with " + error.substr(option->size() + std::strlen(" excludes "));
+  return error;
+}
+
+std::string explain(const CLI::App& app, const CLI::Error& e, const std::string& command,
+                    const std::vector<std::string>& words) {
+  if (dynamic_cast<const CLI::ExtrasError*>(&e))
+    return explain_unknown(app.remaining(true).at(0), app.remaining().empty() ? command : "");
+  if (dynamic_cast<const CLI::RequiredError*>(&e))
+    return command.empty() ? std::string("expected a sub-command: ") + sub_commands
+                           : "CONFIG: expected at least one configuration file";
+  return explain(e.what(), words);
+}
+
+std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::vector<std::string>& words) {
   const auto parsed = app->get_subcommands();
-  const std::string command = parsed.empty() ? "" : parsed[0]->get_name() + ' ';
-  return report_line(e.what() + hint + " (dachost " + command + "--help shows the usage)") + '\n';
+  const std::string command = parsed.empty() ? "" : parsed[0]->get_name();
+  return report_line(explain(*app, e, command, words) + hint_for(words) + " (dachost " + command +
+                     (command.empty() ? "" : " ") + "--help shows the usage)") +
+         '\n';
 }
 
 answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
@@ -301,7 +366,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   options o;
   CLI::App app("Reference host of the dac plug-ins", "dachost");
   const std::vector<std::string> all = words(argc, argv);
-  app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, hint_for(all)); });
+  app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, all); });
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
   app.footer(footer());
   app.require_subcommand(0, 1);  // a missing one is reported below; reported here, it would hide an unknown word

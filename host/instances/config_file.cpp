@@ -50,8 +50,8 @@ size_t end_of(const std::string& text, size_t at, const char* ends) {
 }
 
 // Reads as the driver does: a key has no spaces and no line feeds, and ends with an equals sign, a comment or a
-// section.
-void for_each_key(const std::string& text, const std::function<void(const key& k, bool has_value)>& f) {
+// section, at `end`.
+void for_each_key(const std::string& text, const std::function<void(const key& k, bool has_value, size_t end)>& f) {
   key k;
   for (size_t at = text.starts_with("\xef\xbb\xbf") ? 3 : 0; at < text.size(); ++at) {
     const char c = text[at];
@@ -60,11 +60,11 @@ void for_each_key(const std::string& text, const std::function<void(const key& k
       k.push_back(at);
       continue;
     }
-    f(k, c == '=');
+    f(k, c == '=', at);
     k.clear();
     at = end_of(text, at, c == '=' ? "\n" : c == '[' ? "]\r\n" : "\r\n");
   }
-  f(k, false);
+  f(k, false, text.size());
 }
 
 struct match {
@@ -111,7 +111,7 @@ std::string unreadable(const std::string& file) {
 std::string hidden_hostname(const std::string& file) {
   const std::string text = contents(file);
   std::string found;
-  for_each_key(text, [&](const key& k, bool has_value) {
+  for_each_key(text, [&](const key& k, bool has_value, size_t /*end*/) {
     if (!found.empty() || !has_value || !is_hidden(text, k)) return;
     found = describe(text, k[0], " hides hostname") + "; begin comments with #";
   });
@@ -121,10 +121,19 @@ std::string hidden_hostname(const std::string& file) {
 std::string hostname_like_line(const std::string& file) {
   const std::string text = contents(file);
   match best{most_errors};
-  for_each_key(text, [&](const key& k, bool /*has_value*/) {
+  for_each_key(text, [&](const key& k, bool /*has_value*/, size_t /*end*/) {
     match m = best_match(text, k);
     if (k.size() > hostname.size()) ++m.errors;  // the word itself is a better match than a part of a key
     if (m.errors <= best.errors) best = m;
   });
   return best.at == std::string::npos ? "" : describe(text, best.at, "");
+}
+
+std::string first_unused_line(const std::string& file) {
+  const std::string text = contents(file);
+  std::string found;
+  for_each_key(text, [&](const key& k, bool has_value, size_t end) {
+    if (found.empty() && (has_value || !k.empty())) found = describe(text, k.empty() ? end : k[0], " is not used");
+  });
+  return found;
 }

@@ -14,3 +14,7 @@ std::string hidden_hostname(const std::string& file);
 
 /// "line N: TEXT" for the last line that sets hostname or, without one, whose key is most like it; "" if none is.
 std::string hostname_like_line(const std::string& file);
+
+/// "line N is not used: TEXT" for the first line with a key or a value, in a file without hostname; "" if there is
+/// none.
+std::string first_unused_line(const std::string& file);

@@ -25,14 +25,20 @@ constexpr std::pair<std::string_view, const char*> remedies[] = {
     {"not config hostname", ": a line hostname = NAME is needed, see ip6dns.conf(5)"},
     {"hostname contains illegal characters", R"(: none of ' " ( ) : may be in it, see ip6dns.conf(5))"}};
 
+std::string line_to_correct(const std::string& file) {
+  const std::string like = hostname_like_line(file);
+  if (!like.empty()) return "; check " + like;
+  const std::string unused = first_unused_line(file);
+  return unused.empty() ? "" : "; " + unused;
+}
+
 std::string remedy(const std::string& file, const std::string& reason) {
   if (!unreadable(file).empty()) return "";
   if (const int error = error_of_reading(file)) return std::string(": ") + std::strerror(error);
   const std::string hidden = hidden_hostname(file);
   if (!hidden.empty() && reason.starts_with("not config hostname")) return ": " + hidden;
-  const std::string line = hostname_like_line(file);
   for (const auto& [begin, text] : remedies)
-    if (reason.starts_with(begin)) return text + (line.empty() ? "" : "; check " + line);
+    if (reason.starts_with(begin)) return text + line_to_correct(file);
   return "";
 }
 

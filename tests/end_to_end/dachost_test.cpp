@@ -231,39 +231,66 @@ void expect_usage_error(const ending& e) {
 // ---------------------------------------------------------------- the command line
 
 TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
+  const std::string sub_commands = "run, top, check, tags or info";
+  const std::string such_as = "--for: expected a duration such as 90, 90s, 5m, 2h or 1d, got ";
   const struct row {
     const char* label;
     texts args;
-    const char* named;
+    std::string named;
   } rows[] = {
-      {"nothing at all", {}, "sub-command"},
-      {"an unknown sub-command", {"publish"}, "publish"},
-      {"an unknown option", {"run", "--loud", "x.conf"}, "--loud"},
-      {"run without a file", {"run"}, "CONFIG"},
-      {"check without a file", {"check"}, "CONFIG"},
-      {"tags without a file", {"tags"}, "CONFIG"},
-      {"info without a file", {"info"}, "CONFIG"},
-      {"an empty file name", {"check", ""}, "CONFIG"},
-      {"an empty plug-in name", {"run", "-p", "", "x.conf"}, "--plugin"},
-      {"a plug-in without a name", {"check", "x.conf", "-p"}, "--plugin"},
-      {"no seconds", {"run", "x.conf", "--for"}, "--for"},
-      {"zero seconds", {"run", "--for", "0", "x.conf"}, "'0'"},
+      {"nothing at all", {}, "expected a sub-command: " + sub_commands},
+      {"an unknown sub-command", {"runn", "x.conf"}, "expected a sub-command: " + sub_commands + ", got 'runn'"},
+      {"an option before the sub-command",
+       {"-p", "x", "run", "x.conf"},
+       "-p: expected a sub-command first: " + sub_commands},
+      {"an unknown option", {"run", "--loud", "x.conf"}, "--loud: not an option of run"},
+      {"two unknown options", {"run", "x.conf", "-x", "--loud"}, "-x: not an option of run"},
+      {"an unknown option with a value", {"run", "--loud=3", "x.conf"}, "--loud=3: not an option of run"},
+      {"an unknown option without a sub-command", {"--loud"}, "--loud: expected a sub-command first: " + sub_commands},
+      {"run without a file", {"run"}, "CONFIG: expected at least one configuration file"},
+      {"check without a file", {"check"}, "CONFIG: expected at least one configuration file"},
+      {"tags without a file", {"tags"}, "CONFIG: expected at least one configuration file"},
+      {"info without a file", {"info"}, "CONFIG: expected at least one configuration file"},
+      {"an empty file name", {"check", ""}, "CONFIG: expected a file name, got ''"},
+      {"an empty plug-in name", {"run", "-p", "", "x.conf"}, "--plugin: expected a file name, got ''"},
+      {"a plug-in without a name", {"check", "x.conf", "-p"}, "--plugin: expected a value after it: FILE"},
+      {"no seconds", {"run", "x.conf", "--for"}, "--for: expected a value after it: DURATION"},
+      {"zero seconds", {"run", "--for", "0", "x.conf"}, "--for: expected more than 0, for example 90s, got '0'"},
       {"zero seconds, written long", {"run", "--for", "0.000", "x.conf"}, "'0.000'"},
-      {"less than zero seconds", {"run", "--for", "-3", "x.conf"}, "'-3'"},
-      {"seconds that are a word", {"run", "--for", "soon", "x.conf"}, "'soon'"},
-      {"an unknown unit", {"run", "--for", "3w", "x.conf"}, "such as 90, 90s, 5m, 2h or 1d, got '3w'"},
-      {"two units", {"run", "--for", "3sm", "x.conf"}, "'3sm'"},
-      {"a unit alone", {"run", "--for", "s", "x.conf"}, "'s'"},
-      {"a unit after a space", {"run", "--for", "3 s", "x.conf"}, "'3 s'"},
-      {"more days than a clock has", {"run", "--for", "20000d", "x.conf"}, "'20000d'"},
-      {"empty seconds", {"run", "--for", "", "x.conf"}, "''"},
-      {"endless seconds", {"run", "--for", "inf", "x.conf"}, "'inf'"},
-      {"seconds that are no number", {"run", "--for", "nan", "x.conf"}, "'nan'"},
-      {"more seconds than a clock has", {"run", "--for", "1e300", "x.conf"}, "'1e300'"},
-      {"two ends", {"run", "--once", "--for", "3", "x.conf"}, "--once excludes --for"},
-      {"a flag with a value", {"run", "--once=2", "x.conf"}, "once"},
-      {"json for check", {"check", "--json", "x.conf"}, "--json"},
-      {"a line feed in an argument", {"run", "--for", "1\n2", "x.conf"}, "'1\\x0a2'"},
+      {"less than zero seconds", {"run", "--for", "-3", "x.conf"}, such_as + "'-3'"},
+      {"a sign", {"run", "--for", "+3", "x.conf"}, such_as + "'+3'"},
+      {"less than nothing", {"run", "--for", "-0", "x.conf"}, such_as + "'-0'"},
+      {"seconds that are a word", {"run", "--for", "soon", "x.conf"}, such_as + "'soon'"},
+      {"an unknown unit", {"run", "--for", "3w", "x.conf"}, such_as + "'3w'"},
+      {"two units", {"run", "--for", "3sm", "x.conf"}, such_as + "'3sm'"},
+      {"a unit alone", {"run", "--for", "s", "x.conf"}, such_as + "'s'"},
+      {"a unit after a space", {"run", "--for", "3 s", "x.conf"}, such_as + "'3 s'"},
+      {"a decimal comma", {"run", "--for", "1,5", "x.conf"}, such_as + "'1,5'"},
+      {"a period alone", {"run", "--for", ".", "x.conf"}, such_as + "'.'"},
+      {"more days than a clock has",
+       {"run", "--for", "20000d", "x.conf"},
+       "--for: expected at most 11574d, got '20000d'"},
+      {"empty seconds", {"run", "--for", "", "x.conf"}, such_as + "''"},
+      {"an exponent", {"run", "--for", "1e3", "x.conf"}, such_as + "'1e3'"},
+      {"an exponent with a unit", {"run", "--for", "1E+3s", "x.conf"}, such_as + "'1E+3s'"},
+      {"a hexadecimal number", {"run", "--for", "0x10", "x.conf"}, such_as + "'0x10'"},
+      {"endless seconds", {"run", "--for", "inf", "x.conf"}, such_as + "'inf'"},
+      {"seconds that are no number", {"run", "--for", "nan", "x.conf"}, such_as + "'nan'"},
+      {"more seconds than a clock has",
+       {"run", "--for", std::string(300, '9'), "x.conf"},
+       "expected at most 11574d, got"},
+      {"more seconds than a number has",
+       {"run", "--for", std::string(400, '9'), "x.conf"},
+       "expected at most 11574d, got"},
+      {"two times", {"run", "--for", "1", "--for", "2", "x.conf"}, "--for: may be given only once"},
+      {"two ends", {"run", "--once", "--for", "3", "x.conf"}, "--once: cannot be combined with --for"},
+      {"a flag with a value", {"run", "--once=2", "x.conf"}, "--once: expected no value, got '2'"},
+      {"another flag with a value", {"run", "x.conf", "--json=1"}, "--json: expected no value, got '1'"},
+      {"json for check", {"check", "--json", "x.conf"}, "--json: not an option of check"},
+      {"an unknown event",
+       {"run", "--events", "tag,foo", "x.conf"},
+       "--events: expected names of exec, hook, message, refused, tag, value, version, separated by commas, got 'foo'"},
+      {"a line feed in an argument", {"run", "--for", "1\n2", "x.conf"}, such_as + "'1\\x0a2'"},
   };
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
@@ -384,7 +411,8 @@ TEST_F(dachost, check_prints_the_plugins_message_with_a_remedy_and_continues) {
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(lines(e.out),
             (texts{"load ip6dns driver config " + missing + " failed: No such file or directory",
-                   path("") + ": not a regular file", "not config hostname in " + unnamed + name_it,
+                   path("") + ": not a regular file",
+                   "not config hostname in " + unnamed + name_it + "; line 1 is not used: \"host=h\"",
                    "hostname contains illegal characters in " + colon + spell_it + "; check line 1: \"hostname=a:b\"",
                    good + ": ok, host name h"}));
 }
@@ -406,6 +434,16 @@ TEST_F(dachost, check_and_run_name_the_line_of_a_misspelt_key) {
   const std::string message = "not config hostname in " + misspelt + name_it + "; check line 2: \"hostnme = a\"";
   EXPECT_EQ(lines(run_to_end({"check", misspelt}).out), texts{message});
   EXPECT_EQ(run_to_end({"run", "--once", misspelt}).err, "dachost: " + message + "; nothing is started\n");
+}
+
+TEST_F(dachost, check_and_run_name_the_first_line_that_is_not_used) {
+  const std::string other = file("other.conf", "# Pump house\nname gateway.example\nport = 1\n");
+  const std::string message =
+      "not config hostname in " + other + name_it + "; line 2 is not used: \"name gateway.example\"";
+  EXPECT_EQ(lines(run_to_end({"check", other}).out), texts{message});
+  EXPECT_EQ(run_to_end({"run", "--once", other}).err, "dachost: " + message + "; nothing is started\n");
+  const std::string comments = file("comments.conf", "# hostname = a\n");
+  EXPECT_EQ(lines(run_to_end({"check", comments}).out), texts{"not config hostname in " + comments + name_it});
 }
 
 TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
@@ -586,7 +624,7 @@ TEST_F(dachost, for_ends_after_its_seconds_and_not_before) {
   const ending early = run_to_end({"run", "--for", "0.001", conf});
   EXPECT_EQ(early.status, 0);
   EXPECT_EQ(lines_of(early.out, "message"), started_and_stopped("gw"));
-  process p = start({"run", "--for", "1e9", conf});
+  process p = start({"run", "--for", "1000000000", conf});
   p.await_out(value_line("gw", "h"));
   terminate(p);
 }

@@ -595,19 +595,24 @@ TEST_F(exec, invalid_options_get_one_line_and_status_2) {
     const char* label;
     texts args;
     const char* named;
-  } rows[] = {{"a dry run of nothing", {"--dry-run"}, "--dry-run requires --exec"},
-              {"an interface without a name", {"--exec", "p", "--interface", ""}, "an interface name is empty"},
-              {"an exclusion without a name", {"--exec", "p", "--interface", "!"}, "an interface name is empty"},
-              {"no interface", {"--exec", "p", "--interface"}, "--interface"},
-              {"an interface that is wanted and excluded",
-               {"--exec", "p", "--interface", "a", "--interface", "b", "--interface", "!a"},
-               "--interface: 'a' is both wanted and excluded"},
-              {"a limit of nothing", {"--exec-timeout", "3"}, "--exec-timeout requires --exec"},
-              {"an empty name", {"--exec", ""}, "--exec"},
-              {"no name", {"--exec"}, "--exec"},
-              {"an unknown choice", {"--exec", "p", "--pick", "some"}, "'some' is none of all, global, stable"},
-              {"no time at all", {"--exec", "p", "--exec-timeout", "0"}, "'0'"},
-              {"a time that is a word", {"--exec", "p", "--exec-timeout", "long"}, "'long'"}};
+  } rows[] = {
+      {"a dry run of nothing", {"--dry-run"}, "--dry-run: works only with --exec"},
+      {"an interface without a name",
+       {"--exec", "p", "--interface", ""},
+       "--interface: expected the name of an interface, got ''"},
+      {"an exclusion without a name",
+       {"--exec", "p", "--interface", "!"},
+       "--interface: expected the name of an interface, got '!'"},
+      {"no interface", {"--exec", "p", "--interface"}, "--interface"},
+      {"an interface that is wanted and excluded",
+       {"--exec", "p", "--interface", "a", "--interface", "b", "--interface", "!a"},
+       "--interface: 'a' is both wanted and excluded"},
+      {"a limit of nothing", {"--exec-timeout", "3"}, "--exec-timeout: works only with --exec"},
+      {"an empty name", {"--exec", ""}, "--exec: expected a program name, got ''"},
+      {"no name", {"--exec"}, "--exec: expected a value after it: PROGRAM"},
+      {"an unknown choice", {"--exec", "p", "--pick", "some"}, "--pick: expected all, global or stable, got 'some'"},
+      {"no time at all", {"--exec", "p", "--exec-timeout", "0"}, "'0'"},
+      {"a time that is a word", {"--exec", "p", "--exec-timeout", "long"}, "'long'"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     texts args = {"x.conf"};

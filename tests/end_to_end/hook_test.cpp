@@ -253,18 +253,19 @@ TEST_F(hook, options_that_are_wrong_get_one_line_and_status_2) {
     texts args;
     const char* named;
   } rows[] = {
-      {{"--hold", "5m"}, "--hold requires --exec"},
-      {{"--again", "5m"}, "--again requires --exec"},
-      {{"--splay", "5m"}, "--splay requires --exec"},
-      {{"--jobs", "5"}, "--jobs requires --exec"},
-      {{"--state", "x"}, "--state requires --exec"},
+      {{"--hold", "5m"}, "--hold: works only with --exec"},
+      {{"--again", "5m"}, "--again: works only with --exec"},
+      {{"--splay", "5m"}, "--splay: works only with --exec"},
+      {{"--jobs", "5"}, "--jobs: works only with --exec"},
+      {{"--state", "x"}, "--state: works only with --exec"},
       {{"--exec", "p", "--hold", "5 m"}, "--hold: expected a duration such as 90, 90s, 5m, 2h or 1d, got '5 m'"},
       {{"--exec", "p", "--again", "-1"}, "'-1'"},
+      {{"--exec", "p", "--again", "1e3"}, "--again: expected a duration such as 90, 90s, 5m, 2h or 1d, got '1e3'"},
       {{"--exec", "p", "--splay", "1y"}, "'1y'"},
-      {{"--exec", "p", "--exec-timeout", "0m"}, "expected more than '0m'"},
+      {{"--exec", "p", "--exec-timeout", "0m"}, "--exec-timeout: expected more than 0, for example 90s, got '0m'"},
       {{"--exec", "p", "--jobs", "0"}, "--jobs: expected a number above 0, got '0'"},
       {{"--exec", "p", "--jobs", "x"}, "'x'"},
-      {{"--exec", "p", "--state", ""}, "a directory name is empty"}};
+      {{"--exec", "p", "--state", ""}, "--state: expected a directory name, got ''"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.named);
     texts args = {"x.conf"};

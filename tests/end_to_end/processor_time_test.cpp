@@ -31,7 +31,7 @@ TEST_F(processor_time, is_not_used_when_nothing_happens) {
 }
 
 TEST_F(processor_time, is_not_used_before_a_distant_end) {
-  process p = run({"--for", "1e9", conf("publish a")});
+  process p = run({"--for", "1000000000", conf("publish a")});
   p.await_out("\tvalue\t");
   expect_quiet(p);
   terminate(p);

@@ -91,6 +91,22 @@ TEST_F(config_file, without_anything_like_a_host_name_has_no_such_line) {
   EXPECT_EQ(hostname_like_line(dir.path("none")), "");
 }
 
+TEST_F(config_file, has_a_first_line_that_is_not_used) {
+  const auto found = [this](const std::string& text) { return first_unused_line(dir.file(text)); };
+  EXPECT_EQ(found("name gateway.example"), "line 1 is not used: \"name gateway.example\"");
+  EXPECT_EQ(found("# comment\n\n  name: gateway # x\nport = 1\n"), "line 3 is not used: \"name: gateway # x\"");
+  EXPECT_EQ(found("[net]\r\nport = 1\r\n"), "line 2 is not used: \"port = 1\"");
+  EXPECT_EQ(found("\n= gateway"), "line 2 is not used: \"= gateway\"");
+  EXPECT_EQ(found("[net] gateway"), "line 1 is not used: \"[net] gateway\"");
+  EXPECT_EQ(found("\xef\xbb\xbfgateway"), "line 1 is not used: \"\xef\xbb\xbfgateway\"");
+}
+
+TEST_F(config_file, without_keys_and_values_has_no_line_that_is_not_used) {
+  for (const char* text : {"", "\n \t\r\n", "# name = a", "; name", "[name]", "[name = a", "\xef\xbb\xbf"})
+    EXPECT_EQ(first_unused_line(dir.file(text)), "") << text;
+  EXPECT_EQ(first_unused_line(dir.path("none")), "");
+}
+
 TEST_F(config_file, hides_no_host_name_where_the_driver_reads_none) {
   for (const char* text :
        {"", "hostname = a", "\xef\xbb\xbfhostname=a", "host name = a", "stray", "stray\nport = 1\nhostname = a",

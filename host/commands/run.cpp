@@ -14,6 +14,7 @@
 
 #include "host/commands/commands.h"
 #include "host/commands/run_status.h"
+#include "host/commands/status_file.h"
 #include "host/commands/value_events.h"
 #include "host/display/printer.h"
 #include "host/hook/timed_run.h"
@@ -33,15 +34,22 @@ std::unique_ptr<printer> make_printer(const options& o, output& out) {
 }
 
 // The status file replaces what has its name.
-void check_status_file(const options& o) {
+std::string reason_against_status_file(const options& o) {
   using std::filesystem::file_type;
   std::error_code ignored;
   const file_type type = std::filesystem::symlink_status(o.status, ignored).type();
   if (type != file_type::regular && type != file_type::not_found && type != file_type::none)
-    throw std::invalid_argument(o.status + ": not a regular file");
+    return "not a regular file";
   for (const std::string& file : o.files)
-    if (std::filesystem::equivalent(o.status, file, ignored))
-      throw std::invalid_argument(o.status + ": is a configuration file; --status would replace it");
+    if (std::filesystem::equivalent(o.status, file, ignored)) return "is a configuration file, which would be replaced";
+  const std::string error = unwritable(o.status);
+  return error.empty() ? "" : "cannot be written: " + error;
+}
+
+void check_status_file(const options& o) {
+  if (o.status.empty()) return;
+  const std::string reason = reason_against_status_file(o);
+  if (!reason.empty()) throw std::invalid_argument("--status: " + o.status + ": " + reason);
 }
 
 void check_state_directory(const std::string& path) {

@@ -17,6 +17,7 @@ using namespace std::chrono_literals;
 namespace {
 
 constexpr auto between_writes = 1s;
+constexpr auto retry_pause = 10s;
 
 int write_all(int fd, std::string_view text) {
   while (!text.empty()) {
@@ -27,10 +28,17 @@ int write_all(int fd, std::string_view text) {
   return 0;
 }
 
+// The file that replaces the one with this path. It is in the same directory, so that it can.
+std::string replacement(const std::string& path) { return path + ".tmp"; }
+
+int open_new(const std::string& path) {
+  return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+}
+
 // The errno of a failure, or 0.
 int replace(const std::string& path, const std::string& text) {
-  const std::string next = path + ".tmp";
-  const int fd = open(next.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const std::string next = replacement(path);
+  const int fd = open_new(next);
   if (fd == -1) return errno;
   int error = write_all(fd, text);
   if (close(fd) != 0 && error == 0) error = errno;
@@ -40,6 +48,15 @@ int replace(const std::string& path, const std::string& text) {
 }
 
 }  // namespace
+
+std::string unwritable(const std::string& path) {
+  const std::string next = replacement(path);
+  const int fd = open_new(next);
+  if (fd == -1) return std::strerror(errno);
+  close(fd);
+  unlink(next.c_str());
+  return "";
+}
 
 void status_file::update() {
   if (_path.empty() || _state == state::waiting) return;
@@ -53,6 +70,7 @@ void status_file::update() {
 
 void status_file::write() {
   _timer = nullptr;
+  _retry = nullptr;
   _state = state::writing;
   _loop.run_in_background([this, text = _text()]() -> event_loop::task {
     const int error = replace(_path, text);
@@ -63,13 +81,15 @@ void status_file::write() {
 void status_file::on_written(const std::string& error) {
   _next = _loop.now() + between_writes;
   const bool failed_before = std::exchange(_has_failed, !error.empty());
-  if (_has_failed && !failed_before) report(_err, _path + ": cannot be written: " + error, severity::warning);
+  if (_has_failed) _retry = _loop.call_in(retry_pause, [this] { update(); });
+  if (_has_failed && !failed_before)
+    report(_err, _path + ": cannot be written: " + error + "; retry every 10 seconds", severity::warning);
   if (!_has_failed && failed_before) report(_err, _path + ": is written again", severity::info);
   if (std::exchange(_state, state::clean) == state::outdated) update();
 }
 
 void status_file::finish() {
-  if (_state == state::waiting) write();
+  if (_state == state::waiting || _retry) write();
   const auto limit = _loop.call_in(2s, [this] { _loop.restore_signals(); });
   _loop.run_until([this] { return _state == state::clean; });
 }

@@ -7,8 +7,11 @@
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 
+/// Why the file cannot be written, or "". Does not change it.
+std::string unwritable(const std::string& path);
+
 /// Replaces the file atomically, at most once a second, on a background thread: a disk that hangs does not delay the
-/// loop. Reports the first of several failures in a row, and their end.
+/// loop. Retries ten seconds after a failure. Reports the first of several failures in a row, and their end.
 class status_file {
  public:
   /// `text` returns the new contents of the file. If the path is empty, no file is written.
@@ -34,4 +37,5 @@ class status_file {
   bool _has_failed = false;
   steady_clock::time_point _next;  // not before
   event_loop::handle _timer;
+  event_loop::handle _retry;  // after a failure
 };

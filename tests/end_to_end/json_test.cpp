@@ -167,8 +167,37 @@ TEST_F(json_lines, are_summed_up_in_the_status_file) {
   terminate(p);
   EXPECT_EQ(schema_errors("dachost.status.schema.json", read_file(status)), "");
   EXPECT_FALSE(std::filesystem::exists(status + ".tmp"));
-  EXPECT_EQ(run({"--once", "--status", dir.path("no/status"), conf("publish a")}).end().err,
-            "dachost: " + dir.path("no/status") + ": cannot be written: No such file or directory\n");
+}
+
+TEST_F(json_lines, are_not_printed_when_the_status_file_cannot_be_written_at_the_start) {
+  const std::string locked = dir.path("locked"), file = dir.file("", "file"), missing = dir.path("missing/status");
+  std::filesystem::create_directory(locked);
+  std::filesystem::permissions(locked, std::filesystem::perms::owner_read);
+  std::vector<std::pair<std::string, const char*>> rows = {{missing, "No such file or directory"},
+                                                           {file + "/status", "Not a directory"}};
+  if (access((locked + "/.").c_str(), W_OK) != 0)
+    rows.emplace_back(locked + "/status", "Permission denied");  // not for root
+  for (const auto& [path, reason] : rows) {
+    const ending e = run({"--once", "--status", path, conf("publish a")}).end();
+    EXPECT_EQ(e.status, 2);
+    EXPECT_EQ(e.out, "");
+    EXPECT_EQ(e.err, "dachost: --status: " + path + ": cannot be written: " + reason + '\n');
+  }
+}
+
+TEST_F(json_lines, are_summed_up_again_when_the_status_file_can_be_written) {
+  std::filesystem::create_directory(dir.path("run"));
+  const std::string status = dir.path("run/status");
+  process p = run({"--status", status, conf("publish a")});
+  await_text("run/status", R"("value":"a")");
+  std::filesystem::remove_all(dir.path("run"));
+  conf("publish b");
+  p.signal(SIGHUP);
+  p.await_err("dachost: " + status + ": cannot be written: No such file or directory; retry every 10 seconds\n");
+  std::filesystem::create_directory(dir.path("run"));
+  p.await_err("dachost: " + status + ": is written again\n");
+  await_text("run/status", R"("value":"b")");
+  terminate(p);
 }
 
 TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
@@ -178,11 +207,11 @@ TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
   for (const std::string& special : {fifo, link, dir.path("")}) {
     const ending e = run({"--once", "--status", special, file}).end();
     EXPECT_EQ(e.status, 2);
-    EXPECT_EQ(e.err, "dachost: " + special + ": not a regular file\n");
+    EXPECT_EQ(e.err, "dachost: --status: " + special + ": not a regular file\n");
   }
   const ending e = run({"--once", "--status", file, file}).end();
   EXPECT_EQ(e.status, 2);
-  EXPECT_EQ(e.err, "dachost: " + file + ": is a configuration file; --status would replace it\n");
+  EXPECT_EQ(e.err, "dachost: --status: " + file + ": is a configuration file, which would be replaced\n");
   EXPECT_EQ(read_file(file), "publish a");
 }
 

@@ -236,7 +236,8 @@ TEST_F(run_statuses, the_file_that_cannot_be_written_is_reported_once_and_when_i
     publish(0, std::to_string(n));
     loop.pass(1s);
   }
-  EXPECT_EQ(loop.sinks[2].text, "dachost: " + path + ": cannot be written: No such file or directory\n");
+  EXPECT_EQ(loop.sinks[2].text,
+            "dachost: " + path + ": cannot be written: No such file or directory; retry every 10 seconds\n");
   std::filesystem::create_directory(dir.path("missing"));
   publish(0, "4");
   loop.pass(1s);

@@ -97,13 +97,88 @@ TEST_F(status_files, are_reported_when_they_cannot_be_written_and_when_they_can_
     missing.update();
     loop.pass(1s);
   }
-  EXPECT_EQ(reported(), "dachost: " + path + ": cannot be written: No such file or directory\n");
+  EXPECT_EQ(reported(),
+            "dachost: " + path + ": cannot be written: No such file or directory; retry every 10 seconds\n");
   std::filesystem::create_directory(dir.path("run"));
   for (int n = 0; n < 3; ++n) {
     missing.update();
     loop.pass(1s);
   }
   EXPECT_EQ(reported(), "dachost: " + path + ": is written again\n");
+}
+
+TEST_F(status_files, are_written_again_ten_seconds_after_a_failure) {
+  const std::string path = dir.path("run/status");
+  status_file missing(loop, path, err, [this] { return text; });
+  text = "a";
+  missing.update();
+  loop.pass(0s);
+  for (int n = 1; n <= 3; ++n) {
+    EXPECT_EQ(loop.works, n);
+    loop.pass(10s - 1ns);
+    EXPECT_EQ(loop.works, n) << "not before";
+    loop.pass(1ns);
+  }
+  std::filesystem::create_directory(dir.path("run"));
+  loop.pass(10s);
+  EXPECT_EQ(read_file(path), "a");
+  EXPECT_EQ(reported(), "dachost: " + path +
+                            ": cannot be written: No such file or directory; retry every 10 seconds\n"
+                            "dachost: " +
+                            path + ": is written again\n");
+  EXPECT_EQ(loop.timers(), 0U);
+  const int works = loop.works;
+  loop.pass(1h);
+  EXPECT_EQ(loop.works, works) << "nothing has changed";
+}
+
+TEST_F(status_files, have_a_change_at_once_after_a_failure_and_no_retry_after_it) {
+  const std::string path = dir.path("run/status");
+  status_file missing(loop, path, err, [this] { return text; });
+  missing.update();
+  loop.pass(5s);
+  std::filesystem::create_directory(dir.path("run"));
+  text = "b";
+  missing.update();
+  loop.pass(0s);
+  EXPECT_EQ(read_file(path), "b");
+  EXPECT_EQ(loop.timers(), 0U);
+  EXPECT_EQ(loop.works, 2);
+}
+
+TEST_F(status_files, are_written_at_the_end_after_a_failure) {
+  const std::string path = dir.path("run/status");
+  status_file missing(loop, path, err, [this] { return text; });
+  text = "a";
+  missing.update();
+  loop.pass(5s);
+  std::filesystem::create_directory(dir.path("run"));
+  const auto begun = loop.now();
+  missing.finish();
+  EXPECT_EQ(read_file(path), "a");
+  EXPECT_EQ(loop.now(), begun) << "the end does not wait for the retry";
+}
+
+TEST_F(status_files, that_still_cannot_be_written_do_not_delay_the_end) {
+  status_file missing(loop, dir.path("run/status"), err, [this] { return text; });
+  missing.update();
+  loop.pass(5s);
+  const auto begun = loop.now();
+  missing.finish();
+  EXPECT_EQ(loop.now(), begun);
+  EXPECT_EQ(loop.works, 2);
+}
+
+TEST_F(status_files, can_be_checked_without_a_change) {
+  EXPECT_EQ(unwritable(dir.path("status")), "");
+  EXPECT_EQ(names(), texts{});
+  change("a");
+  EXPECT_EQ(unwritable(dir.path("status")), "");
+  EXPECT_EQ(names(), texts{"status"});
+  EXPECT_EQ(written(), "a");
+  EXPECT_EQ(unwritable(dir.path("missing/status")), "No such file or directory");
+  EXPECT_EQ(unwritable(dir.path("status/status")), "Not a directory");
+  EXPECT_EQ(unwritable("/proc/status"), "No such file or directory") << "a directory that accepts no files";
 }
 
 TEST_F(status_files, are_complete_when_the_disk_accepts_a_part_or_a_signal_interrupts) {
@@ -128,7 +203,7 @@ TEST_F(status_files, stay_as_they_are_when_a_call_fails) {
   });
   EXPECT_EQ(failed, 4) << "open, write, close, rename";
   EXPECT_EQ(reported(), "dachost: " + dir.path("status") +
-                            ": cannot be written: No space left on device\n"
+                            ": cannot be written: No space left on device; retry every 10 seconds\n"
                             "dachost: " +
                             dir.path("status") + ": is written again\n");
 }

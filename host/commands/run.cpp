@@ -17,7 +17,7 @@
 #include "host/commands/status_file.h"
 #include "host/commands/value_events.h"
 #include "host/display/printer.h"
-#include "host/hook/timed_run.h"
+#include "host/hook/programs.h"
 #include "host/instances/supervisor.h"
 #include "host/report.h"
 

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/display/text.h"
+#include "host/hook/programs.h"
 
 namespace {
 

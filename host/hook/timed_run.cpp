@@ -1,55 +1,18 @@
 #include "host/hook/timed_run.h"
 
 #include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <sstream>
-#include <stdexcept>
 #include <system_error>
 #include <utility>
-
-#include "host/display/text.h"
-
-namespace fs = std::filesystem;
 
 namespace {
 
 constexpr auto kill_delay = std::chrono::seconds(1);  // from one signal to the next
 constexpr auto exit_grace = std::chrono::seconds(2);  // for a program that runs at the end
-
-bool is_executable(const fs::path& file) {
-  std::error_code failed;
-  return fs::is_regular_file(file, failed) && access(file.c_str(), X_OK) == 0;
-}
-
-bool is_run_part(const fs::path& file) {
-  const std::string name = file.filename();
-  return std::all_of(name.begin(), name.end(), is_plain) && is_executable(file);
-}
-
-bool has_slash(const std::string& name) { return name.find('/') != std::string::npos; }
-
-// As posix_spawnp() searches: an empty part is the working directory.
-bool is_on_path(const std::string& name) {
-  const char* path = std::getenv("PATH");
-  std::istringstream parts(path ? path + std::string(":") : "/bin:/usr/bin");
-  for (std::string part; std::getline(parts, part, ':');)
-    if (is_executable(fs::path(part) / name)) return true;
-  return false;
-}
-
-std::string reason_against(const std::string& program) {
-  if (!has_slash(program)) return is_on_path(program) ? "" : "not found on PATH";
-  std::error_code failed;
-  if (!fs::exists(program, failed)) return "not found";
-  return is_executable(program) ? "" : "not executable";
-}
 
 std::string in_seconds(std::chrono::nanoseconds n) {
   char text[32] = {};
@@ -65,28 +28,6 @@ std::string describe(int status) {
 }
 
 }  // namespace
-
-std::vector<std::string> programs_of(const std::string& hook) {
-  std::error_code failed;
-  if (!has_slash(hook) || !fs::is_directory(hook, failed)) return {hook};
-  std::vector<std::string> programs;
-  for (const fs::path& file : fs::directory_iterator(hook, failed))
-    if (is_run_part(file)) programs.push_back(file);
-  if (failed) throw std::system_error(failed);
-  if (programs.empty()) throw std::runtime_error("no program in this directory, see run-parts(8)");
-  std::sort(programs.begin(), programs.end());
-  return programs;
-}
-
-void check_hook(const std::string& hook) {
-  std::string reason;
-  try {
-    reason = reason_against(programs_of(hook)[0]);
-  } catch (const std::runtime_error& e) {
-    reason = e.what();
-  }
-  if (!reason.empty()) throw std::invalid_argument("--exec: " + hook + ": " + reason);
-}
 
 timed_run::timed_run(event_loop& l, launcher& p, std::chrono::nanoseconds timeout, std::vector<std::string> programs,
                      std::vector<std::string> settings, callbacks c)

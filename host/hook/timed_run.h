@@ -11,14 +11,6 @@
 
 constexpr auto default_time_limit = std::chrono::seconds(30);
 
-/// Returns the hook itself or, for a directory (whose path has a slash), the programs that run-parts(8) would run, in
-/// the same order. Throws std::runtime_error for a directory that cannot be read or has no program.
-std::vector<std::string> programs_of(const std::string& hook);
-
-/// Throws std::invalid_argument if a run could start nothing: the hook is neither an executable file nor a directory of
-/// programs, nor found on PATH.
-void check_hook(const std::string& hook);
-
 /// Starts the programs one after the other, even if one fails, as run-parts(8) does. A program that runs longer than
 /// the timeout gets SIGTERM and, a second later, SIGKILL.
 class timed_run {

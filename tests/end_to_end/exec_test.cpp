@@ -280,16 +280,23 @@ TEST_F(exec, is_not_tried_again_with_once) {
 }
 
 TEST_F(exec, that_is_no_program_is_an_error_at_the_start) {
+  const std::string lost = dir.file("#!/no/such/sh\n", "lost"), crlf = dir.file("#!/bin/sh\r\nexit\r\n", "crlf");
+  for (const std::string& script : {lost, crlf}) ASSERT_EQ(chmod(script.c_str(), 0700), 0);
   const std::string plain = dir.file("#!/bin/sh\n", "plain"), conf = publish("a");
   std::filesystem::create_directory(dir.path("bin"));
   std::filesystem::create_directory(dir.path("bin/folder"));
   const struct row {
     std::string program;
     const char* reason;
-  } rows[] = {{dir.path("missing"), "not found"},       {plain, "not executable"},
-              {plain + "/prog", "not found"},           {"/dev/null", "not executable"},
-              {"no-such-program", "not found on PATH"}, {"plain", "not found on PATH"},
-              {"folder", "not found on PATH"}};
+  } rows[] = {{dir.path("missing"), "not found"},
+              {plain, "not executable"},
+              {plain + "/prog", "not found"},
+              {"/dev/null", "not executable"},
+              {"no-such-program", "not found on PATH"},
+              {"plain", "not found on PATH"},
+              {"folder", "not found on PATH"},
+              {lost, "its interpreter /no/such/sh is not found"},
+              {crlf, "its interpreter /bin/sh\\x0d is not found; its lines end with CR LF, and must end with LF"}};
   for (const row& r : rows) {
     for (const char* way : {"--once", "--dry-run"}) {
       SCOPED_TRACE(r.program + ' ' + way);
@@ -325,8 +332,11 @@ TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
     const char* label;
     const char* text;
     const char* reason;
-  } rows[] = {{"no interpreter", "#!/no/such/interpreter\n", "No such file or directory"},
-              {"neither a program nor a script", "exit 0\n", "Exec format error"}};
+  } rows[] = {{"neither a program nor a script", "exit 0\n", "Exec format error"},
+              {"a damaged program",
+               "\x7f"
+               "ELF",
+               "Exec format error"}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     const std::string file = dir.file(r.text, "prog");

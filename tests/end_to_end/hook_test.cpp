@@ -244,6 +244,11 @@ TEST_F(hook, cannot_be_a_directory_without_a_program) {
   EXPECT_EQ(e.status, 2);
   EXPECT_EQ(e.out, "");
   EXPECT_EQ(e.err, "dachost: --exec: " + dir.path("hooks") + ": no program in this directory, see run-parts(8)\n");
+  chmod(dir.file("#!/bin/sh\n", "hooks/update.sh").c_str(), 0700);
+  EXPECT_EQ(
+      run({"--exec", dir.path("hooks"), conf("publish a")}).end().err,
+      "dachost: --exec: " + dir.path("hooks") +
+          ": no program in this directory: update.sh is skipped because of the \".\" in its name, see run-parts(8)\n");
 }
 
 // ---------------------------------------------------------------- the command line

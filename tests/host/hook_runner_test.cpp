@@ -13,6 +13,7 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "host/hook/programs.h"
 #include "tests/host/scripted_loop.h"
 #include "tests/support/no_descriptors.h"
 #include "tests/support/scratch.h"
@@ -1304,10 +1305,13 @@ class hook_check : public testing::Test {
   hook_check(const hook_check&) = delete;
   hook_check& operator=(const hook_check&) = delete;
 
-  std::string add(const std::string& name, mode_t mode = 0700) const {
+  std::string add(const std::string& name, mode_t mode = 0700, const std::string& text = "") const {
     std::filesystem::create_directories(std::filesystem::path(dir.path(name)).parent_path());
-    EXPECT_EQ(chmod(dir.file("", name).c_str(), mode), 0);
+    EXPECT_EQ(chmod(dir.file(text, name).c_str(), mode), 0);
     return dir.path(name);
+  }
+  std::string script(const std::string& text, const std::string& name = "script") const {
+    return add(name, 0700, text);
   }
   /// "" if the hook is accepted.
   static std::string reason_against(const std::string& hook) {
@@ -1357,10 +1361,76 @@ TEST_F(hook_check, refuses_what_cannot_be_started) {
 }
 
 TEST_F(hook_check, refuses_a_directory_without_a_program) {
+  const std::string none = "no program in this directory";
+  std::filesystem::create_directories(dir.path("hooks/folder"));
+  EXPECT_EQ(reason_against(dir.path("hooks")), none + ", see run-parts(8)");
+  add("hooks/plain", 0600);
+  EXPECT_EQ(reason_against(dir.path("hooks")), none + ": plain is not executable");
+  add("hooks/b c");
+  EXPECT_EQ(reason_against(dir.path("hooks")), none + ": b c is skipped because of its name, see run-parts(8)");
+  add("hooks/zero.py");
   add("hooks/a.sh");
-  EXPECT_EQ(reason_against(dir.path("hooks")), "no program in this directory, see run-parts(8)");
+  EXPECT_EQ(reason_against(dir.path("hooks")),
+            none + ": a.sh is skipped because of the \".\" in its name, see run-parts(8)");
   add("hooks/a");
   EXPECT_EQ(reason_against(dir.path("hooks")), "");
+}
+
+// ---------------------------------------------------------------- scripts
+
+TEST_F(hook_check, accepts_scripts_whose_interpreter_can_be_started) {
+  setenv("PATH", "/bin", 1);
+  for (const char* text :
+       {"#!/bin/sh", "#!/bin/sh\n", "#! /bin/sh -e\n", "#!\t/bin/sh\t-e\nexit", "#!/usr/bin/env sh\n",
+        "#!/usr/bin/env -S sh -e\n", "#!/usr/bin/env\n", "#!/usr/bin/env A=b sh\n",
+        "\x7f"
+        "ELF",
+        "#", "", "#!/usr/bin/perl -w\r\n"})
+    EXPECT_EQ(reason_against(script(text)), "") << text;
+}
+
+TEST_F(hook_check, refuses_a_script_whose_interpreter_cannot_be_started) {
+  const std::string plain = add("plain", 0600), folder = dir.path("");
+  const std::string crlf = "; its lines end with CR LF, and must end with LF";
+  setenv("PATH", "/bin", 1);
+  const struct row {
+    std::string text;
+    std::string reason;
+  } rows[] = {{"#!/no/such/sh\n", "its interpreter /no/such/sh is not found"},
+              {"#! /no/such/sh -e\n", "its interpreter /no/such/sh is not found"},
+              {"#!/no/such/sh", "its interpreter /no/such/sh is not found"},
+              {"#!" + plain + '\n', "its interpreter " + plain + " is not executable"},
+              {"#!" + folder + '\n', "its interpreter " + folder + " is not executable"},
+              {"#!sh\n", "its interpreter sh is not found"},
+              {"#!/bin/sh\r\n", "its interpreter /bin/sh\r is not found" + crlf},
+              {"#!/bin/sh\r", "its interpreter /bin/sh\r is not found" + crlf},
+              {"#!/bin/sh -e\r\n", "its lines end with CR LF, and must end with LF"},
+              {"#!/usr/bin/env no-such\n", "its interpreter no-such is not found on PATH"},
+              {"#!/usr/bin/env sh\r\n", "its interpreter sh\r is not found on PATH" + crlf},
+              {"#!\n", "its first line names no interpreter"},
+              {"#! \t", "its first line names no interpreter"}};
+  for (const row& r : rows) EXPECT_EQ(reason_against(script(r.text)), r.reason) << r.text;
+}
+
+TEST_F(hook_check, accepts_a_script_that_cannot_be_read) {
+  const std::string file = script("#!/no/such/sh\n");
+  EXPECT_EQ(chmod(file.c_str(), 0100), 0);
+  EXPECT_EQ(reason_against(file), access(file.c_str(), R_OK) == 0 ? "its interpreter /no/such/sh is not found" : "");
+}
+
+TEST_F(hook_check, checks_every_script_in_a_directory) {
+  script("#!/bin/sh\n", "hooks/10-good");
+  const std::string bad = script("#!/no/such/sh\n", "hooks/20-bad");
+  EXPECT_EQ(reason_against(dir.path("hooks")), bad + ": its interpreter /no/such/sh is not found");
+}
+
+TEST_F(hook_check, checks_the_scripts_on_the_path) {
+  script("#!/no/such/sh\n", "bin/prog");
+  setenv("PATH", dir.path("bin").c_str(), 1);
+  EXPECT_EQ(reason_against("prog"), "its interpreter /no/such/sh is not found");
+  script("#!/bin/sh\n", "later/prog");
+  setenv("PATH", (dir.path("bin") + ':' + dir.path("later")).c_str(), 1);
+  EXPECT_EQ(reason_against("prog"), "") << "posix_spawnp() continues the search";
 }
 
 // ---------------------------------------------------------------- events

@@ -1,0 +1,13 @@
+// The programs that a hook starts.
+#pragma once
+
+#include <string>
+#include <vector>
+
+/// Returns the hook itself or, for a directory (whose path has a slash), the programs that run-parts(8) would run, in
+/// the same order. Throws std::runtime_error for a directory that cannot be read or has no program.
+std::vector<std::string> programs_of(const std::string& hook);
+
+/// Throws std::invalid_argument if a program of the hook cannot be started: it is not an executable file, or a script
+/// whose interpreter is not one. Also if the hook is a directory without programs.
+void check_hook(const std::string& hook);

@@ -116,7 +116,7 @@ std::string check_positive(const std::string& text) {
 }
 
 std::chrono::nanoseconds duration(const std::string& text) {
-  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds(text).value()));
+  return std::chrono::ceil<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds(text).value_or(0)));
 }
 
 template <class TO>
@@ -153,12 +153,8 @@ void add_ends(CLI::App* c, options& o) {
 
 std::string check_program(const std::string& text) { return text.empty() ? expected("a program name", text) : ""; }
 
-constexpr std::pair<std::string_view, address_filter::kind> filters[] = {{"all", address_filter::kind::all},
-                                                                         {"global", address_filter::kind::global},
-                                                                         {"stable", address_filter::kind::stable}};
-
 std::optional<address_filter::kind> filter_named(const std::string& text) {
-  for (const auto& [name, which] : filters)
+  for (const auto& [name, which] : filter_names)
     if (name == text) return which;
   return std::nullopt;
 }

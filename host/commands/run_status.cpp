@@ -1,7 +1,8 @@
 #include "host/commands/run_status.h"
 
 #include <algorithm>
-#include <cstdio>
+
+#include "host/display/text.h"
 
 using namespace std::chrono_literals;
 
@@ -10,15 +11,6 @@ namespace {
 constexpr auto between_updates = 1s;
 constexpr auto longest_tick = 10s;
 constexpr auto longest_silence = 130s;  // an instance publishes every 120 seconds
-
-// 00:02:20
-std::string clock_text(std::chrono::nanoseconds n) {
-  const auto s = std::chrono::floor<std::chrono::seconds>(n).count();
-  char text[32] = {};
-  std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld", static_cast<long>(s / 3600), static_cast<long>(s / 60 % 60),
-                static_cast<long>(s % 60));
-  return text;
-}
 
 }  // namespace
 

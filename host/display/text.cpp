@@ -66,3 +66,11 @@ std::string time_stamp(std::chrono::system_clock::time_point t) {
   std::snprintf(text, sizeof text, "%s.%03dZ", date, static_cast<int>((ms - s).count()));
   return text;
 }
+
+std::string clock_text(std::chrono::nanoseconds n) {
+  const auto s = std::chrono::floor<std::chrono::seconds>(n).count();
+  char text[32] = {};
+  std::snprintf(text, sizeof text, "%02ld:%02ld:%02ld", static_cast<long>(s / 3600), static_cast<long>(s / 60 % 60),
+                static_cast<long>(s % 60));
+  return text;
+}

@@ -21,6 +21,9 @@ std::string tabbed(std::initializer_list<std::string_view> fields);
 /// 2026-01-31T12:34:56.789Z
 std::string time_stamp(std::chrono::system_clock::time_point t);
 
+/// 00:02:20
+std::string clock_text(std::chrono::nanoseconds n);
+
 /// The text of a fixed-size field, terminated or not.
 template <size_t SIZE>
 std::string_view field(const char (&text)[SIZE]) {

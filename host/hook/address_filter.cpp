@@ -176,6 +176,15 @@ std::vector<kernel_address> kernel_address_list::all() {
   throw std::system_error(EAGAIN, std::generic_category(), "netlink");
 }
 
+std::string options_of(const address_filter& f) {
+  std::string text;
+  for (const auto& [name, kind] : filter_names)
+    if (kind == f.which && kind != address_filter::kind::all) text += " --pick " + std::string(name);
+  for (const std::string& name : f.interfaces) text += " --interface " + name;
+  for (const std::string& name : f.excluded) text += " --interface !" + name;
+  return text.empty() ? text : text.substr(1);
+}
+
 std::vector<kernel_address> choose(const address_filter& f, const std::vector<kernel_address>& list) {
   std::vector<kernel_address> chosen;
   std::set<std::string> seen;

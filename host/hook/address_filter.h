@@ -5,6 +5,8 @@
 
 #include <chrono>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "host/interface.h"
@@ -41,6 +43,14 @@ struct address_filter {
   /// True if nothing is filtered, so that a program gets the published value.
   bool uses_published_value() const { return which == kind::all && interfaces.empty() && excluded.empty(); }
 };
+
+/// The kinds as the option --pick names them.
+constexpr std::pair<std::string_view, address_filter::kind> filter_names[] = {{"all", address_filter::kind::all},
+                                                                              {"global", address_filter::kind::global},
+                                                                              {"stable", address_filter::kind::stable}};
+
+/// The options that make this filter: "--pick stable --interface eth0".
+std::string options_of(const address_filter& f);
 
 /// The addresses that pass the filter on at least one interface, each once, in the kernel's order.
 std::vector<kernel_address> choose(const address_filter& f, const std::vector<kernel_address>& list);

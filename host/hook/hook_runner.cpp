@@ -34,6 +34,7 @@ hook_runner::hook_runner(const environment& e, const hook_options& o, size_t ins
       _hooks(o.program.empty() ? 0 : instances),
       _list_outage(err),
       _room_outage(err),
+      _choice_outage(err),
       _state_outage(err) {
   for (hook& h : _hooks) {
     h.earliest = e.loop.now() + times(o.splay, e.random());
@@ -112,6 +113,7 @@ std::optional<std::string> hook_runner::kernel_value() {
   try {
     const std::string value = value_of(choose(_options.addresses, _environment.addresses.all()));
     _list_outage.end("addresses: can be read again");
+    report_choice(value);
     return value;
   } catch (const std::system_error& e) {
     _has_given_up = _has_given_up || _options.once;
@@ -119,6 +121,14 @@ std::optional<std::string> hook_runner::kernel_value() {
     _list_outage.begin(std::string("addresses: ") + e.what() + (_options.once ? "; no retry" : "; retry every second"));
     return std::nullopt;
   }
+}
+
+void hook_runner::report_choice(const std::string& value) {
+  const std::string filter = options_of(_options.addresses);
+  const bool has_hold = _options.hold != nanoseconds(0) && !_options.once;
+  if (value != "null") return _choice_outage.end("addresses: at least one passes " + filter);
+  _choice_outage.begin("addresses: none passes " + filter + "; hooks get null" +
+                       (has_hold ? " if this lasts for " + clock_text(_options.hold) : ""));
 }
 
 void hook_runner::offer_published(hook& h) {

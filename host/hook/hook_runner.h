@@ -102,6 +102,7 @@ class hook_runner {
   void read_addresses_at(time_point when);
   std::optional<std::string> kernel_value();
   void report_room();
+  void report_choice(const std::string& value);
   void offer_published(hook& h);
   void offer(hook& h, const hook_record& r);
   bool is_pending(const hook& h) const;
@@ -131,7 +132,8 @@ class hook_runner {
   std::deque<hook*> _queue;
   std::set<const hook*> _unsaved;
   outage _list_outage;
-  outage _room_outage;  // of a published value
+  outage _room_outage;    // of a published value
+  outage _choice_outage;  // no address passes the filter
   outage _state_outage;
   time_point _next_reading = never;
   event_loop::handle _reading;

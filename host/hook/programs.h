@@ -9,5 +9,5 @@
 std::vector<std::string> programs_of(const std::string& hook);
 
 /// Throws std::invalid_argument if a program of the hook cannot be started: it is not an executable file, or a script
-/// whose interpreter is not one. Also if the hook is a directory without programs.
+/// whose interpreter is not one. A directory without programs is an error, too.
 void check_hook(const std::string& hook);

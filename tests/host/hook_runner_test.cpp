@@ -10,6 +10,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -124,6 +125,14 @@ class hooks : public testing::Test {
   std::string reported() {
     std::string text = std::exchange(loop.sinks[2].text, "");
     for (size_t at = 0; (at = text.find("dachost: ")) != std::string::npos;) text.erase(at, 9);
+    return text;
+  }
+  /// The reported lines about addresses.
+  std::string reported_addresses() {
+    std::istringstream all(reported());
+    std::string text;
+    for (std::string line; std::getline(all, line);)
+      if (line.starts_with("addresses: ")) text += line + '\n';
     return text;
   }
 };
@@ -650,6 +659,57 @@ TEST_F(filtered_hooks, hold_their_addresses_while_the_list_cannot_be_read) {
   loop.pass(1h);
   EXPECT_EQ(starts(), 1U);
   EXPECT_EQ(reported(), "addresses: netlink: Resource temporarily unavailable; retry every second\n");
+}
+
+TEST_F(filtered_hooks, are_reported_once_when_no_address_passes_and_once_when_one_does) {
+  options.hold = 5min;
+  make(2);
+  for (size_t i = 0; i < 2; ++i) submit("x", "t", i);
+  EXPECT_EQ(reported_addresses(), "");
+  addresses.flags[1] = IFA_F_DEPRECATED;
+  loop.pass(30s);
+  EXPECT_EQ(reported_addresses(), "addresses: none passes --pick stable; hooks get null if this lasts for 00:05:00\n");
+  for (size_t i = 0; i < 2; ++i) submit("x", "t", i);
+  loop.pass(1h);
+  EXPECT_EQ(reported_addresses(), "") << "once";
+  addresses.flags[1] = 0;
+  loop.pass(30s);
+  EXPECT_EQ(reported_addresses(), "addresses: at least one passes --pick stable\n");
+  addresses.flags[1] = IFA_F_DEPRECATED;
+  loop.pass(30s);
+  EXPECT_EQ(reported_addresses(), "addresses: none passes --pick stable; hooks get null if this lasts for 00:05:00\n")
+      << "again";
+}
+
+TEST_F(filtered_hooks, are_reported_without_a_time_if_they_get_null_at_once) {
+  addresses.flags = {};
+  options.addresses.interfaces = {"eth0", "eth1"};
+  options.hold = 0s;
+  make();
+  submit("x");
+  EXPECT_EQ(reported(), "addresses: none passes --pick stable --interface eth0 --interface eth1; hooks get null\n");
+  EXPECT_EQ(last_value(), "null");
+  options.hold = 5min;
+  options.once = true;
+  options.addresses = {.excluded = {"eth2"}};
+  make();
+  submit("x");
+  EXPECT_EQ(reported(), "addresses: none passes --interface !eth2; hooks get null\n");
+}
+
+TEST_F(filtered_hooks, are_not_reported_while_the_list_cannot_be_read) {
+  make();
+  addresses.flags = {};
+  addresses.fails = true;
+  submit("x");
+  EXPECT_EQ(reported().find("none passes"), std::string::npos);
+}
+
+TEST_F(hooks, without_a_filter_are_not_reported_when_there_is_no_address) {
+  make();
+  submit("null");
+  loop.pass(1h);
+  EXPECT_EQ(reported_addresses(), "");
 }
 
 TEST_F(filtered_hooks, fail_with_once_if_the_list_cannot_be_read) {

@@ -135,11 +135,14 @@ class Webhook(Example):
         self.assertRegex(message, "^curl: .*timed out")
 
     def test_an_unusable_setting_is_reported_in_one_line(self):
+        addresses = "expected addresses separated by commas, or null"
         timeout = "WEBHOOK_TIMEOUT: expected a number of seconds from 1 to 3600"
         not_a_url = "WEBHOOK_URL contains characters that a URL may not contain"
         empty, two, quote = self.file("empty", ""), self.file("two", "a\nb\n"), self.file("quote", 'a"b\n')
         rows = [
-            ({"DAC_VALUE": ""}, "DAC_VALUE is not set; expected addresses separated by commas, or null"),
+            ({"DAC_VALUE": ""}, "DAC_VALUE is not set; " + addresses),
+            *(({"DAC_VALUE": v}, f"DAC_VALUE: {addresses}, got '{v}'") for v in ("none", "::1,", "::1, ::2", "192.0.2.1x")),
+            *(({name: ""}, f"{name} is not set; expected what dachost sets") for name in DAC),
             ({"WEBHOOK_URL": ""}, "WEBHOOK_URL is not set; expected a URL that begins with https:// or http://"),
             ({"WEBHOOK_URL": "file:///etc/passwd"}, "WEBHOOK_URL must begin with https:// or http://"),
             ({"WEBHOOK_URL": self.url + '"\noutput = "x'}, not_a_url),

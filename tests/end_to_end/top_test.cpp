@@ -393,6 +393,8 @@ TEST_F(top_screen, scrolls_through_more_instances_than_lines) {
   t.await("rows 26-35 of 35");
   t.resize(100, 33);
   t.await("rows 6-35 of 35");
+  t.resize(100, 38);
+  t.await([](const texts& all) { return all.size() == 38 && all[2].starts_with("i10 ") && all[37] == "q ends"; });
   t.resize(100, 60);
   t.await([](const texts& all) { return all.size() == 60 && all[2].starts_with("i10 ") && all[59] == "q ends"; });
 }
@@ -411,8 +413,25 @@ TEST_F(top_screen, handles_several_keys_at_once) {
   open(t, many(35, "publish null"), "rows 1-10 of 35");
   t.press_at_once({"Down", "Down", "NPage", "Down", "Up", "x", "Down"});
   t.await("rows 14-23 of 35");
+  t.press_at_once({"x", "[", "Down"});
+  t.await("rows 15-24 of 35");
   t.press_at_once({"Home", "Down", "q"});
   expect_restored(t);
+}
+
+TEST_F(top_screen, handles_a_key_that_arrives_in_two_parts) {
+  terminal t(dir.path(""), 100, 13);
+  open(t, many(35, "publish null"), "rows 1-10 of 35");
+  t.press_bytes("\x1b[");
+  t.press_bytes("B");
+  t.await("rows 2-11 of 35");
+}
+
+TEST_F(top_screen, ignores_a_key_that_it_does_not_know) {
+  terminal t(dir.path(""), 100, 13);
+  open(t, many(35, "publish null"), "rows 1-10 of 35");
+  t.press_bytes("\x1b[2@\x1b[B");
+  t.await("rows 2-11 of 35");
 }
 
 TEST_F(top_screen, shows_a_note_after_a_resize) {
@@ -487,6 +506,16 @@ TEST_F(top_screen, shows_at_least_half_a_table_and_the_newest_reasons_when_many_
   EXPECT_TRUE(screen.at(2).starts_with("i10 ")) << screen.at(2);
   EXPECT_TRUE(screen.at(6).starts_with("i14 ")) << screen.at(6);
   EXPECT_NE(joined(screen).find("26 more"), std::string::npos) << joined(screen);
+}
+
+TEST_F(top_screen, counts_the_reasons_that_it_does_not_show) {
+  terminal t(dir.path(""), 100, 12);
+  open(t, many(6, "publish null"), "null");
+  many(6, "refuse for a reason");
+  ASSERT_EQ(kill(host(), SIGHUP), 0);
+  const texts screen =
+      t.await([](const texts& all) { return all.back().find("i15.conf: for a") != std::string::npos; });
+  EXPECT_EQ(screen.at(7), "2 more");
 }
 
 TEST_F(top_screen, SIGHUP_shows_a_refusal_at_the_bottom) {

@@ -37,6 +37,16 @@ void terminal::press_at_once(std::vector<std::string> keys) {
   keys.insert(keys.begin(), "send-keys");
   tmux(keys);
 }
+void terminal::press_bytes(const std::string& bytes) {
+  std::vector<std::string> args = {"send-keys", "-H"};
+  for (const unsigned char byte : bytes) {
+    std::ostringstream hex;
+    hex << std::hex << int{byte};
+    args.push_back(hex.str());
+  }
+  tmux(args);
+}
+
 void terminal::resize(int width, int height) {
   tmux({"resize-window", "-x", std::to_string(width), "-y", std::to_string(height)});
 }

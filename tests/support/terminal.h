@@ -19,6 +19,8 @@ class terminal {
   void press(const std::string& key);
   /// Types several keys in one write.
   void press_at_once(std::vector<std::string> keys);
+  /// Types bytes, of which tmux need not know a key.
+  void press_bytes(const std::string& bytes);
   void resize(int width, int height);
 
   /// The screen's lines, without the empty ones at its end.

@@ -107,9 +107,11 @@ class refused_run {
 
   void judge(bool is_complete) {
     const bool is_silenced = _refusal.call == "write_err";
-    require(_end.status == 0 || _end.status == 1, "an exit status of 0 or 1");
+    // SIGTERM has its default action again when a run that has failed is about to end.
+    const bool has_failed = _end.status == 1 || (_end.status == -SIGTERM && has_message());
+    require(_end.status == 0 || has_failed, "an exit status of 0 or 1");
     require(_end.status == 0 || has_message() || is_silenced, "a message about the failure");
-    require(is_complete || _end.status == 1 || has_message() || is_silenced, "a message about what is missing");
+    require(is_complete || has_failed || has_message() || is_silenced, "a message about what is missing");
     const bool has_no_effect = _refusal.error == 0 || _refusal.error == EINTR;
     require(!has_no_effect || (_end.status == 0 && is_complete), "a complete run");
     require(_end.out.empty() || _end.out.back() == '\n', "whole lines");

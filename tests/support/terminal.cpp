@@ -39,9 +39,9 @@ void terminal::press_at_once(std::vector<std::string> keys) {
 }
 void terminal::press_bytes(const std::string& bytes) {
   std::vector<std::string> args = {"send-keys", "-H"};
-  for (const unsigned char byte : bytes) {
+  for (const char byte : bytes) {
     std::ostringstream hex;
-    hex << std::hex << int{byte};
+    hex << std::hex << int{static_cast<unsigned char>(byte)};
     args.push_back(hex.str());
   }
   tmux(args);

@@ -89,7 +89,10 @@ process::~process() {
   _err.close();
 }
 
-void process::signal(int sig) const { kill(_pid, sig); }
+// After its end the number would name every process.
+void process::signal(int sig) const {
+  if (_pid > 0) kill(_pid, sig);
+}
 
 void process::close_out() { _out.close(); }
 void process::close_err() { _err.close(); }

@@ -189,24 +189,38 @@ class Lexicon(Example):
         self.assertEqual(self.update("null", LEX_NULL="keep"), (0, ""))
         self.assertEqual(self.server.serial(), 2)
 
-    def test_a_refused_update_is_a_failure(self):
-        message = "lexicon-aaaa: ns.example.org does not have the addresses 2001:db8::1 after the update\n"
-        self.assertEqual(self.update("2001:db8::1", LEX_NAME="ns.example.org"), (1, message))
+    def test_a_refused_update_is_a_failure_with_the_last_report_of_lexicon(self):
+        # lexicon's provider ddns ignores the server's answer and prints "true".
+        message = "lexicon-aaaa: ns.example.org does not have the addresses 2001:db8::1 after the update; "
+        self.assertEqual(self.update("2001:db8::1", LEX_NAME="ns.example.org"),
+                         (1, message + "lexicon reports: true\n"))  # fmt: skip
         self.assertEqual(self.server.dig("ns.example.org", "AAAA"), ["2001:db8::53"])
 
     def test_an_error_of_lexicon_is_reported_in_one_line(self):
-        self.file("lexicon_ddns.yml", "ddns_server: 127.0.0.1\n")
+        self.server.stop()
+        self.server.stop = lambda: None
         status, message = self.update("2001:db8::1")
         self.assertEqual(status, 1)
-        self.assertRegex(message, r"^lexicon-aaaa: lexicon list gateway\.example\.org: \w*Error: .*\n$")
+        self.assertRegex(message, r"^lexicon-aaaa: lexicon list gateway\.example\.org: ConnectionRefusedError: .*\n$")
+
+    def test_an_error_without_a_token_names_the_settings(self):
+        self.file("lexicon_ddns.yml", "ddns_server: 127.0.0.1\n")
+        status, message = self.update("2001:db8::1")
+        reason, hint = message.splitlines()
+        self.assertEqual(status, 1)
+        self.assertRegex(reason, r"^lexicon-aaaa: lexicon list gateway\.example\.org: AttributeError: ")
+        self.assertEqual(hint, "lexicon-aaaa: the provider's settings are probably incomplete; "
+                               "see LEX_CONFIG_DIR and LEXICON_DDNS_*")  # fmt: skip
 
 
 class LexiconArguments(Example):
-    """With a program named lexicon that records its arguments and prints the text in the file `list`."""
+    """With a program named lexicon that records its arguments and prints the text in the file `list`. For an action other
+    than list, it runs the commands in LEXICON_CHANGE."""
 
     def setUp(self):
         super().setUp()
-        script = '#!/bin/sh\n(for a; do printf "%s " "$a"; done; echo) >>"$HOME/calls"\ncat "$HOME/list"\n'
+        script = '#!/bin/sh\n(for a; do printf "%s " "$a"; done; echo) >>"$HOME/calls"\n'
+        script += 'case " $* " in *" list "*) cat "$HOME/list" ;; *) eval "${LEXICON_CHANGE:-echo true}" ;; esac\n'
         self.file("lexicon", script, mode=0o700)
 
     def update(self, listed, **settings):
@@ -241,6 +255,10 @@ class LexiconArguments(Example):
             ({"DAC_TAG": ""}, "DAC_TAG is not set; expected a host name"),
             ({"LEX_PROVIDER": ""}, "LEX_PROVIDER is not set; expected a provider that lexicon --help lists"),
             ({"LEX_DOMAIN": ""}, "LEX_DOMAIN is not set; expected the domain that the name is in"),
+            *(({"DAC_TAG": tag}, f"{tag} is not in LEX_DOMAIN, example.org")
+              for tag in ("gateway.example.net", "gateway", "gatewayexample.org", "example.org.net")),
+            ({"LEX_NAME": "gateway.example.net"}, "gateway.example.net is not in LEX_DOMAIN, example.org"),
+            ({"LEX_DOMAIN": "example.net."}, "gateway.example.org is not in LEX_DOMAIN, example.net"),
             ({"LEX_TTL": "1h"}, ttl + ", got '1h'"),
             ({"LEX_TTL": "2147483648"}, ttl + ", got '2147483648'"),
             ({"LEX_NULL": "never"}, "LEX_NULL: expected delete or keep, got 'never'"),
@@ -249,6 +267,56 @@ class LexiconArguments(Example):
         for settings, message in rows:
             with self.subTest(settings):
                 self.assertEqual(self.update("[]", **settings), (1, f"lexicon-aaaa: {message}\n", []))
+
+    def test_the_name_may_be_the_domain_and_have_any_case(self):
+        listed = '[{"type": "AAAA", "content": "2001:db8::10"}]'
+        names = (("example.org", "example.org"), ("Gateway.Example.ORG", "example.org."), ("a.b.c.", "B.C"))
+        for name, domain in names:
+            with self.subTest(name):
+                self.assertEqual(self.update(listed, DAC_TAG=name, LEX_DOMAIN=domain)[:2], (0, ""))
+
+    def test_an_update_without_effect_is_a_failure_with_the_reason_that_lexicon_prints(self):
+        rows = [
+            ("echo quota exceeded; echo false", "reports: quota exceeded"),
+            ("echo quota exceeded >&2; echo true", "reports: quota exceeded"),
+            ("echo first; echo; echo second; echo", "reports: second"),
+            ("echo false", "reports: false"),
+            ('case " $* " in *" create "*) echo not created ;; esac; echo true', "reports: not created"),
+            ("printf '\\033[31mred\\n'", "reports: ?[31mred"),
+            (":", "reports: no message"),
+        ]
+        for change, reports in rows:
+            for listed, count in (("[]", 3), ('[{"type": "AAAA", "content": "2001:db8::9"}]', 4)):
+                with self.subTest(change, listed=listed):
+                    message = "gateway.example.org does not have the addresses 2001:db8::10 after the update"
+                    status, text, calls = self.update(listed, LEXICON_CHANGE=change)
+                    self.assertEqual((status, len(calls)), (1, count))
+                    self.assertEqual(text, f"lexicon-aaaa: {message}; lexicon {reports}\n")
+
+    def test_a_failure_is_reported_with_the_last_line_of_lexicon(self):
+        rows = [
+            ("echo quota exceeded; exit 1", "quota exceeded"),
+            ("echo log; echo 'OSError: no route' >&2; exit 1", "OSError: no route"),
+            ("exit 3", "no message"),
+        ]
+        for change, reason in rows:
+            with self.subTest(change):
+                status, text, _ = self.update("[]", LEXICON_CHANGE=change)
+                self.assertEqual((status, text), (1, f"lexicon-aaaa: lexicon create gateway.example.org: {reason}\n"))
+
+    def test_only_an_error_about_settings_names_the_settings(self):
+        settings = ("TypeError: can only concatenate str", "AssertionError", "Exception: token is not defined",
+                    "lexicon.exceptions.AuthenticationError: Must provide API token", "KeyError: 'token'")  # fmt: skip
+        others = ("requests.exceptions.HTTPError: 503 Server Error", "socket.gaierror: [Errno -2] not known",
+                  "ConnectionRefusedError: [Errno 111] Connection refused", "TimeoutError: timed out")  # fmt: skip
+        hint = "lexicon-aaaa: the provider's settings are probably incomplete; see LEX_CONFIG_DIR and LEXICON_GANDI_*\n"
+        for line in (*settings, *others):
+            for traceback in ("Traceback (most recent call last):", "no traceback"):
+                with self.subTest(line, traceback=traceback):
+                    change = f"""printf '%s\\n' "{traceback}" "{line}" >&2; exit 1"""
+                    text = f"lexicon-aaaa: lexicon create gateway.example.org: {line}\n"
+                    named = line in settings and traceback.startswith("Traceback")
+                    self.assertEqual(self.update("[]", LEXICON_CHANGE=change)[1], text + (hint if named else ""))
 
     def test_unexpected_output_is_a_failure(self):
         for listed in ("", "no JSON\n", "[1]\n", '[{"type": "AAAA"}]\n', '[{"type": "AAAA", "content": "x"}]\n'):

@@ -37,7 +37,7 @@ hook_runner::hook_runner(const environment& e, const hook_options& o, size_t ins
       _choice_outage(err),
       _state_outage(err) {
   for (hook& h : _hooks) {
-    h.earliest = e.loop.now() + times(o.splay, e.random());
+    h.earliest = e.loop.now() + times(o.dry_run ? nanoseconds(0) : o.splay, e.random());
     h.null_from = e.loop.now() + o.hold;
   }
 }

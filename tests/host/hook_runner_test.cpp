@@ -566,6 +566,16 @@ TEST_F(hooks, a_dry_run_prints_what_would_be_started) {
   EXPECT_TRUE(runner->is_idle());
 }
 
+TEST_F(hooks, a_dry_run_does_not_wait_for_the_splay) {
+  options.dry_run = true;
+  options.splay = 100s;
+  random = 0.3;
+  make();
+  submit("a");
+  EXPECT_NE(loop.sinks[1].text.find("\tDAC_VALUE=a\t"), std::string::npos) << loop.sinks[1].text;
+  EXPECT_TRUE(runner->is_idle());
+}
+
 TEST_F(hooks, a_dry_run_prints_changes_only_and_saves_nothing) {
   options.dry_run = true;
   make();

@@ -75,8 +75,8 @@ std::string footer() {
   dachost run gateway.conf                  prints every value as it arrives
   dachost run --help                        lists the options of a sub-command
 
-Exit status: 0 on success, 1 on failure, 2 for wrong usage. The manual is
-dachost(1).)";
+Exit status: 0 on success; 1 on failure; 2 for wrong usage; 78 if a file was
+refused at the start. The manual is dachost(1).)";
 }
 
 // ---------------------------------------------------------------- options

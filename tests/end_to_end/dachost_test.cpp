@@ -322,6 +322,14 @@ TEST_F(dachost, help_of_each_sub_command_has_an_example_and_the_exit_statuses) {
   }
 }
 
+TEST_F(dachost, help_names_the_exit_status_for_a_refused_file) {
+  for (const texts& args : {texts{"--help"}, texts{"run", "--help"}, texts{"top", "--help"}}) {
+    std::string out = run_dachost(args).out;
+    std::replace(out.begin(), out.end(), '\n', ' ');
+    EXPECT_NE(out.find("; 78 if a file was refused at the start."), std::string::npos) << out;
+  }
+}
+
 TEST_F(dachost, a_usage_error_of_a_sub_command_points_to_its_help) {
   EXPECT_TRUE(run_dachost({"check", "--loud", "x.conf"}).err.ends_with("(dachost check --help shows the usage)\n"));
   EXPECT_TRUE(run_dachost({"publish"}).err.ends_with("(dachost --help shows the usage)\n"));

@@ -614,6 +614,14 @@ TEST_F(dachost, every_line_begins_with_the_time) {
   }
 }
 
+TEST_F(dachost, writes_no_file_where_it_runs) {
+  const std::string conf = file("gw.conf", "hostname=gw");
+  const std::string command = std::string(EMULATOR) + ' ' + DACHOST + " run --once -p " + PLUGIN + ' ' + conf;
+  const ending e = process({"sh", "-c", "cd /proc && exec " + command}).end();
+  EXPECT_EQ(e.status, 0) << e.err;
+  EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("gw", "gw")});
+}
+
 TEST_F(dachost, once_waits_for_the_value_of_every_instance) {
   texts args = {"run", "--once"};
   texts expected;

@@ -290,6 +290,7 @@ TEST(name_record, follows_the_addresses_and_disappears_with_the_last_public_one)
     dns.start();
     host h(dns, dns.key());
     h.publishes("null");
+    h->await_err("addresses: none passes --pick global");
     ASSERT_TRUE(add("2001:db8::10"));
     h.poll();
     EXPECT_TRUE(h.gets({"2001:db8::10"}));

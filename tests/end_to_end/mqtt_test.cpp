@@ -478,6 +478,32 @@ TEST_F(mqtt, untrusted_certificate_is_refused) {
   });
 }
 
+TEST_F(mqtt, publisher_without_the_required_certificate_retries) {
+  in_new_network([this] {
+    certify();
+    const std::string refusal = "publish-mqtt: 127.0.0.1:8883: [SSL: TLSV13_ALERT_CERTIFICATE_REQUIRED]";
+    const auto p = publisher(tls(), impatient());
+    for (int n = 1; n <= 2; ++n) {
+      broker strict(dir, std::string(open_to_all) + "require_certificate true\n");
+      strict.start();
+      add(10 * n);
+      p->await_err(refusal);
+      process({"sleep", "5"}).end();
+      strict.kill();
+      broker open(dir, open_to_all);
+      open.start();
+      subscriber s;
+      s.await_value(10 * n);
+      p->await_err("connected again");
+      if (n == 2) break;
+      open.kill();
+    }
+    const std::string err = stop(*p);
+    EXPECT_EQ(count(err, "Traceback"), 0U) << err;
+    EXPECT_LE(count(err, refusal), 2U) << err << "once per outage";
+  });
+}
+
 TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
   in_new_network([this] {
     certify();

@@ -47,6 +47,8 @@ class broker {
     _process = std::make_unique<process>(texts{"/usr/sbin/mosquitto", "-c", _conf});
     _process->await_err(" running");
   }
+  void signal(int sig) const { _process->signal(sig); }
+  void await_report(const std::string& text) const { _process->await_err(text); }
   void kill() {
     _process->signal(SIGKILL);
     EXPECT_EQ(_process->end_unread(), -SIGKILL);
@@ -393,6 +395,37 @@ TEST_F(mqtt, password_is_read_from_the_file_of_the_clients) {
   });
 }
 
+TEST_F(mqtt, wrong_line_of_the_file_of_the_clients_is_named) {
+  mkdir(dir.path(".config").c_str(), 0700);
+  const struct {
+    std::string text, message;
+  } rows[] = {
+      {"# site\n--foo bar\n", "line 2: unrecognized arguments: --foo bar"},
+      {"-p 8883 # TLS\n", "line 1: argument -p: expected a number from 1 to 65535, got '8883 # TLS'"},
+      {"\n-h ::1 -p 8883\n", "line 2: expected one option per line, got '-h ::1 -p 8883'"},
+      {"-h\n", "line 1: argument -h: expected one argument"},
+  };
+  for (const auto& r : rows) {
+    const std::string file = dir.file(r.text, ".config/mosquitto_pub");
+    const auto p = publisher({});
+    const ending e = end_at_the_start(*p);
+    EXPECT_EQ(e.status, 2) << e.err;
+    EXPECT_EQ(count(e.err, "publish-mqtt: error: " + file + ": " + r.message + '\n'), 1U) << e.err;
+  }
+}
+
+TEST_F(mqtt, options_of_the_command_line_replace_those_of_the_file) {
+  in_new_network([this] {
+    mkdir(dir.path(".config").c_str(), 0700);
+    dir.file("-p 1885\n-P a -p b\n", ".config/mosquitto_pub");
+    const auto p = publisher({}), q = publisher({"-p", "1886"});
+    p->await_err("publish-mqtt: 127.0.0.1:1885: Connection refused; retrying\n");
+    q->await_err("publish-mqtt: 127.0.0.1:1886: Connection refused; retrying\n");
+    stop(*p);
+    stop(*q);
+  });
+}
+
 TEST_F(mqtt, publishers_with_one_identifier_back_off) {
   in_new_network([this] {
     certify();
@@ -467,6 +500,29 @@ TEST_F(mqtt, refused_topic_is_reported_once) {
   });
 }
 
+TEST_F(mqtt, status_is_online_when_the_access_list_is_corrected) {
+  in_new_network([this] {
+    certify();
+    const std::string list = dir.file("topic read #\n", "acl");
+    broker b(dir, std::string(open_to_all) + "acl_file " + list + '\n');
+    b.start();
+    const auto p = publisher(tls());
+    add(1);
+    p->await_err("publish-mqtt: ip6dns/gateway: Not authorized\n");
+    p->await_err("publish-mqtt: ip6dns/gateway/status: Not authorized\n");
+    subscriber s;
+    dir.file("topic readwrite #\n", "acl");
+    b.signal(SIGHUP);
+    b.await_report("Reloading config");
+    process({"sleep", "1"}).end();
+    add(2);
+    s.await_value(2);
+    s.await_status("online");
+    p->await_err("publish-mqtt: ip6dns/gateway/status: accepted again\n");
+    EXPECT_EQ(count(stop(*p), "accepted again"), 2U);
+  });
+}
+
 TEST_F(mqtt, untrusted_certificate_is_refused) {
   in_new_network([this] {
     certify();
@@ -504,13 +560,49 @@ TEST_F(mqtt, publisher_without_the_required_certificate_retries) {
   });
 }
 
+TEST_F(mqtt, silent_broker_is_reported_after_the_seconds_of_k) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({"-k", "14"});
+    subscriber().await_status("online");
+    process({"sleep", "10"}).end();  // within these seconds the publisher sends a ping
+    EXPECT_EQ(p->err(), "");
+    b.signal(SIGSTOP);
+    p->await_err("publish-mqtt: 127.0.0.1:1883: silent for 14 seconds; retrying\n");
+    b.signal(SIGCONT);
+    p->await_err(": connected again after ");
+    const std::string err = stop(*p), after = "connected again after 00:00:";
+    const size_t at = err.find(after);
+    ASSERT_NE(at, std::string::npos) << err;
+    EXPECT_GE(std::atoi(&err[at + after.size()]), 14) << "the outage begins with the silence\n" << err;
+  });
+}
+
+TEST_F(mqtt, broker_that_never_accepts_the_client_is_reported_after_the_seconds_of_k) {
+  in_new_network([this] {
+    process mute({"python3", "-c", R"(
+import socket, time
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening", flush=True)
+client = server.accept()
+time.sleep(1000)
+)"});
+    mute.await_out("listening");
+    const auto p = publisher({"-k", "12"});
+    p->await_err("publish-mqtt: 127.0.0.1:1883: silent for 12 seconds; retrying\n");
+    stop(*p);
+  });
+}
+
 TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
   in_new_network([this] {
     certify();
     broker b(dir, open_to_all);
     b.start();
     shell("ip link set lo up; ip addr add 10.9.9.1/24 dev lo");
-    const auto p = publisher({"-h", "10.9.9.1", "-p", "1884", "-k", "3"});
+    const auto p = publisher({"-h", "10.9.9.1", "-p", "1884", "-k", "6"});
     subscriber s;
     add(1);
     s.await_value(1);
@@ -594,6 +686,37 @@ TEST_F(mqtt, publisher_ends_with_the_status_of_dachost) {
   });
 }
 
+TEST_F(mqtt, signal_that_ends_dachost_is_reported) {
+  in_new_network([this] {
+    const auto p = publisher({});
+    kill(dachost(), SIGKILL);
+    const ending e = p->end();
+    EXPECT_EQ(e.status, 128 + SIGKILL);
+    EXPECT_EQ(count(e.err, "publish-mqtt: dachost: ended by signal 9 (Killed)\n"), 1U) << e.err;
+  });
+}
+
+TEST_F(mqtt, dachost_that_refuses_its_configuration_is_the_only_one_that_reports) {
+  in_new_network([this] {
+    set_dachost("sleep 1; echo 'dachost: x: not found' >&2; exit 78");
+    const ending e = publisher({}, with_constant("START_SECONDS", 1, 20))->end();
+    EXPECT_EQ(e.err, "dachost: x: not found\n");
+    EXPECT_EQ(e.status, 78);
+  });
+}
+
+TEST_F(mqtt, first_value_is_sent_at_once) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({}, with_constant("START_SECONDS", 1, 1000));
+    add(1);
+    subscriber().await_value(1);
+    EXPECT_EQ(stop(*p), "");
+  });
+}
+
 TEST_F(mqtt, missing_certificate_file_is_named) {
   const ending e = publisher({"--cafile", "/no/such/file"})->end();
   EXPECT_EQ(e.status, 2);
@@ -667,7 +790,7 @@ TEST_F(mqtt, topics_that_no_broker_accepts_are_refused) {
 TEST_F(mqtt, impossible_options_are_refused) {
   const std::string text = dir.file("no certificate", "text");
   const std::vector<texts> cases = {
-      {"-p", "0"},        {"-p", "65536"},           {"-p", "x"},        {"-k", "0"},
+      {"-p", "0"},        {"-p", "65536"},           {"-p", "x"},        {"-k", "2"},
       {"-k", "-1"},       {"-k", "65536"},           {"--expiry", "-1"}, {"--expiry", "4294967296"},
       {"--cafile", text}, {"--cafile", dir.path("")}};
   for (const texts& bad : cases) {

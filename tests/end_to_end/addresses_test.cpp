@@ -146,6 +146,18 @@ TEST_F(addresses, are_those_of_the_wanted_interfaces) {
   });
 }
 
+TEST_F(addresses, are_held_as_long_as_wanted) {
+  in_new_network([this] {
+    const std::pair<const char*, const char*> durations[] = {
+        {"90", "00:01:30"}, {"2.5m", "00:02:30"}, {"3h", "03:00:00"}, {"2d", "48:00:00"}};
+    for (const auto& [hold, shown] : durations) {
+      process p = run({"--pick", "stable", "--hold", hold, "--exec", program(""), conf("publish null")});
+      p.await_err(std::string("none passes --pick stable; hooks get null if this lasts for ") + shown + '\n');
+      terminate(p);
+    }
+  });
+}
+
 // The table of the manual page.
 TEST_F(addresses, pass_each_filter_by_their_state) {
   in_new_network([this] {

@@ -74,7 +74,7 @@ class Host:
                 self.bad_lines.append(line)
                 continue
             self.events += 1
-            if event["event"] == "value":
+            if event["event"] == "value" and event["change"]:  # a program gets only what has changed
                 self.published[event["instance"]].append((event["time"], event["value"]))
 
     def read_errors(self):
@@ -134,10 +134,14 @@ def records(directory, name):
     return [tuple(run) for run in runs], wrong
 
 
+def has_newest(runs, values):
+    """The last success had the newest value. Its time is older if the value has changed and returned meanwhile."""
+    return bool(runs) and runs[-1][1:] == (values[-1][1], "done")
+
+
 def is_settled(host, directory):
     for name, values in list(host.published.items()):
-        runs, _ = records(directory, name)
-        if not runs or runs[-1] != (*values[-1], "done"):
+        if not has_newest(records(directory, name)[0], values):
             return False
     return len(host.published) == INSTANCES
 
@@ -181,7 +185,7 @@ def count(host, directory):
             totals[outcome] += 1
         totals["handled"] += sum(v in handled for v in values)
         totals["replaced"] += sum(v not in handled for v in values[:-1])
-        totals["lost"] += values[-1] not in handled
+        totals["lost"] += not has_newest(runs, values)
         totals["not published"] += len(started - set(values))
         order = [values.index(v) for v in (run[:2] for run in runs) if v in values]
         totals["out of order"] += order != sorted(order)

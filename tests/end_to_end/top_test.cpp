@@ -245,6 +245,16 @@ TEST_F(top_screen, shows_the_table_until_q_and_restores_the_terminal) {
   EXPECT_TRUE(is_gone("gw 0") && is_gone("pump 1"));
 }
 
+TEST_F(top_screen, restores_the_terminal_before_its_instances_stop) {
+  dir.file("stop takes 5000\npublish 2001:db8::10", "gw.conf");
+  terminal t(dir.path(""), 80, 8);
+  open(t, "gw.conf", "2001:db8::10");
+  t.press("q");
+  EXPECT_TRUE(eventually([&] { return !t.is_alternate(); }));
+  EXPECT_EQ(kill(host(), 0), 0) << "the instance has stopped";
+  expect_restored(t);
+}
+
 TEST_F(top_screen, restores_the_terminal_on_ctrl_c) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);

@@ -53,7 +53,8 @@ class Host:
     """dachost, with all that it prints."""
 
     def __init__(self, dachost, plugin, directory):
-        self.published = collections.defaultdict(list)  # by instance: (time, value)
+        self.published = collections.defaultdict(list)  # by instance: (time, value) of each change
+        self.known = collections.defaultdict(set)  # the same of each line
         self.events = 0
         self.errors = 0
         self.retries = 0
@@ -74,8 +75,10 @@ class Host:
                 self.bad_lines.append(line)
                 continue
             self.events += 1
-            if event["event"] == "value" and event["change"]:  # a program gets only what has changed
-                self.published[event["instance"]].append((event["time"], event["value"]))
+            if event["event"] == "value":
+                self.known[event["instance"]].add((event["time"], event["value"]))
+                if event["change"]:  # a program gets only what has changed
+                    self.published[event["instance"]].append((event["time"], event["value"]))
 
     def read_errors(self):
         for line in self.process.stderr:
@@ -186,7 +189,7 @@ def count(host, directory):
         totals["handled"] += sum(v in handled for v in values)
         totals["replaced"] += sum(v not in handled for v in values[:-1])
         totals["lost"] += not has_newest(runs, values)
-        totals["not published"] += len(started - set(values))
+        totals["not published"] += len(started - host.known[name])
         order = [values.index(v) for v in (run[:2] for run in runs) if v in values]
         totals["out of order"] += order != sorted(order)
     return totals, wrong

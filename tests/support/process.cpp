@@ -17,7 +17,7 @@
 namespace {
 
 using steady_clock = std::chrono::steady_clock;
-constexpr auto timeout = std::chrono::seconds(20);
+constexpr auto timeout = std::chrono::seconds(60);
 constexpr auto pause_between = std::chrono::milliseconds(5);
 
 struct pipe_ends {

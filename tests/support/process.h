@@ -23,7 +23,7 @@ struct process_settings {
   bool err_closed = false;                    // no standard error at all
 };
 
-/// Its output is read only during a wait. Every wait throws after 20 seconds, with the output until then.
+/// Its output is read only during a wait. Every wait throws after a minute, with the output until then.
 class process {
  public:
   /// Starts the program argv[0], a path or a name on PATH. Throws std::system_error when that fails.
@@ -72,5 +72,5 @@ class process {
   bool has_ended();
 };
 
-/// Polls until the condition holds; false when it does not within 20 seconds.
+/// Polls until the condition holds; false when it does not within a minute.
 bool eventually(const std::function<bool()>& condition);

@@ -253,8 +253,8 @@ TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
       {"info without a file", {"info"}, "CONFIG: expected at least one configuration file"},
       {"an empty file name", {"check", ""}, "CONFIG: expected a file name, got ''"},
       {"an empty plug-in name", {"run", "-p", "", "x.conf"}, "--plugin: expected a file name, got ''"},
-      {"a plug-in without a name", {"check", "x.conf", "-p"}, "--plugin: expected a value after it: FILE"},
-      {"no seconds", {"run", "x.conf", "--for"}, "--for: expected a value after it: DURATION"},
+      {"a plug-in without a name", {"check", "x.conf", "-p"}, "--plugin: expected a value after it: FILE (dachost "},
+      {"no seconds", {"run", "x.conf", "--for"}, "--for: expected a value after it: DURATION (dachost "},
       {"zero seconds", {"run", "--for", "0", "x.conf"}, "--for: expected more than 0, for example 90s, got '0'"},
       {"zero seconds, written long", {"run", "--for", "0.000", "x.conf"}, "'0.000'"},
       {"less than zero seconds", {"run", "--for", "-3", "x.conf"}, such_as + "'-3'"},
@@ -458,7 +458,9 @@ TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
   const std::string conf = file("gw.conf", "hostname=h");
   texts args = {"check", "-p", BARE_PLUGIN};
   args.insert(args.end(), 1025, conf);
-  const ending e = run_dachost(args);
+  process_settings patient;
+  patient.limit = std::chrono::seconds(100);  // a thousand instances, slow with sanitizers
+  const ending e = run_dachost(args, patient);
   EXPECT_EQ(e.status, 1);
   const texts out = lines(e.out);
   ASSERT_EQ(out.size(), 1025U);

@@ -405,6 +405,8 @@ TEST_F(mqtt, wrong_line_of_the_file_of_the_clients_is_named) {
       {"\n-h ::1 -p 8883\n", "line 2: expected one option per line, got '-h ::1 -p 8883'"},
       {"-h\n", "line 1: argument -h: expected one argument"},
   };
+  const std::string path = dir.file("-P \xff\n", ".config/mosquitto_pub");
+  EXPECT_EQ(count(end_at_the_start(*publisher({})).err, "error: " + path + ": not UTF-8: "), 1U);
   for (const auto& r : rows) {
     const std::string file = dir.file(r.text, ".config/mosquitto_pub");
     const auto p = publisher({});

@@ -17,7 +17,7 @@
 namespace {
 
 using steady_clock = std::chrono::steady_clock;
-constexpr auto timeout = std::chrono::seconds(60);
+constexpr auto timeout = std::chrono::seconds(20);
 constexpr auto pause_between = std::chrono::milliseconds(5);
 
 struct pipe_ends {
@@ -47,7 +47,7 @@ int exit_status(int status) { return WIFEXITED(status) ? WEXITSTATUS(status) : -
 
 }  // namespace
 
-process::process(std::vector<std::string> argv, const process_settings& s) {
+process::process(std::vector<std::string> argv, const process_settings& s) : _limit(s.limit) {
   std::vector<std::string> environment = own_environment();
   environment.insert(environment.end(), s.environment.begin(), s.environment.end());
   const pipe_ends out = open_pipe();
@@ -119,7 +119,7 @@ int process::end_unread() {
 }
 
 void process::await(const std::function<bool()>& condition, const std::string& what) {
-  const auto end = steady_clock::now() + timeout;
+  const auto end = steady_clock::now() + _limit;
   while (!condition()) {
     if ((_out.fd < 0 && _err.fd < 0) || steady_clock::now() >= end)
       throw std::runtime_error("waited for: " + what + "\nits output: " + _out.text + "\nits errors: " + _err.text);

@@ -21,9 +21,10 @@ struct process_settings {
   bool out_closed = false;                    // no standard output at all
   int out_fd = -1;                            // becomes standard output instead of a pipe; owned by the caller
   bool err_closed = false;                    // no standard error at all
+  std::chrono::seconds limit{20};             // of each wait
 };
 
-/// Its output is read only during a wait. Every wait throws after a minute, with the output until then.
+/// Its output is read only during a wait. Every wait throws after the limit, with the output until then.
 class process {
  public:
   /// Starts the program argv[0], a path or a name on PATH. Throws std::system_error when that fails.
@@ -63,6 +64,7 @@ class process {
   };
 
   pid_t _pid = -1;
+  std::chrono::seconds _limit;
   int _status = 0;
   stream _out;
   stream _err;
@@ -72,5 +74,5 @@ class process {
   bool has_ended();
 };
 
-/// Polls until the condition holds; false when it does not within a minute.
+/// Polls until the condition holds; false when it does not within 20 seconds.
 bool eventually(const std::function<bool()>& condition);

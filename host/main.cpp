@@ -98,17 +98,14 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
   }
 }
 
+// A failure of standard output is reported at once: a signal may end the process before the end of the command.
 int serve(event_loop& l, int argc, char** argv) {
-  output out(l, unblocked(STDOUT_FILENO));
   output err(l, unblocked(STDERR_FILENO), is_journal(STDERR_FILENO));
-  int status = obey(l, argc, argv, out, err);
+  output out(l, unblocked(STDOUT_FILENO));
+  out.on_failure([&err](int error) { report(err, std::string("standard output: ") + reason_of(error)); });
+  const int status = obey(l, argc, argv, out, err);
   drain_or_die(l, out, err);
-  if (out.error() != 0) {
-    report(err, std::string("standard output: ") + reason_of(out.error()));
-    status = 1;
-  }
-  drain_or_die(l, out, err);
-  return status;
+  return out.error() == 0 ? status : 1;
 }
 
 // Writes directly to standard error: there is no event loop, or no memory.

@@ -23,10 +23,12 @@ void output::put(std::string_view bytes) {
 }
 
 void output::fail(int error) {
-  if (_error == 0) _error = error;
+  if (_error != 0) return;
+  _error = error;
   _waiting.clear();
   _sent = 0;
   _watch = nullptr;
+  _on_failure(error);
 }
 
 void output::flush() {

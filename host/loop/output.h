@@ -25,12 +25,15 @@ class output {
   int error() const { return _error; }
   /// Drops the pending lines and all later ones.
   void fail(int error);
+  /// Calls `f` with the errno of the first failure, when it occurs.
+  void on_failure(std::function<void(int)> f) { _on_failure = std::move(f); }
 
  private:
   event_loop& _loop;
   int _fd;
   bool _is_journal;
   int _error = 0;
+  std::function<void(int)> _on_failure = [](int) {};
   std::string _waiting;
   size_t _sent = 0;  // bytes of _waiting
   event_loop::readiness _watched = event_loop::readiness::none;

@@ -133,6 +133,18 @@ TEST_F(readers, that_close_after_a_stop_signal_are_reported) {
   EXPECT_EQ(journal().back(), "destroy gw 0");
 }
 
+// Otherwise a stop signal could end dachost before it has said why it stops.
+TEST_F(readers, that_close_are_reported_before_the_instances_stop) {
+  process p = run({conf("hold " + dir.path("released"))});
+  await_journal("start gw 0");
+  p.close_out();
+  p.await_err("dachost: standard output: Broken pipe\n");
+  dir.file("", "released");
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+}
+
 // It takes what it can within the second that it has, and does not prolong it: all of it would take 25 seconds.
 TEST_F(readers, that_are_slow_after_a_stop_signal_get_the_beginning) {
   socket_pair s;

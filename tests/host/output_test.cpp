@@ -50,14 +50,14 @@ TEST_F(outputs, a_descriptor_is_watched_for_its_other_end_from_the_beginning) {
   EXPECT_FALSE(loop.watch_of(1)) << "a watch on a closed pipe would be ready all the time";
 }
 
-TEST_F(outputs, the_first_failure_is_told_when_it_occurs) {
-  std::vector<int> told;
-  out.on_failure([&told](int error) { told.push_back(error); });
+TEST_F(outputs, the_first_failure_is_reported_when_it_occurs) {
+  std::vector<int> reported;
+  out.on_failure([&reported](int error) { reported.push_back(error); });
   out.line("one");
-  EXPECT_EQ(told, std::vector<int>{});
+  EXPECT_EQ(reported, std::vector<int>{});
   out.fail(ENOSPC);
   out.fail(EPIPE);
-  EXPECT_EQ(told, std::vector<int>{ENOSPC});
+  EXPECT_EQ(reported, std::vector<int>{ENOSPC});
 }
 
 TEST_F(outputs, a_watch_is_not_replaced_while_lines_are_taken) {

@@ -296,7 +296,8 @@ class walker {
 }  // namespace
 
 TEST(model, legal_calls_from_four_threads_match_the_model) {
-  const long steps = setting("IP6DNS_STEPS", 1'000'000);
+  // The checking layer has seen every kind of call after a tenth of the steps.
+  const long steps = setting("IP6DNS_STEPS", std::getenv("IP6DNS_LAYER") ? 100'000 : 1'000'000);
   const auto seed = static_cast<unsigned>(setting("IP6DNS_SEED", 20'240'501));
   std::cout << steps << " steps, seed " << seed << std::endl;
   fake_interfaces::set({address});

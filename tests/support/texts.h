@@ -2,7 +2,6 @@
 #pragma once
 
 #include <fstream>
-#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -18,8 +17,9 @@ inline texts split(const std::string& text, char separator) {
 
 inline texts lines(const std::string& text) { return split(text, '\n'); }
 
-/// The file's contents; empty if it does not exist.
+/// The file's contents; empty if it does not exist. A file in /proc may disappear while it is read.
 inline std::string read_file(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
+  std::ostringstream contents;
+  contents << std::ifstream(path, std::ios::binary).rdbuf();
+  return contents.str();
 }

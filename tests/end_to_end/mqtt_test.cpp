@@ -598,6 +598,26 @@ time.sleep(1000)
   });
 }
 
+// As a broker does while two clients have one identifier. The library closes a connection on which it cannot send.
+TEST_F(mqtt, connection_that_the_broker_closes_at_once_is_made_again) {
+  in_new_network([this] {
+    process curt({"python3", "-u", "-c", R"(
+import socket
+server = socket.create_server(("127.0.0.1", 1883))
+for number in range(1, 10):
+    client = server.accept()[0]
+    client.recv(4096)
+    client.sendall(bytes.fromhex("2003000000"))
+    client.close()
+    print("connection", number)
+)"});
+    add(1);
+    const auto p = publisher({}, impatient());
+    curt.await_out("connection 4\n");
+    EXPECT_EQ(count(stop(*p), connection_lost), 1U);
+  });
+}
+
 TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
   in_new_network([this] {
     certify();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <numeric>
@@ -416,10 +417,28 @@ TEST_F(mqtt, wrong_line_of_the_file_of_the_clients_is_named) {
   }
 }
 
+TEST_F(mqtt, file_of_the_clients_that_cannot_be_read_is_named) {
+  mkdir(dir.path(".config").c_str(), 0755);
+  const std::string file = dir.file("-u gateway\n", ".config/mosquitto_pub");
+  ASSERT_EQ(chmod(dir.path("").c_str(), 0755) + chmod(file.c_str(), 0), 0);
+  texts command = {publish_mqtt, "gw.conf", "topic"};
+  if (geteuid() == 0) command.insert(command.begin(), {"setpriv", "--reuid=65534", "--clear-groups"});
+  command.insert(command.begin(), {"env", "HOME=" + dir.path("")});
+  process unreadable(command);
+  const ending e = end_at_the_start(unreadable);
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(count(e.err, "publish-mqtt: error: " + file + ": cannot be read: Permission denied\n"), 1U) << e.err;
+
+  std::filesystem::remove(file);
+  ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+  const auto blocking = publisher({});
+  EXPECT_EQ(count(end_at_the_start(*blocking).err, "error: " + file + ": not a regular file\n"), 1U);
+}
+
 TEST_F(mqtt, options_of_the_command_line_replace_those_of_the_file) {
   in_new_network([this] {
     mkdir(dir.path(".config").c_str(), 0700);
-    dir.file("-p 1885\n-P a -p b\n", ".config/mosquitto_pub");
+    dir.file("-u gateway\n-p 1885\n-P a -p b\n", ".config/mosquitto_pub");
     const auto p = publisher({}), q = publisher({"-p", "1886"});
     p->await_err("publish-mqtt: 127.0.0.1:1885: Connection refused; retrying\n");
     q->await_err("publish-mqtt: 127.0.0.1:1886: Connection refused; retrying\n");
@@ -757,14 +776,17 @@ TEST_F(mqtt, unusable_client_certificate_ends_the_publisher_at_the_start) {
         "; openssl req -x509 -days 2 -subj /CN=weak -newkey rsa:512 -nodes -keyout weak.key "
         "-out weak.crt 2>/dev/null");
   const std::string locked = file("locked.key"), folder = dir.path(""), rsa = file("rsa.key"), weak = file("weak.crt");
+  const std::string fifo = file("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const struct row {
     texts options;
     std::string message;
   } rows[] = {
       {{"--cert", missing, "--key", key}, missing + ": cannot be read: No such file or directory"},
       {{"--cert", crt, "--key", missing}, missing + ": cannot be read: No such file or directory"},
-      {{"--cert", folder, "--key", key}, folder + ": cannot be read: Is a directory"},
-      {{"--cert", crt, "--key", folder}, folder + ": cannot be read: Is a directory"},
+      {{"--cert", folder, "--key", key}, folder + ": not a regular file"},
+      {{"--cert", crt, "--key", folder}, folder + ": not a regular file"},
+      {{"--cafile", fifo}, fifo + ": not a regular file"},
       {{"--cert", text, "--key", key}, text + ": contains no certificate in PEM format"},
       {{"--cert", crt, "--key", text}, text + ": contains no private key in PEM format"},
       {{"--cert", crt, "--key", crt}, crt + ": contains no private key in PEM format"},
@@ -811,10 +833,12 @@ TEST_F(mqtt, topics_that_no_broker_accepts_are_refused) {
 
 TEST_F(mqtt, impossible_options_are_refused) {
   const std::string text = dir.file("no certificate", "text");
-  const std::vector<texts> cases = {
-      {"-p", "0"},        {"-p", "65536"},           {"-p", "x"},        {"-k", "2"},
-      {"-k", "-1"},       {"-k", "65536"},           {"--expiry", "-1"}, {"--expiry", "4294967296"},
-      {"--cafile", text}, {"--cafile", dir.path("")}};
+  const std::vector<texts> cases = {{"-p", "0"},        {"-p", "65536"},
+                                    {"-p", "x"},        {"-k", "2"},
+                                    {"-k", "-1"},       {"-k", "65536"},
+                                    {"--expiry", "-1"}, {"--expiry", "4294967296"},
+                                    {"--cafile", text}, {"--cafile", dir.path("")},
+                                    {"-h", ""},         {"-P", "without -u"}};
   for (const texts& bad : cases) {
     const ending e = process({publish_mqtt, "gw.conf", "topic", bad[0], bad[1]}).end();
     EXPECT_EQ(e.status, 2) << bad[1];

@@ -22,11 +22,40 @@ class inherited : public dachost_fixture {
   }
 };
 
+/// One with room for what is written, which is not read.
+class unread_terminal {
+ public:
+  unread_terminal() : _reader(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC)) {
+    if (grantpt(_reader) + unlockpt(_reader) != 0) throw std::runtime_error("no terminal");
+    _fd = open(name().c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC);
+  }
+  ~unread_terminal() {
+    close(_fd);
+    close(_reader);
+  }
+  unread_terminal(const unread_terminal&) = delete;
+  unread_terminal& operator=(const unread_terminal&) = delete;
+
+  int fd() const { return _fd; }
+  std::string name() const { return ptsname(_reader); }
+
+ private:
+  int _reader;
+  int _fd = -1;
+};
+
 }  // namespace
 
 // A shell without job control starts "dachost run ... &" so.
 TEST_F(inherited, ignored_SIGINT_stays_ignored) { ignoring("INT", SIGINT); }
 TEST_F(inherited, ignored_SIGQUIT_stays_ignored) { ignoring("QUIT", SIGQUIT); }
+
+TEST_F(inherited, blocked_SIGUSR1_stays_blocked_to_the_end) {
+  process p = run({conf("publish a")}, {"env", "--block-signal=USR1"});
+  p.await_out("\tvalue\t");
+  p.signal(SIGUSR1);
+  EXPECT_EQ(terminate(p).err, "");
+}
 
 TEST_F(inherited, ignored_SIGCHLD_hides_no_exit_status) {
   const std::string conf = dir.file("publish a", "gw.conf");
@@ -53,4 +82,12 @@ TEST_F(inherited, closed_descriptors_are_not_those_of_the_configuration_file) {
   const ending e = start({"check", "-p", PLUGIN, conf}, {"sh", "-c", R"(exec "$@" <&- 2>&-)", "sh"}).end();
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.out, conf + ": ok, host name gw\n");
+}
+
+TEST_F(inherited, terminal_is_not_open_in_a_program) {
+  const unread_terminal t;
+  const std::string lists = program("exec ls -l /proc/self/fd >did");
+  EXPECT_EQ(run({"--once", "--exec", lists, conf("publish a")}, {}, {.out_fd = t.fd()}).end_unread(), 0);
+  EXPECT_NE(did().find("/dev/null"), std::string::npos) << did();
+  EXPECT_EQ(did().find(t.name()), std::string::npos) << did();
 }

@@ -112,6 +112,31 @@ TEST_F(readers, of_standard_error_that_read_nothing_do_not_delay_values) {
   close(fd);
 }
 
+// It stops handling signals before it waits for the reader of its last line.
+TEST_F(readers, of_standard_error_that_read_nothing_do_not_prevent_the_end_by_a_signal) {
+  const std::string unread = dir.path("unread");
+  ASSERT_EQ(mkfifo(unread.c_str(), 0600), 0);
+  const int fd = open(unread.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+  while (write(fd, "full\n", 5) > 0) continue;
+  process p = run({"--status", dir.path("none/status"), conf("publish a")},
+                  {"sh", "-c", "exec \"$@\" 2>'" + unread + '\'', "sh"});
+  await_settled(p);
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end().status, -SIGTERM);
+  close(fd);
+}
+
+TEST_F(readers, of_check_that_are_late_get_every_line) {
+  texts args = {"check", "-p", FAKE_PLUGIN};
+  args.resize(args.size() + 100, conf("refuse " + std::string(2000, 'x')));
+  process p = start(args);
+  await_settled(p);
+  EXPECT_TRUE(p.is_running()) << "the rest waits for its reader";
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.out).size(), 100U);
+}
+
 TEST_F(readers, that_close_during_the_last_flush_are_reported) {
   process p = run({"--for", "0.001", conf("flood 4000")});
   await_journal("destroy gw 0");
@@ -143,6 +168,16 @@ TEST_F(readers, that_close_are_reported_before_the_instances_stop) {
   const ending e = p.end();
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+}
+
+TEST_F(readers, that_read_nothing_are_reported_after_a_stop_on_which_the_plug_in_hangs) {
+  process p = run({conf("flood 4000\nhold " + dir.path("released"))}, preloaded(SHORT_MINUTES));
+  await_journal("start gw 0");
+  p.signal(SIGTERM);
+  EXPECT_EQ(p.end_unread(), 1);
+  EXPECT_EQ(p.end().err,
+            "dachost: the plug-in does not return; the instances are not stopped\n"
+            "dachost: standard output: timed out waiting for the reader\n");
 }
 
 // It takes what it can within the second that it has, and does not prolong it: all of it would take 25 seconds.

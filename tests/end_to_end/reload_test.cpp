@@ -101,6 +101,7 @@ TEST_F(reload, while_the_process_ends_does_not_change_its_exit_status) {
   stopped.await_out("\tfirst\n");
   EXPECT_EQ(terminate(stopped).status, 0);
   EXPECT_EQ(run({"--once", conf("publish first")}, preloaded(LATE_HANGUP, {})).end().status, 0);
+  EXPECT_EQ(start({"top", "-p", FAKE_PLUGIN, "--once", conf("publish first")}, preloaded(LATE_HANGUP)).end().status, 0);
 }
 
 // One after the other would take 50 seconds.

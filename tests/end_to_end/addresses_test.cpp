@@ -143,7 +143,19 @@ TEST_F(addresses, are_those_of_the_wanted_interfaces) {
         ip("link set down dev v1\nlink set dev v1 name renamed\nlink set up dev renamed\n"
            "addr add 2001:db8::4/64 dev renamed nodad"));
     EXPECT_EQ(picked({"--interface", "renamed"}), texts{"2001:db8::4"});
+    ASSERT_TRUE(ip("link property add dev v0 altname other"));
+    EXPECT_EQ(picked({"--interface", "other", "--interface", "lo"},
+                     "dachost: --interface other: no interface has this name now\n"),
+              texts{"2001:db8::1"})
+        << "an alternative name selects nothing";
   });
+}
+
+TEST_F(addresses, of_an_interface_are_wanted_for_every_file_after_its_name) {
+  const ending e = run({"--once", "--interface", "lo", conf("publish a", "a"), conf("publish b", "b")}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(lines_of(e.out, "value").size(), 2U);
 }
 
 TEST_F(addresses, are_held_as_long_as_wanted) {

@@ -520,6 +520,11 @@ TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
     EXPECT_EQ(e.err, "");
     EXPECT_EQ(e.out, "++: ok, host name h\n");
   }
+  EXPECT_TRUE(check_there({"check", "-p", "++", "++"}).err.starts_with("dachost: ++: "));
+  EXPECT_EQ(check_there({"run", "-p", PLUGIN, "--status", "++", "++"}).err,
+            "dachost: --status: ++: is a configuration file, which would be replaced\n");
+  EXPECT_EQ(check_there({"run", "-p", PLUGIN, "--exec", "true", "--state", "++", "++"}).err,
+            "dachost: --state: ++: Not a directory\n");
   const ending e = check_there({"run", "-p", PLUGIN, "--once", "++", "--dry-run", "--exec", "++"});
   EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("++", "h")}) << e.err;
   EXPECT_TRUE(lines_of(e.out, "exec").at(0).starts_with("++\texec\t++\tDAC_INSTANCE=++\t")) << e.out;

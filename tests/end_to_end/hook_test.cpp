@@ -59,6 +59,12 @@ TEST_F(hook, is_not_run_again_if_the_time_is_0) {
   EXPECT_EQ(did(), "first\n");
 }
 
+TEST_F(hook, is_run_again_if_the_time_is_less_than_a_nanosecond) {
+  process p = run({"--again", "0.0000000001", "--exec", records("$DAC_REASON"), conf("publish a")});
+  await_did("first\nagain\nagain\n");
+  terminate(p);
+}
+
 // No value is published then.
 TEST_F(hook, runs_within_ten_seconds_after_an_address_became_deprecated) {
   in_new_network([this] {
@@ -127,6 +133,21 @@ TEST_F(hook, starts_within_the_splay) {
   EXPECT_EQ(did(), "done\n");
 }
 
+// Gateways that start together would otherwise reach their name server together. Eight random times are within a
+// twentieth of the splay once in a hundred million runs.
+TEST_F(hook, waits_for_another_part_of_the_splay_in_each_process) {
+  const std::string delay = "$(($(date +%s%3N) - $(date -d $DAC_TIME +%s%3N)))";
+  const ending e = run({"--once", "--splay", "4", "--exec", records(delay), conf("publish a")},
+                       {"sh", "-c", R"(for n in 1 2 3 4 5 6 7 8; do "$@" & done; wait)", "sh"})
+                       .end();
+  EXPECT_EQ(e.err, "");
+  std::vector<int> delays;
+  for (const std::string& line : lines(did())) delays.push_back(std::stoi(line));
+  ASSERT_EQ(delays.size(), 8U);
+  const auto [least, most] = std::minmax_element(delays.begin(), delays.end());
+  EXPECT_GT(*most - *least, 200) << did();
+}
+
 // ---------------------------------------------------------------- state
 
 TEST_F(hook, does_not_run_after_a_restart_without_a_change) {
@@ -157,6 +178,23 @@ TEST_F(hook, has_its_last_success_in_the_status_file_and_in_a_dry_run_after_a_re
   EXPECT_NE(e.err.find("/prog: not started, because nothing has changed since 20"), std::string::npos) << e.err;
   EXPECT_EQ(lines_of(e.out, "exec"), texts{});
   EXPECT_EQ(did(), "first\n");
+}
+
+TEST_F(hook, runs_after_a_restart_if_its_program_or_its_environment_has_changed) {
+  const texts args = {"--once", "--state", state(), conf("publish a"), "--exec"};
+  const auto run_with = [&](const std::string& program, const std::string& setting) {
+    texts all = args;
+    all.push_back(program);
+    EXPECT_EQ(run(all, {"env", "SETTING=" + setting}).end().status, 0);
+  };
+  const std::string program = records("$SETTING"), other = dir.path("other");
+  std::filesystem::copy_file(program, other);
+  for (int n = 0; n < 2; ++n) run_with(program, "one");
+  EXPECT_EQ(did(), "one\n");
+  for (int n = 0; n < 2; ++n) run_with(program, "two");
+  EXPECT_EQ(did(), "one\ntwo\n");
+  run_with(other, "two");
+  EXPECT_EQ(did(), "one\ntwo\ntwo\n");
 }
 
 TEST_F(hook, gets_the_name_that_it_had_before_a_reload) {
@@ -208,6 +246,8 @@ TEST_F(hook, does_not_start_with_a_state_directory_that_cannot_be_used) {
     }
   }
   EXPECT_EQ(did(), "");
+  EXPECT_EQ(run({"--once", conf("publish a")}, {"env", "STATE_DIRECTORY=" + missing}).end().status, 0)
+      << "without a program";
 }
 
 TEST_F(hook, runs_though_its_state_cannot_be_saved_and_saves_it_when_that_is_possible_again) {

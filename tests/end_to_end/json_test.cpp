@@ -157,6 +157,22 @@ TEST_F(json_lines, and_lines_of_text_have_picked_addresses_without_a_program) {
   });
 }
 
+// A hundred times as fast, so that the kernel's list would be read again during the stop.
+TEST_F(json_lines, and_lines_of_text_have_no_value_after_the_stop_began) {
+  in_new_network([this] {
+    ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
+    const std::string file = conf("publish null\nhold " + dir.path("released"));
+    process p = run({"--events", "value", "--pick", "stable", file}, preloaded(SHORT_MINUTES));
+    p.await_out("2001:db8::1\n");
+    p.signal(SIGTERM);
+    await_journal("held gw 0");
+    ASSERT_TRUE(ip("addr add 2001:db8::2/64 dev lo nodad"));
+    std::this_thread::sleep_for(150ms);
+    dir.file("", "released");
+    EXPECT_EQ(lines(p.end().out).size(), 1U) << p.out();
+  });
+}
+
 TEST_F(json_lines, are_summed_up_in_the_status_file) {
   const std::string status = dir.path("status");
   process p = run({"--status", status, conf("publish 2001:db8::10")});

@@ -467,6 +467,14 @@ TEST(address_filters, use_the_published_value_only_if_they_exclude_nothing) {
   EXPECT_FALSE((address_filter{kind::all, {}, {"eth0"}}.uses_published_value()));
 }
 
+TEST(address_filters, are_named_by_the_options_that_make_them) {
+  EXPECT_EQ(options_of({}), "");
+  EXPECT_EQ(options_of({kind::global}), "--pick global");
+  EXPECT_EQ(options_of({kind::stable, {"eth0"}, {}}), "--pick stable --interface eth0");
+  EXPECT_EQ(options_of({kind::all, {"a", "b"}, {"c", "d"}}),
+            "--interface a --interface b --interface !c --interface !d");
+}
+
 TEST(published_value, loses_the_last_address_if_it_fills_its_field) {
   std::string value = "2001:db8::1";
   while (value.size() + 13 < DAC_VALUE_SIZE - 1) value += ",2001:db8::" + std::to_string(10 + value.size() % 90);

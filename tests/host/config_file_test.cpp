@@ -97,6 +97,7 @@ TEST_F(config_file, has_a_first_line_that_is_not_used) {
   EXPECT_EQ(found("# comment\n\n  name: gateway # x\nport = 1\n"), "line 3 is not used: \"name: gateway # x\"");
   EXPECT_EQ(found("[net]\r\nport = 1\r\n"), "line 2 is not used: \"port = 1\"");
   EXPECT_EQ(found("\n= gateway"), "line 2 is not used: \"= gateway\"");
+  EXPECT_EQ(found("n\name = gateway"), "line 1 is not used: \"n\"") << "a key has no line feeds";
   EXPECT_EQ(found("[net] gateway"), "line 1 is not used: \"[net] gateway\"");
   EXPECT_EQ(found("\xef\xbb\xbfgateway"), "line 1 is not used: \"\xef\xbb\xbfgateway\"");
 }

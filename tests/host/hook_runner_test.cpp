@@ -1446,17 +1446,34 @@ TEST_F(hook_check, refuses_a_directory_without_a_program) {
   EXPECT_EQ(reason_against(dir.path("hooks")), "");
 }
 
+TEST_F(hook_check, accepts_a_directory_whose_path_has_a_slash) {
+  add("hooks/a");
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path(""));
+  EXPECT_EQ(reason_against("./hooks"), "");
+  EXPECT_EQ(reason_against("hooks"), "not found on PATH");
+  std::filesystem::current_path(before);
+}
+
 // ---------------------------------------------------------------- scripts
 
 TEST_F(hook_check, accepts_scripts_whose_interpreter_can_be_started) {
   setenv("PATH", "/bin", 1);
   for (const char* text :
        {"#!/bin/sh", "#!/bin/sh\n", "#! /bin/sh -e\n", "#!\t/bin/sh\t-e\nexit", "#!/usr/bin/env sh\n",
-        "#!/usr/bin/env -S sh -e\n", "#!/usr/bin/env\n", "#!/usr/bin/env A=b sh\n",
+        "#!/usr/bin/env sh \t\n", "#!/usr/bin/env -S sh -e\n", "#!/usr/bin/env\n", "#!/usr/bin/env A=b sh\n",
         "\x7f"
         "ELF",
         "#", "", "#!/usr/bin/perl -w\r\n"})
     EXPECT_EQ(reason_against(script(text)), "") << text;
+}
+
+// env(1) finds it there and not on PATH.
+TEST_F(hook_check, accepts_an_interpreter_for_env_in_the_working_directory) {
+  const auto before = std::filesystem::current_path();
+  std::filesystem::current_path("/");
+  EXPECT_EQ(reason_against(script("#!/usr/bin/env bin/sh\n")), "");
+  std::filesystem::current_path(before);
 }
 
 TEST_F(hook_check, refuses_a_script_whose_interpreter_cannot_be_started) {
@@ -1482,6 +1499,20 @@ TEST_F(hook_check, refuses_a_script_whose_interpreter_cannot_be_started) {
   for (const row& r : rows) EXPECT_EQ(reason_against(script(r.text)), r.reason) << r.text;
 }
 
+// The kernel reads 256 bytes of a script and does not start an interpreter whose name may continue after them.
+TEST_F(hook_check, refuses_a_script_whose_interpreter_has_too_long_a_name) {
+  const auto script_for = [this](size_t length) {
+    std::string name = dir.path(std::string(100, 'x'));
+    std::filesystem::create_directory(name);
+    name += '/';
+    name.resize(length, 'x');
+    std::filesystem::create_symlink("/bin/sh", name);
+    return script("#!" + name + '\n');
+  };
+  EXPECT_EQ(reason_against(script_for(253)), "");
+  EXPECT_NE(reason_against(script_for(255)), "");
+}
+
 TEST_F(hook_check, accepts_a_script_that_cannot_be_read) {
   const std::string file = script("#!/no/such/sh\n");
   EXPECT_EQ(chmod(file.c_str(), 0100), 0);
@@ -1498,8 +1529,10 @@ TEST_F(hook_check, checks_the_scripts_on_the_path) {
   script("#!/no/such/sh\n", "bin/prog");
   setenv("PATH", dir.path("bin").c_str(), 1);
   EXPECT_EQ(reason_against("prog"), "its interpreter /no/such/sh is not found");
-  script("#!/bin/sh\n", "later/prog");
   setenv("PATH", (dir.path("bin") + ':' + dir.path("later")).c_str(), 1);
+  script("#!/no/such/perl\n", "later/prog");
+  EXPECT_EQ(reason_against("prog"), "its interpreter /no/such/sh is not found") << "the first one";
+  script("#!/bin/sh\n", "later/prog");
   EXPECT_EQ(reason_against("prog"), "") << "posix_spawnp() continues the search";
 }
 

@@ -196,6 +196,13 @@ TEST_F(state_files, survive_a_temporary_file_of_a_crash) {
   EXPECT_EQ(loaded(), "a.example a 1700000000");
 }
 
+TEST_F(state_files, are_not_inherited_by_programs) {
+  fake_disk::recording disk;
+  save("gw", "a");
+  EXPECT_NE(disk.made, texts{});
+  EXPECT_EQ(disk.inheritable, 0);
+}
+
 TEST_F(state_files, that_cannot_be_read_or_written_are_an_error) {
   std::filesystem::create_directory(dir.path("gw.state"));
   EXPECT_NE(error_of().find("gw.state"), std::string::npos);

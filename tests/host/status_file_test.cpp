@@ -169,6 +169,33 @@ TEST_F(status_files, that_still_cannot_be_written_do_not_delay_the_end) {
   EXPECT_EQ(loop.works, 2);
 }
 
+TEST_F(status_files, replace_a_temporary_file_of_a_crash) {
+  dir.file("longer than the status", "status.tmp");
+  change("a");
+  EXPECT_EQ(written(), "a");
+  EXPECT_EQ(names(), texts{"status"});
+}
+
+// Another user can place it in a directory for all, such as /tmp.
+TEST_F(status_files, are_not_written_through_a_link_in_place_of_the_temporary_file) {
+  std::filesystem::create_symlink(dir.file("precious", "other"), dir.path("status.tmp"));
+  EXPECT_EQ(unwritable(dir.path("status")), "Too many levels of symbolic links");
+  change("a");
+  EXPECT_EQ(read_file(dir.path("other")), "precious");
+  EXPECT_EQ(reported(), "dachost: " + dir.path("status") +
+                            ": cannot be written: Too many levels of symbolic links; retry every 10 seconds\n");
+}
+
+TEST_F(status_files, are_closed_and_not_inherited_by_programs) {
+  fake_disk::recording disk;
+  unwritable(dir.path("status"));
+  change("a");
+  const texts calls = {"open status.tmp",  "close status.tmp", "open status.tmp",
+                       "write status.tmp", "close status.tmp", "rename status.tmp"};
+  EXPECT_EQ(disk.made, calls);
+  EXPECT_EQ(disk.inheritable, 0);
+}
+
 TEST_F(status_files, can_be_checked_without_a_change) {
   EXPECT_EQ(unwritable(dir.path("status")), "");
   EXPECT_EQ(names(), texts{});

@@ -52,6 +52,7 @@ int open(const char* file, int flags, ...) {
   if (current && fails("open", file)) return -1;
   const int fd = static_cast<int>(syscall(SYS_openat, AT_FDCWD, file, flags, mode));
   if (current && fd >= 0) opened()[fd] = file;
+  if (current && (flags & O_CLOEXEC) == 0) ++current->inheritable;
   return fd;
 }
 

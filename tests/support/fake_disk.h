@@ -22,6 +22,7 @@ struct recording {
   int error = EIO;                // of the call that fails
   std::deque<size_t> most_bytes;  // that the next writes accept; 0: interrupted by a signal
   std::vector<std::string> made;  // calls, each with the name of its file
+  int inheritable = 0;            // files that were opened without O_CLOEXEC
 };
 
 }  // namespace fake_disk

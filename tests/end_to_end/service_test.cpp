@@ -108,14 +108,17 @@ TEST_F(service, writes_levels_to_the_journal_and_to_nothing_else) {
   terminate(p);
 }
 
-TEST_F(service, shows_its_hook_in_its_status_and_failures_as_warnings) {
+TEST_F(service, shows_its_hook_in_its_status_and_in_the_journal) {
   const std::string prog = program("[ -e go ]");
   process p = serve({"--exec", prog, conf("publish a")});
   manager.await("STATUS=gw = a, hook failed");
   go();
   manager.await("STATUS=gw = a, hook ok ");
   terminate(p);
-  process j = in_journal({"run", "-p", FAKE_PLUGIN, "--exec", program("exit 1"), conf("publish a")});
-  j.await_err("<4>dachost: gw: " + dir.path("prog") + ": exit status 1; retry");
+  std::filesystem::remove(dir.path("go"));
+  process j = in_journal({"run", "-p", FAKE_PLUGIN, "--exec", prog, conf("publish a")});
+  j.await_err("<4>dachost: gw: " + prog + ": exit status 1; retry");
+  go();
+  j.await_err("<6>dachost: gw: " + prog + ": works again after ");
   terminate(j);
 }

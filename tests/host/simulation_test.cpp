@@ -22,6 +22,7 @@
 
 #include "driver/dac.h"
 #include "host/commands/commands.h"
+#include "host/display/text.h"
 
 using namespace std::chrono_literals;
 
@@ -627,7 +628,7 @@ void world::publish(int handle) {
   text.copy(r.value, sizeof r.value - 1);
   r.type = DAC_TYPE_TEXT;
   const std::string instance = name.substr(0, name.find('.'));
-  reporting = {instance + "\tvalue\t" + name + '\t' + text, d.file, text};
+  reporting = {time_stamp(wall_time()) + '\t' + instance + "\tvalue\t" + name + '\t' + text, d.file, text};
   note(instance + " publishes " + text);
   d.data(&r, 1, d.param);
   reporting = {};
@@ -636,7 +637,8 @@ void world::publish(int handle) {
 void world::log(int handle, const std::string& text) {
   const driver d = drivers.at(handle);
   const std::string& name = how.files[d.file];
-  reporting = {name.substr(0, name.find('.')) + "\tmessage\t" + text, d.file, ""};
+  const std::string instance = name.substr(0, name.find('.'));
+  reporting = {time_stamp(wall_time()) + '\t' + instance + "\tmessage\t" + text, d.file, ""};
   d.log("", DAC_LEVEL_OTHER, text.c_str(), 1, d.param);
   reporting = {};
 }
@@ -830,15 +832,13 @@ class simulated_plugin {
 
 // ---------------------------------------------------------------- a run
 
-/// The lines of values and messages that have been printed whole, without the time.
+/// The lines of values and messages that have been printed whole, with the times of their callbacks.
 std::vector<std::string> printed(const world& w) {
   std::vector<std::string> lines;
   std::istringstream in(w.written.contains(1) ? w.written.at(1) : "");
-  for (std::string line; std::getline(in, line) && !in.eof();) {
-    line.erase(0, line.find('\t') + 1);
+  for (std::string line; std::getline(in, line) && !in.eof();)
     if (line.find("\tvalue\t") != std::string::npos || line.find("\tmessage\t") != std::string::npos)
       lines.push_back(line);
-  }
   return lines;
 }
 

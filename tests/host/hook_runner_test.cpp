@@ -1366,14 +1366,16 @@ TEST_F(hooks, a_path_of_a_program_is_started_as_it_is) {
 // ---------------------------------------------------------------- at the start
 
 class hook_check : public testing::Test {
+ public:
+  hook_check(const hook_check&) = delete;
+  hook_check& operator=(const hook_check&) = delete;
+
  protected:
   scratch dir;
   const std::string path_before = std::getenv("PATH");
 
   hook_check() { setenv("PATH", ("/nowhere:" + dir.path("bin") + ":/bin").c_str(), 1); }
   ~hook_check() override { setenv("PATH", path_before.c_str(), 1); }
-  hook_check(const hook_check&) = delete;
-  hook_check& operator=(const hook_check&) = delete;
 
   std::string add(const std::string& name, mode_t mode = 0700, const std::string& text = "") const {
     std::filesystem::create_directories(std::filesystem::path(dir.path(name)).parent_path());

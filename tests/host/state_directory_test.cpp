@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <set>
 #include <stdexcept>
+#include <utility>
 
 #include "tests/support/fake_disk.h"
 #include "tests/support/no_descriptors.h"
@@ -199,7 +200,7 @@ TEST_F(state_files, survive_a_temporary_file_of_a_crash) {
 TEST_F(state_files, are_not_inherited_by_programs) {
   fake_disk::recording disk;
   save("gw", "a");
-  EXPECT_NE(disk.made, texts{});
+  EXPECT_NE(std::exchange(disk.made, {}), texts{});
   EXPECT_EQ(disk.inheritable, 0);
 }
 

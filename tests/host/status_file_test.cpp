@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <filesystem>
+#include <utility>
 
 #include "tests/host/scripted_loop.h"
 #include "tests/support/fake_disk.h"
@@ -192,7 +193,7 @@ TEST_F(status_files, are_closed_and_not_inherited_by_programs) {
   change("a");
   const texts calls = {"open status.tmp",  "close status.tmp", "open status.tmp",
                        "write status.tmp", "close status.tmp", "rename status.tmp"};
-  EXPECT_EQ(disk.made, calls);
+  EXPECT_EQ(std::exchange(disk.made, {}), calls);
   EXPECT_EQ(disk.inheritable, 0);
 }
 

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -337,8 +338,29 @@ answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
 constexpr char terminator[] = "++";
 constexpr char its_path[] = "././++";
 
-std::vector<std::string> words(int argc, const char* const* argv) {
+bool takes_value(const CLI::App& app, const std::string& word) {
+  if (!word.starts_with('-')) return false;
+  for (const CLI::App* c : app.get_subcommands({})) {
+    const CLI::Option* o = c->get_option_no_throw(word);
+    if (o && o->get_items_expected_max() > 0) return true;
+  }
+  return false;
+}
+
+// CLI11 reads the word after `--OPTION=` as the value, unless the empty value is a word too.
+void separate_empty_values(const CLI::App& app, std::vector<std::string>& all) {
+  for (size_t i = 0; i < all.size() && all[i] != "--"; ++i) {
+    if (all[i].ends_with('=') && takes_value(app, all[i].substr(0, all[i].size() - 1))) {
+      all[i].pop_back();
+      all.insert(all.begin() + static_cast<std::ptrdiff_t>(i) + 1, "");
+    }
+    if (takes_value(app, all[i])) ++i;  // skips the value
+  }
+}
+
+std::vector<std::string> words(const CLI::App& app, int argc, const char* const* argv) {
   std::vector<std::string> all(argv + 1, argv + std::max(argc, 1));
+  separate_empty_values(app, all);
   std::replace(all.begin(), all.end(), std::string(terminator), std::string(its_path));
   std::reverse(all.begin(), all.end());  // CLI11 expects them in this order
   return all;
@@ -361,8 +383,6 @@ std::string default_state() {
 std::variant<options, answer> parse(int argc, const char* const* argv) {
   options o;
   CLI::App app("Reference host of the dac plug-ins", "dachost");
-  const std::vector<std::string> all = words(argc, argv);
-  app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, all); });
   app.set_version_flag("--version", "dachost " DAC_VERSION_TEXT);
   app.footer(footer());
   app.require_subcommand(0, 1);  // a missing one is reported below; reported here, it would hide an unknown word
@@ -371,6 +391,8 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   add_command(app, o, command::check, "check", "Check whether the plug-in accepts each file");
   add_command(app, o, command::tags, "tags", "List the tags of each file's instance");
   add_command(app, o, command::info, "info", "Print the status document of each file's instance");
+  const std::vector<std::string> all = words(app, argc, argv);
+  app.failure_message([&](const CLI::App* a, const CLI::Error& e) { return usage_error(a, e, all); });
   try {
     app.parse(std::vector(all));
     if (app.get_subcommands().empty()) throw CLI::RequiredError("A sub-command");

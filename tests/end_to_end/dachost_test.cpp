@@ -300,6 +300,26 @@ TEST_F(dachost, wrong_usage_gets_one_line_and_status_2) {
   }
 }
 
+TEST_F(dachost, an_empty_value_after_an_equals_sign_leaves_every_file_as_it_is) {
+  const std::string a = file("a.conf", "hostname=a"), b = file("b.conf", "hostname=b");
+  const std::string name = "expected a file name, got ''";
+  const struct row {
+    const char* option;
+    std::string error;
+  } rows[] = {{"--status=", "--status: " + name},
+              {"--plugin=", "--plugin: " + name},
+              {"--exec=", "--exec: expected a program name, got ''"},
+              {"--interface=", "--interface: expected the name of an interface, got ''"}};
+  for (const row& r : rows) {
+    SCOPED_TRACE(r.option);
+    const ending e = run_dachost({"run", "--once", r.option, a, b});
+    expect_usage_error(e);
+    EXPECT_NE(e.err.find(r.error), std::string::npos) << e.err;
+  }
+  EXPECT_EQ(read_file(a), "hostname=a");
+  EXPECT_EQ(std::distance(fs::directory_iterator(path("")), {}), 2) << "only the two files";
+}
+
 TEST_F(dachost, help_and_version_go_to_standard_output) {
   const struct row {
     texts args;

@@ -1,0 +1,60 @@
+// The command line: how words become options.
+#include "host/command_line.h"
+
+#include <gtest/gtest.h>
+
+#include "tests/support/texts.h"
+
+namespace {
+
+std::variant<options, answer> parsed(const texts& words) {
+  std::vector<const char*> argv = {"dachost"};
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  return parse(static_cast<int>(argv.size()), argv.data());
+}
+
+/// The options, or none after a usage error.
+options options_of(const texts& words) {
+  const auto result = parsed(words);
+  const options* o = std::get_if<options>(&result);
+  EXPECT_TRUE(o) << std::get<answer>(result).text;
+  return o ? *o : options();
+}
+
+/// The usage error, or "" if there is none.
+std::string error_of(const texts& words) {
+  const auto result = parsed(words);
+  const answer* a = std::get_if<answer>(&result);
+  return a && a->status == wrong_usage ? a->text : "";
+}
+
+}  // namespace
+
+TEST(command_line, an_option_that_ends_with_an_equals_sign_has_the_empty_value) {
+  const texts names = {"--plugin", "--events", "--status", "--for",          "--exec", "--pick", "--interface",
+                       "--hold",   "--again",  "--splay",  "--exec-timeout", "--jobs", "--state"};
+  for (const std::string& name : names) {
+    const std::string error = error_of({"run", "--exec", "p", name, "", "a.conf"});
+    EXPECT_NE(error.find(name + ": "), std::string::npos) << error;
+    EXPECT_EQ(error_of({"run", "--exec", "p", name + '=', "a.conf"}), error);
+    EXPECT_EQ(error_of({"run", "--exec", "p", "a.conf", name + '='}), error);
+  }
+  for (const char* command : {"run", "top", "check", "tags", "info"}) {
+    for (const char* option : {"--plugin=", "-p="}) {
+      const std::string error = error_of({command, option, "a.conf"});
+      EXPECT_TRUE(error.starts_with("dachost: --plugin: expected a file name, got '' (")) << error;
+    }
+  }
+  EXPECT_TRUE(error_of({"top", "--for=", "3"}).starts_with("dachost: --for: expected a duration such as "));
+}
+
+TEST(command_line, other_words_that_end_with_an_equals_sign_are_unchanged) {
+  const options o = options_of({"run", "--status=a=", "--exec", "--for=", "-p", "--", "--", "c=", "--state=", "-p="});
+  EXPECT_EQ(o.status, "a=");
+  EXPECT_EQ(o.hook.program, "--for=");
+  EXPECT_EQ(o.plugin, "--");
+  EXPECT_EQ(o.files, (texts{"c=", "--state=", "-p="}));
+  EXPECT_EQ(options_of({"check", "CONFIG", "--plugin=x", "CONFIG="}).files, (texts{"CONFIG", "CONFIG="}));
+  EXPECT_NE(error_of({"run", "--loud=", "a.conf"}).find("--loud=: not an option of run"), std::string::npos);
+  EXPECT_NE(error_of({"--for=", "run", "a.conf"}).find("--for"), std::string::npos);
+}

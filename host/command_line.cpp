@@ -203,6 +203,13 @@ std::string check_jobs(const std::string& text) {
              : expected("a number above 0", text);
 }
 
+// CLI11 would read a number that begins with 0 as octal. A number that does not fit is no limit.
+size_t jobs(const std::string& text) {
+  size_t n = std::numeric_limits<size_t>::max();
+  std::from_chars(text.data(), text.data() + text.size(), n);
+  return n;
+}
+
 void add_exec(CLI::App& run, hook_options& e) {
   CLI::Option* exec =
       run.add_option("--exec", e.program, "Start this program, or those in this directory, when the addresses change")
@@ -221,7 +228,9 @@ void add_exec(CLI::App& run, hook_options& e) {
   add_duration(run, "--exec-timeout", e.timeout, "Stop a program that runs longer (default: 30s)")
       ->check(check_positive)
       ->needs(exec);
-  run.add_option("--jobs", e.jobs, "Run at most that many programs at once (default: 8)")
+  run.add_option_function<std::string>(
+         "--jobs", [&e](const std::string& text) { e.jobs = jobs(text); },
+         "Run at most that many programs at once (default: 8)")
       ->type_name("N")
       ->check(check_jobs)
       ->needs(exec);

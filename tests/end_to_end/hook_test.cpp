@@ -133,6 +133,12 @@ TEST_F(hook, starts_within_the_splay) {
   EXPECT_EQ(did(), "done\n");
 }
 
+TEST_F(hook, starts_at_once_with_a_splay_of_0) {
+  const ending e = run({"--once", "--splay", "0", "--exec", records("done"), conf("publish a")}).end();
+  EXPECT_EQ(e.status, 0) << e.err;
+  EXPECT_EQ(did(), "done\n");
+}
+
 // Gateways that start together would otherwise reach their name server together. Eight random times are within a
 // twentieth of the splay once in a hundred million runs.
 TEST_F(hook, waits_for_another_part_of_the_splay_in_each_process) {

@@ -52,9 +52,17 @@ void check_status_file(const options& o) {
   if (!reason.empty()) throw std::invalid_argument("--status: " + o.status + ": " + reason);
 }
 
+// Some file systems, such as /proc, create no files regardless of the permissions.
+std::string reason_against_state_directory(const std::string& path) {
+  if (access((path + "/.").c_str(), W_OK | X_OK) != 0) return std::strerror(errno);
+  const std::string error = unwritable(path + "/check");
+  return error.empty() ? "" : "no file can be created in it: " + error;
+}
+
 void check_state_directory(const std::string& path) {
-  if (!path.empty() && access((path + "/.").c_str(), W_OK | X_OK) != 0)
-    throw std::invalid_argument("--state: " + path + ": " + std::strerror(errno));
+  if (path.empty()) return;
+  const std::string reason = reason_against_state_directory(path);
+  if (!reason.empty()) throw std::invalid_argument("--state: " + path + ": " + reason);
 }
 
 // An interface may appear later, and an exclusion of one that is not there has its effect.

@@ -238,8 +238,11 @@ TEST_F(hook, does_not_start_with_a_state_directory_that_cannot_be_used) {
   const std::string locked = dir.path("locked"), file = dir.file("", "file"), missing = dir.path("missing");
   std::filesystem::create_directory(locked);
   std::filesystem::permissions(locked, std::filesystem::perms::owner_read);
-  std::vector<std::pair<std::string, const char*>> rows = {{missing, "No such file or directory"},
-                                                           {file, "Not a directory"}};
+  std::vector<std::pair<std::string, const char*>> rows = {
+      {missing, "No such file or directory"},
+      {file, "Not a directory"},
+      {"/proc",
+       access("/proc/.", W_OK) == 0 ? "no file can be created in it: No such file or directory" : "Permission denied"}};
   if (access((locked + "/.").c_str(), W_OK) != 0) rows.emplace_back(locked, "Permission denied");  // not for root
   for (const auto& [path, reason] : rows) {
     const texts args = {"--exec", records("ran"), conf("publish a")};
@@ -254,6 +257,14 @@ TEST_F(hook, does_not_start_with_a_state_directory_that_cannot_be_used) {
   EXPECT_EQ(did(), "");
   EXPECT_EQ(run({"--once", conf("publish a")}, {"env", "STATE_DIRECTORY=" + missing}).end().status, 0)
       << "without a program";
+}
+
+TEST_F(hook, gets_an_empty_state_directory_at_its_first_run) {
+  const std::string path = state();
+  const ending e =
+      run({"--once", "--state", path, "--exec", program("ls -A state | wc -l >>did"), conf("publish a")}).end();
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(did(), "0\n");
 }
 
 TEST_F(hook, runs_though_its_state_cannot_be_saved_and_saves_it_when_that_is_possible_again) {

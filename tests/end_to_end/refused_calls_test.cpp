@@ -108,8 +108,9 @@ class refused_run {
   void judge(bool is_complete) {
     const bool is_silenced = _refusal.call == "write_err";
     // SIGTERM has its default action again when a run that has failed is about to end.
-    const bool has_failed = _end.status == 1 || (_end.status == -SIGTERM && has_message());
-    require(_end.status == 0 || has_failed, "an exit status of 0 or 1");
+    const bool has_no_state = _end.status == 2 && _end.err.starts_with("dachost: --state: ");  // at the start
+    const bool has_failed = _end.status == 1 || has_no_state || (_end.status == -SIGTERM && has_message());
+    require(_end.status == 0 || has_failed, "an exit status of 0 or 1, or 2 for the state directory");
     require(_end.status == 0 || has_message() || is_silenced, "a message about the failure");
     require(is_complete || has_failed || has_message() || is_silenced, "a message about what is missing");
     const bool has_no_effect = _refusal.error == 0 || _refusal.error == EINTR;

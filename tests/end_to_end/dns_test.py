@@ -12,6 +12,7 @@ source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 sys.path.insert(0, os.path.join(source, "tests/support"))
 sys.dont_write_bytecode = True
 from name_servers import ZONE, Bind, Knot, enter_network  # noqa: E402
+from special_files import special_files  # noqa: E402
 
 SECOND = ["2001:db8:2::10", "2001:db8:2::20"]
 
@@ -274,11 +275,20 @@ class Hosts(unittest.TestCase):
             ({"NSUPDATE_NULL": "never"}, "NSUPDATE_NULL: expected delete or keep, got 'never'"),
             ({"NSUPDATE_KEY": ""}, "NSUPDATE_KEY is not set; expected a file with one TSIG key"),
             ({"NSUPDATE_KEY": "/no/key"}, "NSUPDATE_KEY: /no/key cannot be read: No such file or directory"),
-            ({"NSUPDATE_KEY": "/dev/null"}, "NSUPDATE_KEY: /dev/null must contain one key, as tsig-keygen prints it"),
+            *(({"NSUPDATE_KEY": p}, f"NSUPDATE_KEY: {p} is not a regular file") for p in special_files(self)),
         ]
         for settings, message in rows:
             with self.subTest(settings):
                 self.assertEqual(self.run_with(**settings), (1, f"nsupdate-hosts: {message}\n"))
+
+    def test_the_key_may_come_from_a_pipe_of_the_shell(self):
+        key = 'key gateway { algorithm hmac-sha256; secret "c2VjcmV0"; };'
+        settings = {"DAC_VALUE": "2001:db8::1", "NSUPDATE_HOSTS": "a=::1", "NSUPDATE_ZONE": "example",
+                    "NSUPDATE_SERVER": "127.0.0.1"}  # fmt: skip
+        for pipe in ("/dev/fd/3", "/dev/stdin"):
+            with self.subTest(pipe):
+                ended = shell(f"echo '{key}' | ./nsupdate-hosts 3</dev/stdin", NSUPDATE_KEY=pipe, **settings)
+                self.assertEqual(ended.stdout, "nsupdate-hosts: 127.0.0.1: Connection refused\n")
 
     def test_a_server_that_is_away_is_a_failure(self):
         self.assertEqual(self.run_with(), (1, "nsupdate-hosts: 127.0.0.1: Connection refused\n"))

@@ -268,6 +268,30 @@ TEST_F(nsupdate_aaaa, a_file_without_exactly_one_key_sends_nothing) {
   }
 }
 
+TEST_F(nsupdate_aaaa, reports_a_key_that_is_not_a_regular_file_at_once) {
+  const std::string fifo = dir.path("fifo");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  for (const std::string& path : {fifo, dir.path(""), std::string("/dev/zero"), std::string("/dev/stdin")}) {
+    SCOPED_TRACE(path);
+    const ending e = run({"NSUPDATE_KEY=" + path});
+    EXPECT_EQ(e.status, 1);
+    EXPECT_EQ(e.err, "nsupdate-aaaa: NSUPDATE_KEY: " + path + " is not a regular file\n");
+    EXPECT_EQ(asked(), "");
+  }
+}
+
+TEST_F(nsupdate_aaaa, reads_the_key_from_a_pipe_of_the_shell) {
+  for (const char* pipe : {"/dev/fd/3", "/dev/stdin"}) {
+    SCOPED_TRACE(pipe);
+    dir.file("", "asked");
+    const ending e = run({std::string("NSUPDATE_KEY=") + pipe, "KEY=" + dir.path("key"), "sh", "-c",
+                          "cat \"$KEY\" | \"$0\" 3</dev/stdin"});
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(lines(asked()).at(1), "key hmac-sha256:gateway c2VjcmV0");
+  }
+}
+
 TEST_F(nsupdate_aaaa, the_exit_status_and_the_messages_are_those_of_nsupdate) {
   const ending e = run({"STATUS=2", "ANSWER=update failed: REFUSED\n"});
   EXPECT_EQ(e.status, 2);

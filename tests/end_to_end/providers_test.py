@@ -16,6 +16,7 @@ source = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../..")
 sys.path.insert(0, os.path.join(source, "tests/support"))
 sys.dont_write_bytecode = True
 from name_servers import ZONE, Bind, enter_network  # noqa: E402
+from special_files import special_files  # noqa: E402
 
 DAC = {"DAC_INSTANCE": "gateway", "DAC_TAG": "gateway.example.org", "DAC_TIME": "2026-11-22T10:00:00.000Z"}
 
@@ -33,9 +34,9 @@ class Example(unittest.TestCase):
         os.chmod(path, mode)
         return path
 
-    def run_example(self, name, **settings):
+    def run_example(self, name, stdin="", **settings):
         environment = {"PATH": "/usr/sbin:/usr/bin:/sbin:/bin", "HOME": self.folder, **DAC, **settings}
-        ended = subprocess.run([os.path.join(source, "examples", name)], env=environment, cwd=self.folder,
+        ended = subprocess.run([os.path.join(source, "examples", name)], env=environment, cwd=self.folder, input=stdin,
                                stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)  # fmt: skip
         return ended.returncode, ended.stdout
 
@@ -114,6 +115,12 @@ class Webhook(Example):
         self.assertNotIn(b"s3cret-T0ken", lines)
         self.assertNotIn(b"in-the-url", lines)
 
+    def test_the_token_may_come_from_a_pipe_of_the_shell(self):
+        for pipe in ("/dev/fd/0", "/dev/stdin"):
+            with self.subTest(pipe):
+                self.assertEqual(self.post(stdin="T0ken\n", WEBHOOK_TOKEN_FILE=pipe), (0, ""))
+                self.assertEqual(self.server.requests.pop()[1]["Authorization"], "Bearer T0ken")
+
     def test_only_the_statuses_from_200_to_299_are_success(self):
         for status in (200, 201, 204, 299):
             self.server.status = status
@@ -151,6 +158,7 @@ class Webhook(Example):
             ({"WEBHOOK_TOKEN_FILE": "/no/file"}, "WEBHOOK_TOKEN_FILE: /no/file cannot be read"),
             ({"WEBHOOK_TOKEN_FILE": empty}, f"WEBHOOK_TOKEN_FILE: {empty} must contain one token"),
             ({"WEBHOOK_TOKEN_FILE": two}, f"WEBHOOK_TOKEN_FILE: {two} must contain one token"),
+            *(({"WEBHOOK_TOKEN_FILE": p}, f"WEBHOOK_TOKEN_FILE: {p} is not a regular file") for p in special_files(self)),
             ({"WEBHOOK_TOKEN_FILE": quote}, f"WEBHOOK_TOKEN_FILE: {quote} must contain one token"),
         ]
         for settings, message in rows:

@@ -99,7 +99,8 @@ class Server:
         secret = r"[A-Za-z0-9+/]{43}="
         with open(self.key, encoding="utf-8") as file:
             key = file.read()
-        others = {"wrong": re.sub(secret, "A" * 43 + "=", key), "unknown": key.replace("gateway", "other"), "empty": ""}
+        others = {"wrong": re.sub(secret, "A" * 43 + "=", key), "unknown": key.replace("gateway", "other"), "empty": "",
+                  "algorithm": key.replace("hmac-sha256", "hmac-sha512")}  # fmt: skip
         for name, text in others.items():
             self.server.write(name, text)
         return self.server.directory
@@ -149,6 +150,24 @@ class Server:
         self.server.stop()
         seen.append(self.hosts("2001:db8::1", "camera=::1"))
         self.assert_lists("Other hosts in the prefix", seen, {0: 1, 4: None})
+
+    def assert_reports(self, title, reason, ended):
+        """The message is the one that the section's table lists with the reason."""
+        message = re.search(rf"(?m)^\| `(.*?)` \| [^|]*{reason}", section(title))[1]
+        self.assert_fails(ended, re.escape(message).replace(r"\.\.\.", ".*") + r"\n")
+
+    def test_a_wrong_algorithm_or_secret_is_reported_as_listed(self):
+        self.set_up(also=["camera.example."])
+        keys = self.write_keys()
+        algorithm, wrong = {"NSUPDATE_KEY": keys + "/algorithm"}, {"NSUPDATE_KEY": keys + "/wrong"}
+        first = "Knot DNS: or the key may not change" if self.product == "Knot DNS" else "secret differs .* checks first"
+        for title, update, granted, refused in (
+            ("The gateway", self.aaaa, "gateway.example", "ns.example"),
+            ("Other hosts in the prefix", self.hosts, "camera=::1", "camera=::1 nas=::2"),
+        ):
+            self.assert_reports(title, "another algorithm", update("2001:db8::1", granted, **algorithm))
+            self.assert_reports(title, "secret differs", update("2001:db8::1", granted, **wrong))
+            self.assert_reports(title, first, update("2001:db8::1", refused, **wrong))
 
     # ------------------------------------------------------------ nsupdate-aaaa
 

@@ -343,7 +343,9 @@ answer make_answer(const CLI::App& app, const CLI::ParseError& e) {
   return {status == 0 ? 0 : wrong_usage, text};
 }
 
-// CLI11 treats this word as the end of a sub-command, so a file with this name is passed under another path.
+// CLI11 treats `++` as the end of a sub-command, and so `--` after a file. With this prefix, words are other paths of
+// the same files, and have no meaning for CLI11.
+constexpr char disguise[] = "././";
 constexpr char terminator[] = "++";
 constexpr char its_path[] = "././++";
 
@@ -356,26 +358,39 @@ bool takes_value(const CLI::App& app, const std::string& word) {
   return false;
 }
 
-// CLI11 reads the word after `--OPTION=` as the value, unless the empty value is a word too.
-void separate_empty_values(const CLI::App& app, std::vector<std::string>& all) {
-  for (size_t i = 0; i < all.size() && all[i] != "--"; ++i) {
+// CLI11 reads the word after `--OPTION=` as the value, unless the empty value is a word too. Returns where `--` ends
+// the options, or the number of words.
+size_t separate_empty_values(const CLI::App& app, std::vector<std::string>& all) {
+  size_t i = 0;
+  for (; i < all.size() && all[i] != "--"; ++i) {
     if (all[i].ends_with('=') && takes_value(app, all[i].substr(0, all[i].size() - 1))) {
       all[i].pop_back();
       all.insert(all.begin() + static_cast<std::ptrdiff_t>(i) + 1, "");
     }
     if (takes_value(app, all[i])) ++i;  // skips the value
   }
+  return std::min(i, all.size());
+}
+
+// Removes the word at `end` and makes all later ones files. One that comes before the sub-command remains, as an error.
+void disguise_files(std::vector<std::string>& all, size_t end) {
+  if (end == 0 || end == all.size()) return;
+  for (size_t i = end + 1; i < all.size(); ++i)
+    if (all[i].starts_with('-')) all[i].insert(0, disguise);
+  all.erase(all.begin() + static_cast<std::ptrdiff_t>(end));
 }
 
 std::vector<std::string> words(const CLI::App& app, int argc, const char* const* argv) {
   std::vector<std::string> all(argv + 1, argv + std::max(argc, 1));
-  separate_empty_values(app, all);
+  disguise_files(all, separate_empty_values(app, all));
   std::replace(all.begin(), all.end(), std::string(terminator), std::string(its_path));
   std::reverse(all.begin(), all.end());  // CLI11 expects them in this order
   return all;
 }
 
-void restore_terminators(options& o) {
+void restore(options& o) {
+  for (std::string& file : o.files)
+    if (file.starts_with(std::string(disguise) + '-')) file.erase(0, std::strlen(disguise));
   std::replace(o.files.begin(), o.files.end(), std::string(its_path), std::string(terminator));
   for (std::string* word : {&o.plugin, &o.hook.program, &o.hook.state, &o.status})
     if (*word == its_path) *word = terminator;
@@ -408,7 +423,7 @@ std::variant<options, answer> parse(int argc, const char* const* argv) {
   } catch (const CLI::ParseError& e) {
     return make_answer(app, e);
   }
-  restore_terminators(o);
+  restore(o);
   if (o.hook.state.empty()) o.hook.state = default_state();
   o.hook.once = o.once;
   return o;

@@ -58,3 +58,16 @@ TEST(command_line, other_words_that_end_with_an_equals_sign_are_unchanged) {
   EXPECT_NE(error_of({"run", "--loud=", "a.conf"}).find("--loud=: not an option of run"), std::string::npos);
   EXPECT_NE(error_of({"--for=", "run", "a.conf"}).find("--for"), std::string::npos);
 }
+
+TEST(command_line, words_after_two_dashes_are_files_wherever_these_are) {
+  const texts files = {"a", "-b", "--json", "-", "run", "--", "--exec=", "++", "./-c"};
+  for (const texts& words : {texts{"run", "--", "a"}, {"run", "a", "--"}, {"run", "a", "-p", "x", "--"}}) {
+    texts all = words;
+    all.insert(all.end(), files.begin() + 1, files.end());
+    const options o = options_of(all);
+    EXPECT_EQ(o.files, files);
+    EXPECT_FALSE(o.json);
+  }
+  EXPECT_NE(error_of({"--", "run", "a"}), "");
+  EXPECT_NE(error_of({"run", "--"}).find("CONFIG: expected at least one"), std::string::npos);
+}

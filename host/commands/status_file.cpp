@@ -52,7 +52,7 @@ int replace(const std::string& path, const std::string& text) {
 std::string unwritable(const std::string& path) {
   const std::string next = replacement(path);
   const int fd = open_new(next);
-  if (fd == -1) return std::strerror(errno);
+  if (fd == -1) return errno == ENOSPC || errno == EDQUOT ? "" : std::strerror(errno);
   close(fd);
   unlink(next.c_str());
   return "";

@@ -7,7 +7,7 @@
 #include "host/loop/event_loop.h"
 #include "host/loop/output.h"
 
-/// Why the file cannot be written, or "". Does not change it.
+/// Why the file cannot be written, or "". Does not change it. A full disk is no reason: it may have room later.
 std::string unwritable(const std::string& path);
 
 /// Replaces the file atomically, at most once a second, on a background thread: a disk that hangs does not delay the

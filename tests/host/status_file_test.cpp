@@ -209,6 +209,19 @@ TEST_F(status_files, can_be_checked_without_a_change) {
   EXPECT_EQ(unwritable("/proc/status"), "No such file or directory") << "a directory that accepts no files";
 }
 
+// dachost would end for a reason that may pass, and a service manager would not start it again.
+TEST_F(status_files, are_not_unwritable_while_the_disk_is_full) {
+  fake_disk::recording disk;
+  for (const int error : {ENOSPC, EDQUOT}) {
+    disk.calls.refuse(1);
+    disk.error = error;
+    EXPECT_EQ(unwritable(dir.path("status")), "");
+  }
+  disk.calls.refuse(1);
+  disk.error = EACCES;
+  EXPECT_EQ(unwritable(dir.path("status")), "Permission denied");
+}
+
 TEST_F(status_files, are_complete_when_the_disk_accepts_a_part_or_a_signal_interrupts) {
   fake_disk::recording disk;
   disk.most_bytes = {0, 1, 0, 2};

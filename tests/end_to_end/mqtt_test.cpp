@@ -420,8 +420,9 @@ TEST_F(mqtt, wrong_line_of_the_file_of_the_clients_is_named) {
 TEST_F(mqtt, file_of_the_clients_that_cannot_be_read_is_named) {
   mkdir(dir.path(".config").c_str(), 0755);
   const std::string file = dir.file("-u gateway\n", ".config/mosquitto_pub");
-  ASSERT_EQ(chmod(dir.path("").c_str(), 0755) + chmod(file.c_str(), 0), 0);
-  texts command = {publish_mqtt, "gw.conf", "topic"};
+  const std::string copy = dir.file(read_file(publish_mqtt), "copy");  // the other user may not reach the sources
+  ASSERT_EQ(chmod(dir.path("").c_str(), 0755) + chmod(copy.c_str(), 0755) + chmod(file.c_str(), 0), 0);
+  texts command = {copy, "gw.conf", "topic"};
   if (geteuid() == 0) command.insert(command.begin(), {"setpriv", "--reuid=65534", "--clear-groups"});
   command.insert(command.begin(), {"env", "HOME=" + dir.path("")});
   process unreadable(command);

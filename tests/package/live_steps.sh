@@ -58,11 +58,11 @@ cat >/etc/systemd/system/dachost@pump.service.d/state.conf <<'EOF'
 StateDirectory=dachost/%i
 ExecStartPre=/bin/touch %S/dachost/%i/some
 EOF
-systemctl daemon-reload
-systemctl enable -q --now dachost@ip6dns dachost@spare
-systemctl stop dachost@spare
-systemctl start dachost@pump
-systemctl set-property dachost@pump.service MemoryMax=32M
+check 'systemd reads the new units' systemctl daemon-reload
+check 'two instances are enabled and start' systemctl enable --now dachost@ip6dns dachost@spare
+check 'an instance stops' systemctl stop dachost@spare
+check 'an instance that is not enabled starts' systemctl start dachost@pump
+check 'an instance gets a property' systemctl set-property dachost@pump.service MemoryMax=32M
 systemctl start dachost@broken || :
 check 'an instance has state' [ -f /var/lib/dachost/pump/some ]
 runs ip6dns

@@ -60,8 +60,8 @@ class watcher : fleet_observer {
   supervisor _supervisor;
   std::unique_ptr<terminal> _terminal;  // null: tables are printed one after another
   event_loop::handle _next_table;
-  bool _is_started = false;
-  size_t _tables = 0;  // printed
+  bool _shows_tables = false;  // from the start of all instances to the beginning of their stop
+  size_t _tables = 0;          // printed
 };
 
 int watcher::run() {
@@ -69,12 +69,13 @@ int watcher::run() {
   _supervisor.start_all();
   bool is_over = false;
   const auto end = _options.time ? _loop.call_in(*_options.time, [&is_over] { is_over = true; }) : nullptr;
-  _is_started = true;
+  _shows_tables = true;
   if (!_supervisor.is_to_stop() && (_terminal || has_published()))
     show();
   else
     schedule_table();
   _loop.run_until([&] { return is_over || is_done(); });
+  _shows_tables = false;
   _next_table = nullptr;
   _terminal = nullptr;
   const bool is_stopped = _supervisor.stop();
@@ -90,7 +91,7 @@ void watcher::on(const event& e, const value& v) {
   state& s = _states[e.index];
   s.published_at = e.time;
   s.value = v.text;
-  if (++s.published == 1 && _is_started && has_published()) show();
+  if (++s.published == 1 && _shows_tables && has_published()) show();
 }
 
 // on_refused() has already reported why a file was refused.
@@ -105,7 +106,7 @@ void watcher::on(const event& e, const message& m) {
 
 void watcher::on_refused(size_t i, const std::string& what) {
   _states[i].refusal = report_line(what);
-  if (_is_started)
+  if (_shows_tables)
     note(i, _states[i].refusal, what);
   else
     report(_err, what);

@@ -11,6 +11,7 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/dachost_fixture.h"
 #include "tests/support/plugin.h"
 #include "tests/support/process.h"
 #include "tests/support/terminal.h"
@@ -205,6 +206,21 @@ TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
   const texts rows = lines(p.end().out.substr(before));
   EXPECT_GE(std::count_if(rows.begin(), rows.end(), [](const std::string& r) { return r.find(" 0s ") != r.npos; }), 2);
   for (const std::string& r : rows) EXPECT_EQ(r.find(" -"), std::string::npos) << r;
+}
+
+// The next table would be printed after a second, when the instance no longer exists.
+TEST_F(top, prints_no_table_for_a_value_that_arrives_while_it_stops) {
+  const remote_control gw(dir.path("fifo"));
+  dir.file(gw.order() + "hold " + dir.path("released"), "gw.conf");
+  process p = start("gw.conf");
+  p.await_out("gw ");
+  p.signal(SIGTERM);
+  EXPECT_TRUE(eventually([this] { return journal().back() == "held gw 0"; }));
+  gw.say("publish late");
+  dir.file("", "released");
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.out.find("late"), std::string::npos) << e.out;
 }
 
 TEST_F(top, ends_when_its_reader_closes) {

@@ -53,6 +53,13 @@ std::string describe(const std::vector<instance_status>& all, wall_time now) {
          summary(all, is_refused, " files refused", [](const instance_status& s) { return s.refusal; });
 }
 
+// At most `size` bytes of it, which end with a whole character.
+std::string beginning(const std::string& utf8, size_t size) {
+  if (utf8.size() <= size) return utf8;
+  while (size > 0 && (utf8[size] & 0xc0) == 0x80) --size;
+  return utf8.substr(0, size);
+}
+
 using json = nlohmann::ordered_json;
 
 json json_of(const hook_status& h) {
@@ -81,5 +88,5 @@ std::string status_document(const std::vector<instance_status>& all, wall_time n
 }
 
 std::string status_line(const std::vector<instance_status>& all, wall_time now) {
-  return valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now)).substr(0, most_bytes));
+  return beginning(valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now))), most_bytes);
 }

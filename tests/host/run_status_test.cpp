@@ -307,4 +307,11 @@ TEST(status_of_one, has_ages_in_units_that_fit) {
 TEST(status_of_one, is_short_printable_UTF_8) {
   EXPECT_EQ(status_line({{"a", "\xff\x1b", "v", {}, {}, ""}}, {}), "\xef\xbf\xbd\\x1b = v");
   EXPECT_EQ(status_line({{"a", std::string(5000, 'x'), "v", {}, {}, ""}}, {}), std::string(2000, 'x'));
+  const auto times = [](int n, const std::string& text) {
+    std::string all;
+    while (n-- > 0) all += text;
+    return all;
+  };
+  EXPECT_EQ(status_line({{"a", 'x' + times(1500, "\xc3\xa9"), "v", {}, {}, ""}}, {}), 'x' + times(999, "\xc3\xa9"));
+  EXPECT_EQ(status_line({{"a", std::string(1500, '\xff'), "v", {}, {}, ""}}, {}), times(666, "\xef\xbf\xbd"));
 }

@@ -64,7 +64,12 @@ void value_events::print(const event& e, const value& v) {
   const bool has_filter = !_filter.uses_published_value();
   if (has_filter || _with_addresses) read(e.time);
   print(e.index, e.time, v);
-  if (has_filter && !_timer) _timer = _loop.call_in(reading_interval, [this] { read_again(); });
+  if (has_filter && !_timer && !_is_stopped) _timer = _loop.call_in(reading_interval, [this] { read_again(); });
+}
+
+void value_events::stop() {
+  _timer = nullptr;
+  _is_stopped = true;
 }
 
 // All instances publish the addresses of the same machine: a list that is newer than a value serves it, too.

@@ -18,7 +18,8 @@ class value_events {
                const std::vector<std::string>& instances);
 
   void print(const event& e, const value& v);
-  void stop() { _timer = nullptr; }
+  /// Prints no value again from now on.
+  void stop();
 
  private:
   using texts = std::vector<std::string>;
@@ -43,4 +44,5 @@ class value_events {
   std::optional<std::vector<kernel_address>> _list;
   wall_clock::time_point _read_at{};
   event_loop::handle _timer;
+  bool _is_stopped = false;
 };

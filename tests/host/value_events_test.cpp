@@ -160,6 +160,19 @@ TEST_F(value_events_of_a_run, print_again_within_ten_seconds_what_the_filter_cho
   EXPECT_EQ(loop.timers(), 0U);
 }
 
+TEST_F(value_events_of_a_run, are_not_printed_again_after_the_stop) {
+  filter.which = address_filter::kind::stable;
+  addresses.add("2001:db8::1");
+  make();
+  publish("2001:db8::1");
+  values->stop();
+  publish("null");
+  EXPECT_EQ(printed().size(), 2U);
+  addresses.list[0].flags = IFA_F_DEPRECATED;
+  pass(100s);
+  EXPECT_EQ(printed(), texts{});
+}
+
 TEST_F(value_events_of_a_run, read_the_list_once_for_values_that_are_older_than_it) {
   make();
   loop.wall = wall_clock::time_point(100s);

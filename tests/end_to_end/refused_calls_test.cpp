@@ -45,6 +45,7 @@ class refused_run {
     if (e == extra::file) _settings.out_file = _dir.path("out");
     if (e == extra::state) std::filesystem::create_directory(_dir.path("state"));
     _dir.file("hostname = one\n", "gw.conf");
+    const std::lock_guard hold(_program_is_open);
     _dir.file("#!/bin/sh\necho \"$DAC_TAG $DAC_VALUE\" >>'" + _dir.path("did") + "'\necho printed\n", "prog");
     if (chmod(_dir.path("prog").c_str(), 0700) != 0) throw std::runtime_error("chmod");
   }
@@ -66,7 +67,7 @@ class refused_run {
                      _dir.path("prog"),
                      _dir.path("gw.conf")};
     if (_extra == extra::state) command.insert(command.end(), {"--state", _dir.path("state")});
-    process p(command, _settings);
+    process p = start(command);
     const bool has_one = await_hook(p, "one 2001:db8::1\n");
     _dir.file("hostname = two\n", "gw.conf");
     if (p.is_running()) p.signal(SIGHUP);
@@ -83,6 +84,10 @@ class refused_run {
   bool has_message() const { return _end.err.find("dachost: ") != std::string::npos; }
 
  private:
+  // A process that another thread starts while a program is written inherits the descriptor. The program is then busy
+  // and cannot be started until that process ends.
+  inline static std::mutex _program_is_open;
+
   const refusal _refusal;
   const int _number;
   const extra _extra;
@@ -90,6 +95,11 @@ class refused_run {
   process_settings _settings;
   ending _end{};
   texts _wrong;
+
+  process start(const texts& command) const {
+    const std::lock_guard hold(_program_is_open);
+    return process(command, _settings);
+  }
 
   void require(bool so, const std::string& what) {
     if (!so) _wrong.push_back(what + "\nstatus " + std::to_string(_end.status) + "\n" + _end.out + _end.err);

@@ -252,6 +252,18 @@ TEST_F(hooks, a_retry_has_its_whole_timeout) {
   EXPECT_EQ(programs.signals.size(), 1U);
 }
 
+TEST_F(hooks, a_retry_gets_the_time_of_the_newest_publication) {
+  make();
+  loop.wall = wall_clock::time_point(1s);
+  submit("a");
+  end(exited(1));
+  loop.wall = wall_clock::time_point(121s);
+  submit("a");
+  loop.pass(1s);
+  ASSERT_EQ(starts(), 2U);
+  EXPECT_EQ(last("DAC_TIME"), "1970-01-01T00:02:01.000Z");
+}
+
 TEST_F(hooks, a_success_resets_the_pause) {
   options.again = 1h;
   make();

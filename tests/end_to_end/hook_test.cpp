@@ -186,6 +186,18 @@ TEST_F(hook, has_its_last_success_in_the_status_file_and_in_a_dry_run_after_a_re
   EXPECT_EQ(did(), "first\n");
 }
 
+TEST_F(hook, has_its_result_in_the_status_file_if_it_ends_after_a_stop_signal) {
+  const std::string status = dir.path("status"), waits = program("echo begin >>did\n" + std::string(wait_for_go));
+  process p = run({"--status", status, "--exec", waits, conf("publish a")});
+  await_did("begin\n");
+  await_text("status", R"("hook":null)");
+  p.signal(SIGTERM);
+  await_journal("destroy gw 0");
+  go();
+  EXPECT_EQ(p.end().status, 0);
+  EXPECT_NE(read_file(status).find(R"("hook":{"result":")"), std::string::npos) << read_file(status);
+}
+
 TEST_F(hook, runs_after_a_restart_if_its_program_or_its_environment_has_changed) {
   const texts args = {"--once", "--state", state(), conf("publish a"), "--exec"};
   const auto run_with = [&](const std::string& program, const std::string& setting) {
@@ -225,6 +237,23 @@ TEST_F(hook, saves_its_state_in_the_first_directory_of_systemd) {
       << "without a program";
 }
 
+TEST_F(hook, gets_null_without_a_hold_in_a_dry_run_with_once) {
+  const ending e = run({"--once", "--dry-run", "--exec", records("ran"), conf("publish null")}).end();
+  EXPECT_EQ(e.status, 0);
+  ASSERT_EQ(lines_of(e.out, "exec").size(), 1U) << e.out;
+  EXPECT_NE(e.out.find("\tDAC_VALUE=null\t"), std::string::npos) << e.out;
+}
+
+TEST_F(hook, has_the_state_directory_of_systemd_in_a_dry_run_too) {
+  const texts systemd = {"env", "STATE_DIRECTORY=" + state()};
+  texts args = {"--once", "--exec", records("ran"), conf("publish a")};
+  EXPECT_EQ(run(args, systemd).end().status, 0);
+  args.insert(args.begin(), "--dry-run");
+  const ending e = run(args, systemd).end();
+  EXPECT_EQ(lines_of(e.out, "exec"), texts{});
+  EXPECT_NE(e.err.find("not started, because nothing has changed since 20"), std::string::npos) << e.err;
+}
+
 TEST_F(hook, runs_though_its_state_is_damaged) {
   const std::string path = state();
   dir.file("damaged", "state/gw.state");
@@ -248,7 +277,9 @@ TEST_F(hook, does_not_start_with_a_state_directory_that_cannot_be_used) {
     const texts args = {"--exec", records("ran"), conf("publish a")};
     texts given = args;
     given.insert(given.begin(), {"--state", path});
-    for (const ending& e : {run(given).end(), run(args, {"env", "STATE_DIRECTORY=" + path}).end()}) {
+    texts dry = given;
+    dry.insert(dry.begin(), "--dry-run");
+    for (const ending& e : {run(given).end(), run(dry).end(), run(args, {"env", "STATE_DIRECTORY=" + path}).end()}) {
       EXPECT_EQ(e.status, 2);
       EXPECT_EQ(e.out, "");
       EXPECT_EQ(e.err, "dachost: --state: " + path + ": " + reason + '\n');

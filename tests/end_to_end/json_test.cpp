@@ -185,6 +185,17 @@ TEST_F(json_lines, are_summed_up_in_the_status_file) {
   EXPECT_FALSE(std::filesystem::exists(status + ".tmp"));
 }
 
+// The values arrive faster than they are printed: the last one is printed long after it was published.
+TEST_F(json_lines, have_the_same_time_as_the_status_file) {
+  const remote_control gw(dir.path("fifo"));
+  const std::string status = dir.path("status");
+  process p = run_json({"--status", status, conf(gw.order())});
+  for (int n = 1; n <= 100; ++n) gw.say("publish " + std::to_string(n));
+  p.await_out(R"("value":"100")");
+  const json last = events(ended(p).out, "value").back();
+  EXPECT_EQ(json::parse(read_file(status))["instances"][0]["published"], last["time"]);
+}
+
 TEST_F(json_lines, are_not_printed_when_the_status_file_cannot_be_written_at_the_start) {
   const std::string locked = dir.path("locked"), file = dir.file("", "file"), missing = dir.path("missing/status");
   std::filesystem::create_directory(locked);

@@ -508,10 +508,11 @@ TEST_F(dachost, a_file_whose_name_begins_with_a_dash_goes_after_two_dashes) {
 }
 
 TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
-  const std::string mute = file("mute.conf", "refuse");
-  const ending e = run_fake_to_end({"check", mute});
+  const std::string bad = file("bad.conf", "refuse for a reason"), mute = file("mute.conf", "refuse");
+  const ending e = run_fake_to_end({"check", bad, mute});
   EXPECT_EQ(e.status, 1);
-  EXPECT_EQ(e.out, mute + ": refused without a reason; the plug-in may have no room for another instance\n");
+  EXPECT_EQ(e.out, bad + ": for a reason\n" + mute +
+                       ": refused without a reason; the plug-in may have no room for another instance\n");
 }
 
 TEST_F(dachost, check_tags_and_info_create_a_stopped_instance_and_destroy_it) {

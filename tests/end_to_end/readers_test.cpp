@@ -137,6 +137,17 @@ TEST_F(readers, of_check_that_are_late_get_every_line) {
   EXPECT_EQ(lines(e.out).size(), 100U);
 }
 
+TEST_F(readers, of_check_that_close_make_it_fail) {
+  texts args = {"check", "-p", FAKE_PLUGIN};
+  args.resize(args.size() + 300, conf("", std::string(200, 'x')));
+  process p = start(args);
+  await_settled(p);
+  p.close_out();
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: standard output: Broken pipe\n");
+}
+
 TEST_F(readers, that_close_during_the_last_flush_are_reported) {
   process p = run({"--for", "0.001", conf("flood 4000")});
   await_journal("destroy gw 0");

@@ -544,6 +544,17 @@ TEST_F(top_screen, counts_the_reasons_that_it_does_not_show) {
   EXPECT_EQ(screen.at(7), "2 more");
 }
 
+TEST_F(top_screen, shows_the_newest_failure_also_of_an_instance_that_failed_before_others) {
+  const remote_control first(dir.path("fifo"));
+  dir.file(first.order() + "publish null\nfail for the first time", "a.conf");
+  for (const char* name : {"b.conf", "c.conf"}) dir.file("publish null\nfail to find addresses", name);
+  terminal t(dir.path(""), 100, 6);
+  open(t, "a.conf b.conf c.conf", "Z c: to find addresses");
+  first.say("fail again");
+  t.await([](const texts& all) { return all.back().ends_with("Z a: again"); });
+  EXPECT_EQ(t.lines().at(4), "2 more");
+}
+
 TEST_F(top_screen, SIGHUP_shows_a_refusal_at_the_bottom) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 100, 8);

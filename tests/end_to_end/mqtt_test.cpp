@@ -143,8 +143,11 @@ class mqtt : public testing::Test {
           quiet);
   }
 
-  void add(int number) const {
-    std::ofstream(dir.path("values"), std::ios::app) << "{\"event\":\"value\",\"value\":\"" << number << "\"}\n";
+  /// Makes dachost print these values, in one piece.
+  template <class... Int>
+  void add(Int... numbers) const {
+    std::ofstream values(dir.path("values"), std::ios::app);
+    ((values << "{\"event\":\"value\",\"value\":\"" << numbers << "\"}\n"), ...);
   }
 
   std::unique_ptr<process> publisher(const texts& options, const std::string& script = publish_mqtt) const {
@@ -217,7 +220,7 @@ TEST_F(mqtt, values_arrive_over_TLS_once_and_in_order) {
     broker b(dir, open_to_all);
     b.start();
     subscriber s;
-    const auto p = publisher(tls());
+    const auto p = publisher(tls(), with_constant("DRAIN_SECONDS", 5, 1000));  // it ends when all is confirmed
     s.await_status("online");
     for (int n = 1; n <= 20; ++n) {
       add(n);
@@ -225,6 +228,7 @@ TEST_F(mqtt, values_arrive_over_TLS_once_and_in_order) {
     }
     EXPECT_EQ(stop(*p), "");
     s.await_status("offline");
+    b.await_report("Client ip6dns-ip6dns-gateway disconnected.");
     std::vector<int> expected(20);
     std::iota(expected.begin(), expected.end(), 1);
     const auto received = s.values();
@@ -306,7 +310,7 @@ TEST_F(mqtt, online_stays_while_the_publisher_is_connected) {
     certify();
     broker b(dir, open_to_all);
     b.start();
-    const auto p = publisher({}, with_constant("ONLINE_SECONDS", 300, 9));
+    const auto p = publisher({"-k", "9"}, with_constant("ONLINE_SECONDS", 300, 9));
     subscriber s;
     const std::string line = std::string(topic) + "/status online";
     s.await(line + '\n' + line + '\n' + line + '\n' + line + '\n' + line);  // one every three seconds
@@ -333,13 +337,20 @@ TEST_F(mqtt, broker_that_is_away_at_the_start_is_waited_for) {
   });
 }
 
-TEST_F(mqtt, broker_that_closes_without_an_answer_to_MQTT_5_gets_MQTT_3) {
-  in_new_network([this] {
-    certify();
-    broker b(dir, open_to_all);
-    b.start();
-    process old_broker({"python3", "-c", R"(
-import socket, threading
+TEST_F(mqtt, broker_that_refuses_MQTT_5_gets_MQTT_3) {
+  const struct {
+    const char *label, *answer;
+  } rows[] = {{"closes without an answer", ""},
+              {"answers as MQTT 3.1.1 says", "20020001"},
+              {"answers as MQTT 5 says", "2003008400"}};
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.label);
+    in_new_network([&] {
+      certify();
+      broker b(dir, open_to_all);
+      b.start();
+      process old_broker({"python3", "-c", R"(
+import socket, sys, threading
 def pump(source, sink):
     while data := source.recv(65536):
         sink.sendall(data)
@@ -350,22 +361,72 @@ while True:
     client, _ = server.accept()
     connect = client.recv(65536)
     if connect[8] == 5:
+        client.sendall(bytes.fromhex(sys.argv[1]))
         client.close()
         continue
     real = socket.create_connection(("127.0.0.1", 1883))
     real.sendall(connect)
     threading.Thread(target=pump, args=(client, real), daemon=True).start()
     threading.Thread(target=pump, args=(real, client), daemon=True).start()
+)",
+                          r.answer});
+      old_broker.await_out("listening");
+      subscriber s;
+      const auto p = publisher({"-p", "1885"});
+      s.await_status("online");
+      add(1);
+      s.await_value(1);
+      EXPECT_EQ(stop(*p), "");
+      old_broker.signal(SIGKILL);
+      old_broker.end_unread();
+    });
+  }
+}
+
+TEST_F(mqtt, reason_that_the_broker_sends_with_a_disconnect_is_reported) {
+  in_new_network([this] {
+    process leaving({"python3", "-u", "-c", R"(
+import socket, time
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening")
+client = server.accept()[0]
+client.recv(4096)
+client.sendall(bytes.fromhex("2003000000" "e0068b041f000162"))  # Server shutting down, with the reason "b"
+time.sleep(1000)
 )"});
-    old_broker.await_out("listening");
-    subscriber s;
-    const auto p = publisher({"-p", "1885"});
-    s.await_status("online");
+    leaving.await_out("listening");
+    const auto p = publisher({});
+    p->await_err("; retrying\n");
+    EXPECT_EQ(stop(*p), "publish-mqtt: 127.0.0.1:1883: Server shutting down; retrying\n");
+  });
+}
+
+TEST_F(mqtt, value_waits_for_the_confirmation_of_the_one_before) {
+  in_new_network([this] {
+    process slow({"python3", "-u", "-c", R"(
+import re, select, socket
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening")
+client = server.accept()[0]
+client.recv(4096)
+client.sendall(bytes.fromhex("2003000000"))
+while data := client.recv(4096):
+    for identifier, number in re.findall(rb'ip6dns/gateway(..)\x05\x02....[{]"event":"value","value":"(.)', data, re.S):
+        print("value", number.decode())
+        print("too early" if select.select([client], [], [], 3)[0] else "confirmed")
+        client.sendall(b"\x40\x02" + identifier)
+)"});
+    slow.await_out("listening");
+    const auto p = publisher({});
     add(1);
-    s.await_value(1);
-    EXPECT_EQ(stop(*p), "");
-    old_broker.signal(SIGKILL);
-    old_broker.end_unread();
+    slow.await_out("value 1\n");
+    add(2, 3);
+    slow.await_out("value 3\nconfirmed\n");
+    p->signal(SIGTERM);
+    slow.signal(SIGKILL);
+    slow.end_unread();
+    p->end();
+    EXPECT_EQ(slow.out(), "listening\nvalue 1\nconfirmed\nvalue 3\nconfirmed\n");
   });
 }
 
@@ -582,6 +643,49 @@ TEST_F(mqtt, publisher_without_the_required_certificate_retries) {
   });
 }
 
+TEST_F(mqtt, pauses_between_attempts_become_longer) {
+  in_new_network([this] {
+    process refusing({"python3", "-u", "-c", R"(
+import socket
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening")
+while True:
+    client = server.accept()[0]
+    client.recv(4096)
+    client.sendall(bytes.fromhex("2003008700"))  # Not authorized
+    client.recv(4096)
+    print("attempt")
+)"});
+    refusing.await_out("listening");
+    const auto p = publisher({});
+    refusing.await_out("attempt\nattempt\n");
+    process({"sleep", "12"}).end();
+    stop(*p);
+    refusing.signal(SIGKILL);
+    EXPECT_LE(count(refusing.end().out, "attempt"), 7U) << "with an attempt per second there are more than 12";
+  });
+}
+
+TEST_F(mqtt, second_loss_is_over_only_after_a_long_connection) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({});
+    subscriber().await_status("online");
+    for (int n = 1; n <= 2; ++n) {
+      b.kill();
+      p->await_err("; retrying\n");
+      shell("rm -rf " + dir.path("state/*"));
+      b.start();
+      subscriber().await_status("online");
+      if (n == 1) p->await_err("connected again");
+    }
+    process({"sleep", "8"}).end();  // three seconds more than after the first loss
+    EXPECT_EQ(count(stop(*p), "connected again"), 1U);
+  });
+}
+
 TEST_F(mqtt, silent_broker_is_reported_after_the_seconds_of_k) {
   in_new_network([this] {
     certify();
@@ -615,6 +719,45 @@ time.sleep(1000)
     const auto p = publisher({"-k", "12"});
     p->await_err("publish-mqtt: 127.0.0.1:1883: silent for 12 seconds; retrying\n");
     stop(*p);
+  });
+}
+
+TEST_F(mqtt, message_without_a_confirmation_is_reported_after_the_seconds_of_k) {
+  in_new_network([this] {
+    process forgetful({"python3", "-u", "-c", R"(
+import socket, time
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening")
+client = server.accept()[0]
+client.recv(4096)
+client.sendall(bytes.fromhex("2003000000"))
+while data := client.recv(4096):
+    if data.endswith(bytes.fromhex("c000")):
+        client.sendall(bytes.fromhex("d000"))  # the answer to a ping
+time.sleep(1000)
+)"});
+    forgetful.await_out("listening");
+    const auto p = publisher({"-k", "8"});
+    p->await_err("; retrying\n");
+    EXPECT_EQ(stop(*p), "publish-mqtt: 127.0.0.1:1883: no confirmation for 8 seconds; retrying\n");
+  });
+}
+
+TEST_F(mqtt, publisher_can_be_stopped_during_a_TLS_handshake) {
+  in_new_network([this] {
+    certify();
+    process mute({"python3", "-u", "-c", R"(
+import socket, time
+server = socket.create_server(("127.0.0.1", 8883))
+print("listening")
+client = server.accept()[0]
+print("client:", client.recv(9))
+time.sleep(1000)
+)"});
+    mute.await_out("listening");
+    const auto p = publisher({"--cafile", dir.path("ca.crt"), "-k", "65535"});
+    mute.await_out("client:");
+    EXPECT_EQ(stop(*p), "");
   });
 }
 
@@ -709,7 +852,8 @@ TEST_F(mqtt, stopped_publisher_leaves_no_process) {
     const auto p = publisher({});
     p->await_err("; retrying\n");
     const pid_t child = dachost();
-    stop(*p);
+    p->signal(SIGTERM);
+    EXPECT_EQ(p->end().status, 0);
     EXPECT_TRUE(is_gone(child));
   });
 }
@@ -727,6 +871,32 @@ TEST_F(mqtt, publisher_ends_with_the_status_of_dachost) {
     const auto p = publisher({});
     EXPECT_EQ(p->end().status, 78);
   });
+}
+
+TEST_F(mqtt, value_that_dachost_prints_before_its_end_arrives) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const std::string value = R"({"event":"value","value":"1"})";
+    set_dachost("echo '" + value + "'");
+    const ending e = publisher({})->end();
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(retained(""), value + '\n');
+    EXPECT_EQ(retained("/status"), "offline\n");
+  });
+}
+
+TEST_F(mqtt, missing_program_or_library_is_named) {
+  const std::string paho = dir.file("", "paho.py"), message = "publish-mqtt: the Python module paho.mqtt is missing;";
+  const ending library = process({"env", "PYTHONPATH=" + dir.path(""), publish_mqtt, "gw.conf", topic}).end();
+  EXPECT_EQ(library.err, message + " install the package python3-paho-mqtt\n");
+  EXPECT_EQ(library.status, 1);
+  std::filesystem::remove(paho);
+  const ending program = process({"env", "PATH=" + dir.path(""), publish_mqtt, "gw.conf", topic}).end();
+  EXPECT_EQ(program.err, "publish-mqtt: dachost: not found on PATH\n");
+  EXPECT_EQ(program.status, 1);
 }
 
 TEST_F(mqtt, signal_that_ends_dachost_is_reported) {
@@ -846,6 +1016,16 @@ TEST_F(mqtt, impossible_options_are_refused) {
     EXPECT_EQ(e.status, 2) << bad[1];
     EXPECT_NE(e.err.find(bad[0] == "--cafile" ? bad[1] + ": " : bad[0]), std::string::npos) << e.err;
     EXPECT_EQ(e.err.find("Traceback"), std::string::npos) << e.err;
+  }
+}
+
+TEST_F(mqtt, least_and_largest_numbers_are_accepted) {
+  set_dachost("exit 3");
+  for (const texts& numbers :
+       {texts{"-p", "1", "-k", "3", "--expiry", "0"}, texts{"-p", "65535", "-k", "65535", "--expiry", "4294967295"}}) {
+    const ending e = publisher(numbers, with_constant("START_SECONDS", 1, 20))->end();
+    EXPECT_EQ(e.err, "");
+    EXPECT_EQ(e.status, 3);
   }
 }
 

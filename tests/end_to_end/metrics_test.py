@@ -3,8 +3,10 @@
 
 import json
 import os
+import resource
 import shutil
 import socket
+import stat
 import subprocess
 import tempfile
 import time
@@ -56,9 +58,9 @@ class Metrics(unittest.TestCase):
         self.folder = folder.name
         self.path = os.path.join(self.folder, "ip6dns.prom")
 
-    def start(self, path=None):
+    def start(self, path=None, **options):
         command = [os.path.join(examples, "metrics-textfile"), path or self.path]
-        started = subprocess.Popen(command, stdin=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
+        started = subprocess.Popen(command, stdin=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
         self.addCleanup(started.wait)
         self.addCleanup(started.kill)
         return started
@@ -86,6 +88,18 @@ class Metrics(unittest.TestCase):
 
     def test_lines_without_a_schema_give_the_expected_file(self):
         self.assertEqual(self.convert(OLD), (EXPECTED, ""))
+
+    def test_each_kind_of_line_gives_the_info(self):
+        hook = {"schema": 1, "event": "hook", "instance": "gw", "program": "p", "result": "ok"}
+        for lines, tag in ((OLD[1:2], "gw.example"), (OLD[2:3], "gw.example"), ([hook], "")):
+            with self.subTest(lines):
+                text, errors = self.convert(lines)
+                self.assertIn(f'ip6dns_info{{name="gw",tag="{tag}",version=""}} 1\n', text)
+                self.assertEqual(errors, "")
+
+    def test_every_user_can_read_the_file(self):
+        self.convert(OLD)
+        self.assertEqual(stat.S_IMODE(os.stat(self.path).st_mode), 0o644)
 
     def test_no_address_is_in_the_file(self):
         text = self.convert(OLD)[0]
@@ -146,7 +160,8 @@ class Metrics(unittest.TestCase):
         program.stdin.flush()
         self.await_text('name="gw299"')
         whole, seen, versions = self.read().count("\n"), 0, set()
-        end = time.monotonic() + 4
+        begin = time.monotonic()
+        end = begin + 4
         while time.monotonic() < end:
             program.stdin.write(lines[seen % 300])
             program.stdin.flush()
@@ -155,9 +170,39 @@ class Metrics(unittest.TestCase):
             versions.add(text)
             seen += 1
         self.assertGreater(len(versions), 2)
+        self.assertLessEqual(len(versions), time.monotonic() - begin + 2, "at most one per second")
         program.stdin.close()
         self.assertEqual(program.wait(LIMIT), 0)
         self.assertEqual(os.listdir(self.folder), ["ip6dns.prom"])
+
+    def test_full_disk_leaves_the_old_file(self):
+        with open(self.path, "w", encoding="utf-8") as f:
+            f.write("old\n")
+        limit = lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (100, 100))  # noqa: E731
+        program = self.start(preexec_fn=limit)
+        self.assertEqual(program.communicate(json.dumps(OLD[2]) + "\n")[1],
+                         f"metrics-textfile: {self.path}: File too large\n")  # fmt: skip
+        self.assertEqual(program.returncode, 1)
+        self.assertEqual(self.read(), "old\n")
+        self.assertEqual(os.listdir(self.folder), ["ip6dns.prom"])
+
+    def test_only_the_directory_of_the_file_is_written(self):
+        for path, directory in ((self.path, "/proc"), ("ip6dns.prom", self.folder)):  # no file can be created in /proc
+            with self.subTest(path):
+                program = self.start(path, cwd=directory)
+                self.assertEqual(program.communicate(json.dumps(OLD[2]) + "\n")[1], "")
+                self.assertIn('name="gw"', self.read())
+                os.remove(self.path)
+
+    def test_usage_is_printed(self):
+        for arguments, status in ((["-h"], 0), (["--help"], 0), ([], 2), (["a.prom", "b.prom"], 2), (["-h", "b"], 2)):
+            with self.subTest(arguments):
+                command = [os.path.join(examples, "metrics-textfile"), *arguments]
+                ended = subprocess.run(command, stdin=subprocess.DEVNULL, capture_output=True, text=True)
+                self.assertEqual(ended.returncode, status)
+                usage, other = (ended.stderr, ended.stdout) if status else (ended.stdout, ended.stderr)
+                self.assertIn("dachost run --json /etc/ip6dns/*.conf | metrics-textfile /", usage)
+                self.assertEqual(other, "")
 
     def test_file_that_cannot_be_written_is_named(self):
         program = self.start("/nonexistent/ip6dns.prom")

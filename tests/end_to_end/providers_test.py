@@ -103,6 +103,19 @@ class Webhook(Example):
         body = self.server.requests.pop()[2]
         self.assertEqual((body["tag"], body["instance"]), (names["DAC_TAG"], names["DAC_INSTANCE"]))
 
+    def test_empty_settings_are_as_if_not_set(self):
+        self.assertEqual(self.post(WEBHOOK_TIMEOUT="", WEBHOOK_TOKEN_FILE=""), (0, ""))
+
+    def test_a_missing_program_is_named(self):
+        self.assertEqual(self.post(PATH=self.folder), (1, "webhook: curl is missing; install the package curl\n"))
+        self.file("curl", "#!/bin/sh\n", mode=0o700)
+        self.assertEqual(self.post(PATH=self.folder), (1, "webhook: jq is missing; install the package jq\n"))
+
+    def test_nothing_is_posted_when_jq_fails(self):
+        self.file("jq", "#!/bin/sh\necho no memory >&2\nexit 5\n", mode=0o700)
+        self.assertEqual(self.post(PATH=self.folder + ":/usr/bin:/bin"), (5, "no memory\n"))
+        self.assertEqual(self.server.requests, [])
+
     def test_the_longest_timeout_is_an_hour(self):
         self.assertEqual(self.post(WEBHOOK_TIMEOUT="3600"), (0, ""))
 
@@ -275,6 +288,11 @@ class LexiconArguments(Example):
         self.assertEqual(calls[1], f"--config-dir /etc/lexicon gandi create {tail}--content 2001:db8::10 --ttl 300 ")
         self.assertEqual(calls[2], f"--config-dir /etc/lexicon gandi delete {tail}--content 2001:DB8:0::9 ")
         self.assertEqual(status, 1)
+
+    def test_the_least_and_the_largest_TTL_are_passed_on(self):
+        for ttl in ("0", "2147483647"):
+            with self.subTest(ttl):
+                self.assertTrue(self.update("[]", LEX_TTL=ttl)[2][1].endswith(f" --ttl {ttl} "))
 
     def test_addresses_are_compared_as_numbers(self):
         status, message, calls = self.update('[{"type": "AAAA", "content": "2001:0DB8:0::10"}]')

@@ -3,6 +3,7 @@
 
 import os
 import re
+import socket
 import subprocess
 import sys
 import tempfile
@@ -281,6 +282,7 @@ class Hosts(unittest.TestCase):
             ({"NSUPDATE_HOSTS": "a=::1 =::2"}, hosts + "'=::2'"),
             ({"NSUPDATE_HOSTS": "a=2001:db8::1"}, hosts + "'a=2001:db8::1'"),
             ({"NSUPDATE_HOSTS": "a=::"}, hosts + "'a=::'"),
+            ({"NSUPDATE_HOSTS": "a=0:0:0:1::"}, hosts + "'a=0:0:0:1::'"),
             ({"NSUPDATE_HOSTS": "a=mac(00:11:22:33:44)"}, hosts + "'a=mac(00:11:22:33:44)'"),
             ({"NSUPDATE_HOSTS": "a..b=::1"}, hosts + "'a..b=::1'"),
             ({"NSUPDATE_HOSTS": "a.test.=::1"}, "NSUPDATE_HOSTS: a.test. is not in the zone example."),
@@ -309,6 +311,12 @@ class Hosts(unittest.TestCase):
                 ended = shell(f"echo '{key}' | ./nsupdate-hosts 3</dev/stdin", NSUPDATE_KEY=pipe, **settings)
                 self.assertEqual(ended.stdout, "nsupdate-hosts: 127.0.0.1: Connection refused\n")
 
+    def test_a_missing_library_is_named(self):
+        with tempfile.TemporaryDirectory() as folder:
+            open(folder + "/dns.py", "w").close()  # a module without the parts of dnspython
+            message = "nsupdate-hosts: the Python module dns is missing; install the package python3-dnspython\n"
+            self.assertEqual(self.run_with(PYTHONPATH=folder), (1, message))
+
     def test_a_server_that_is_away_is_a_failure(self):
         self.assertEqual(self.run_with(), (1, "nsupdate-hosts: 127.0.0.1: Connection refused\n"))
 
@@ -331,6 +339,19 @@ class Hosts(unittest.TestCase):
 
     def test_a_silent_server_is_a_failure_after_the_timeout(self):
         status, message = self.run_against("pass", NSUPDATE_TIMEOUT="1")
+        self.assertEqual(status, 1)
+        self.assertRegex(message, "^nsupdate-hosts: 127.0.0.1: .*timed out.*\n$")
+
+    def test_a_server_that_answers_too_slowly_is_a_failure_after_the_timeout(self):
+        answer = "import contextlib, time\nwith contextlib.suppress(OSError):\n  c.recv(9999); c.sendall(b'\\0\\x28')\n"
+        answer += "  [(c.sendall(b'x'), time.sleep(0.25)) for _ in range(40)]\nc.close()"
+        status, message = self.run_against(answer, NSUPDATE_TIMEOUT="1")
+        self.assertEqual(status, 1)
+        self.assertRegex(message, "^nsupdate-hosts: 127.0.0.1: .*timed out.*\n$")
+
+    def test_a_server_that_takes_no_connection_is_a_failure_after_the_timeout(self):
+        with socket.create_server(("127.0.0.1", 53), backlog=0), socket.create_connection(("127.0.0.1", 53)):
+            status, message = self.run_with(NSUPDATE_TIMEOUT="1")
         self.assertEqual(status, 1)
         self.assertRegex(message, "^nsupdate-hosts: 127.0.0.1: .*timed out.*\n$")
 

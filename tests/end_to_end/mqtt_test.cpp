@@ -383,6 +383,24 @@ while True:
   }
 }
 
+TEST_F(mqtt, attempts_begin_with_MQTT_5) {
+  in_new_network([this] {
+    process closing({"python3", "-u", "-c", R"(
+import socket
+server = socket.create_server(("127.0.0.1", 1883))
+print("listening")
+while True:
+    client = server.accept()[0]
+    print("protocol", client.recv(4096)[8])
+    client.close()
+)"});
+    closing.await_out("listening");
+    const auto p = publisher({});
+    closing.await_out("protocol 5\nprotocol 4\nprotocol 5\nprotocol 4\n");
+    stop(*p);
+  });
+}
+
 TEST_F(mqtt, reason_that_the_broker_sends_with_a_disconnect_is_reported) {
   in_new_network([this] {
     process leaving({"python3", "-u", "-c", R"(
@@ -959,6 +977,7 @@ TEST_F(mqtt, unusable_client_certificate_ends_the_publisher_at_the_start) {
       {{"--cert", folder, "--key", key}, folder + ": not a regular file"},
       {{"--cert", crt, "--key", folder}, folder + ": not a regular file"},
       {{"--cafile", fifo}, fifo + ": not a regular file"},
+      {{"--cafile", "/proc/self/mem"}, "/proc/self/mem: cannot be read: Input/output error"},
       {{"--cert", text, "--key", key}, text + ": contains no certificate in PEM format"},
       {{"--cert", crt, "--key", text}, text + ": contains no private key in PEM format"},
       {{"--cert", crt, "--key", crt}, crt + ": contains no private key in PEM format"},
@@ -1010,7 +1029,8 @@ TEST_F(mqtt, impossible_options_are_refused) {
                                     {"-k", "-1"},       {"-k", "65536"},
                                     {"--expiry", "-1"}, {"--expiry", "4294967296"},
                                     {"--cafile", text}, {"--cafile", dir.path("")},
-                                    {"-h", ""},         {"-P", "without -u"}};
+                                    {"-h", ""},         {"-P", "without -u"},
+                                    {"--expir", "5"}};
   for (const texts& bad : cases) {
     const ending e = process({publish_mqtt, "gw.conf", "topic", bad[0], bad[1]}).end();
     EXPECT_EQ(e.status, 2) << bad[1];

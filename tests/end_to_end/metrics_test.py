@@ -198,7 +198,7 @@ class Metrics(unittest.TestCase):
         for arguments, status in ((["-h"], 0), (["--help"], 0), ([], 2), (["a.prom", "b.prom"], 2), (["-h", "b"], 2)):
             with self.subTest(arguments):
                 command = [os.path.join(examples, "metrics-textfile"), *arguments]
-                ended = subprocess.run(command, cwd=self.folder, stdin=subprocess.DEVNULL, capture_output=True, text=True)
+                ended = subprocess.run(command, cwd=self.folder, input="", capture_output=True, text=True)
                 self.assertEqual(ended.returncode, status)
                 usage, other = (ended.stderr, ended.stdout) if status else (ended.stdout, ended.stderr)
                 self.assertIn("dachost run --json /etc/ip6dns/*.conf | metrics-textfile /", usage)

@@ -1039,6 +1039,14 @@ TEST_F(mqtt, impossible_options_are_refused) {
   }
 }
 
+TEST_F(mqtt, help_lists_the_options) {
+  const ending e = process({publish_mqtt, "--help"}).end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "");
+  for (const char* word : {"CONFIG", "TOPIC", "-h HOST", "-p PORT", "-k SECONDS", "--cafile FILE", "--expiry SECONDS"})
+    EXPECT_NE(e.out.find(word), std::string::npos) << word << '\n' << e.out;
+}
+
 TEST_F(mqtt, least_and_largest_numbers_are_accepted) {
   set_dachost("exit 3");
   for (const texts& numbers :

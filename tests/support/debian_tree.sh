@@ -23,8 +23,9 @@ if [ "$packages" != "$(cat "$tree.packages" 2>/dev/null)" ]; then
     awk '$1 == "bookworm" && $2 == "Debian" { print $3; exit }')
   [ -n "$mirror" ] || skip 'apt has no source of Debian 12'
   rm -rf --one-file-system "$tree" "$tree.packages"
+  # Its shell commands write to descriptors that it opens, and dash has no numbers above 9: free the low ones.
   mmdebstrap --variant=minbase --include="$packages" bookworm "$tree" "$mirror" \
-    >"$tree.log" 2>&1 || {
+    >"$tree.log" 2>&1 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&- || {
     tail -n 30 "$tree.log"
     exit 1
   }

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/built.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 #include "tests/support/texts.h"
@@ -84,8 +85,8 @@ class check : public testing::TestWithParam<misuse> {
   const std::string conf = dir.file("hostname = h1\n");
 
   ending host(const std::string& misuse, const std::string& plugin, const texts& environment = {}) const {
-    texts argv = split(EMULATOR, ' ');
-    argv.insert(argv.end(), {WRONG_HOST, LAYER, conf, misuse});
+    texts argv = split(built("emulator"), ' ');
+    argv.insert(argv.end(), {built("wrong_host"), built("plugin"), conf, misuse});
     process_settings s;
     s.environment = environment;
     s.environment.push_back("ASAN_OPTIONS=detect_leaks=0");  // which ends badly in a process that leaves threads
@@ -99,7 +100,7 @@ class wrong_host : public check {};
 }  // namespace
 
 TEST_P(wrong_host, is_reported_and_continues) {
-  const ending e = host(GetParam().name, TAME_PLUGIN);
+  const ending e = host(GetParam().name, built("tame_plugin"));
   EXPECT_EQ(e.status, GetParam().throws ? -SIGABRT : 0) << e.err;
   const std::vector<report> found = reports(e.err);
   EXPECT_EQ(kinds(found), GetParam().kinds) << e.err;
@@ -119,7 +120,7 @@ INSTANTIATE_TEST_SUITE_P(misuse, wrong_host, testing::ValuesIn(misuses),
                          [](const auto& row) { return std::string(row.param.name); });
 
 TEST_F(check, reports_nothing_for_a_correct_host) {
-  for (const char* plugin : {"", TAME_PLUGIN}) {
+  for (const std::string& plugin : {std::string(), built("tame_plugin")}) {
     const ending e = host("nothing", plugin, {"DAC_CHECK_ABORT=1"});
     EXPECT_EQ(e.status, 0) << plugin << e.err;
     EXPECT_EQ(e.err, "") << plugin;
@@ -148,7 +149,8 @@ TEST_F(check, a_plugin_that_cannot_be_loaded_is_reported_and_ends_the_process) {
   const std::string path = dir.path("none.so"), text = dir.file("text", "text.so");
   const struct {
     std::string plugin, reason;
-  } rows[] = {{path, path}, {text, text}, {LAYER, "the plug-in is this library"}, {"libm.so.6", "dac_create"}};
+  } rows[] = {
+      {path, path}, {text, text}, {built("plugin"), "the plug-in is this library"}, {"libm.so.6", "dac_create"}};
   for (const auto& r : rows) {
     const ending e = host("nothing", r.plugin);
     EXPECT_EQ(e.status, 127) << r.plugin;

@@ -25,7 +25,7 @@ class addresses : public dachost_fixture {
  protected:
   /// What a program gets with these options, while dachost reports `errors`.
   texts picked(const texts& options, const std::string& errors = "") const {
-    texts args = {"run", "-p", PLUGIN, "--once", "--exec", program("echo \"$DAC_VALUE\" >did")};
+    texts args = {"run", "-p", built("plugin"), "--once", "--exec", program("echo \"$DAC_VALUE\" >did")};
     args.insert(args.end(), options.begin(), options.end());
     args.push_back(dir.file("hostname=h"));
     const ending e = start(args).end();

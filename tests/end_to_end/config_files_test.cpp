@@ -34,7 +34,7 @@ TEST_F(config_files, that_block_or_never_end_are_refused_in_one_line) {
   for (const row& r : rows) {
     for (const char* command : {"run", "top", "check", "tags", "info"}) {
       SCOPED_TRACE(std::string(command) + ' ' + r.file);
-      const ending e = start({command, "-p", PLUGIN, r.file}).end();
+      const ending e = start({command, "-p", built("plugin"), r.file}).end();
       EXPECT_GT(e.status, 0);
       const std::string& report = command == std::string("check") ? e.out : e.err;
       ASSERT_EQ(lines(report).size(), 1U) << report;
@@ -48,7 +48,7 @@ TEST_F(config_files, that_become_FIFOs_do_not_stop_the_old_instance_or_block_dac
   for (const char* command : {"run", "top"}) {
     SCOPED_TRACE(command);
     const std::string file = dir.file("hostname=before", "gw.conf");
-    process p = start({command, "-p", PLUGIN, file});
+    process p = start({command, "-p", built("plugin"), file});
     p.await_out("before");
     replace(p, fifo());
     p.await_err(file + ": not a regular file; the old instance continues\n");
@@ -62,7 +62,8 @@ TEST_F(config_files, that_become_FIFOs_do_not_stop_the_old_instance_or_block_dac
 TEST_F(config_files, on_which_the_plug_in_hangs_leave_dachost_answering_SIGTERM) {
   for (const char* command : {"run", "top"}) {
     SCOPED_TRACE(command);
-    process p = start({command, "-p", FAKE_PLUGIN, conf("hang")}, preloaded(SHORT_MINUTES, journal_to()));
+    process p =
+        start({command, "-p", built("fake_plugin"), conf("hang")}, preloaded(built("short_minutes"), journal_to()));
     await_journal("hang gw");
     p.signal(SIGTERM);
     const ending e = p.end();
@@ -70,14 +71,15 @@ TEST_F(config_files, on_which_the_plug_in_hangs_leave_dachost_answering_SIGTERM)
     EXPECT_EQ(e.err, "dachost: the plug-in does not return; the instances are not stopped\n");
     std::filesystem::remove(dir.path("journal"));
   }
-  process p = start({"check", "-p", FAKE_PLUGIN, conf("hang")}, journal_to());
+  process p = start({"check", "-p", built("fake_plugin"), conf("hang")}, journal_to());
   await_journal("hang gw");
   p.signal(SIGTERM);
   EXPECT_EQ(p.end().status, -SIGTERM);
 }
 
 TEST_F(config_files, on_which_the_plug_in_hangs_at_a_reload_leave_dachost_answering_SIGTERM) {
-  process p = start({"run", "-p", FAKE_PLUGIN, conf("publish a")}, preloaded(SHORT_MINUTES, journal_to()));
+  process p =
+      start({"run", "-p", built("fake_plugin"), conf("publish a")}, preloaded(built("short_minutes"), journal_to()));
   p.await_out("\ta\n");
   conf("hang");
   p.signal(SIGHUP);

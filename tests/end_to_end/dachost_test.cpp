@@ -14,6 +14,7 @@
 #include <system_error>
 
 #include "driver/dac.h"
+#include "tests/support/built.h"
 #include "tests/support/process.h"
 #include "tests/support/scratch.h"
 #include "tests/support/texts.h"
@@ -76,14 +77,14 @@ texts started_and_stopped(const std::string& instance) {
 }
 
 texts command_line(const std::string& executable, const texts& args) {
-  texts argv = split(EMULATOR, ' ');
+  texts argv = split(built("emulator"), ' ');
   argv.push_back(executable);
   argv.insert(argv.end(), args.begin(), args.end());
   return argv;
 }
 
 ending run_dachost(const texts& args, const process_settings& s = {}) {
-  return process(command_line(DACHOST, args), s).end();
+  return process(command_line(built("dachost"), args), s).end();
 }
 
 class dachost : public testing::Test {
@@ -98,7 +99,7 @@ class dachost : public testing::Test {
   }
 
   /// dachost with the plug-in that ships.
-  static process start(const texts& args, const process_settings& s = {}) { return start(PLUGIN, args, s); }
+  static process start(const texts& args, const process_settings& s = {}) { return start(built("plugin"), args, s); }
   static ending run_to_end(const texts& args, const process_settings& s = {}) { return start(args, s).end(); }
 
   /// dachost with the plug-in that records the calls of the host.
@@ -106,7 +107,7 @@ class dachost : public testing::Test {
     process_settings s;
     s.environment = environment;
     s.environment.push_back("FAKE_JOURNAL=" + path("journal"));
-    return start(FAKE_PLUGIN, args, s);
+    return start(built("fake_plugin"), args, s);
   }
   ending run_fake_to_end(const texts& args, const texts& environment = {}) const {
     return start_fake(args, environment).end();
@@ -169,7 +170,7 @@ class dachost : public testing::Test {
 
   /// A copy of the plug-in in which one entry point has another name.
   std::string plugin_without(const std::string& entry) const {
-    std::string bytes = read_file(BARE_PLUGIN);
+    std::string bytes = read_file(built("ip6dns"));
     const std::string name = '\0' + entry + '\0';
     // Another name with the same hash, which is sum * 33 + character. The loader still resolves the library's
     // references to the function: an address sanitizer adds some.
@@ -190,9 +191,9 @@ class dachost : public testing::Test {
       if (f.filename().string().starts_with(prefix)) files.push_back(f);
     return files;
   }
-  static process start(const char* plugin, texts args, const process_settings& s) {
+  static process start(const std::string& plugin, texts args, const process_settings& s) {
     args.insert(args.begin() + 1, {"-p", plugin});
-    return process(command_line(DACHOST, args), s);
+    return process(command_line(built("dachost"), args), s);
   }
 };
 
@@ -209,7 +210,7 @@ class no_threads {
   no_threads& operator=(const no_threads&) = delete;
 
   /// What runs the program may need threads itself.
-  static bool possible() { return !NEEDS_THREADS; }
+  static bool possible() { return built("needs_threads") == "0"; }
 
  private:
   rlimit _before{};
@@ -390,22 +391,22 @@ TEST_F(dachost, a_missing_entry_point_is_named) {
 TEST_F(dachost, without_p_the_nearest_library_is_loaded) {
   const std::string conf = file("h.conf", "hostname=h");
   fs::create_directory(path("bin"));
-  fs::copy(DACHOST, path("bin/dachost"));
+  fs::copy(built("dachost"), path("bin/dachost"));
   process_settings s;
-  s.environment = {"LD_LIBRARY_PATH=" + path("loader"), "DAC_CHECK_PLUGIN=" BARE_PLUGIN};
+  s.environment = {"LD_LIBRARY_PATH=" + path("loader"), "DAC_CHECK_PLUGIN=" + built("ip6dns")};
   const struct row {
-    const char* place;
+    std::string place;
     std::string loaded;
   } rows[] = {// from the last resort to the first
               {"loader", "libip6dns.so"},
               {".", path("libip6dns.so")},
               {"lib/dac", path("lib/dac/libip6dns.so")},
-              {"lib/" TRIPLET "/dac", path("lib/" TRIPLET "/dac/libip6dns.so")},
+              {"lib/" + built("triplet") + "/dac", path("lib/" + built("triplet") + "/dac/libip6dns.so")},
               {"bin", path("bin/libip6dns.so")}};
   for (const row& r : rows) {
     SCOPED_TRACE(r.place);
     fs::create_directories(path(r.place));
-    fs::copy(PLUGIN, path(r.place) + "/libip6dns.so");
+    fs::copy(built("plugin"), path(r.place) + "/libip6dns.so");
     const ending e = process(command_line(path("bin/dachost"), {"run", "--for", "0.001", conf}), s).end();
     EXPECT_EQ(e.status, 0) << e.err;
     EXPECT_EQ(lines_of(e.out, "version"), texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", r.loaded})});
@@ -476,7 +477,7 @@ TEST_F(dachost, check_and_run_name_the_first_line_that_is_not_used) {
 
 TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
   const std::string conf = file("gw.conf", "hostname=h");
-  texts args = {"check", "-p", BARE_PLUGIN};
+  texts args = {"check", "-p", built("ip6dns")};
   args.insert(args.end(), 1025, conf);
   process_settings patient;
   patient.limit = std::chrono::seconds(100);  // a thousand instances, slow with sanitizers
@@ -491,16 +492,16 @@ TEST_F(dachost, check_refuses_what_run_has_no_room_for) {
 TEST_F(dachost, a_file_whose_name_begins_with_a_dash_goes_after_two_dashes) {
   const auto check_there = [&](const texts& args) {
     texts argv = {"sh", "-c", "cd \"$0\" && exec \"$@\"", path("")};
-    for (const std::string& word : command_line(DACHOST, args)) argv.push_back(word);
+    for (const std::string& word : command_line(built("dachost"), args)) argv.push_back(word);
     return process(argv).end();
   };
   for (const std::string name : {"-x.conf", "--long.conf", "-plan.conf"}) {
     SCOPED_TRACE(name);
     file(name, "hostname=h");
-    const ending e = check_there({"check", "--plugin", PLUGIN, name});
+    const ending e = check_there({"check", "--plugin", built("plugin"), name});
     expect_usage_error(e);
     EXPECT_NE(e.err.find("; write -- before " + name), std::string::npos) << e.err;
-    EXPECT_EQ(check_there({"check", "--plugin", PLUGIN, "--", name}).out, name + ": ok, host name h\n");
+    EXPECT_EQ(check_there({"check", "--plugin", built("plugin"), "--", name}).out, name + ": ok, host name h\n");
   }
   const ending e = check_there({"check", "-y.conf"});
   expect_usage_error(e);
@@ -533,20 +534,21 @@ TEST_F(dachost, a_file_may_have_the_name_that_ends_a_sub_command) {
   chmod(file("++", "hostname=h").c_str(), 0700);
   const auto check_there = [&](const texts& args) {
     texts argv = {"sh", "-c", "cd \"$0\" && PATH=$PATH: exec \"$@\"", path("")};
-    for (const std::string& word : command_line(DACHOST, args)) argv.push_back(word);
+    for (const std::string& word : command_line(built("dachost"), args)) argv.push_back(word);
     return process(argv).end();
   };
-  for (const texts& args : {texts{"check", "-p", PLUGIN, "++"}, {"check", "-p", PLUGIN, "--", "++"}}) {
+  for (const texts& args :
+       {texts{"check", "-p", built("plugin"), "++"}, {"check", "-p", built("plugin"), "--", "++"}}) {
     const ending e = check_there(args);
     EXPECT_EQ(e.err, "");
     EXPECT_EQ(e.out, "++: ok, host name h\n");
   }
   EXPECT_TRUE(check_there({"check", "-p", "++", "++"}).err.starts_with("dachost: ++: "));
-  EXPECT_EQ(check_there({"run", "-p", PLUGIN, "--status", "++", "++"}).err,
+  EXPECT_EQ(check_there({"run", "-p", built("plugin"), "--status", "++", "++"}).err,
             "dachost: --status: ++: is a configuration file, which would be replaced\n");
-  EXPECT_EQ(check_there({"run", "-p", PLUGIN, "--exec", "true", "--state", "++", "++"}).err,
+  EXPECT_EQ(check_there({"run", "-p", built("plugin"), "--exec", "true", "--state", "++", "++"}).err,
             "dachost: --state: ++: Not a directory\n");
-  const ending e = check_there({"run", "-p", PLUGIN, "--once", "++", "--dry-run", "--exec", "++"});
+  const ending e = check_there({"run", "-p", built("plugin"), "--once", "++", "--dry-run", "--exec", "++"});
   EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("++", "h")}) << e.err;
   EXPECT_TRUE(lines_of(e.out, "exec").at(0).starts_with("++\texec\t++\tDAC_INSTANCE=++\t")) << e.out;
 }
@@ -621,8 +623,8 @@ TEST_F(dachost, run_prints_version_tags_messages_and_values) {
   texts out = lines(e.out);
   for (std::string& line : out) line.erase(0, line.find('\t') + 1);
   const texts messages = started_and_stopped("gw");
-  EXPECT_EQ(out, (texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", PLUGIN}), tag_line("gw", "gw.example"),
-                        messages[0], value_line("gw", "gw.example"), messages[1]}));
+  EXPECT_EQ(out, (texts{tabbed({"-", "version", DAC_VERSION_TEXT, "500", built("plugin")}),
+                        tag_line("gw", "gw.example"), messages[0], value_line("gw", "gw.example"), messages[1]}));
 }
 
 TEST_F(dachost, every_line_begins_with_the_time) {
@@ -644,7 +646,8 @@ TEST_F(dachost, every_line_begins_with_the_time) {
 
 TEST_F(dachost, writes_no_file_where_it_runs) {
   const std::string conf = file("gw.conf", "hostname=gw");
-  const std::string command = std::string(EMULATOR) + ' ' + DACHOST + " run --once -p " + PLUGIN + ' ' + conf;
+  const std::string command =
+      built("emulator") + ' ' + built("dachost") + " run --once -p " + built("plugin") + ' ' + conf;
   const ending e = process({"sh", "-c", "cd /proc && exec " + command}).end();
   EXPECT_EQ(e.status, 0) << e.err;
   EXPECT_EQ(lines_of(e.out, "value"), texts{value_line("gw", "gw")});
@@ -686,22 +689,23 @@ TEST_F(dachost, json_is_one_object_per_line) {
   const auto message = [](const char* text) {
     return json{{"event", "message"}, {"level", "info"}, {"instance", "gw"}, {"source", "plug-in"}, {"text", text}};
   };
-  EXPECT_EQ(events, (json{{{"event", "version"}, {"version", DAC_VERSION_TEXT}, {"number", 500}, {"plugin", PLUGIN}},
-                          {{"event", "tag"},
-                           {"instance", "gw"},
-                           {"tag", "gw.example"},
-                           {"type", 6},
-                           {"flag", 1},
-                           {"text1", ""},
-                           {"text2", "ipv6 address"}},
-                          message("start wrk_process success."),
-                          {{"event", "value"},
-                           {"instance", "gw"},
-                           {"tag", "gw.example"},
-                           {"type", 6},
-                           {"value", own_addresses()},
-                           {"change", true}},
-                          message("stop wrk_process success.")}));
+  EXPECT_EQ(events,
+            (json{{{"event", "version"}, {"version", DAC_VERSION_TEXT}, {"number", 500}, {"plugin", built("plugin")}},
+                  {{"event", "tag"},
+                   {"instance", "gw"},
+                   {"tag", "gw.example"},
+                   {"type", 6},
+                   {"flag", 1},
+                   {"text1", ""},
+                   {"text2", "ipv6 address"}},
+                  message("start wrk_process success."),
+                  {{"event", "value"},
+                   {"instance", "gw"},
+                   {"tag", "gw.example"},
+                   {"type", 6},
+                   {"value", own_addresses()},
+                   {"change", true}},
+                  message("stop wrk_process success.")}));
   EXPECT_EQ(e.err, "");
 }
 
@@ -817,7 +821,7 @@ TEST_F(dachost, a_stop_signal_stops_destroys_unloads_and_ends_with_status_0) {
     EXPECT_EQ(e.status, 0);
     EXPECT_EQ(e.err, "");
     EXPECT_TRUE(e.out.ends_with("\tgw\tmessage\tstop wrk_process success.\n")) << e.out;
-    EXPECT_NE(take_loader_log().find("file=" PLUGIN " [0];  destroying link map"), std::string::npos);
+    EXPECT_NE(take_loader_log().find("file=" + built("plugin") + " [0];  destroying link map"), std::string::npos);
   }
 }
 

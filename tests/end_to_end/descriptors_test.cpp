@@ -14,7 +14,7 @@ class descriptors : public dachost_fixture {
     const std::filesystem::directory_iterator all("/proc/" + std::to_string(pid) + "/fd");
     return std::distance(begin(all), end(all));
   }
-  texts watched() const { return preloaded(WATCHED_CLOSE, {"CLOSE_ERRORS=" + dir.path("errors")}); }
+  texts watched() const { return preloaded(built("watched_close"), {"CLOSE_ERRORS=" + dir.path("errors")}); }
   void expect_no_close_errors() const { EXPECT_EQ(read_file(dir.path("errors")), ""); }
 };
 
@@ -86,7 +86,7 @@ TEST_F(descriptors, are_closed_once) {
   });
   expect_no_close_errors();
   for (const char* command : {"check", "tags", "info"}) {
-    EXPECT_EQ(start({command, "-p", FAKE_PLUGIN, conf("refuse it")}, watched()).end().status, 1) << command;
+    EXPECT_EQ(start({command, "-p", built("fake_plugin"), conf("refuse it")}, watched()).end().status, 1) << command;
     expect_no_close_errors();
   }
 }

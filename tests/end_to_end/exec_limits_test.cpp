@@ -84,7 +84,7 @@ TEST_F(exec_limits, a_newer_value_starts_at_once_though_the_failed_one_waits_a_m
   const remote_control gw(dir.path("fifo"));
   const std::string slow = dir.path("slow");
   process p = run({"--exec", program("echo $DAC_VALUE >>did; [ $DAC_VALUE = b ]"), conf(gw.order() + "publish a")},
-                  preloaded(SHORT_MINUTES, {"REAL_SECONDS_FROM=" + slow}));
+                  preloaded(built("short_minutes"), {"REAL_SECONDS_FROM=" + slow}));
   p.await_err("retry in about 60 s\n");
   dir.file("", "slow");                // from here on a minute takes a minute
   std::this_thread::sleep_for(700ms);  // a retry that was due as the clock changed is over
@@ -119,7 +119,7 @@ TEST_F(exec_limits, a_success_resets_the_pause) {
 TEST_F(exec_limits, the_same_value_published_again_does_not_reset_the_pause) {
   const remote_control gw(dir.path("fifo"));
   process p = run({"--exec", program("echo run >>did; exit 1"), conf(gw.order() + "publish a")},
-                  preloaded(SHORT_MINUTES, {"REAL_SECONDS_FROM=" + dir.path("slow")}));
+                  preloaded(built("short_minutes"), {"REAL_SECONDS_FROM=" + dir.path("slow")}));
   p.await_err("retry in about 60 s\n");
   dir.file("", "slow");                // from here on a minute takes a minute
   std::this_thread::sleep_for(700ms);  // a retry that was due as the clock changed is over

@@ -13,9 +13,10 @@
 #include <stdexcept>
 
 #include "driver/dac.h"
+#include "tests/support/built.h"
 #include "tests/support/network.h"
-#include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
 using nlohmann::json;
@@ -41,8 +42,6 @@ bool is_alive(const std::string& pid) {
   return state != std::string::npos && stat[state + 2] != 'Z';
 }
 
-const bool is_emulated = EMULATOR[0] != 0;
-
 class exec : public testing::Test {
  protected:
   scratch dir;
@@ -58,14 +57,16 @@ class exec : public testing::Test {
     return file;
   }
 
-  static process start(const texts& args, const std::string& plugin = FAKE_PLUGIN, const texts& environment = {}) {
+  static process start(const texts& args, const std::string& plugin = built("fake_plugin"),
+                       const texts& environment = {}) {
     texts argv = {"env"};
-    for (const texts& more : {environment, split(EMULATOR, ' '), {DACHOST, "run", "-p", plugin}, args})
+    for (const texts& more :
+         {environment, split(built("emulator"), ' '), {built("dachost"), "run", "-p", plugin}, args})
       argv.insert(argv.end(), more.begin(), more.end());
     return process(argv);
   }
   static ending run(const texts& args, const texts& environment = {}) {
-    return start(args, FAKE_PLUGIN, environment).end();
+    return start(args, built("fake_plugin"), environment).end();
   }
 
   /// The environment with the library preloaded.
@@ -150,7 +151,7 @@ TEST_F(exec, gets_its_variables_in_addition_to_the_hosts_environment) {
 
 TEST_F(exec, gets_the_whole_name_though_a_record_holds_only_its_beginning) {
   const std::string name(100, 'x');
-  process p = start({"--once", "--exec", program("echo $DAC_TAG >did"), dir.file("hostname=" + name)}, PLUGIN);
+  process p = start({"--once", "--exec", program("echo $DAC_TAG >did"), dir.file("hostname=" + name)}, built("plugin"));
   EXPECT_EQ(p.end().status, 0);
   EXPECT_EQ(did(), name + '\n');
 }
@@ -223,8 +224,8 @@ TEST_F(exec, is_tried_again_after_growing_pauses_until_it_succeeds) {
 }
 
 TEST_F(exec, is_tried_again_after_a_minute_at_the_most) {
-  process p = start({"--exec-timeout", "100000", "--exec", program("exit 7"), publish("a")}, FAKE_PLUGIN,
-                    preloaded(SHORT_MINUTES));
+  process p = start({"--exec-timeout", "100000", "--exec", program("exit 7"), publish("a")}, built("fake_plugin"),
+                    preloaded(built("short_minutes")));
   std::string expected;
   for (const int pause : {1, 2, 4, 8, 16, 32, 60, 60})
     expected += hook_message("exit status 7; retry in about " + std::to_string(pause) + " s");
@@ -314,8 +315,8 @@ TEST_F(exec, that_is_found_where_posix_spawnp_searches_is_accepted_at_the_start)
   for (const texts& path : {texts{"PATH=/nowhere:/usr/bin:"}, {"PATH=:/usr/bin"}, {"PATH=/usr/bin:."}}) {
     SCOPED_TRACE(path[0]);
     texts argv = {"sh", "-c", here, "sh", "env", path[0]};
-    for (const texts& more :
-         {split(EMULATOR, ' '), {DACHOST, "run", "-p", FAKE_PLUGIN, "--once", "--exec", "prog", conf}})
+    for (const texts& more : {split(built("emulator"), ' '),
+                              {built("dachost"), "run", "-p", built("fake_plugin"), "--once", "--exec", "prog", conf}})
       argv.insert(argv.end(), more.begin(), more.end());
     const ending e = process(argv).end();
     EXPECT_EQ(e.err, "");
@@ -344,7 +345,7 @@ TEST_F(exec, that_cannot_be_started_is_reported_with_the_reason) {
     const ending e = run({"--once", "--exec", file, publish("a")});
     EXPECT_EQ(e.status, 1);
     // Under the emulator the child process finds out, and can only end.
-    const std::string reason = is_emulated ? "exit status 127" : std::string("cannot be started: ") + r.reason;
+    const std::string reason = is_emulated() ? "exit status 127" : std::string("cannot be started: ") + r.reason;
     EXPECT_EQ(e.err, hook_message(reason + "; no retry"));
   }
 }
@@ -354,7 +355,7 @@ TEST_F(exec, that_disappears_later_is_reported_and_retried) {
   await_did("ran");
   std::filesystem::remove(dir.path("prog"));
   publish_next(p, "b");
-  p.await_err(hook_message((is_emulated ? "exit status 127" : "cannot be started: No such file or directory") +
+  p.await_err(hook_message((is_emulated() ? "exit status 127" : "cannot be started: No such file or directory") +
                            std::string("; retry in about 1 s")));
   terminate(p);
 }
@@ -370,7 +371,8 @@ TEST_F(exec, is_stopped_with_all_its_group_when_it_runs_too_long) {
 }
 
 TEST_F(exec, may_run_for_half_a_minute) {
-  process p = start({"--exec", program("sleep 1000"), publish("a")}, FAKE_PLUGIN, preloaded(SHORT_MINUTES));
+  process p =
+      start({"--exec", program("sleep 1000"), publish("a")}, built("fake_plugin"), preloaded(built("short_minutes")));
   p.await_err(hook_message("stopped after 30 s; retry in about 1 s"));
   terminate(p);
 }
@@ -473,7 +475,7 @@ TEST_F(exec, is_gone_when_the_run_fails) {
 
 // Orphans of the program become children of this process, which does not reap them.
 TEST_F(exec, is_waited_for_when_the_run_fails) {
-  if (is_emulated) GTEST_SKIP() << "under the emulator a process cannot adopt orphans";
+  if (is_emulated()) GTEST_SKIP() << "under the emulator a process cannot adopt orphans";
   process p = start({"--exec", program("echo $$ >pid; echo begin >did; sleep 1000"), publish("a")});
   await_did("begin");
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
@@ -559,7 +561,7 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev v1 nodad preferred_lft 0"));
     const std::string conf = dir.file("hostname=h");
     const ending e =
-        start({"--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), conf}, PLUGIN).end();
+        start({"--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), conf}, built("plugin")).end();
     EXPECT_EQ(e.err, "");
     texts published = split(lines_of(e.out, "value").at(0).at(1), ',');
     EXPECT_EQ(published.size(), 8U) << "including the temporary one";
@@ -589,7 +591,7 @@ TEST_F(exec, reads_an_address_list_that_changed_again_up_to_five_times) {
                         publish("2001:db8::1")};  // the list is read for the hook only
     for (const row& r : rows) {
       SCOPED_TRACE(r.torn);
-      const ending e = run(args, preloaded(TORN_LIST, {std::string("TORN_LISTS=") + r.torn}));
+      const ending e = run(args, preloaded(built("torn_list"), {std::string("TORN_LISTS=") + r.torn}));
       EXPECT_EQ(e.err, r.err);
       EXPECT_EQ(e.status, r.err.empty() ? 0 : 1);
       EXPECT_EQ(did(), r.left);

@@ -12,9 +12,10 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/built.h"
 #include "tests/support/network.h"
-#include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
 using nlohmann::json;
@@ -179,8 +180,8 @@ class fleet : public testing::Test {
     mkdir(dir.path("bin").c_str(), 0700);
     const std::string script = dir.file(
         "#!/bin/sh\necho $$ >$PID_FILE\ncommand=$1\nshift\n"
-        "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" SWIFT_CLOCK " exec " DACHOST
-        " $command -p " PLUGIN " \"$@\"\n",
+        "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD=" +
+            built("swift_clock") + " exec " + built("dachost") + " $command -p " + built("plugin") + " \"$@\"\n",
         "bin/dachost");
     if (chmod(script.c_str(), 0700) != 0) throw std::runtime_error(script);
   }

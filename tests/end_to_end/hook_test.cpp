@@ -16,8 +16,14 @@ class hook : public dachost_fixture {
   std::string records(const std::string& variables, const std::string& more = "") const {
     return program("echo \"" + variables + "\" >>did\n" + more);
   }
-  /// A hundred times as fast, so that minutes take a second.
-  static texts fast(texts environment = {}) { return preloaded(SHORT_MINUTES, std::move(environment)); }
+  /// A hundred times as fast, so that minutes take a second, until slow_down().
+  texts fast() const { return preloaded(built("short_minutes"), {"REAL_SECONDS_FROM=" + dir.path("slow")}); }
+  /// From here on a minute takes a minute. The plug-in needs real time to stop.
+  void slow_down() const { dir.file("", "slow"); }
+  ending slow_down_and_terminate(process& p) const {
+    slow_down();
+    return terminate(p);
+  }
   std::string state() const {
     std::filesystem::create_directory(dir.path("state"));
     return dir.path("state");
@@ -48,14 +54,14 @@ TEST_F(hook, runs_for_changes_only_and_gets_the_previous_value_and_the_reason) {
 TEST_F(hook, runs_again_without_a_change) {
   process p = run({"--again", "10m", "--exec", records("$DAC_REASON $DAC_PREVIOUS"), conf("publish a")}, fast());
   await_did("first \nagain a\nagain a\n");
-  terminate(p);
+  slow_down_and_terminate(p);
 }
 
 TEST_F(hook, is_not_run_again_if_the_time_is_0) {
   process p = run({"--again", "0", "--exec", records("$DAC_REASON"), conf("publish a")}, fast());
   await_did("first\n");
   std::this_thread::sleep_for(1s);
-  terminate(p);
+  slow_down_and_terminate(p);
   EXPECT_EQ(did(), "first\n");
 }
 
@@ -81,10 +87,10 @@ TEST_F(hook, runs_within_ten_seconds_after_an_address_became_deprecated) {
 
 TEST_F(hook, gets_null_after_the_hold) {
   const remote_control gw(dir.path("fifo"));
-  const std::string file = conf(gw.order() + "publish a"), slow = dir.path("slow");
-  process p = run({"--hold", "300", "--exec", records("$DAC_VALUE"), file}, fast({"REAL_SECONDS_FROM=" + slow}));
+  const std::string file = conf(gw.order() + "publish a");
+  process p = run({"--hold", "300", "--exec", records("$DAC_VALUE"), file}, fast());
   await_did("a\n");
-  dir.file("", "slow");
+  slow_down();
   gw.say("publish null");
   gw.say("publish a");
   gw.say("publish null");
@@ -93,9 +99,10 @@ TEST_F(hook, gets_null_after_the_hold) {
   std::this_thread::sleep_for(500ms);
   EXPECT_EQ(did(), "a\n");
   terminate(p);
+  std::filesystem::remove(dir.path("slow"));
   process q = run({"--hold", "300", "--exec", records("$DAC_VALUE"), conf("publish null")}, fast());
   await_did("null\n");
-  terminate(q);
+  slow_down_and_terminate(q);
 }
 
 TEST_F(hook, is_not_given_null_for_five_minutes_after_the_start) {
@@ -103,7 +110,7 @@ TEST_F(hook, is_not_given_null_for_five_minutes_after_the_start) {
   process p = run({"--exec", records("$DAC_VALUE"), conf("publish null")}, fast());
   await_did("null\n");
   EXPECT_GE(std::chrono::steady_clock::now() - begin, 3s - 50ms);
-  terminate(p);
+  slow_down_and_terminate(p);
 }
 
 TEST_F(hook, gets_null_at_once_with_once) {
@@ -128,7 +135,7 @@ TEST_F(hook, has_at_most_eight_programs_at_once_or_as_many_as_wanted) {
 }
 
 TEST_F(hook, starts_within_the_splay) {
-  process p = run({"--once", "--splay", "100s", "--exec", records("done"), conf("publish a")}, fast());
+  process p = run({"--once", "--splay", "100s", "--exec", records("done", "touch slow"), conf("publish a")}, fast());
   EXPECT_EQ(p.end().status, 0);
   EXPECT_EQ(did(), "done\n");
 }
@@ -217,7 +224,8 @@ TEST_F(hook, runs_after_a_restart_if_its_program_or_its_environment_has_changed)
 
 TEST_F(hook, gets_the_name_that_it_had_before_a_reload) {
   const std::string file = dir.file("hostname = old", "gw.conf");
-  process p = start({"run", "-p", PLUGIN, "--exec", records("$DAC_PREVIOUS_TAG-$DAC_TAG"), "--hold", "0", file});
+  process p =
+      start({"run", "-p", built("plugin"), "--exec", records("$DAC_PREVIOUS_TAG-$DAC_TAG"), "--hold", "0", file});
   await_did("-old\n");
   dir.file("hostname = new", "gw.conf");
   p.signal(SIGHUP);

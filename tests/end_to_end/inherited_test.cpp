@@ -79,20 +79,19 @@ TEST_F(inherited, closed_standard_error_accepts_the_output_of_a_program) {
 
 TEST_F(inherited, closed_descriptors_are_not_those_of_the_configuration_file) {
   const std::string conf = dir.file("hostname=gw", "gw.conf");
-  const ending e = start({"check", "-p", PLUGIN, conf}, {"sh", "-c", R"(exec "$@" <&- 2>&-)", "sh"}).end();
+  const ending e = start({"check", "-p", built("plugin"), conf}, {"sh", "-c", R"(exec "$@" <&- 2>&-)", "sh"}).end();
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.out, conf + ": ok, host name gw\n");
 }
 
-#ifndef NEEDS_DESCRIPTORS
 TEST_F(inherited, limit_of_descriptors_that_the_event_loop_exceeds_is_reported_with_status_1) {
-  const ending e = start({"check", "-p", PLUGIN, conf("")}, {"prlimit", "--nofile=6"}).end();
+  if (built("needs_descriptors") == "1") GTEST_SKIP() << "the sanitizer opens a pipe to examine an object";
+  const ending e = start({"check", "-p", built("plugin"), conf("")}, {"prlimit", "--nofile=6"}).end();
   EXPECT_EQ(e.status, 1);
   EXPECT_EQ(e.out, "");
   EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
   EXPECT_TRUE(e.err.starts_with("dachost: ") && e.err.ends_with(": Too many open files\n")) << e.err;
 }
-#endif
 
 TEST_F(inherited, terminal_is_not_open_in_a_program) {
   const unread_terminal t;

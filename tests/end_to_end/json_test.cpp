@@ -87,8 +87,9 @@ TEST_F(json_lines, are_valid_for_refused_files) {
 
 TEST_F(json_lines, are_valid_for_the_plug_in_that_ships) {
   const std::string file = dir.file("hostname = gateway.example");
-  for (const texts& args : {texts{"run", "--once", "--json", "-p", PLUGIN, file},
-                            texts{"run", "--once", "--json", "--dry-run", "--exec", "true", "-p", PLUGIN, file}}) {
+  for (const texts& args :
+       {texts{"run", "--once", "--json", "-p", built("plugin"), file},
+        texts{"run", "--once", "--json", "--dry-run", "--exec", "true", "-p", built("plugin"), file}}) {
     const ending e = start(args).end();
     EXPECT_EQ(e.status, 0) << e.err;
     expect_valid(e.out);
@@ -162,7 +163,7 @@ TEST_F(json_lines, and_lines_of_text_have_no_value_after_the_stop_began) {
   in_new_network([this] {
     ASSERT_TRUE(ip("addr add 2001:db8::1/64 dev lo nodad"));
     const std::string file = conf("publish null\nhold " + dir.path("released"));
-    process p = run({"--events", "value", "--pick", "stable", file}, preloaded(SHORT_MINUTES));
+    process p = run({"--events", "value", "--pick", "stable", file}, preloaded(built("short_minutes")));
     p.await_out("2001:db8::1\n");
     p.signal(SIGTERM);
     await_journal("held gw 0");

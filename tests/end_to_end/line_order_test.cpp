@@ -31,7 +31,7 @@ class line_order : public dachost_fixture {
 
 TEST_F(line_order, of_the_shipped_plugin_has_the_old_instance_stop_before_the_new_one_appears) {
   const std::string file = dir.file("hostname=before", "gw.conf");
-  process p = start({"run", "-p", PLUGIN, file});
+  process p = start({"run", "-p", built("plugin"), file});
   p.await_out("\tvalue\tbefore\t");
   dir.file("hostname=after", "gw.conf");
   p.signal(SIGHUP);

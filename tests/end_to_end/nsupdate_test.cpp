@@ -9,10 +9,11 @@
 #include <sstream>
 #include <stdexcept>
 
+#include "tests/support/built.h"
 #include "tests/support/name_server.h"
 #include "tests/support/network.h"
-#include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
 namespace {
@@ -87,12 +88,13 @@ class host {
                   std::string("NSUPDATE_ZONE=") + name_server::zone,
                   "NSUPDATE_KEY=" + key,
                   "CLOCK_SHIFT=" + _dir.path("shift"),
-                  "LD_PRELOAD=" SHIFTED_CLOCK,
+                  "LD_PRELOAD=" + built("shifted_clock"),
                   "ASAN_OPTIONS=verify_asan_link_order=0"};
-    std::istringstream emulator(EMULATOR);
+    std::istringstream emulator(built("emulator"));
     for (std::string word; emulator >> word;) argv.push_back(word);
     const std::string conf = _dir.file("hostname = gw.example.test");
-    argv.insert(argv.end(), {DACHOST, "run", "-p", PLUGIN, "--pick", "global", "--hold", "0", "--exec", script, conf});
+    argv.insert(argv.end(), {built("dachost"), "run", "-p", built("plugin"), "--pick", "global", "--hold", "0",
+                             "--exec", script, conf});
     return argv;
   }
 };

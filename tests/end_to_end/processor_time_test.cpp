@@ -11,7 +11,7 @@ class processor_time : public dachost_fixture {
  protected:
   /// dachost top in place of run.
   process top(texts args) const {
-    args.insert(args.begin(), {"top", "-p", FAKE_PLUGIN});
+    args.insert(args.begin(), {"top", "-p", built("fake_plugin")});
     return start(args);
   }
   static size_t count(const std::string& text, const std::string& word) {

@@ -127,7 +127,7 @@ TEST_F(readers, of_standard_error_that_read_nothing_do_not_prevent_the_end_by_a_
 }
 
 TEST_F(readers, of_check_that_are_late_get_every_line) {
-  texts args = {"check", "-p", FAKE_PLUGIN};
+  texts args = {"check", "-p", built("fake_plugin")};
   args.resize(args.size() + 100, conf("refuse " + std::string(2000, 'x')));
   process p = start(args);
   await_settled(p);
@@ -138,7 +138,7 @@ TEST_F(readers, of_check_that_are_late_get_every_line) {
 }
 
 TEST_F(readers, of_check_that_close_make_it_fail) {
-  texts args = {"check", "-p", FAKE_PLUGIN};
+  texts args = {"check", "-p", built("fake_plugin")};
   args.resize(args.size() + 300, conf("", std::string(200, 'x')));
   process p = start(args);
   await_settled(p);
@@ -182,7 +182,7 @@ TEST_F(readers, that_close_are_reported_before_the_instances_stop) {
 }
 
 TEST_F(readers, that_read_nothing_are_reported_after_a_stop_on_which_the_plug_in_hangs) {
-  process p = run({conf("flood 4000\nhold " + dir.path("released"))}, preloaded(SHORT_MINUTES));
+  process p = run({conf("flood 4000\nhold " + dir.path("released"))}, preloaded(built("short_minutes")));
   await_journal("start gw 0");
   p.signal(SIGTERM);
   EXPECT_EQ(p.end_unread(), 1);

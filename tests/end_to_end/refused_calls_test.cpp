@@ -53,13 +53,13 @@ class refused_run {
   /// False when the call does not occur that often.
   bool carry_out() {
     texts command = {"env",
-                     "LD_PRELOAD=" REFUSED_CALLS,
+                     "LD_PRELOAD=" + built("refused_calls"),
                      "REFUSED=" + _refusal.call + ' ' + std::to_string(_number) + ' ' + std::to_string(_refusal.error),
                      "REFUSED_MARK=" + _dir.path("mark"),
-                     DACHOST,
+                     built("dachost"),
                      "run",
                      "-p",
-                     BARE_PLUGIN,
+                     built("ip6dns"),
                      "--json",
                      "--pick",
                      "stable",

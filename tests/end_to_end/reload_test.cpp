@@ -97,11 +97,14 @@ TEST_F(reload, and_a_stop_signal_during_a_reload_end_the_run) {
 
 // A gateway's manager may send it at any moment, and a death by a signal counts as a failure.
 TEST_F(reload, while_the_process_ends_does_not_change_its_exit_status) {
-  process stopped = run({conf("publish first")}, preloaded(LATE_HANGUP, {}));
+  process stopped = run({conf("publish first")}, preloaded(built("late_hangup"), {}));
   stopped.await_out("\tfirst\n");
   EXPECT_EQ(terminate(stopped).status, 0);
-  EXPECT_EQ(run({"--once", conf("publish first")}, preloaded(LATE_HANGUP, {})).end().status, 0);
-  EXPECT_EQ(start({"top", "-p", FAKE_PLUGIN, "--once", conf("publish first")}, preloaded(LATE_HANGUP)).end().status, 0);
+  EXPECT_EQ(run({"--once", conf("publish first")}, preloaded(built("late_hangup"), {})).end().status, 0);
+  EXPECT_EQ(start({"top", "-p", built("fake_plugin"), "--once", conf("publish first")}, preloaded(built("late_hangup")))
+                .end()
+                .status,
+            0);
 }
 
 // One after the other would take 50 seconds.
@@ -133,7 +136,7 @@ TEST_F(reload, does_not_disturb_a_running_program) {
 
 TEST_F(reload, of_a_missing_file_leaves_its_instance_running_until_the_file_is_back) {
   const std::string file = dir.file("hostname=before", "gw.conf");
-  process p = start({"run", "-p", PLUGIN, file}, {"sh", "-c", "exec \"$@\" 2>&1", "sh"});
+  process p = start({"run", "-p", built("plugin"), file}, {"sh", "-c", "exec \"$@\" 2>&1", "sh"});
   p.await_out("\tvalue\tbefore\t");
   std::filesystem::remove(file);
   p.signal(SIGHUP);
@@ -171,7 +174,7 @@ TEST_F(command_line, for_a_second_and_a_half_is_not_shorter) {
   for (const char* command : {"run", "top"}) {
     SCOPED_TRACE(command);
     const auto begin = std::chrono::steady_clock::now();
-    const ending e = start({command, "-p", FAKE_PLUGIN, "--for", "1.5", conf("publish a")}).end();
+    const ending e = start({command, "-p", built("fake_plugin"), "--for", "1.5", conf("publish a")}).end();
     EXPECT_EQ(e.status, 0);
     EXPECT_GE(std::chrono::steady_clock::now() - begin, 1500ms);
   }
@@ -217,11 +220,11 @@ TEST_F(command_line, names_with_equals_signs_tabs_and_escapes_are_whole_in_a_dry
 TEST_F(command_line, plugin_with_an_undefined_symbol_is_reported_before_anything_runs) {
   for (const char* command : {"run", "top", "check", "tags", "info"}) {
     SCOPED_TRACE(command);
-    const ending e = start({command, "-p", UNDEFINED_PLUGIN, conf("publish a")}).end();
+    const ending e = start({command, "-p", built("undefined_plugin"), conf("publish a")}).end();
     EXPECT_EQ(e.status, 1);
     EXPECT_EQ(e.out, "");
     EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
-    EXPECT_TRUE(e.err.starts_with("dachost: " UNDEFINED_PLUGIN ": ")) << e.err;
+    EXPECT_TRUE(e.err.starts_with("dachost: " + built("undefined_plugin") + ": ")) << e.err;
     EXPECT_NE(e.err.find("function_that_no_library_has"), std::string::npos) << e.err;
   }
 }

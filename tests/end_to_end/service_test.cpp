@@ -71,7 +71,7 @@ TEST_F(service, shows_a_refused_reload_in_its_status) {
 // A second of this process takes 10 milliseconds.
 TEST_F(service, pings_the_watchdog_only_while_every_instance_publishes) {
   const remote_control gw(dir.path("fifo"));
-  process p = serve({conf(gw.order())}, preloaded(SHORT_MINUTES, {"WATCHDOG_USEC=20000000"}));
+  process p = serve({conf(gw.order())}, preloaded(built("short_minutes"), {"WATCHDOG_USEC=20000000"}));
   manager.await("WATCHDOG=1\n");
   const auto is_silent = [this] {
     const auto end = std::chrono::steady_clock::now() + 500ms;
@@ -98,9 +98,9 @@ TEST_F(service, hides_its_notification_socket_from_hooks) {
 TEST_F(service, writes_levels_to_the_journal_and_to_nothing_else) {
   const std::string bad = conf("refuse bad");
   const std::string text = "dachost: " + bad + ": bad; nothing is started\n";
-  EXPECT_EQ(in_journal({"run", "-p", FAKE_PLUGIN, bad}).end().err, "<3>" + text);
+  EXPECT_EQ(in_journal({"run", "-p", built("fake_plugin"), bad}).end().err, "<3>" + text);
   EXPECT_EQ(run({bad}).end().err, text);
-  process p = in_journal({"run", "-p", FAKE_PLUGIN, conf("publish a", "good")});
+  process p = in_journal({"run", "-p", built("fake_plugin"), conf("publish a", "good")});
   p.await_out("\ta\n");
   conf("refuse bad", "good");
   p.signal(SIGHUP);
@@ -116,7 +116,7 @@ TEST_F(service, shows_its_hook_in_its_status_and_in_the_journal) {
   manager.await("STATUS=gw = a, hook ok ");
   terminate(p);
   std::filesystem::remove(dir.path("go"));
-  process j = in_journal({"run", "-p", FAKE_PLUGIN, "--exec", prog, conf("publish a")});
+  process j = in_journal({"run", "-p", built("fake_plugin"), "--exec", prog, conf("publish a")});
   j.await_err("<4>dachost: gw: " + prog + ": exit status 1; retry");
   go();
   j.await_err("<6>dachost: gw: " + prog + ": works again after ");

@@ -13,7 +13,8 @@ class time_stamp : public dachost_fixture {
   ending run_at(const std::string& time, texts args, const std::string& zone = "UTC0") const {
     args.insert(args.begin(), "--once");
     args.push_back(conf("publish a\nfail b"));
-    return run(args, preloaded(WALL_CLOCK, {"WALL_CLOCK=" + dir.file('=' + time, "clock"), "TZ=" + zone})).end();
+    return run(args, preloaded(built("wall_clock"), {"WALL_CLOCK=" + dir.file('=' + time, "clock"), "TZ=" + zone}))
+        .end();
   }
 };
 

@@ -11,9 +11,10 @@
 #include <stdexcept>
 #include <thread>
 
+#include "tests/support/built.h"
 #include "tests/support/dachost_fixture.h"
-#include "tests/support/plugin.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/terminal.h"
 #include "tests/support/texts.h"
 
@@ -48,12 +49,12 @@ class top : public testing::Test {
   scratch dir;
 
   /// Writes the script: options and names of files, for the plug-in that does what its files say, or for the real one.
-  void prepare(const std::string& words, const std::string& plugin = FAKE_PLUGIN) const {
-    const std::string command = std::string(DACHOST) + " top -p " + plugin + ' ' + words;
+  void prepare(const std::string& words, const std::string& plugin = built("fake_plugin")) const {
+    const std::string command = built("dachost") + " top -p " + plugin + ' ' + words;
     dir.file("cd " + dir.path("") + "\necho $$ >pid\nFAKE_JOURNAL=journal LC_ALL=C.UTF-8 exec " + command + '\n', "go");
   }
   /// Starts it without a terminal.
-  process start(const std::string& words, const std::string& plugin = FAKE_PLUGIN) const {
+  process start(const std::string& words, const std::string& plugin = built("fake_plugin")) const {
     prepare(words, plugin);
     return process({"sh", dir.path("go")});
   }
@@ -82,7 +83,8 @@ class top : public testing::Test {
 class top_screen : public top {
  protected:
   /// Starts it and waits until the text is on the screen.
-  void open(terminal& t, const std::string& words, const std::string& shown, const std::string& plugin = FAKE_PLUGIN) {
+  void open(terminal& t, const std::string& words, const std::string& shown,
+            const std::string& plugin = built("fake_plugin")) {
     prepare(words, plugin);
     t.type("cd " + dir.path("") + "; stty -g >before; sh go; echo status=$?; stty -g >after");
     t.press("Enter");
@@ -124,7 +126,7 @@ TEST_F(top, once_prints_one_table_when_every_instance_has_published) {
 
 TEST_F(top, shows_what_the_shipped_plugin_publishes) {
   dir.file("hostname = a.example", "a.conf");
-  const ending e = start("--once a.conf", PLUGIN).end();
+  const ending e = start("--once a.conf", built("plugin")).end();
   EXPECT_EQ(e.status, 0);
   const texts out = lines(steady(e.out));
   ASSERT_EQ(out.size(), 3U) << e.out;
@@ -195,8 +197,9 @@ TEST_F(top, SIGHUP_reads_the_files_again_and_resets_the_counts) {
 TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
   dir.file("publish 2001:db8::10", "gw.conf");
   dir.file("0", "clock");
-  process p({"env", "LD_PRELOAD=" WALL_CLOCK, "WALL_CLOCK=" + dir.path("clock"),
-             "ASAN_OPTIONS=verify_asan_link_order=0", DACHOST, "top", "-p", FAKE_PLUGIN, dir.path("gw.conf")});
+  process p({"env", "LD_PRELOAD=" + built("wall_clock"), "WALL_CLOCK=" + dir.path("clock"),
+             "ASAN_OPTIONS=verify_asan_link_order=0", built("dachost"), "top", "-p", built("fake_plugin"),
+             dir.path("gw.conf")});
   p.await_out("2001:db8::10");
   dir.file("-3600", "clock");
   p.await_out("\n\n");

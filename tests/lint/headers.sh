@@ -6,11 +6,10 @@ cd "$(dirname "$0")/../.."
 cxx=$1
 cc=$2
 
-# compiles HEADER [USE]: includes HEADER alone, then has the lines of USE. The build defines the paths for tests.
+# compiles HEADER [USE]: includes HEADER alone, then has the lines of USE. The build defines the path for tests.
 compiles() {
   printf '#include "%s"\n%s\n' "$1" "${2-}" |
-    "$cxx" -std=c++20 -Wall -Wextra -Werror -I. '-DDACHOST=""' '-DFAKE_PLUGIN=""' '-DEMULATOR=""' '-DSOURCE_DIR=""' \
-      -fsyntax-only -x c++ - || {
+    "$cxx" -std=c++20 -Wall -Wextra -Werror -I. '-DSOURCE_DIR=""' -fsyntax-only -x c++ - || {
     echo "$1 alone is not enough"
     exit 1
   }

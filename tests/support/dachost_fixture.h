@@ -16,8 +16,9 @@
 #include <thread>
 #include <utility>
 
-#include "tests/support/plugin.h"
+#include "tests/support/built.h"
 #include "tests/support/process.h"
+#include "tests/support/scratch.h"
 #include "tests/support/texts.h"
 
 /// A FIFO that an instance of the fake plug-in obeys (see fake_plugin.cpp) while it runs.
@@ -88,7 +89,6 @@ class dachost_fixture : public testing::Test {
  protected:
   scratch dir;
 
-  static bool is_emulated() { return EMULATOR[0] != 0; }
   static texts preloaded(const std::string& library, texts environment = {}) {
     environment.insert(environment.end(), {"LD_PRELOAD=" + library, "ASAN_OPTIONS=verify_asan_link_order=0"});
     return environment;
@@ -97,13 +97,13 @@ class dachost_fixture : public testing::Test {
   /// dachost with these arguments, run by `wrapper`, a command such as {"env", "NAME=VALUE"}.
   static process start(const texts& args, const texts& wrapper = {}, const process_settings& s = {}) {
     texts argv = {"env"};
-    for (const texts& more : {wrapper, split(EMULATOR, ' '), {DACHOST}, args})
+    for (const texts& more : {wrapper, split(built("emulator"), ' '), {built("dachost")}, args})
       argv.insert(argv.end(), more.begin(), more.end());
     return process(argv, s);
   }
   /// `dachost run` with the fake plug-in.
   process run(texts args, const texts& wrapper = {}, process_settings s = {}) const {
-    args.insert(args.begin(), {"run", "-p", FAKE_PLUGIN});
+    args.insert(args.begin(), {"run", "-p", built("fake_plugin")});
     s.environment.push_back("FAKE_JOURNAL=" + dir.path("journal"));
     return start(args, wrapper, s);
   }

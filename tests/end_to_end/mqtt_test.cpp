@@ -822,6 +822,25 @@ TEST_F(mqtt, value_on_a_link_that_was_cut_arrives_when_it_is_back) {
   });
 }
 
+// The value exceeds what a connection stores: the rest can be sent when the broker reads again.
+TEST_F(mqtt, value_that_does_not_fit_into_the_connection_arrives) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({"-k", "100"});  // a ping would also send the rest
+    subscriber s({"-F", "%t %l"});
+    s.await(std::string(topic) + "/status 6");
+    b.signal(SIGSTOP);
+    std::ofstream(dir.path("values"), std::ios::app) << std::string(5'000'000, 'x') << '\n';
+    shell("until ss -nt dport = :1883 | awk '$3 + 0 > 65536 { full = 1 } END { exit !full }'; do sleep 0.1; done");
+    process({"sleep", "1"}).end();
+    b.signal(SIGCONT);
+    s.await(std::string(topic) + " 5000000");
+    EXPECT_EQ(stop(*p), "");
+  });
+}
+
 TEST_F(mqtt, values_pass_a_broker_with_a_full_disk) {
   in_new_network([this] {
     certify();

@@ -50,7 +50,7 @@ class top : public testing::Test {
 
   /// Writes the script: options and names of files, for the plug-in that does what its files say, or for the real one.
   void prepare(const std::string& words, const std::string& plugin = built("fake_plugin")) const {
-    const std::string command = built("dachost") + " top -p " + plugin + ' ' + words;
+    const std::string command = built("emulator") + ' ' + built("dachost") + " top -p " + plugin + ' ' + words;
     dir.file("cd " + dir.path("") + "\necho $$ >pid\nFAKE_JOURNAL=journal LC_ALL=C.UTF-8 exec " + command + '\n', "go");
   }
   /// Starts it without a terminal.
@@ -197,9 +197,12 @@ TEST_F(top, SIGHUP_reads_the_files_again_and_resets_the_counts) {
 TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
   dir.file("publish 2001:db8::10", "gw.conf");
   dir.file("0", "clock");
-  process p({"env", "LD_PRELOAD=" + built("wall_clock"), "WALL_CLOCK=" + dir.path("clock"),
-             "ASAN_OPTIONS=verify_asan_link_order=0", built("dachost"), "top", "-p", built("fake_plugin"),
-             dir.path("gw.conf")});
+  texts command = {"env", "LD_PRELOAD=" + built("wall_clock"), "WALL_CLOCK=" + dir.path("clock"),
+                   "ASAN_OPTIONS=verify_asan_link_order=0"};
+  for (const texts& more :
+       {split(built("emulator"), ' '), {built("dachost"), "top", "-p", built("fake_plugin"), dir.path("gw.conf")}})
+    command.insert(command.end(), more.begin(), more.end());
+  process p(command);
   p.await_out("2001:db8::10");
   dir.file("-3600", "clock");
   p.await_out("\n\n");

@@ -89,7 +89,7 @@ class check : public testing::TestWithParam<misuse> {
     argv.insert(argv.end(), {built("wrong_host"), built("plugin"), conf, misuse});
     process_settings s;
     s.environment = environment;
-    s.environment.push_back("ASAN_OPTIONS=detect_leaks=0");  // which ends badly in a process that leaves threads
+    s.environment.emplace_back("ASAN_OPTIONS=detect_leaks=0");  // which ends badly in a process that leaves threads
     if (!plugin.empty()) s.environment.push_back("DAC_CHECK_PLUGIN=" + plugin);
     return process(argv, s).end();
   }

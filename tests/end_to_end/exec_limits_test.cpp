@@ -15,11 +15,10 @@ class exec_limits : public dachost_fixture {
   }
   static void expect_each_once(const texts& environment) {
     for (const char* name :
-         {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON="})
-      EXPECT_EQ(std::count_if(environment.begin(), environment.end(),
-                              [&](const std::string& line) { return line.starts_with(name); }),
-                1)
-          << name;
+         {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON="}) {
+      const auto has_name = [&](const std::string& line) { return line.starts_with(name); };
+      EXPECT_EQ(std::count_if(environment.begin(), environment.end(), has_name), 1) << name;
+    }
   }
   static std::string time_of_value(const std::string& out, const std::string& value) {
     for (const std::string& line : lines(out))

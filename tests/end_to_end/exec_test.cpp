@@ -563,7 +563,7 @@ TEST_F(exec, gets_as_stable_neither_temporary_nor_deprecated_nor_unique_local_ad
     const ending e =
         start({"--once", "--pick", "stable", "--exec", program("echo $DAC_VALUE >did"), conf}, built("plugin")).end();
     EXPECT_EQ(e.err, "");
-    texts published = split(lines_of(e.out, "value").at(0).at(1), ',');
+    const texts published = split(lines_of(e.out, "value").at(0).at(1), ',');
     EXPECT_EQ(published.size(), 8U) << "including the temporary one";
     texts picked = split(did().substr(0, did().find('\n')), ',');
     std::sort(picked.begin(), picked.end());

@@ -164,7 +164,8 @@ class mqtt : public testing::Test {
   }
   /// The script with another number of seconds for one of its constants.
   std::string with_constant(const std::string& name, int before, int after) const {
-    const std::string copy = dir.path("publish-mqtt"), assigned = '^' + name + " = ";
+    std::string copy = dir.path("publish-mqtt");
+    const std::string assigned = '^' + name + " = ";
     const std::string number = std::to_string(after);
     shell("sed 's/" + assigned + std::to_string(before) + " /" + name + " = " + number + " /' " + publish_mqtt + " >" +
           copy + "; chmod +x " + copy + "; grep -q '" + assigned + number + " ' " + copy);

@@ -40,7 +40,7 @@ class notify_socket {
     std::string all;
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < end) {
-      const std::string got = receive(std::chrono::milliseconds(100));
+      std::string got = receive(std::chrono::milliseconds(100));
       if (got.find(text) != std::string::npos) return got;
       all += got + '\n';
     }

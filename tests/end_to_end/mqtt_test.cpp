@@ -705,6 +705,26 @@ TEST_F(mqtt, second_loss_is_over_only_after_a_long_connection) {
   });
 }
 
+// With pauses of five seconds, a connection is stable after ten.
+TEST_F(mqtt, loss_after_a_stable_connection_is_the_first_again) {
+  in_new_network([this] {
+    certify();
+    broker b(dir, open_to_all);
+    b.start();
+    const auto p = publisher({}, with_constant("LONGEST_PAUSE", 60, 5));
+    subscriber().await_status("online");
+    for (const char* seconds : {"12", "8"}) {
+      b.kill();
+      p->await_err("; retrying\n");
+      shell("rm -rf " + dir.path("state/*"));
+      b.start();
+      subscriber().await_status("online");
+      process({"sleep", seconds}).end();
+    }
+    EXPECT_EQ(count(stop(*p), "connected again"), 2U);
+  });
+}
+
 TEST_F(mqtt, silent_broker_is_reported_after_the_seconds_of_k) {
   in_new_network([this] {
     certify();
@@ -713,12 +733,13 @@ TEST_F(mqtt, silent_broker_is_reported_after_the_seconds_of_k) {
     const auto p = publisher({"-k", "14"});
     subscriber().await_status("online");
     process({"sleep", "10"}).end();  // within these seconds the publisher sends a ping
-    EXPECT_EQ(p->err(), "");
     b.signal(SIGSTOP);
-    p->await_err("publish-mqtt: 127.0.0.1:1883: silent for 14 seconds; retrying\n");
+    const std::string silence = "publish-mqtt: 127.0.0.1:1883: silent for 14 seconds; retrying\n";
+    p->await_err(silence);
     b.signal(SIGCONT);
     p->await_err(": connected again after ");
     const std::string err = stop(*p), after = "connected again after 00:00:";
+    EXPECT_TRUE(err.starts_with(silence)) << "nothing was reported before\n" << err;
     const size_t at = err.find(after);
     ASSERT_NE(at, std::string::npos) << err;
     EXPECT_GE(std::atoi(&err[at + after.size()]), 14) << "the outage begins with the silence\n" << err;

@@ -433,10 +433,10 @@ class paged_life {
     s.value = rec.values().at(0);
     const auto note = [](const char* n, int, int, void* to) { *static_cast<std::string*>(to) = n; };
     EXPECT_EQ(lib.getalltags(s.handle, note, &s.name), 0);
-    std::string buf(2 * name_length, 0);
+    std::vector<char> buf(2 * name_length);
     size_t size = buf.size();
     EXPECT_EQ(lib.getinfo(s.handle, buf.data(), &size), 0);
-    s.info = buf.c_str();
+    s.info = buf.data();
     fake_clock::free_run();
     EXPECT_EQ(lib.stop(s.handle), 0);
     fake_clock::stepping();

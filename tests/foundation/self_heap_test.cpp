@@ -12,7 +12,6 @@
 
 namespace {
 
-using pools::chunk;
 using pools::read;
 using pools::self;
 using pools::slots;

@@ -20,7 +20,6 @@ namespace {
 
 using pools::chunk;
 using pools::chunks_of;
-using pools::self;
 using pools::slots;
 using pools::take;
 

@@ -307,7 +307,7 @@ TEST_F(json, reads_a_value_that_ends_where_memory_ends) {
   const room_before_none room;
   for (size_t n = 1; n <= 70; ++n) {
     const std::string value(n, 'v');
-    char* const at = room.begin + room.length - n;
+    char* const at = room.begin + room_before_none::length - n;
     std::memcpy(at, value.data(), n);
     EXPECT_EQ(pieces_of({at, n}), (std::vector<std::string>{value})) << n;
   }
@@ -352,7 +352,7 @@ TEST_F(json, drops_text_that_gets_no_memory) {
 }
 
 TEST_F(json, drops_a_closing_quotation_mark_that_gets_no_memory) {
-  std::string before(30, 'x');
+  const std::string before(30, 'x');
   ym::string_<> out;
   for (const char c : before) out.push_back(c);  // 55 characters fit from here
   int count = 0;

@@ -61,7 +61,7 @@ void add(text& s, std::string_view more) { s.append(more.data(), more.size()); }
 // Appends more characters than exist. The compiler must know neither length, or it warns.
 void claim(text& s, size_t n) {
   const char* volatile p = "";
-  volatile size_t claimed = n;
+  const volatile size_t claimed = n;
   s.append(p, claimed);
 }
 

@@ -59,6 +59,7 @@ class scripted_addresses : public address_list {
     ++calls;
     if (fails) throw std::system_error(EAGAIN, std::generic_category(), "netlink");
     std::vector<kernel_address> list;
+    list.reserve(flags.size());
     for (const auto& [n, f] : flags)
       list.push_back({"2001:db8::" + std::to_string(n), {{{0x20, 0x01, 0x0d, 0xb8}}}, "eth0", 0, f});
     return list;

@@ -14,8 +14,8 @@ class exec_limits : public dachost_fixture {
     return program("tr '\\0' '\\n' </proc/$$/environ | grep -a ^DAC_ >>did; echo . >>did\n" + more);
   }
   static void expect_each_once(const texts& environment) {
-    for (const char* name :
-         {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=", "DAC_PREVIOUS_TAG=", "DAC_REASON="}) {
+    for (const char* name : {"DAC_INSTANCE=", "DAC_TAG=", "DAC_VALUE=", "DAC_TIME=", "DAC_PREVIOUS=",
+                             "DAC_PREVIOUS_TAG=", "DAC_REASON="}) {
       const auto has_name = [&](const std::string& line) { return line.starts_with(name); };
       EXPECT_EQ(std::count_if(environment.begin(), environment.end(), has_name), 1) << name;
     }

@@ -94,7 +94,7 @@ TEST_F(exec_limits, a_newer_value_starts_at_once_though_the_failed_one_waits_a_m
 
 TEST_F(exec_limits, a_success_resets_the_pause) {
   const remote_control gw(dir.path("fifo"));
-  process p = run({"--exec", program("echo run >>did; ! [ -e fail ]"), conf(gw.order())});
+  process p = run({"--exec", program("! [ -e fail ]; status=$?; echo run >>did; exit $status"), conf(gw.order())});
   dir.file("", "fail");
   gw.say("publish a");
   p.await_err("retry in about 2 s\n");

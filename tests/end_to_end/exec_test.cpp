@@ -475,7 +475,6 @@ TEST_F(exec, is_gone_when_the_run_fails) {
 
 // Orphans of the program become children of this process, which does not reap them.
 TEST_F(exec, is_waited_for_when_the_run_fails) {
-  if (is_emulated()) GTEST_SKIP() << "under the emulator a process cannot adopt orphans";
   process p = start({"--exec", program("echo $$ >pid; echo begin >did; sleep 1000"), publish("a")});
   await_did("begin");
   ASSERT_EQ(prctl(PR_SET_CHILD_SUBREAPER, 1), 0);

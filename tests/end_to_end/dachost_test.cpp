@@ -916,6 +916,9 @@ TEST_F(dachost, output_that_cannot_be_written_is_an_error) {
       EXPECT_EQ(e.status, 1);
       EXPECT_EQ(e.err, r.text);
     }
+    const ending refused = run_to_end({"run", file("no.conf", "")}, r.output);
+    EXPECT_EQ(refused.status, 1) << "and not that of a refused file";
+    EXPECT_TRUE(refused.err.starts_with(r.text)) << refused.err;
   }
 }
 

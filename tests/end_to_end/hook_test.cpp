@@ -177,6 +177,16 @@ TEST_F(hook, does_not_run_after_a_restart_without_a_change) {
   EXPECT_EQ(did(), "first \nchange a\n");
 }
 
+// systemd chooses other ones for each start of a unit.
+TEST_F(hook, does_not_run_after_a_restart_because_of_the_variables_of_systemd) {
+  const texts args = {"--once", "--state", state(), "--exec", records("ran"), conf("publish a")};
+  for (const char* number : {"1", "2"}) {
+    const std::string socket = std::string("NOTIFY_SOCKET=@none-") + number;
+    EXPECT_EQ(run(args, {"env", socket, std::string("WATCHDOG_USEC=") + number}).end().status, 0);
+  }
+  EXPECT_EQ(did(), "ran\n");
+}
+
 TEST_F(hook, has_its_last_success_in_the_status_file_and_in_a_dry_run_after_a_restart) {
   texts args = {"--state", state(), "--exec", records("$DAC_REASON"), conf("publish a")};
   process first = run(args);

@@ -182,13 +182,17 @@ TEST_F(readers, that_close_are_reported_before_the_instances_stop) {
 }
 
 TEST_F(readers, that_read_nothing_are_reported_after_a_stop_on_which_the_plug_in_hangs) {
-  process p = run({conf("flood 4000\nhold " + dir.path("released"))}, preloaded(built("short_minutes")));
-  await_journal("start gw 0");
-  p.signal(SIGTERM);
-  EXPECT_EQ(p.end_unread(), 1);
-  EXPECT_EQ(p.end().err,
-            "dachost: the plug-in does not return; the instances are not stopped\n"
-            "dachost: standard output: timed out waiting for the reader\n");
+  const std::string file = conf("flood 4000\nhold " + dir.path("released"));
+  for (const bool is_signalled : {true, false}) {
+    const texts args = is_signalled ? texts{file} : texts{"--for", "1", file};
+    process p = run(args, preloaded(built("short_minutes")));
+    await_journal("start gw 0");
+    if (is_signalled) p.signal(SIGTERM);
+    EXPECT_EQ(p.end_unread(), 1);
+    EXPECT_EQ(p.end().err,
+              "dachost: the plug-in does not return; the instances are not stopped\n"
+              "dachost: standard output: timed out waiting for the reader\n");
+  }
 }
 
 // It takes what it can within the second that it has, and does not prolong it: all of it would take 25 seconds.

@@ -240,6 +240,17 @@ TEST_F(top, ends_when_its_reader_closes) {
   EXPECT_TRUE(is_gone("gw 0"));
 }
 
+TEST_F(top, prints_no_table_before_the_reader_has_taken_the_last_one) {
+  process p = start(many(190, "publish " + std::string(900, 'v')));
+  p.await_out("dachost top");
+  std::this_thread::sleep_for(std::chrono::seconds(6));
+  p.signal(SIGTERM);
+  const std::string out = p.end().out, heading = "dachost top";
+  int tables = 0;
+  for (size_t at = 0; (at = out.find(heading, at)) != out.npos; at += heading.size()) ++tables;
+  EXPECT_LE(tables, 3) << "one would be printed each second";
+}
+
 TEST_F(top, a_signal_stops_a_run_whose_reader_does_not_read) {
   process p = start(many(190, "publish " + std::string(900, 'v')));
   p.await_out("dachost top");
@@ -559,6 +570,14 @@ TEST_F(top_screen, shows_the_newest_failure_also_of_an_instance_that_failed_befo
   first.say("fail again");
   t.await([](const texts& all) { return all.back().ends_with("Z a: again"); });
   EXPECT_EQ(t.lines().at(4), "2 more");
+}
+
+TEST_F(top_screen, leaves_the_reason_of_a_refusal_at_the_start) {
+  terminal t(dir.path(""), 80, 8);
+  dir.file("refuse for a reason", "gw.conf");
+  open(t, "gw.conf", "status=78");
+  t.await("dachost: gw.conf: for a reason");
+  EXPECT_FALSE(t.is_alternate());
 }
 
 TEST_F(top_screen, SIGHUP_shows_a_refusal_at_the_bottom) {

@@ -68,6 +68,8 @@ TEST_F(config_file, has_the_line_that_is_most_like_a_host_name) {
   EXPECT_EQ(found("\nhostname: a\nport = 1\n"), "line 2: \"hostname: a\"");
   EXPECT_EQ(found("hostname gateway # comment\n"), "line 1: \"hostname gateway # comment\"");
   EXPECT_EQ(found("hostnm = a\nhostnme = b\nhstnm = c"), "line 2: \"hostnme = b\"");
+  for (const char* end : {"\n", "\r\n"})
+    EXPECT_EQ(found(std::string("[net") + end + "hostnme = a"), "line 2: \"hostnme = a\"") << "a section ends its line";
   EXPECT_EQ(found("hostname = a\nHOST NAME =\nold_hostname = b\nhostnme = c"), "line 2: \"HOST NAME =\"")
       << "the last one counts";
   EXPECT_EQ(found("hostnme\nhostnme = a"), "line 2: \"hostnme = a\"") << "the last part of a key counts";

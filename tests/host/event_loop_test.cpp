@@ -649,6 +649,22 @@ TEST_F(event_loops_death, a_stop_signal_that_was_handled_ends_the_process_when_s
   }
 }
 
+TEST_F(event_loops_death, the_last_stop_signal_of_two_ends_the_process_when_signals_are_restored) {
+  EXPECT_EXIT(
+      {
+        loop = nullptr;
+        loop = make_event_loop();
+        const auto a = loop->on_signals({SIGINT, SIGTERM}, see_number(1));
+        raise(SIGINT);
+        await(1);
+        raise(SIGTERM);
+        await(2);
+        loop->restore_signals();
+        _exit(1);
+      },
+      testing::KilledBySignal(SIGTERM), "");
+}
+
 TEST_F(event_loops_death, restored_signals_do_not_end_a_process_that_got_none) {
   EXPECT_EXIT(
       {

@@ -147,6 +147,17 @@ TEST_F(status_files, have_a_change_at_once_after_a_failure_and_no_retry_after_it
   EXPECT_EQ(loop.works, 2);
 }
 
+TEST_F(status_files, are_written_at_most_once_a_second_after_a_failure_too) {
+  status_file missing(loop, dir.path("run/status"), err, [this] { return text; });
+  missing.update();
+  loop.pass(500ms);
+  missing.update();
+  loop.pass(500ms - 1ns);
+  EXPECT_EQ(loop.works, 1);
+  loop.pass(1ns);
+  EXPECT_EQ(loop.works, 2);
+}
+
 TEST_F(status_files, are_written_at_the_end_after_a_failure) {
   const std::string path = dir.path("run/status");
   status_file missing(loop, path, err, [this] { return text; });

@@ -103,6 +103,16 @@ TEST_F(json_lines, repeat_failures_on_standard_error_and_nothing_else) {
   EXPECT_EQ(events(e.out, "message").size(), 4U);
 }
 
+TEST_F(json_lines, repeat_the_reason_of_a_file_that_a_reload_refuses_once_on_standard_error) {
+  const std::string file = conf("publish a");
+  process p = run_json({file});
+  p.await_out(R"("value":"a")");
+  conf("refuse bad");
+  p.signal(SIGHUP);
+  p.await_err("the old instance continues\n");
+  EXPECT_EQ(terminate(p).err, "dachost: " + file + ": bad; the old instance continues\n");
+}
+
 TEST_F(json_lines, and_lines_of_text_are_selected_by_event) {
   const std::string file = conf("fail no addresses\npublish a");
   EXPECT_EQ(lines(run_json({"--once", "--events", "value", file}).end().out).size(), 1U);

@@ -30,6 +30,11 @@ std::string error_of(const texts& words) {
 
 }  // namespace
 
+TEST(command_line, more_jobs_than_can_be_counted_are_as_many_as_can) {
+  const options o = options_of({"run", "--exec", "p", "--jobs", "99999999999999999999", "gw.conf"});
+  EXPECT_EQ(o.hook.jobs, SIZE_MAX);
+}
+
 TEST(command_line, an_option_that_ends_with_an_equals_sign_has_the_empty_value) {
   const texts names = {"--plugin", "--events", "--status", "--for",          "--exec", "--pick", "--interface",
                        "--hold",   "--again",  "--splay",  "--exec-timeout", "--jobs", "--state"};

@@ -329,6 +329,7 @@ class Hosts(unittest.TestCase):
     def run_against(self, answer, **settings):
         """With a server that does `answer`, Python code, for the connection c."""
         code = "import dns.message, dns.query, socket; s = socket.create_server(('127.0.0.1', 53));"
+        code += "s.settimeout(20);"  # for a script that does not connect
         code += f"print(flush=True); c, _ = s.accept(); {answer}; input()"
         command = ["/usr/bin/python3", "-c", code]
         with subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE) as server:

@@ -162,6 +162,14 @@ class mqtt : public testing::Test {
     argv.insert(argv.end(), options.begin(), options.end());
     return std::make_unique<process>(argv);
   }
+  /// A program in Python that listens at the broker's port, with `server`, prints "listening" and then does this.
+  static process scripted_broker(const std::string& behaviour) {
+    const std::string start =
+        "import re, select, socket, time\n"
+        "server = socket.create_server(('127.0.0.1', 1883))\n"
+        "print('listening')\n";
+    return process({"python3", "-u", "-c", start + behaviour});
+  }
   /// The script with another number of seconds for one of its constants.
   std::string with_constant(const std::string& name, int before, int after) const {
     std::string copy = dir.path("publish-mqtt");
@@ -386,15 +394,12 @@ while True:
 
 TEST_F(mqtt, attempts_begin_with_MQTT_5) {
   in_new_network([this] {
-    process closing({"python3", "-u", "-c", R"(
-import socket
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening")
+    process closing = scripted_broker(R"(
 while True:
     client = server.accept()[0]
     print("protocol", client.recv(4096)[8])
     client.close()
-)"});
+)");
     closing.await_out("listening");
     const auto p = publisher({});
     closing.await_out("protocol 5\nprotocol 4\nprotocol 5\nprotocol 4\n");
@@ -404,15 +409,12 @@ while True:
 
 TEST_F(mqtt, reason_that_the_broker_sends_with_a_disconnect_is_reported) {
   in_new_network([this] {
-    process leaving({"python3", "-u", "-c", R"(
-import socket, time
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening")
+    process leaving = scripted_broker(R"(
 client = server.accept()[0]
 client.recv(4096)
 client.sendall(bytes.fromhex("2003000000" "e0068b041f000162"))  # Server shutting down, with the reason "b"
 time.sleep(1000)
-)"});
+)");
     leaving.await_out("listening");
     const auto p = publisher({});
     p->await_err("; retrying\n");
@@ -422,10 +424,7 @@ time.sleep(1000)
 
 TEST_F(mqtt, value_waits_for_the_confirmation_of_the_one_before) {
   in_new_network([this] {
-    process slow({"python3", "-u", "-c", R"(
-import re, select, socket
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening")
+    process slow = scripted_broker(R"(
 client = server.accept()[0]
 client.recv(4096)
 client.sendall(bytes.fromhex("2003000000"))
@@ -434,7 +433,7 @@ while data := client.recv(4096):
         print("value", number.decode())
         print("too early" if select.select([client], [], [], 3)[0] else "confirmed")
         client.sendall(b"\x40\x02" + identifier)
-)"});
+)");
     slow.await_out("listening");
     const auto p = publisher({});
     add(1);
@@ -664,17 +663,14 @@ TEST_F(mqtt, publisher_without_the_required_certificate_retries) {
 
 TEST_F(mqtt, pauses_between_attempts_become_longer) {
   in_new_network([this] {
-    process refusing({"python3", "-u", "-c", R"(
-import socket
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening")
+    process refusing = scripted_broker(R"(
 while True:
     client = server.accept()[0]
     client.recv(4096)
     client.sendall(bytes.fromhex("2003008700"))  # Not authorized
     client.recv(4096)
     print("attempt")
-)"});
+)");
     refusing.await_out("listening");
     const auto p = publisher({});
     refusing.await_out("attempt\nattempt\n");
@@ -748,13 +744,10 @@ TEST_F(mqtt, silent_broker_is_reported_after_the_seconds_of_k) {
 
 TEST_F(mqtt, broker_that_never_accepts_the_client_is_reported_after_the_seconds_of_k) {
   in_new_network([this] {
-    process mute({"python3", "-c", R"(
-import socket, time
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening", flush=True)
+    process mute = scripted_broker(R"(
 client = server.accept()
 time.sleep(1000)
-)"});
+)");
     mute.await_out("listening");
     const auto p = publisher({"-k", "12"});
     p->await_err("publish-mqtt: 127.0.0.1:1883: silent for 12 seconds; retrying\n");
@@ -764,10 +757,7 @@ time.sleep(1000)
 
 TEST_F(mqtt, message_without_a_confirmation_is_reported_after_the_seconds_of_k) {
   in_new_network([this] {
-    process forgetful({"python3", "-u", "-c", R"(
-import socket, time
-server = socket.create_server(("127.0.0.1", 1883))
-print("listening")
+    process forgetful = scripted_broker(R"(
 client = server.accept()[0]
 client.recv(4096)
 client.sendall(bytes.fromhex("2003000000"))
@@ -775,7 +765,7 @@ while data := client.recv(4096):
     if data.endswith(bytes.fromhex("c000")):
         client.sendall(bytes.fromhex("d000"))  # the answer to a ping
 time.sleep(1000)
-)"});
+)");
     forgetful.await_out("listening");
     const auto p = publisher({"-k", "8"});
     p->await_err("; retrying\n");

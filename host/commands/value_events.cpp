@@ -38,7 +38,7 @@ std::vector<std::string> texts_of(const std::vector<kernel_address>& all) {
   return texts;
 }
 
-std::vector<std::string> split(const std::string& value) {
+std::vector<std::string> addresses_in(const std::string& value) {
   std::vector<std::string> all;
   std::istringstream in(value == "null" ? "" : value);
   for (std::string a; std::getline(in, a, ',');) all.push_back(a);
@@ -94,7 +94,7 @@ void value_events::read_again() {
 }
 
 std::optional<std::vector<std::string>> value_events::picked(const value& v) const {
-  if (_filter.uses_published_value()) return split(without_cut_address(v.text));
+  if (_filter.uses_published_value()) return addresses_in(without_cut_address(v.text));
   if (!_list) return std::nullopt;
   return texts_of(choose(_filter, *_list));
 }

@@ -11,7 +11,7 @@ namespace {
 
 using wall_time = std::chrono::system_clock::time_point;
 
-constexpr size_t most_bytes = 2000;
+constexpr size_t longest_status = 2000;
 
 std::string age(wall_time then, wall_time now) {
   const auto seconds = std::max<long>(std::chrono::floor<std::chrono::seconds>(now - then).count(), 0);
@@ -88,5 +88,5 @@ std::string status_document(const std::vector<instance_status>& all, wall_time n
 }
 
 std::string status_line(const std::vector<instance_status>& all, wall_time now) {
-  return beginning(valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now))), most_bytes);
+  return beginning(valid_utf8(printable(all.size() == 1 ? describe(all[0], now) : describe(all, now))), longest_status);
 }

@@ -15,7 +15,7 @@
 
 namespace {
 
-constexpr off_t most_bytes = off_t{1} << 20;
+constexpr off_t largest_file = off_t{1} << 20;
 constexpr std::string_view hostname = "hostname";
 constexpr size_t most_shown = 60;
 constexpr size_t most_errors = 3;  // in a misspelt word
@@ -104,7 +104,7 @@ std::string unreadable(const std::string& file) {
   struct stat s {};
   if (stat(file.c_str(), &s) != 0) return "";
   if (!S_ISREG(s.st_mode)) return file + ": not a regular file";
-  if (s.st_size > most_bytes) return file + ": larger than 1 MiB";
+  if (s.st_size > largest_file) return file + ": larger than 1 MiB";
   return "";
 }
 

@@ -187,6 +187,16 @@ TEST_F(run_statuses, a_state_that_was_not_sent_is_sent_again_and_a_ping_is_not) 
   EXPECT_EQ(after(10s), "STATUS=gw.example not published yet");
 }
 
+TEST_F(run_statuses, a_state_that_was_not_sent_is_sent_with_the_next_change) {
+  manager.accepts = false;
+  make();
+  manager.accepts = true;
+  publish();
+  EXPECT_EQ(after(1s), "READY=1\nSTATUS=gw.example = 2001:db8::10");
+  publish(0, "2001:db8::11");
+  EXPECT_EQ(after(1s), "STATUS=gw.example = 2001:db8::11");
+}
+
 TEST_F(run_statuses, STOPPING_ends_the_timers) {
   make();
   publish();

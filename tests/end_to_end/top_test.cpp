@@ -194,6 +194,21 @@ TEST_F(top, SIGHUP_reads_the_files_again_and_resets_the_counts) {
   EXPECT_EQ(err[1], "dachost: other.conf: for a reason; the old instance continues");
 }
 
+TEST_F(top, reports_a_refusal_with_a_control_character_once) {
+  dir.file("publish before", "gw.conf");
+  dir.file("publish other", "other.conf");
+  process p = start("gw.conf other.conf");
+  p.await_out("before");
+  dir.file("publish after", "gw.conf");
+  dir.file("refuse for a\treason", "other.conf");
+  p.signal(SIGHUP);
+  p.await_out("after");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(e.err, "dachost: other.conf: for a\\x09reason; the old instance continues\n");
+}
+
 TEST_F(top, shows_no_age_below_zero_when_the_clock_is_set_back) {
   dir.file("publish 2001:db8::10", "gw.conf");
   dir.file("0", "clock");

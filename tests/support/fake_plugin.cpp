@@ -2,6 +2,7 @@
 //
 // A file's lines, each optional:
 //   refuse [TEXT]   dac_create returns -1, and logs the text if there is one
+//   warn TEXT       dac_create logs the text as a failure before it refuses
 //   hang            dac_create never returns
 //   publish TEXT    dac_start publishes the text
 //   fail TEXT       dac_start logs the text as a failure
@@ -75,6 +76,7 @@ size_t room() {
 bool refuses(const instance& i) {
   const auto order = i.orders.find("refuse");
   if (order == i.orders.end()) return false;
+  if (i.orders.contains("warn")) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, i.orders.at("warn").c_str(), 1, i.logparam);
   if (!order->second.empty()) i.log(i.name.c_str(), DAC_LEVEL_FAILURE, order->second.c_str(), 1, i.logparam);
   return true;
 }

@@ -95,6 +95,10 @@ class top_screen : public top {
     EXPECT_TRUE(eventually([&] { return static_cast<bool>(std::ifstream(dir.path("pid")) >> id); }));
     return id > 0 ? id : throw std::runtime_error("no process");
   }
+  /// As another program would do that writes to the same terminal.
+  void write_foreign(const std::string& text) const {
+    std::ofstream(std::filesystem::read_symlink("/proc/" + std::to_string(host()) + "/fd/1")) << text << std::flush;
+  }
   /// The program has ended with status 0 and has restored the terminal.
   void expect_restored(const terminal& t) const {
     t.await("status=0");
@@ -500,8 +504,6 @@ TEST_F(top_screen, shows_a_note_after_a_resize) {
   t.await([](const texts& all) { return all.size() == 6 && all[5].ends_with("Z gw: to find addresses"); });
   t.resize(120, 10);
   t.await([](const texts& all) { return all.size() == 10 && all[9].ends_with("Z gw: to find addresses"); });
-  t.press("C-l");
-  t.await([](const texts& all) { return all.size() == 10 && all[9].ends_with("Z gw: to find addresses"); });
   t.press("Down");
   t.await("q ends");
 }
@@ -510,14 +512,26 @@ TEST_F(top_screen, erases_foreign_output_on_ctrl_l) {
   dir.file("publish 2001:db8::10", "gw.conf");
   terminal t(dir.path(""), 80, 8);
   open(t, "gw.conf", "2001:db8::10");
-  std::ofstream(std::filesystem::read_symlink("/proc/" + std::to_string(host()) + "/fd/1"))
-      << "\x1b[3;1Hforeign words\x1b[6;1Hand more of them" << std::flush;
+  write_foreign("\x1b[3;1Hforeign words\x1b[6;1Hand more of them");
   t.await("foreign words");
   t.press("C-l");
   t.await([](const texts& all) {
     return joined(all).find("foreign") == std::string::npos && joined(all).find("more of them") == std::string::npos &&
            all.size() == 8 && all[2].starts_with("gw ") && all[7] == "q ends";
   });
+}
+
+TEST_F(top_screen, shows_a_note_after_ctrl_l) {
+  dir.file("publish null\nfail to find addresses", "gw.conf");
+  terminal t(dir.path(""), 100, 8);
+  open(t, "gw.conf", "Z gw: to find addresses");
+  write_foreign("\x1b[8;60Hforeign words");
+  t.await("foreign words");
+  t.press("C-l");
+  const texts drawn = t.await([](const texts& all) {
+    return all.size() == 8 && !all[7].empty() && all[7].find("foreign") == std::string::npos;
+  });
+  EXPECT_TRUE(drawn.at(7).ends_with("Z gw: to find addresses")) << joined(drawn);
 }
 
 // "e" and U+0301 take one column together, so the next columns are aligned.

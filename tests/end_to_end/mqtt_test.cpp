@@ -407,6 +407,20 @@ while True:
   });
 }
 
+TEST_F(mqtt, will_is_retained_with_QoS_1) {
+  in_new_network([this] {
+    process reading = scripted_broker(R"(
+flags = server.accept()[0].recv(4096)[9]
+print("will", flags >> 2 & 1, "QoS", flags >> 3 & 3, "retained", flags >> 5 & 1)
+time.sleep(1000)
+)");
+    reading.await_out("listening");
+    const auto p = publisher({});
+    reading.await_out("will 1 QoS 1 retained 1\n");
+    stop(*p);
+  });
+}
+
 TEST_F(mqtt, reason_that_the_broker_sends_with_a_disconnect_is_reported) {
   in_new_network([this] {
     process leaving = scripted_broker(R"(

@@ -53,11 +53,11 @@ std::string describe(const std::vector<instance_status>& all, wall_time now) {
          summary(all, is_refused, " files refused", [](const instance_status& s) { return s.refusal; });
 }
 
-// At most `size` bytes of it, which end with a whole character.
+// At most `size` bytes of valid UTF-8, which end with a whole character.
 std::string beginning(const std::string& utf8, size_t size) {
-  if (utf8.size() <= size) return utf8;
-  while (size > 0 && (utf8[size] & 0xc0) == 0x80) --size;
-  return utf8.substr(0, size);
+  size_t end = std::min(size, utf8.size());
+  while ((utf8[end] & 0xc0) == 0x80) --end;
+  return utf8.substr(0, end);
 }
 
 using json = nlohmann::ordered_json;

@@ -101,6 +101,15 @@ class top_screen : public top {
     t.press("Enter");
     t.await(shown);
   }
+  /// The lines between the command and its status.
+  static texts printed(const terminal& t) {
+    const texts all = t.lines();
+    const auto ends =
+        std::find_if(all.begin(), all.end(), [](const auto& line) { return line.starts_with("status="); });
+    const auto begins =
+        std::find_if(all.begin(), ends, [](const auto& line) { return line.find("echo ") != line.npos; });
+    return begins == ends ? texts() : texts(std::next(begins), ends);
+  }
   pid_t host() const {
     pid_t id = 0;
     EXPECT_TRUE(eventually([&] { return static_cast<bool>(std::ifstream(dir.path("pid")) >> id); }));
@@ -160,6 +169,9 @@ TEST_F(top, prints_a_table_a_second_until_it_is_stopped) {
   const ending e = p.end();
   EXPECT_EQ(e.status, 0);
   EXPECT_EQ(e.err, "");
+  const texts out = lines(e.out);
+  EXPECT_EQ(out.at(3), "");
+  EXPECT_TRUE(out.at(4).starts_with("dachost top")) << e.out;
   EXPECT_TRUE(is_gone("gw 0"));
 }
 
@@ -631,6 +643,29 @@ TEST_F(top_screen, SIGHUP_shows_a_refusal_at_the_bottom) {
   ASSERT_EQ(kill(host(), SIGHUP), 0);
   const texts all = t.await("dachost: gw.conf: for a reason; the old instance continues");
   EXPECT_NE(all.at(2).find("2001:db8::10"), std::string::npos);
+}
+
+TEST_F(top_screen, once_prints_a_table_on_a_terminal) {
+  dir.file("publish null", "gw.conf");
+  terminal t(dir.path(""), 150, 12);
+  open(t, "--once gw.conf", "status=0");
+  EXPECT_EQ(steady(joined(printed(t))),
+            head("instances 1, running 1, errors 0") + "gw             0  yes AGE     1       0  gw         null\n");
+}
+
+TEST_F(top_screen, prints_tables_if_input_or_output_is_not_a_terminal) {
+  dir.file("publish null", "gw.conf");
+  prepare("--for 1.5 gw.conf");
+  for (const std::string command : {"sh go </dev/null", "sh go | cat"}) {
+    SCOPED_TRACE(command);
+    terminal t(dir.path(""), 150, 12);
+    t.type("cd " + dir.path("") + "; " + command + "; echo status=$?");
+    t.press("Enter");
+    t.await("status=0");
+    const texts all = printed(t);
+    ASSERT_GE(all.size(), 3U);
+    EXPECT_EQ(steady(joined({all[0], all[1]})), head("instances 1, running 1, errors 0"));
+  }
 }
 
 TEST_F(top_screen, prints_tables_when_the_terminal_cannot_be_used) {

@@ -273,10 +273,11 @@ TEST_F(run_statuses, the_end_waits_two_seconds_for_the_file_and_then_for_a_signa
 
 TEST(status_document, is_valid_and_has_nulls_for_what_is_not_known) {
   const wall_clock::time_point now{1000s};
-  std::vector<instance_status> all(2);
+  std::vector<instance_status> all(3);
   all[0].instance = "a\xff\x1b";
   all[0].tag = "a.example";
   all[1] = {"b", "b.example", "::1", now, hook_status{now - 200s, 2, "exit status 1"}, "b.conf: bad"};
+  all[2] = {"c", "c.example", "::2", now, hook_status{now, 0, ""}, ""};
   const std::string text = status_document(all, now);
   EXPECT_EQ(schema_errors("dachost.status.schema.json", text), "");
   EXPECT_EQ(text, R"({"schema":1,"time":"1970-01-01T00:16:40.000Z","instances":[)"
@@ -284,7 +285,9 @@ TEST(status_document, is_valid_and_has_nulls_for_what_is_not_known) {
                   R"("tag":"a.example","value":null,"published":null,"hook":null,"refused":null},)"
                   R"({"instance":"b","tag":"b.example","value":"::1","published":"1970-01-01T00:16:40.000Z","hook":)"
                   R"({"result":"failed","time":"1970-01-01T00:13:20.000Z","failures":2,"text":"exit status 1"},)"
-                  R"("refused":"b.conf: bad"}]})"
+                  R"("refused":"b.conf: bad"},)"
+                  R"({"instance":"c","tag":"c.example","value":"::2","published":"1970-01-01T00:16:40.000Z","hook":)"
+                  R"({"result":"ok","time":"1970-01-01T00:16:40.000Z","failures":0,"text":""},"refused":null}]})"
                   "\n");
 }
 
@@ -293,10 +296,10 @@ TEST(status_of_several, counts_them_and_names_the_first_failure) {
   std::vector<instance_status> all(3);
   EXPECT_EQ(status_line(all, now), "3 instances, 0 published");
   all[0].value = "null";
-  all[1] = {"b", "b.example", "::1", now, hook_status{now - 200s, 2, "exit status 1"}, "b.conf: bad"};
+  all[1] = {"b", "b.example", "::1", now, hook_status{now - 200s, 1, "exit status 1"}, "b.conf: bad"};
   all[2].hook = {now - 5s, 0, ""};
   EXPECT_EQ(status_line(all, now),
-            "3 instances, 2 published; 1 hooks failing, the first: b: hook failed 2 times 3 min ago: exit status 1; 1 "
+            "3 instances, 2 published; 1 hooks failing, the first: b: hook failed 3 min ago: exit status 1; 1 "
             "files refused, the first: b.conf: bad");
 }
 

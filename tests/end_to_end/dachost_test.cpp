@@ -516,11 +516,12 @@ TEST_F(dachost, check_names_a_file_that_is_refused_without_a_message) {
                        ": refused without a reason; the plug-in may have no room for another instance\n");
 }
 
-TEST_F(dachost, check_tags_and_info_print_the_last_failure_of_a_refused_file) {
+TEST_F(dachost, check_tags_info_and_run_print_the_last_failure_of_a_refused_file) {
   const std::string bad = file("bad.conf", "warn a cause\nrefuse for a reason");
   EXPECT_EQ(run_fake_to_end({"check", bad}).out, bad + ": for a reason\n");
   for (const std::string command : {"tags", "info"})
     EXPECT_EQ(run_fake_to_end({command, bad}).err, "dachost: " + bad + ": for a reason\n");
+  EXPECT_EQ(run_fake_to_end({"run", bad}).err, "dachost: " + bad + ": for a reason; nothing is started\n");
 }
 
 TEST_F(dachost, check_tags_and_info_create_a_stopped_instance_and_destroy_it) {

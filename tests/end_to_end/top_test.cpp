@@ -292,7 +292,7 @@ TEST_F(top, prints_no_table_before_the_reader_has_taken_the_last_one) {
   p.signal(SIGTERM);
   const std::string out = p.end().out, heading = "dachost top";
   int tables = 0;
-  for (size_t at = 0; (at = out.find(heading, at)) != out.npos; at += heading.size()) ++tables;
+  for (size_t at = 0; (at = out.find(heading, at)) != std::string::npos; at += heading.size()) ++tables;
   EXPECT_LE(tables, 3) << "one would be printed each second";
 }
 

@@ -69,6 +69,7 @@ bool hook_runner::is_idle() const {
 
 void hook_runner::close() {
   if (_next_reading <= _environment.loop.now()) read_addresses();
+  save_records();
   _is_closed = true;
   _next_reading = never;
   _reading = nullptr;
@@ -173,6 +174,10 @@ void hook_runner::consider(hook& h) {
     _queue.push_back(&h);
     return start_queued();
   }
+  wait(h, when);
+}
+
+void hook_runner::wait(hook& h, time_point when) {
   h.at = when != never && (is_pending(h) || h.tried) ? stage::pausing : stage::idle;
   h.timer = when == never ? nullptr : _environment.loop.call_at(when, [this, &h] { consider(h); });
 }
@@ -249,7 +254,8 @@ void hook_runner::finish(hook& h, const std::string& failures) {
     succeed(h);
   else
     report(h, severity::warning, "failed", failures + "; " + schedule_retry(h));
-  consider(h);
+  // A dry run ends in start(): without the event loop in between, each would start the next one recursively.
+  return _options.dry_run ? wait(h, due(h)) : consider(h);
 }
 
 void hook_runner::succeed(hook& h) {
@@ -260,8 +266,7 @@ void hook_runner::succeed(hook& h) {
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
   notify(h, severity::info, "ok", "", now);
-  _unsaved.insert(&h);
-  save_records();
+  save_record(h);
 }
 
 std::string hook_runner::schedule_retry(hook& h) {
@@ -304,14 +309,19 @@ void hook_runner::schedule_again(hook& h, nanoseconds age) {
   h.again = _options.again == nanoseconds(0) ? never : _environment.loop.now() + rest;
 }
 
-void hook_runner::save_records() {
+void hook_runner::save_record(const hook& h) {
   try {
-    for (; !_unsaved.empty(); _unsaved.erase(_unsaved.begin())) {
-      const hook& h = **_unsaved.begin();
-      if (h.done) _environment.records.save(h.published.instance, *h.done);
-      _state_outage.end("the state is saved again");
-    }
+    if (h.done) _environment.records.save(h.published.instance, *h.done);
+    _unsaved.erase(&h);
+    if (_unsaved.empty()) _state_outage.end("the state is saved again");
   } catch (const std::runtime_error& e) {
+    _unsaved.insert(&h);
     _state_outage.begin(std::string(e.what()) + "; the state is not saved");
   }
+}
+
+// Each one is tried, even if another cannot be saved.
+void hook_runner::save_records() {
+  const std::set<const hook*> all = _unsaved;
+  for (const hook* h : all) save_record(*h);
 }

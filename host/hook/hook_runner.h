@@ -108,6 +108,7 @@ class hook_runner {
   bool is_pending(const hook& h) const;
   time_point due(const hook& h) const;
   void consider(hook& h);
+  void wait(hook& h, time_point when);
   void start_queued();
   size_t jobs() const;
   void start(hook& h, const hook_record& target);
@@ -121,6 +122,7 @@ class hook_runner {
               wall_clock::time_point time) const;
   void load_record(hook& h);
   void schedule_again(hook& h, std::chrono::nanoseconds age);
+  void save_record(const hook& h);
   void save_records();
 
   const environment _environment;

@@ -65,6 +65,11 @@ TEST_F(hook, is_not_run_again_if_the_time_is_0) {
   EXPECT_EQ(did(), "first\n");
 }
 
+TEST_F(hook, is_printed_again_and_again_in_a_dry_run_until_the_run_ends) {
+  process p = run({"--dry-run", "--again", "0.000000001", "--for", "1", "--exec", records(""), conf("publish a")});
+  EXPECT_EQ(p.end().status, 0);
+}
+
 TEST_F(hook, is_run_again_if_the_time_is_less_than_a_nanosecond) {
   process p = run({"--again", "0.0000000001", "--exec", records("$DAC_REASON"), conf("publish a")});
   await_did("first\nagain\nagain\n");

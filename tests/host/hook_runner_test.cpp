@@ -69,8 +69,9 @@ class scripted_addresses : public address_list {
 class scripted_records : public hook_store {
  public:
   std::map<std::string, hook_record> saved;
-  std::string fails;  // with this reason
-  int saves = 0;      // that were tried
+  std::string fails;    // with this reason
+  std::string refused;  // the instance whose record cannot be saved
+  int saves = 0;        // that were tried
   std::optional<hook_record> load(const std::string& instance) override {
     if (!fails.empty()) throw std::runtime_error(fails);
     const auto found = saved.find(instance);
@@ -79,6 +80,7 @@ class scripted_records : public hook_store {
   void save(const std::string& instance, const hook_record& r) override {
     ++saves;
     if (!fails.empty()) throw std::runtime_error(fails);
+    if (instance == refused) throw std::runtime_error("state/" + instance + ": Is a directory");
     saved[instance] = r;
   }
 };
@@ -1212,6 +1214,31 @@ TEST_F(hooks, report_once_that_the_state_is_not_saved_and_save_it_later) {
   const int saves = records.saves;
   loop.pass(1h);
   EXPECT_EQ(records.saves, saves);
+}
+
+TEST_F(hooks, save_the_records_of_the_others_if_one_cannot_be_saved) {
+  records.refused = "gw1";
+  make(3);
+  for (size_t i : {0U, 1U, 2U}) submit("a", "t", i);
+  for (pid_t program : {102, 101, 103}) loop.end(program, 0);
+  loop.pass(1h);
+  EXPECT_EQ(records.saved["gw"].value, "a");
+  EXPECT_EQ(records.saved["gw2"].value, "a");
+  EXPECT_EQ(reported(), "state/gw1: Is a directory; the state is not saved\n");
+  records.refused.clear();
+  loop.pass(10s);
+  EXPECT_EQ(records.saved["gw1"].value, "a");
+  EXPECT_EQ(reported(), "the state is saved again\n");
+}
+
+TEST_F(hooks, save_the_state_at_the_end_if_that_was_not_possible_before) {
+  records.fails = "state: No space left on device";
+  make();
+  submit("a");
+  end(0);
+  records.fails.clear();
+  runner->close();
+  EXPECT_EQ(records.saved["gw"].value, "a");
 }
 
 TEST_F(hooks, save_the_state_again_every_ten_seconds_and_not_with_each_value) {

@@ -104,9 +104,22 @@ std::string file_name(const std::string& instance) {
 }  // namespace
 
 std::string settings_of(const std::string& hook, const char* const* environment) {
-  // Of systemd and of shells.
-  const std::set<std::string> changing = {"INVOCATION_ID", "JOURNAL_STREAM",   "OLDPWD", "PWD",
-                                          "SHLVL",         "SYSTEMD_EXEC_PID", "_"};
+  // systemd, see systemd.exec(5), and shells set these to another value at each start.
+  const std::set<std::string> changing = {"INVOCATION_ID",
+                                          "JOURNAL_STREAM",
+                                          "LISTEN_PID",
+                                          "LISTEN_PIDFDID",
+                                          "MANAGERPID",
+                                          "MANAGERPIDFDID",
+                                          "SYSTEMD_EXEC_PID",
+                                          "TRIGGER_PATH",
+                                          "TRIGGER_TIMER_MONOTONIC_USEC",
+                                          "TRIGGER_TIMER_REALTIME_USEC",
+                                          "TRIGGER_UNIT",
+                                          "OLDPWD",
+                                          "PWD",
+                                          "SHLVL",
+                                          "_"};
   std::set<std::string> all;
   for (; *environment; ++environment) {
     const std::string variable = *environment;

@@ -159,8 +159,8 @@ void runner::on_refused(size_t i, const std::string& what) {
   _status.on_refused(i, what);
 }
 
-// As text, failures are in the output that people read. Programs read JSON, so people find failures on standard error.
-// There the reason for which a file was refused has been reported with the file.
+// As text, failures are in the output that people read, unless --events omits them. Programs read JSON, so people find
+// failures on standard error. There the reason for which a file was refused has been reported with the file.
 void runner::on(const event& e, const message& m) {
   const bool is_failure = m.level == DAC_LEVEL_FAILURE;
   _printer->print({e.time,
@@ -170,7 +170,8 @@ void runner::on(const event& e, const message& m) {
                    {},
                    level_name(is_failure ? severity::error : severity::info)});
   const bool is_reported = _refusals[e.index].find(m.text) != std::string::npos;
-  if (is_failure && _options.json && !is_reported) report(_err, name(e.index) + ": " + m.text);
+  const bool is_read = !_options.json && _printer->prints("message");
+  if (is_failure && !is_read && !is_reported) report(_err, name(e.index) + ": " + m.text);
 }
 
 // A record holds only the beginning of a long name; the hook gets the whole name.

@@ -103,6 +103,18 @@ TEST_F(json_lines, repeat_failures_on_standard_error_and_nothing_else) {
   EXPECT_EQ(events(e.out, "message").size(), 4U);
 }
 
+TEST_F(json_lines, and_lines_of_text_without_message_events_leave_failures_to_standard_error) {
+  const std::string file = conf("fail no addresses\npublish a\nflood 3");
+  for (const texts& format : {texts{}, texts{"--json"}}) {
+    texts args = {"--once", "--events", "value", file};
+    args.insert(args.begin(), format.begin(), format.end());
+    const ending e = run(args).end();
+    EXPECT_EQ(e.status, 0);
+    EXPECT_EQ(lines(e.out).size(), 1U) << e.out;
+    EXPECT_EQ(e.err, "dachost: gw: no addresses\n");
+  }
+}
+
 TEST_F(json_lines, repeat_the_reason_of_a_file_that_a_reload_refuses_once_on_standard_error) {
   const std::string file = conf("publish a");
   process p = run_json({file});

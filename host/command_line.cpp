@@ -16,7 +16,6 @@
 
 #include "driver/dac.h"
 #include "host/display/printer.h"
-#include "host/report.h"
 
 namespace {
 
@@ -330,9 +329,8 @@ std::string explain(const CLI::App& app, const CLI::Error& e, const std::string&
 std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::vector<std::string>& words) {
   const auto parsed = app->get_subcommands();
   const std::string command = parsed.empty() ? "" : parsed[0]->get_name();
-  return report_line(explain(*app, e, command, words) + hint_for(words) + " (dachost " + command +
-                     (command.empty() ? "" : " ") + "--help shows the usage)") +
-         '\n';
+  return explain(*app, e, command, words) + hint_for(words) + " (dachost " + command + (command.empty() ? "" : " ") +
+         "--help shows the usage)";
 }
 
 answer make_answer(const CLI::App& app, const CLI::ParseError& e) {

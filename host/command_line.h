@@ -28,8 +28,8 @@ constexpr int wrong_usage = 2;  // exit status
 
 /// The reply when there is nothing to run: help, version or a usage error.
 struct answer {
-  int status;  // 0 or wrong_usage
-  std::string text;
+  int status;        // 0 or wrong_usage
+  std::string text;  // to print, or the error to report
 };
 
 std::variant<options, answer> parse(int argc, const char* const* argv);

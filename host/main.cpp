@@ -80,7 +80,11 @@ int carry_out(event_loop& l, const options& o, output& out, output& err) {
 }
 
 int reply(const answer& a, output& out, output& err) {
-  (a.status == 0 ? out : err).line(a.text);
+  if (a.status == 0) {
+    out.line(a.text);
+  } else {
+    report(err, a.text);
+  }
   return a.status;
 }
 
@@ -98,9 +102,12 @@ int obey(event_loop& l, int argc, char** argv, output& out, output& err) {
   }
 }
 
+// Set at the start, because finding out allocates memory.
+bool is_err_journal = false;
+
 // A failure of standard output is reported at once: a signal may end the process before the end of the command.
 int serve(event_loop& l, int argc, char** argv) {
-  output err(l, unblocked(STDERR_FILENO), is_journal(STDERR_FILENO));
+  output err(l, unblocked(STDERR_FILENO), is_err_journal);
   output out(l, unblocked(STDOUT_FILENO));
   out.on_failure([&err](int error) { report(err, std::string("standard output: ") + reason_of(error)); });
   const int status = obey(l, argc, argv, out, err);
@@ -110,7 +117,7 @@ int serve(event_loop& l, int argc, char** argv) {
 
 // Writes directly to standard error: there is no event loop, or no memory.
 int fail(const char* what) {
-  for (const char* part : {"dachost: ", what, "\n"}) [[maybe_unused]]
+  for (const char* part : {is_err_journal ? "<3>" : "", "dachost: ", what, "\n"}) [[maybe_unused]]
     const ssize_t ignored = write(STDERR_FILENO, part, std::strlen(part));
   return 1;
 }
@@ -124,6 +131,7 @@ int fail(const char* what) {
 int main(int argc, char** argv) {
   std::set_new_handler(end_without_memory);
   fill_standard_descriptors();
+  is_err_journal = is_journal(STDERR_FILENO);
   std::signal(SIGPIPE, SIG_IGN);
   try {
     const auto loop = make_event_loop();

@@ -17,9 +17,11 @@ class service : public dachost_fixture {
     environment.push_back("NOTIFY_SOCKET=" + address);
     return run(args, environment);
   }
-  /// dachost with the standard error that JOURNAL_STREAM identifies.
-  static process in_journal(const texts& args) {
-    return start(args, {"sh", "-c", "JOURNAL_STREAM=$(stat -Lc %d:%i /dev/stderr) exec \"$0\" \"$@\""});
+  /// dachost with the standard error that JOURNAL_STREAM identifies, run by `wrapper`.
+  static process in_journal(const texts& args, const texts& wrapper = {}) {
+    texts all = {"sh", "-c", "JOURNAL_STREAM=$(stat -Lc %d:%i /dev/stderr) exec \"$0\" \"$@\""};
+    all.insert(all.end(), wrapper.begin(), wrapper.end());
+    return start(args, all);
   }
 };
 
@@ -106,6 +108,20 @@ TEST_F(service, writes_levels_to_the_journal_and_to_nothing_else) {
   p.signal(SIGHUP);
   p.await_err("<4>dachost: " + dir.path("good.conf") + ": bad; the old instance continues\n");
   terminate(p);
+}
+
+TEST_F(service, writes_levels_to_the_journal_for_wrong_usage) {
+  const ending e = in_journal({"run", "--bad", "gw.conf"}).end();
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(e.err, "<3>dachost: --bad: not an option of run (dachost run --help shows the usage)\n");
+}
+
+TEST_F(service, writes_levels_to_the_journal_without_an_event_loop) {
+  if (built("needs_descriptors") == "1") GTEST_SKIP() << "the sanitizer opens a pipe to examine an object";
+  const ending e = in_journal({"check", "-p", built("fake_plugin"), conf("")}, {"prlimit", "--nofile=5"}).end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(lines(e.err).size(), 1U) << e.err;
+  EXPECT_TRUE(e.err.starts_with("<3>dachost: ") && e.err.ends_with(": Too many open files\n")) << e.err;
 }
 
 TEST_F(service, shows_its_hook_in_its_status_and_in_the_journal) {

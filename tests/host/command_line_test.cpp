@@ -47,10 +47,10 @@ TEST(command_line, an_option_that_ends_with_an_equals_sign_has_the_empty_value) 
   for (const char* command : {"run", "top", "check", "tags", "info"}) {
     for (const char* option : {"--plugin=", "-p="}) {
       const std::string error = error_of({command, option, "a.conf"});
-      EXPECT_TRUE(error.starts_with("dachost: --plugin: expected a file name, got '' (")) << error;
+      EXPECT_TRUE(error.starts_with("--plugin: expected a file name, got '' (")) << error;
     }
   }
-  EXPECT_TRUE(error_of({"top", "--for=", "3"}).starts_with("dachost: --for: expected a duration such as "));
+  EXPECT_TRUE(error_of({"top", "--for=", "3"}).starts_with("--for: expected a duration such as "));
 }
 
 TEST(command_line, other_words_that_end_with_an_equals_sign_are_unchanged) {

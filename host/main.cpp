@@ -61,7 +61,7 @@ int carry_out(event_loop& l, const options& o, output& out, output& err) {
   const plugin p = load_plugin(o.plugin);
   process_launcher programs;
   kernel_address_list addresses;
-  state_directory records(o.hook.state, settings_of(o.hook.program, environ));
+  state_directory records(l, o.hook.state, settings_of(o.hook.program, environ));
   std::mt19937_64 source(std::random_device{}());
   const auto random = [&source] { return std::uniform_real_distribution<double>()(source); };
   switch (o.what) {

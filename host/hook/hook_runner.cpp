@@ -63,13 +63,13 @@ void hook_runner::report_room() {
 }
 
 bool hook_runner::is_idle() const {
-  return _next_reading > _environment.loop.now() &&
+  return _next_reading > _environment.loop.now() && !_is_saving &&
          std::all_of(_hooks.begin(), _hooks.end(), [](const hook& h) { return h.at == stage::idle; });
 }
 
 void hook_runner::close() {
   if (_next_reading <= _environment.loop.now()) read_addresses();
-  save_records();
+  save_records(_unsaved);
   _is_closed = true;
   _next_reading = never;
   _reading = nullptr;
@@ -97,7 +97,7 @@ void hook_runner::read_addresses_at(time_point when) {
 }
 
 void hook_runner::read_addresses() {
-  save_records();
+  save_records(_unsaved);
   _next_reading = never;
   read_addresses_at(_environment.loop.now() + reading_interval);
   if (_options.addresses.uses_published_value()) {
@@ -266,7 +266,7 @@ void hook_runner::succeed(hook& h) {
   schedule_again(h, nanoseconds(0));
   if (_options.dry_run) return;
   notify(h, severity::info, "ok", "", now);
-  save_record(h);
+  save_records({&h});
 }
 
 std::string hook_runner::schedule_retry(hook& h) {
@@ -309,19 +309,30 @@ void hook_runner::schedule_again(hook& h, nanoseconds age) {
   h.again = _options.again == nanoseconds(0) ? never : _environment.loop.now() + rest;
 }
 
-void hook_runner::save_record(const hook& h) {
-  try {
-    if (h.done) _environment.records.save(h.published.instance, *h.done);
-    _unsaved.erase(&h);
-    if (_unsaved.empty()) _state_outage.end("the state is saved again");
-  } catch (const std::runtime_error& e) {
-    _unsaved.insert(&h);
-    _state_outage.begin(std::string(e.what()) + "; the state is not saved");
-  }
+void hook_runner::save_records(const std::set<const hook*>& all) {
+  _to_save.insert(all.begin(), all.end());
+  save_next();
 }
 
-// Each one is tried, even if another cannot be saved.
-void hook_runner::save_records() {
-  const std::set<const hook*> all = _unsaved;
-  for (const hook* h : all) save_record(*h);
+// One at a time. A hook that succeeds again meanwhile is saved again.
+void hook_runner::save_next() {
+  if (_is_saving || _to_save.empty()) return;
+  const hook& h = **_to_save.begin();
+  _to_save.erase(_to_save.begin());
+  if (!h.done) return;
+  _is_saving = true;
+  _environment.records.save(h.published.instance, *h.done, [this, &h](const std::string& failure) {
+    _is_saving = false;
+    on_saved(h, failure);
+    save_next();
+  });
+}
+
+void hook_runner::on_saved(const hook& h, const std::string& failure) {
+  if (!failure.empty()) {
+    _unsaved.insert(&h);
+    return _state_outage.begin(failure + "; the state is not saved");
+  }
+  _unsaved.erase(&h);
+  if (_unsaved.empty()) _state_outage.end("the state is saved again");
 }

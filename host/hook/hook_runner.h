@@ -122,8 +122,9 @@ class hook_runner {
               wall_clock::time_point time) const;
   void load_record(hook& h);
   void schedule_again(hook& h, std::chrono::nanoseconds age);
-  void save_record(const hook& h);
-  void save_records();
+  void save_records(const std::set<const hook*>& all);
+  void save_next();
+  void on_saved(const hook& h, const std::string& failure);
 
   const environment _environment;
   const hook_options& _options;
@@ -132,7 +133,9 @@ class hook_runner {
   std::function<void(const hook_event&)> _observer;
   std::vector<hook> _hooks;
   std::deque<hook*> _queue;
-  std::set<const hook*> _unsaved;
+  std::set<const hook*> _to_save;
+  std::set<const hook*> _unsaved;  // the latest attempt failed
+  bool _is_saving = false;
   outage _list_outage;
   outage _room_outage;    // of a published value
   outage _choice_outage;  // no address passes the filter

@@ -152,10 +152,22 @@ std::optional<hook_record> state_directory::load(const std::string& instance) {
   return s->settings == _settings ? std::optional(s->record) : std::nullopt;
 }
 
+void state_directory::save(const std::string& instance, const hook_record& r,
+                           std::function<void(const std::string&)> done) {
+  if (_path.empty()) return done("");
+  _loop.run_in_background([this, instance, r, done = std::move(done)]() -> event_loop::task {
+    try {
+      replace(instance, r);
+    } catch (const std::runtime_error& e) {
+      return [done, reason = std::string(e.what())] { done(reason); };
+    }
+    return [done] { done(""); };
+  });
+}
+
 // After a power failure the file is either the old one or the new one.
-void state_directory::save(const std::string& instance, const hook_record& r) {
+void state_directory::replace(const std::string& instance, const hook_record& r) const {
   const std::string file = file_of(instance);
-  if (file.empty()) return;
   const std::string next = file + ".tmp";
   unlink(next.c_str());
   {

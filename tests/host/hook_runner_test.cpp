@@ -72,16 +72,31 @@ class scripted_records : public hook_store {
   std::string fails;    // with this reason
   std::string refused;  // the instance whose record cannot be saved
   int saves = 0;        // that were tried
+  bool hangs = false;   // saves end in write()
+  std::vector<std::function<void()>> started;
   std::optional<hook_record> load(const std::string& instance) override {
     if (!fails.empty()) throw std::runtime_error(fails);
     const auto found = saved.find(instance);
     return found == saved.end() ? std::nullopt : std::optional(found->second);
   }
-  void save(const std::string& instance, const hook_record& r) override {
+  void save(const std::string& instance, const hook_record& r, std::function<void(const std::string&)> done) override {
     ++saves;
-    if (!fails.empty()) throw std::runtime_error(fails);
-    if (instance == refused) throw std::runtime_error("state/" + instance + ": Is a directory");
+    if (hangs)
+      started.emplace_back([=, this] { replace(instance, r, done); });
+    else
+      replace(instance, r, done);
+  }
+  /// The disk has written everything.
+  void write() {
+    for (const auto& s : std::exchange(started, {})) s();
+  }
+
+ private:
+  void replace(const std::string& instance, const hook_record& r, const std::function<void(const std::string&)>& done) {
+    if (!fails.empty()) return done(fails);
+    if (instance == refused) return done("state/" + instance + ": Is a directory");
     saved[instance] = r;
+    done("");
   }
 };
 
@@ -1219,8 +1234,8 @@ TEST_F(hooks, report_once_that_the_state_is_not_saved_and_save_it_later) {
 TEST_F(hooks, save_the_records_of_the_others_if_one_cannot_be_saved) {
   records.refused = "gw1";
   make(3);
-  for (size_t i : {0U, 1U, 2U}) submit("a", "t", i);
-  for (pid_t program : {102, 101, 103}) loop.end(program, 0);
+  for (const size_t i : {0U, 1U, 2U}) submit("a", "t", i);
+  for (const pid_t program : {102, 101, 103}) loop.end(program, 0);
   loop.pass(1h);
   EXPECT_EQ(records.saved["gw"].value, "a");
   EXPECT_EQ(records.saved["gw2"].value, "a");
@@ -1239,6 +1254,40 @@ TEST_F(hooks, save_the_state_at_the_end_if_that_was_not_possible_before) {
   records.fails.clear();
   runner->close();
   EXPECT_EQ(records.saved["gw"].value, "a");
+}
+
+TEST_F(hooks, continue_while_the_disk_hangs_and_save_the_newest_state_after_that) {
+  records.hangs = true;
+  make(2);
+  submit("a");
+  end(0);
+  EXPECT_FALSE(runner->is_idle());
+  submit("b");
+  EXPECT_EQ(last("DAC_VALUE"), "b");
+  end(0);
+  submit("c", "t", 1);
+  end(0);
+  loop.pass(1h);
+  EXPECT_EQ(records.saves, 1);
+  records.write();
+  records.write();
+  EXPECT_FALSE(runner->is_idle());
+  records.write();
+  EXPECT_TRUE(runner->is_idle());
+  EXPECT_EQ(records.saves, 3);
+  EXPECT_EQ(records.saved["gw"].value, "b");
+  EXPECT_EQ(records.saved["gw1"].value, "c");
+}
+
+TEST_F(hooks, wait_at_the_end_until_the_state_is_saved) {
+  records.hangs = true;
+  make();
+  submit("a");
+  end(0);
+  runner->close();
+  EXPECT_FALSE(runner->is_idle());
+  records.write();
+  EXPECT_TRUE(runner->is_idle());
 }
 
 TEST_F(hooks, save_the_state_again_every_ten_seconds_and_not_with_each_value) {

@@ -754,7 +754,15 @@ class simulated_records : public hook_store {
  public:
   explicit simulated_records(world& w) : _world(w) {}
   std::optional<hook_record> load(const std::string& instance) override { return _world.load(instance); }
-  void save(const std::string& instance, const hook_record& r) override { _world.save(instance, r); }
+  void save(const std::string& instance, const hook_record& r, std::function<void(const std::string&)> done) override {
+    std::string failure;
+    try {
+      _world.save(instance, r);
+    } catch (const std::runtime_error& e) {
+      failure = e.what();
+    }
+    _world.queue.push_back({[=] { done(failure); }, _world.reporting});
+  }
 
  private:
   world& _world;

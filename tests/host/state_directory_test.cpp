@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "tests/host/scripted_loop.h"
 #include "tests/support/fake_disk.h"
 #include "tests/support/no_descriptors.h"
 #include "tests/support/scratch.h"
@@ -23,14 +24,22 @@ namespace {
 class state_files : public testing::Test {
  protected:
   scratch dir;
-  state_directory state{dir.path("")};
+  scripted_loop loop;
+  state_directory state{loop, dir.path("")};
 
   static std::string text_of(const std::optional<hook_record>& r) {
     return r ? r->tag + ' ' + r->value + ' ' + std::to_string(r->time.time_since_epoch() / 1s) : "none";
   }
+  /// Returns the reason of a failure.
+  std::string save(state_directory& d, const std::string& instance, const hook_record& r) {
+    std::string result = "not called back";
+    d.save(instance, r, [&result](const std::string& failure) { result = failure; });
+    loop.pass(0s);
+    return result;
+  }
   std::string loaded(const std::string& instance = "gw") { return text_of(state.load(instance)); }
   void save(const std::string& instance, const std::string& value) {
-    state.save(instance, {"a.example", value, time_point(1700000000s)});
+    EXPECT_EQ(save(state, instance, {"a.example", value, time_point(1700000000s)}), "");
   }
   std::string error_of(const std::string& instance = "gw") {
     try {
@@ -52,7 +61,7 @@ TEST_F(state_files, store_a_record_for_each_instance) {
   EXPECT_EQ(loaded(), "none");
   save("gw", "2001:db8::1,2001:db8::2");
   save("other", "null");
-  state_directory later(dir.path(""));
+  state_directory later(loop, dir.path(""));
   EXPECT_EQ(text_of(later.load("gw")), "a.example 2001:db8::1,2001:db8::2 1700000000");
   EXPECT_EQ(text_of(later.load("other")), "a.example null 1700000000");
   EXPECT_EQ(text_of(later.load("none")), "none");
@@ -68,9 +77,10 @@ TEST_F(state_files, have_a_documented_form) {
 
 TEST_F(state_files, of_other_settings_are_not_loaded) {
   save("gw", "a");
-  EXPECT_EQ(text_of(state_directory(dir.path(""), "0123").load("gw")), "none");
-  state_directory(dir.path(""), "0123").save("gw", {"a.example", "b", time_point(1s)});
-  EXPECT_EQ(text_of(state_directory(dir.path(""), "0123").load("gw")), "a.example b 1");
+  state_directory other(loop, dir.path(""), "0123");
+  EXPECT_EQ(text_of(other.load("gw")), "none");
+  EXPECT_EQ(save(other, "gw", {"a.example", "b", time_point(1s)}), "");
+  EXPECT_EQ(text_of(other.load("gw")), "a.example b 1");
   EXPECT_EQ(loaded(), "none");
 }
 
@@ -100,9 +110,9 @@ TEST(settings, have_the_same_identity_in_every_version) {
 }
 
 TEST_F(state_files, preserve_every_byte_of_a_name) {
-  state.save("gw", {"\xe4 \t\x01 =", "a", time_point(1s)});
+  save(state, "gw", {"\xe4 \t\x01 =", "a", time_point(1s)});
   EXPECT_EQ(loaded(), "\xe4 \t\x01 = a 1");
-  state.save("gw", {"", "a", time_point(0s)});
+  save(state, "gw", {"", "a", time_point(0s)});
   EXPECT_EQ(loaded(), " a 0");
 }
 
@@ -213,15 +223,18 @@ TEST_F(state_files, are_not_inherited_by_programs) {
 TEST_F(state_files, that_cannot_be_read_or_written_are_an_error) {
   std::filesystem::create_directory(dir.path("gw.state"));
   EXPECT_NE(error_of().find("gw.state"), std::string::npos);
-  EXPECT_THROW(save("gw", "a"), std::runtime_error);
-  state_directory missing(dir.path("missing"));
+  EXPECT_EQ(save(state, "gw", {"a", "b", time_point(1s)}), dir.path("") + "/gw.state: Is a directory");
+  state_directory missing(loop, dir.path("missing"));
   EXPECT_EQ(text_of(missing.load("gw")), "none");
-  try {
-    missing.save("gw", {"a", "b", time_point(1s)});
-    FAIL() << "no exception";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(e.what(), dir.path("missing") + "/gw.state.tmp: No such file or directory");
-  }
+  EXPECT_EQ(save(missing, "gw", {"a", "b", time_point(1s)}),
+            dir.path("missing") + "/gw.state.tmp: No such file or directory");
+}
+
+TEST_F(state_files, are_written_in_the_background) {
+  loop.holds_work = true;
+  EXPECT_EQ(save(state, "gw", {"a", "b", time_point(1s)}), "not called back");
+  EXPECT_EQ(files(), std::set<std::string>{});
+  EXPECT_EQ(loop.held_work(), 1U);
 }
 
 TEST_F(state_files, that_cannot_be_opened_are_not_called_damaged) {
@@ -259,13 +272,8 @@ TEST_F(state_files, have_the_old_or_the_new_record_when_a_call_fails) {
   fake_disk::recording disk;
   std::string error;
   const auto save_new = [&] {
-    try {
-      disk.made.clear();
-      error.clear();
-      save("gw", "new");
-    } catch (const std::runtime_error& e) {
-      error = e.what();
-    }
+    disk.made.clear();
+    error = save(state, "gw", {"a.example", "new", time_point(1700000000s)});
   };
   constexpr int of_close = 5, of_rename = 6;  // the file is complete at its close
   const int failed = fail_each(disk.calls, save_new, [&](int n, bool has_failed) {
@@ -281,12 +289,16 @@ TEST_F(state_files, have_the_old_or_the_new_record_when_a_call_fails) {
 TEST_F(state_files, preserve_the_old_record_if_the_new_one_cannot_be_written) {
   save("gw", "a");
   std::filesystem::create_directories(dir.path("gw.state.tmp/x"));
-  EXPECT_THROW(save("gw", "b"), std::runtime_error);
+  EXPECT_EQ(save(state, "gw", {"a", "b", time_point(1s)}), dir.path("") + "/gw.state.tmp: File exists");
   EXPECT_EQ(loaded(), "a.example a 1700000000");
 }
 
 TEST(state_directory, without_a_path_stores_nothing) {
-  state_directory none("");
-  none.save("gw", {"a", "b", time_point(1s)});
+  scripted_loop loop;
+  state_directory none(loop, "");
+  std::string result = "not called back";
+  none.save("gw", {"a", "b", time_point(1s)}, [&result](const std::string& failure) { result = failure; });
+  EXPECT_EQ(result, "");
+  EXPECT_EQ(loop.works, 0);
   EXPECT_FALSE(none.load("gw"));
 }

@@ -27,8 +27,11 @@ run_status::run_status(event_loop& l, service_manager& m, const std::vector<std:
 
 void run_status::on_tag(size_t i, const std::string& tag) {
   instance_status& s = _instances[i];
-  s.tag = tag;
-  s.value.clear();
+  if (s.tag != tag) {  // else the old value is the newest until the new instance publishes
+    s.tag = tag;
+    s.value.clear();
+    s.published.reset();
+  }
   s.refusal.clear();
   _alive[i] = _loop.now();
   change();

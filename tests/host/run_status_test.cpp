@@ -142,6 +142,33 @@ TEST_F(run_statuses, a_refused_reload_is_visible_until_the_file_is_accepted) {
   EXPECT_EQ(after(1s), "STATUS=new.example not published yet");
 }
 
+TEST_F(run_statuses, a_reload_preserves_the_value_of_an_unchanged_name) {
+  path = dir.path("status");
+  make();
+  publish();
+  loop.pass(1s);
+  status->on_tag(0, "gw.example");
+  loop.pass(1s);
+  EXPECT_EQ(manager.sent.back(), "STATUS=gw.example = 2001:db8::10");
+  const std::string before = read_file(path);
+  EXPECT_NE(before.find(R"("value":"2001:db8::10","published":"1970-01-01T00:00:00.000Z")"), std::string::npos)
+      << before;
+  publish(0, "2001:db8::11");
+  EXPECT_EQ(after(1s), "STATUS=gw.example = 2001:db8::11");
+}
+
+TEST_F(run_statuses, a_new_name_has_no_value_and_no_time) {
+  path = dir.path("status");
+  make();
+  publish();
+  loop.pass(1s);
+  status->on_tag(0, "new.example");
+  loop.pass(1s);
+  EXPECT_EQ(manager.sent.back(), "STATUS=new.example not published yet");
+  const std::string text = read_file(path);
+  EXPECT_NE(text.find(R"("tag":"new.example","value":null,"published":null,)"), std::string::npos) << text;
+}
+
 TEST_F(run_statuses, the_watchdog_is_pinged_only_while_every_instance_publishes) {
   manager.interval = 120s;
   make({"a", "b"});

@@ -1,6 +1,7 @@
 #include "host/commands/status_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -28,11 +29,28 @@ int write_all(int fd, std::string_view text) {
   return 0;
 }
 
-// The file that replaces the one with this path. It is in the same directory, so that it can.
-std::string replacement(const std::string& path) { return path + ".tmp"; }
+// The file that replaces the one with this path. It is in the same directory, so that it can. Users have no file with
+// this name. The name is always the same, so that the file of a crash is replaced.
+std::string replacement(const std::string& path) {
+  const size_t name = path.rfind('/') + 1;  // 0 without a directory
+  return path.substr(0, name) + '.' + path.substr(name) + ".dachost-tmp";
+}
 
+bool is_regular(int fd) {
+  struct stat s {};
+  return fstat(fd, &s) == 0 && S_ISREG(s.st_mode);
+}
+
+constexpr int not_regular = ENXIO;  // as for a FIFO without a reader
+
+// Does not wait for the reader of a FIFO. Returns the descriptor, or -1 and errno.
 int open_new(const std::string& path) {
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+  const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+  const int fd = open(path.c_str(), flags, 0644);
+  if (fd == -1 || is_regular(fd)) return fd;
+  close(fd);
+  errno = not_regular;
+  return -1;
 }
 
 // The errno of a failure, or 0.
@@ -47,12 +65,18 @@ int replace(const std::string& path, const std::string& text) {
   return error;
 }
 
+// "" for 0.
+std::string describe(int error, const std::string& path) {
+  if (error == not_regular) return replacement(path) + ": not a regular file";
+  return error == 0 ? "" : std::strerror(error);
+}
+
 }  // namespace
 
 std::string unwritable(const std::string& path) {
   const std::string next = replacement(path);
   const int fd = open_new(next);
-  if (fd == -1) return errno == ENOSPC || errno == EDQUOT ? "" : std::strerror(errno);
+  if (fd == -1) return errno == ENOSPC || errno == EDQUOT ? "" : describe(errno, path);
   close(fd);
   unlink(next.c_str());
   return "";
@@ -74,7 +98,7 @@ void status_file::write() {
   _state = state::writing;
   _loop.run_in_background([this, text = _text()]() -> event_loop::task {
     const int error = replace(_path, text);
-    return [this, error] { on_written(error == 0 ? "" : std::strerror(error)); };
+    return [this, error] { on_written(describe(error, _path)); };
   });
 }
 

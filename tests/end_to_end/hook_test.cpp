@@ -321,6 +321,14 @@ TEST_F(hook, gets_an_empty_state_directory_at_its_first_run) {
   EXPECT_EQ(did(), "0\n");
 }
 
+TEST_F(hook, leaves_other_files_in_its_state_directory_unchanged) {
+  const std::string path = state();
+  const std::string file = dir.file("precious", "state/check.tmp");
+  const ending e = run({"--once", "--state", path, "--exec", records("ran"), conf("publish a")}).end();
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(read_file(file), "precious");
+}
+
 TEST_F(hook, runs_though_its_state_cannot_be_saved_and_saves_it_when_that_is_possible_again) {
   const std::string path = state();
   process p = run({"--state", path, "--exec", program("mv state away; echo ran >>did"), conf("publish a")});

@@ -205,7 +205,7 @@ TEST_F(json_lines, are_summed_up_in_the_status_file) {
   await_text("status", R"("refused":")" + dir.path("gw.conf") + ": bad; the old instance continues\"");
   terminate(p);
   EXPECT_EQ(schema_errors("dachost.status.schema.json", read_file(status)), "");
-  EXPECT_FALSE(std::filesystem::exists(status + ".tmp"));
+  EXPECT_FALSE(std::filesystem::exists(dir.path(".status.dachost-tmp")));
 }
 
 // The values arrive faster than they are printed: the last one is printed long after it was published.
@@ -263,6 +263,23 @@ TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
   EXPECT_EQ(e.status, 2);
   EXPECT_EQ(e.err, "dachost: --status: " + file + ": is a configuration file, which would be replaced\n");
   EXPECT_EQ(read_file(file), "publish a");
+}
+
+TEST_F(json_lines, are_summed_up_without_a_change_of_files_with_similar_names) {
+  const std::string status = dir.path("status"), file = dir.file("publish a", "status.tmp");
+  const ending e = run({"--once", "--status", status, file}).end();
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(e.status, 0);
+  EXPECT_EQ(read_file(file), "publish a");
+  EXPECT_NE(read_file(status), "");
+}
+
+TEST_F(json_lines, do_not_wait_for_a_FIFO_in_place_of_the_temporary_status_file) {
+  const std::string status = dir.path("status"), fifo = dir.path(".status.dachost-tmp");
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const ending e = run({"--once", "--status", status, conf("publish a")}).end();
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(e.err, "dachost: --status: " + status + ": cannot be written: " + fifo + ": not a regular file\n");
 }
 
 TEST_F(json_lines, have_the_results_of_hooks) {

@@ -280,7 +280,7 @@ TEST_F(run_statuses, the_file_that_cannot_be_written_is_reported_once_and_when_i
   publish(0, "4");
   loop.pass(1s);
   EXPECT_EQ(lines(loop.sinks[2].text).back(), "dachost: " + path + ": is written again");
-  EXPECT_FALSE(std::filesystem::exists(path + ".tmp"));
+  EXPECT_FALSE(std::filesystem::exists(dir.path("missing/.status.dachost-tmp")));
 }
 
 TEST_F(run_statuses, the_end_waits_two_seconds_for_the_file_and_then_for_a_signal) {

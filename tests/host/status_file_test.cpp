@@ -1,8 +1,10 @@
 // The file with the status of a run, step by step in virtual time.
 #include "host/commands/status_file.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <utility>
@@ -15,6 +17,8 @@
 using namespace std::chrono_literals;
 
 namespace {
+
+constexpr char temporary[] = ".status.dachost-tmp";
 
 class status_files : public testing::Test {
  protected:
@@ -182,15 +186,48 @@ TEST_F(status_files, that_still_cannot_be_written_do_not_delay_the_end) {
 }
 
 TEST_F(status_files, replace_a_temporary_file_of_a_crash) {
-  dir.file("longer than the status", "status.tmp");
+  dir.file("longer than the status", temporary);
   change("a");
   EXPECT_EQ(written(), "a");
   EXPECT_EQ(names(), texts{"status"});
 }
 
+TEST_F(status_files, leave_other_files_of_the_user_unchanged) {
+  dir.file("precious", "status.tmp");
+  EXPECT_EQ(unwritable(dir.path("status")), "");
+  change("a");
+  EXPECT_EQ(read_file(dir.path("status.tmp")), "precious");
+}
+
+TEST_F(status_files, do_not_wait_for_a_reader_of_a_FIFO_in_place_of_the_temporary_file) {
+  const std::string fifo = dir.path(temporary), reason = fifo + ": not a regular file";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_EQ(unwritable(dir.path("status")), reason);
+  const int reader = open(fifo.c_str(), O_RDONLY | O_NONBLOCK);
+  ASSERT_NE(reader, -1);
+  EXPECT_EQ(unwritable(dir.path("status")), reason);
+  change("a");
+  EXPECT_EQ(reported(),
+            "dachost: " + dir.path("status") + ": cannot be written: " + reason + "; retry every 10 seconds\n");
+  char byte = 0;
+  EXPECT_EQ(read(reader, &byte, 1), 0) << "nothing was written to the FIFO";
+  close(reader);
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+  EXPECT_EQ(names(), texts{temporary});
+}
+
+TEST_F(status_files, can_have_a_path_without_a_directory) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(dir.path(""));
+  fake_disk::recording disk;
+  EXPECT_EQ(unwritable("status"), "");
+  EXPECT_EQ(std::exchange(disk.made, {}), (texts{"open .status.dachost-tmp", "close .status.dachost-tmp"}));
+  std::filesystem::current_path(before);
+}
+
 // Another user can place it in a directory for all, such as /tmp.
 TEST_F(status_files, are_not_written_through_a_link_in_place_of_the_temporary_file) {
-  std::filesystem::create_symlink(dir.file("precious", "other"), dir.path("status.tmp"));
+  std::filesystem::create_symlink(dir.file("precious", "other"), dir.path(temporary));
   EXPECT_EQ(unwritable(dir.path("status")), "Too many levels of symbolic links");
   change("a");
   EXPECT_EQ(read_file(dir.path("other")), "precious");
@@ -202,8 +239,8 @@ TEST_F(status_files, are_closed_and_not_inherited_by_programs) {
   fake_disk::recording disk;
   unwritable(dir.path("status"));
   change("a");
-  const texts calls = {"open status.tmp",  "close status.tmp", "open status.tmp",
-                       "write status.tmp", "close status.tmp", "rename status.tmp"};
+  const texts calls = {"open .status.dachost-tmp",  "close .status.dachost-tmp", "open .status.dachost-tmp",
+                       "write .status.dachost-tmp", "close .status.dachost-tmp", "rename .status.dachost-tmp"};
   EXPECT_EQ(std::exchange(disk.made, {}), calls);
   EXPECT_EQ(disk.inheritable, 0);
 }

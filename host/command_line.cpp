@@ -295,13 +295,14 @@ std::string value_of_flag(const std::string& flag, const std::vector<std::string
   return "";
 }
 
-// CLI11's errors contain a name and a sentence, and no parts that could be read separately.
+// CLI11's errors of some types contain an option and a sentence, and no parts that could be read separately. Those of
+// other types may contain the user's words, and with them any sentence.
 std::optional<std::string> text_before(const std::string& text, std::string_view sentence) {
   const size_t at = text.find(sentence);
   return at == std::string::npos ? std::nullopt : std::optional(text.substr(0, at));
 }
 
-std::string explain(const std::string& error, const std::vector<std::string>& words) {
+std::string explain_mismatch(const std::string& error, const std::vector<std::string>& words) {
   if (const auto flag = text_before(error, " was given a disallowed flag override"))
     return "--" + *flag + ": " + expected("no value", value_of_flag("--" + *flag, words));
   if (const auto option = text_before(error, ": At Most 1 required")) return *option + ": may be given only once";
@@ -309,11 +310,12 @@ std::string explain(const std::string& error, const std::vector<std::string>& wo
     const size_t type = option->size() + std::strlen(": 1 required ");
     return *option + ": expected a value after it: " + error.substr(type, error.find(' ', type) - type);
   }
-  if (const auto option = text_before(error, " requires "))
-    return *option + ": works only with " + error.substr(option->size() + std::strlen(" requires "));
-  if (const auto option = text_before(error, " excludes "))
-    return *option + ": cannot be combined with " + error.substr(option->size() + std::strlen(" excludes "));
   return error;
+}
+
+// The error is "--OPTION VERB --OTHER".
+std::string explain_pair(const std::string& error, const std::string& text) {
+  return error.substr(0, error.find(' ')) + ": " + text + error.substr(error.rfind(' '));
 }
 
 std::string explain(const CLI::App& app, const CLI::Error& e, const std::string& command,
@@ -323,7 +325,10 @@ std::string explain(const CLI::App& app, const CLI::Error& e, const std::string&
   if (dynamic_cast<const CLI::RequiredError*>(&e))
     return command.empty() ? std::string("expected a sub-command: ") + sub_commands
                            : "CONFIG: expected at least one configuration file";
-  return explain(e.what(), words);
+  if (dynamic_cast<const CLI::ArgumentMismatch*>(&e)) return explain_mismatch(e.what(), words);
+  if (dynamic_cast<const CLI::RequiresError*>(&e)) return explain_pair(e.what(), "works only with");
+  if (dynamic_cast<const CLI::ExcludesError*>(&e)) return explain_pair(e.what(), "cannot be combined with");
+  return e.what();
 }
 
 std::string usage_error(const CLI::App* app, const CLI::Error& e, const std::vector<std::string>& words) {

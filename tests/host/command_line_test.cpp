@@ -76,3 +76,12 @@ TEST(command_line, words_after_two_dashes_are_files_wherever_these_are) {
   EXPECT_NE(error_of({"--", "run", "a"}), "");
   EXPECT_NE(error_of({"run", "--"}).find("CONFIG: expected at least one"), std::string::npos);
 }
+
+TEST(command_line, errors_name_a_value_that_contains_a_sentence_of_another_error) {
+  for (const std::string value : {"x requires y", "a excludes b", "a: At Most 1 required", "a: 1 required TEXT missing",
+                                  "a was given a disallowed flag override"}) {
+    const std::string error = error_of({"run", "--for", value, "gw.conf"});
+    EXPECT_TRUE(error.starts_with("--for: expected a duration such as ")) << error;
+    EXPECT_NE(error.find(", got '" + value + "' ("), std::string::npos) << error;
+  }
+}

@@ -48,6 +48,43 @@ offers 'all|global|stable' run --exec ./x --pick ''
 offers 'stable' run --exec ./x --pick s
 offers '' run --for ''
 offers '' run --exec-timeout 3
+
+# Of the machine that runs the test, only the loopback interface is known.
+COMP_WORDS=(dachost run --interface lo)
+COMP_CWORD=3
+_dachost
+case " ${COMPREPLY[*]} " in
+  *' lo '*) ;;
+  *)
+    echo "run --interface lo: lo is not offered: ${COMPREPLY[*]}"
+    bad=1
+    ;;
+esac
+
+# The names of interfaces may be commands and patterns. The offered words are quoted for the shell.
+_dachost_network=$scratch/interfaces
+mkdir "$scratch/interfaces"
+# shellcheck disable=SC2016 # names, not commands
+mkdir "$scratch/interfaces/"{eth0,eth1,wlan0,'x$(>hit)','y`>hit`','z*'}
+touch "$scratch/interfaces/bonding_masters"
+offers 'eth0|eth1' run --interface e
+offers 'wlan0' run --pick all --interface wlan0
+offers 'x\$\(\>hit\)' run --interface x
+offers 'x\$\(\>hit\)' run --interface 'x\$'
+# shellcheck disable=SC2016 # the same
+offers 'y\`\>hit\`' run --interface y
+offers 'z\*' run --interface z
+# shellcheck disable=SC2016 # the same
+offers 'eth0|eth1|wlan0|x\$\(\>hit\)|y\`\>hit\`|z\*' run --interface ''
+offers '' run --interface 'eth?'
+offers '' run --interface bond
+rm -r "$scratch/interfaces"
+offers '' run --interface ''
+[ ! -e hit ] || {
+  echo 'the name of an interface was run as a command'
+  bad=1
+}
+
 offers '' publish ''
 offers '' publish -
 

@@ -105,6 +105,7 @@ class runner : fleet_observer {
   void on_loaded() override { _status.on_ready(); }
 
   bool is_done() const;
+  bool lacks_values();
   const std::string& name(size_t i) const { return _supervisor.instances().name(i); }
 
   event_loop& _loop;
@@ -137,8 +138,21 @@ int runner::run() {
   _hooks.close();
   _loop.run_until([this] { return _hooks.is_idle(); });
   _status.finish();
+  const bool has_failed = _options.once && (lacks_values() || _hooks.has_given_up());
   const int status = finish(_loop, _supervisor, is_stopped, _out, _err);
-  return _options.once && _hooks.has_given_up() ? 1 : status;
+  return has_failed ? 1 : status;
+}
+
+// A hook that never got a value has not run.
+bool runner::lacks_values() {
+  if (_options.hook.program.empty() || _supervisor.has_refused()) return false;
+  bool lacks = false;
+  for (size_t i = 0; i < _has_published.size(); ++i) {
+    if (_has_published[i]) continue;
+    report(_err, name(i) + ": no value was published; " + _options.hook.program + " was not started");
+    lacks = true;
+  }
+  return lacks;
 }
 
 void runner::on_tag(size_t i, const tag& t) {

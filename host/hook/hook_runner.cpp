@@ -57,7 +57,7 @@ void hook_runner::submit(size_t i, const update& u) {
 void hook_runner::report_room() {
   const auto is_full = [](const hook& h) { return without_cut_address(h.published.value) != h.published.value; };
   if (std::any_of(_hooks.begin(), _hooks.end(), is_full))
-    _room_outage.begin("addresses: the published value is full; --pick global and --pick stable have no such limit");
+    _room_outage.begin("addresses: the published value is full; --pick global and --pick stable do not use it");
   else
     _room_outage.end("addresses: the published value is no longer full");
 }

@@ -89,7 +89,7 @@ TEST_F(addresses, that_are_stable_are_known_after_31_deprecated_ones) {
     EXPECT_EQ(picked({"--pick", "stable"}), texts{"2001:db8::1"});
     EXPECT_EQ(picked({"--pick", "global"}), listed());
     EXPECT_EQ(picked({"--interface", "lo"}), listed());
-    const char* full = "addresses: the published value is full; --pick global and --pick stable have no such limit";
+    const char* full = "addresses: the published value is full; --pick global and --pick stable do not use it";
     EXPECT_LT(picked({}, std::string("dachost: ") + full + '\n').size(), 32U);
   });
 }

@@ -125,6 +125,16 @@ TEST_F(hook, gets_null_at_once_with_once) {
 
 // ---------------------------------------------------------------- jobs and splay
 
+TEST_F(hook, that_gets_no_value_with_once_fails) {
+  process p = run({"--once", "--exec", records("ran"), conf("publish a"), conf("", "mute")});
+  await_did("ran\n");
+  p.signal(SIGTERM);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 1);
+  EXPECT_EQ(e.err, "dachost: mute: no value was published; " + dir.path("prog") + " was not started\n");
+  EXPECT_EQ(run({"--for", "0.5", "--exec", records("ran"), conf("", "mute")}).end().status, 0);
+}
+
 TEST_F(hook, has_at_most_eight_programs_at_once_or_as_many_as_wanted) {
   const std::string body = "mkdir run.$DAC_INSTANCE; ls -d run.* | wc -l >>did; sleep 0.2; rmdir run.$DAC_INSTANCE";
   for (const int most : {8, 3, 9}) {

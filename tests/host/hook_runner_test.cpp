@@ -344,7 +344,7 @@ TEST_F(hooks, a_value_that_is_full_is_reported_once_and_so_is_its_end) {
   const std::string full = "2001:db8::1," + std::string(987, '5');
   submit(full);
   end(0);
-  EXPECT_EQ(reported(), "addresses: the published value is full; --pick global and --pick stable have no such limit\n");
+  EXPECT_EQ(reported(), "addresses: the published value is full; --pick global and --pick stable do not use it\n");
   submit(full);
   EXPECT_EQ(reported(), "");
   submit("2001:db8::2");
@@ -357,7 +357,7 @@ TEST_F(hooks, a_full_value_of_one_instance_is_reported_until_no_value_is_full) {
   submit(full);
   submit("2001:db8::2", "a.example", 1);
   loop.pass(25s);
-  EXPECT_EQ(reported(), "addresses: the published value is full; --pick global and --pick stable have no such limit\n");
+  EXPECT_EQ(reported(), "addresses: the published value is full; --pick global and --pick stable do not use it\n");
   submit("2001:db8::2");
   EXPECT_EQ(reported(), "addresses: the published value is no longer full\n");
 }

@@ -538,8 +538,7 @@ TEST_F(exec, gets_the_published_value_if_all_addresses_are_picked) {
   for (const row& r : rows) {
     SCOPED_TRACE(r.label);
     const ending e = run({"--once", "--pick", "all", "--exec", program("echo $DAC_VALUE >did"), publish(r.published)});
-    const std::string full =
-        "addresses: the published value is full; --pick global and --pick stable do not use it";
+    const std::string full = "addresses: the published value is full; --pick global and --pick stable do not use it";
     EXPECT_EQ(e.err, r.published == whole ? "dachost: " + full + '\n' : "");
     EXPECT_EQ(did(), r.expected + '\n');
     EXPECT_EQ(lines_of(e.out, "value"), (std::vector<texts>{{"gw", r.published}}));

@@ -33,22 +33,34 @@ std::unique_ptr<printer> make_printer(const options& o, output& out) {
   return make_text_printer(out, o.events.empty() ? text_events : o.events);
 }
 
+// What the run uses the file for, or "".
+std::string role_of(const std::string& file, const plugin& p, const options& o) {
+  const auto is_file = [&file](const std::string& other) {
+    std::error_code ignored;
+    return std::filesystem::equivalent(file, other, ignored);
+  };
+  if (std::any_of(o.files.begin(), o.files.end(), is_file)) return "a configuration file";
+  // Without a slash, the dynamic loader has searched for it.
+  if (p.file.find('/') != std::string::npos && is_file(p.file)) return "the plug-in";
+  return !o.hook.program.empty() && starts(o.hook.program, file) ? "a program of --exec" : "";
+}
+
 // The status file replaces what has its name.
-std::string reason_against_status_file(const options& o) {
+std::string reason_against_status_file(const plugin& p, const options& o) {
   using std::filesystem::file_type;
   std::error_code ignored;
   const file_type type = std::filesystem::symlink_status(o.status, ignored).type();
   if (type != file_type::regular && type != file_type::not_found && type != file_type::none)
     return "not a regular file";
-  for (const std::string& file : o.files)
-    if (std::filesystem::equivalent(o.status, file, ignored)) return "is a configuration file, which would be replaced";
+  const std::string role = role_of(o.status, p, o);
+  if (!role.empty()) return "is " + role + ", which would be replaced";
   const std::string error = unwritable(o.status);
   return error.empty() ? "" : "cannot be written: " + error;
 }
 
-void check_status_file(const options& o) {
+void check_status_file(const plugin& p, const options& o) {
   if (o.status.empty()) return;
-  const std::string reason = reason_against_status_file(o);
+  const std::string reason = reason_against_status_file(p, o);
   if (!reason.empty()) throw std::invalid_argument("--status: " + o.status + ": " + reason);
 }
 
@@ -227,11 +239,11 @@ bool runner::is_done() const {
 
 int run(const hook_runner::environment& e, service_manager& m, const plugin& p, const options& o, output& out,
         output& err) {
-  check_status_file(o);
   if (!o.hook.program.empty()) {
     check_hook(o.hook.program);
     check_state_directory(o.hook.state);
   }
+  check_status_file(p, o);
   check_interfaces(o.hook.addresses, err);
   return runner(e, m, p, o, out, err).run();
 }

@@ -180,3 +180,12 @@ void check_hook(const std::string& hook) {
   }
   if (!reason.empty()) throw std::invalid_argument("--exec: " + hook + ": " + reason);
 }
+
+bool starts(const std::string& hook, const std::string& file) {
+  const auto is_file = [&file](const fs::path& program) {
+    std::error_code failed;
+    return fs::equivalent(program, file, failed);
+  };
+  if (!has_slash(hook)) return std::ranges::any_of(executables_on_path(hook), is_file);
+  return std::ranges::any_of(programs_of(hook), is_file);
+}

@@ -11,3 +11,6 @@ std::vector<std::string> programs_of(const std::string& hook);
 /// Throws std::invalid_argument if a program of the hook cannot be started: it is not an executable file, or a script
 /// whose interpreter is not one. A directory without programs is an error, too.
 void check_hook(const std::string& hook);
+
+/// Whether a run of this hook can start the file. Throws as programs_of().
+bool starts(const std::string& hook, const std::string& file);

@@ -265,6 +265,38 @@ TEST_F(json_lines, are_not_summed_up_in_place_of_other_files) {
   EXPECT_EQ(read_file(file), "publish a");
 }
 
+TEST_F(json_lines, are_not_summed_up_in_place_of_programs_and_the_plug_in) {
+  const std::string file = conf("publish a"), prog = program("exit 0"), plugin = dir.path("plugin.so");
+  const std::string text = read_file(prog), name = std::filesystem::path(prog).filename();
+  std::filesystem::copy_file(built("ip6dns"), plugin);
+  const auto size = std::filesystem::file_size(plugin);
+  std::filesystem::create_directory(dir.path("hooks"));
+  std::filesystem::create_hard_link(prog, dir.path("hooks/hook"));
+  const std::string is_program = ": is a program of --exec, which would be replaced\n";
+  for (const std::string& hook : {prog, dir.path("hooks"), name}) {
+    const texts path = {"env", "PATH=" + dir.path("") + ":/usr/bin:/bin"};
+    const ending e = run({"--once", "--status", prog, "--exec", hook, file}, path).end();
+    EXPECT_EQ(e.status, 2) << hook;
+    EXPECT_EQ(e.err, "dachost: --status: " + prog + is_program);
+  }
+  const ending e = start({"run", "-p", plugin, "--once", "--status", plugin, file}).end();
+  EXPECT_EQ(e.status, 2);
+  EXPECT_EQ(e.err, "dachost: --status: " + plugin + ": is the plug-in, which would be replaced\n");
+  EXPECT_EQ(read_file(prog), text);
+  EXPECT_EQ(std::filesystem::file_size(plugin), size);
+}
+
+TEST_F(json_lines, are_summed_up_in_a_file_with_the_name_of_a_program_on_PATH) {
+  const std::string prog = program("exit 0"), file = conf("publish a");
+  std::filesystem::create_directory(dir.path("here"));
+  const std::string status = dir.file("", "here/prog");
+  const texts path = {"env", "-C", dir.path("here"), "PATH=" + dir.path("") + ":/usr/bin:/bin"};
+  const ending e = run({"--once", "--status", "prog", "--exec", "prog", file}, path).end();
+  EXPECT_EQ(e.err, "");
+  EXPECT_EQ(e.status, 0);
+  EXPECT_NE(read_file(status), "");
+}
+
 TEST_F(json_lines, are_summed_up_without_a_change_of_files_with_similar_names) {
   const std::string status = dir.path("status"), file = dir.file("publish a", "status.tmp");
   const ending e = run({"--once", "--status", status, file}).end();

@@ -135,6 +135,12 @@ TEST_F(hook, that_gets_no_value_with_once_fails) {
   EXPECT_EQ(run({"--for", "0.5", "--exec", records("ran"), conf("", "mute")}).end().status, 0);
 }
 
+TEST_F(hook, of_a_refused_file_is_not_reported_with_once) {
+  const ending e = run({"--once", "--exec", records("ran"), conf("refuse for a reason")}).end();
+  EXPECT_EQ(e.status, 78);
+  EXPECT_EQ(e.err.find("no value was published"), std::string::npos) << e.err;
+}
+
 TEST_F(hook, has_at_most_eight_programs_at_once_or_as_many_as_wanted) {
   const std::string body = "mkdir run.$DAC_INSTANCE; ls -d run.* | wc -l >>did; sleep 0.2; rmdir run.$DAC_INSTANCE";
   for (const int most : {8, 3, 9}) {

@@ -67,7 +67,9 @@ TEST_F(hook, is_not_run_again_if_the_time_is_0) {
 
 TEST_F(hook, is_printed_again_and_again_in_a_dry_run_until_the_run_ends) {
   process p = run({"--dry-run", "--again", "0.000000001", "--for", "1", "--exec", records(""), conf("publish a")});
-  EXPECT_EQ(p.end().status, 0);
+  const ending e = p.end();
+  EXPECT_EQ(e.status, 0);
+  EXPECT_GT(lines_of(e.out, "exec").size(), 2U);
 }
 
 TEST_F(hook, is_run_again_if_the_time_is_less_than_a_nanosecond) {

@@ -319,7 +319,7 @@ void hook_runner::save_next() {
   if (_is_saving || _to_save.empty()) return;
   const hook& h = **_to_save.begin();
   _to_save.erase(_to_save.begin());
-  if (!h.done) return;
+  if (!h.done) return save_next();
   _is_saving = true;
   _environment.records.save(h.published.instance, *h.done, [this, &h](const std::string& failure) {
     _is_saving = false;
